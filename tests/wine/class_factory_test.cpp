@@ -1,0 +1,202 @@
+// DllGetClassObject, the class factory and the provider object's COM shell, driven in-process so that
+// the module counters and the exact trace lines can be checked.
+#include <gtest/gtest.h>
+#include <objbase.h>
+#include <wbemcli.h>
+#include <wbemprov.h>
+
+#include <string>
+#include <vector>
+
+#include "support/test_trace_sink.h"
+#include "wmi/module.h"
+#include "wmi/provider_clsid.h"
+
+namespace {
+
+const std::wstring kUnloadTrace =
+    L"dorWEXWPD DllMain, DllCanUnloadNow:g_longInstanceCountOfDorWEXWMIWPDClass=%1,"
+    L"g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass=%2,g_longWPDEventsThreadIsRunning=0,CanUnloadNow=%3\r\n";
+
+std::wstring UnloadTrace(int instances, int locks) {
+    std::wstring text = kUnloadTrace;
+    text.replace(text.find(L"%1"), 2, std::to_wstring(instances));
+    text.replace(text.find(L"%2"), 2, std::to_wstring(locks));
+    text.replace(text.find(L"%3"), 2, instances == 0 && locks == 0 ? L"TRUE" : L"FALSE");
+    return text;
+}
+
+IClassFactory* GetFactory() {
+    IClassFactory* factory = nullptr;
+    EXPECT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
+              S_OK);
+    return factory;
+}
+
+TEST(DllGetClassObject, AnotherClassIsEFailAndCreatesNothing) {
+    TraceCapture capture(1);
+    void* object = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(DllGetClassObject(CLSID_WbemLocator, IID_IClassFactory, &object), E_FAIL);
+    EXPECT_EQ(capture.Lines(), std::vector<std::wstring>{L"dorWEXWPD DllMain, DllGetClassObject\r\n"});
+}
+
+TEST(DllGetClassObject, UnknownInterfaceLeavesNoFactoryAlive) {
+    TraceCapture capture(1);
+    void* object = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IWbemServices, &object), E_NOINTERFACE);
+    EXPECT_EQ(object, nullptr);
+    const std::vector<std::wstring> expected = {
+        L"dorWEXWPD DllMain, DllGetClassObject\r\n",
+        L"CDorWEXWPDWMIClassFactory::CDorWEXWPDWMIClassFactory\r\n",
+        L"CDorWEXWPDWMIClassFactory::QueryInterface, E_NOINTERFACE\r\n",
+        L"CDorWEXWPDWMIClassFactory::~CDorWEXWPDWMIClassFactory\r\n",
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+}
+
+TEST(ClassFactory, ReferenceCountStartsAtOneAndTheLastReleaseDestroys) {
+    TraceCapture capture(1);
+    IUnknown* unknown = nullptr;
+    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IUnknown, reinterpret_cast<void**>(&unknown)), S_OK);
+    IClassFactory* factory = nullptr;
+    ASSERT_EQ(unknown->QueryInterface(IID_IClassFactory, reinterpret_cast<void**>(&factory)), S_OK);
+    EXPECT_EQ(static_cast<void*>(factory), static_cast<void*>(unknown));
+    EXPECT_EQ(factory->Release(), 1u);
+    EXPECT_EQ(unknown->Release(), 0u);
+    const std::vector<std::wstring> expected = {
+        L"dorWEXWPD DllMain, DllGetClassObject\r\n",
+        L"CDorWEXWPDWMIClassFactory::CDorWEXWPDWMIClassFactory\r\n",
+        L"CDorWEXWPDWMIClassFactory::QueryInterface, IID_IUnknown\r\n",
+        L"CDorWEXWPDWMIClassFactory::AddRef, 1\r\n",
+        L"CDorWEXWPDWMIClassFactory::QueryInterface, IID_IClassFactory\r\n",
+        L"CDorWEXWPDWMIClassFactory::AddRef, 2\r\n",
+        L"CDorWEXWPDWMIClassFactory::Release, 1\r\n",
+        L"CDorWEXWPDWMIClassFactory::~CDorWEXWPDWMIClassFactory\r\n",
+        L"CDorWEXWPDWMIClassFactory::Release, 0\r\n",
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+}
+
+TEST(ClassFactory, LockServerHoldsTheModuleUntilUnlocked) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    TraceCapture capture(1);
+    EXPECT_EQ(DllCanUnloadNow(), S_OK);
+    EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+    EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
+    EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+    EXPECT_EQ(factory->LockServer(FALSE), S_OK);
+    EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
+    EXPECT_EQ(factory->LockServer(FALSE), S_OK);
+    EXPECT_EQ(DllCanUnloadNow(), S_OK);
+    const std::vector<std::wstring> expected = {
+        UnloadTrace(0, 0),
+        L"CDorWEXWPDWMIClassFactory::LockServer\r\n",
+        UnloadTrace(0, 1),
+        L"CDorWEXWPDWMIClassFactory::LockServer\r\n",
+        L"CDorWEXWPDWMIClassFactory::LockServer\r\n",
+        UnloadTrace(0, 1),
+        L"CDorWEXWPDWMIClassFactory::LockServer\r\n",
+        UnloadTrace(0, 0),
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+    factory->Release();
+}
+
+TEST(ClassFactory, AFactoryAloneDoesNotHoldTheModule) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    EXPECT_EQ(DllCanUnloadNow(), S_OK);
+    factory->Release();
+}
+
+TEST(ClassFactory, AggregationIsRefused) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    const LONG before = g_longInstanceCountOfDorWEXWMIWPDClass;
+    void* object = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(factory->CreateInstance(reinterpret_cast<IUnknown*>(factory), IID_IUnknown, &object),
+              CLASS_E_NOAGGREGATION);
+    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(g_longInstanceCountOfDorWEXWMIWPDClass, before);
+    factory->Release();
+}
+
+TEST(ClassFactory, ProviderObjectHoldsTheModuleForItsLifetime) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    TraceCapture capture(1);
+    IUnknown* provider = nullptr;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&provider)), S_OK);
+    EXPECT_EQ(g_longInstanceCountOfDorWEXWMIWPDClass, 1);
+    EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
+    EXPECT_EQ(provider->Release(), 0u);
+    EXPECT_EQ(g_longInstanceCountOfDorWEXWMIWPDClass, 0);
+    EXPECT_EQ(DllCanUnloadNow(), S_OK);
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDWMIClassFactory::CreateInstance\r\n",
+        L"CDorWEXWPDWMI::CDorWEXWPDWMI\r\n",
+        UnloadTrace(1, 0),
+        L"CDorWEXWPDWMI::Release, wmi UNLOAD is occurring\r\n",
+        L"CDorWEXWPDWMI::~CDorWEXWPDWMI\r\n",
+        UnloadTrace(0, 0),
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+    factory->Release();
+}
+
+TEST(ClassFactory, FailedCreationKeepsTheInstanceCountRaised) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    TraceCapture capture(1);
+    const LONG before = g_longInstanceCountOfDorWEXWMIWPDClass;
+    void* object = reinterpret_cast<void*>(0x1234);
+    EXPECT_EQ(factory->CreateInstance(nullptr, IID_IDispatch, &object), E_NOINTERFACE);
+    EXPECT_EQ(object, nullptr);
+    // The object's memory went back without its destructor: no destructor trace, count still raised.
+    EXPECT_EQ(g_longInstanceCountOfDorWEXWMIWPDClass, before + 1);
+    EXPECT_EQ(DllCanUnloadNow(), S_FALSE);
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDWMIClassFactory::CreateInstance\r\n",
+        L"CDorWEXWPDWMI::CDorWEXWPDWMI\r\n",
+        UnloadTrace(before + 1, 0),
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+    InterlockedDecrement(&g_longInstanceCountOfDorWEXWMIWPDClass);  // undo for the tests that follow
+    factory->Release();
+}
+
+TEST(ProviderObject, QueryInterfaceAndAddRefTraceOnlyAboveLevelOne) {
+    IClassFactory* factory = GetFactory();
+    ASSERT_NE(factory, nullptr);
+    IUnknown* provider = nullptr;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&provider)), S_OK);
+    {
+        TraceCapture quiet(1);
+        provider->AddRef();
+        provider->Release();
+        void* other = nullptr;
+        EXPECT_EQ(provider->QueryInterface(IID_IDispatch, &other), E_NOINTERFACE);
+        EXPECT_TRUE(quiet.Lines().empty());
+    }
+    {
+        TraceCapture verbose(2);
+        IUnknown* again = nullptr;
+        ASSERT_EQ(provider->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&again)), S_OK);
+        EXPECT_EQ(again, provider);
+        void* other = reinterpret_cast<void*>(0x1234);
+        EXPECT_EQ(provider->QueryInterface(IID_IDispatch, &other), E_NOINTERFACE);
+        EXPECT_EQ(other, nullptr);
+        const std::vector<std::wstring> expected = {
+            L"CDorWEXWPDWMI::AddRef, 2\r\n",
+            L"CDorWEXWPDWMI::QueryInterface, IID_IUnknown\r\n",
+            L"CDorWEXWPDWMI::QueryInterface, E_NOINTERFACE\r\n",
+        };
+        EXPECT_EQ(verbose.Lines(), expected);
+        again->Release();
+    }
+    EXPECT_EQ(provider->Release(), 0u);
+    factory->Release();
+}
+
+}  // namespace

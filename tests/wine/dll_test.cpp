@@ -1,0 +1,90 @@
+// The built DLL as a host sees it: loaded from disk, reached only through its exports.
+#include <gtest/gtest.h>
+#include <objbase.h>
+#include <wbemcli.h>
+
+#include <string>
+
+#include "debug_capture.h"
+#include "wmi/provider_clsid.h"
+
+namespace {
+
+using DllGetClassObjectFunction = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
+using DllCanUnloadNowFunction = HRESULT(STDAPICALLTYPE*)();
+
+template <class Function>
+Function Export(HMODULE module, const char* name) {
+    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
+class ProviderDll : public ::testing::Test {
+protected:
+    void SetUp() override {
+        module_ = LoadLibraryW((GetProgramDirectory() + L"dorwex_wpd_provider.dll").c_str());
+        ASSERT_NE(module_, nullptr) << "error " << GetLastError();
+        getClassObject_ = Export<DllGetClassObjectFunction>(module_, "DllGetClassObject");
+        canUnloadNow_ = Export<DllCanUnloadNowFunction>(module_, "DllCanUnloadNow");
+        ASSERT_NE(getClassObject_, nullptr);
+        ASSERT_NE(canUnloadNow_, nullptr);
+    }
+    void TearDown() override {
+        if (module_ != nullptr) {
+            FreeLibrary(module_);
+        }
+    }
+
+    HMODULE module_ = nullptr;
+    DllGetClassObjectFunction getClassObject_ = nullptr;
+    DllCanUnloadNowFunction canUnloadNow_ = nullptr;
+};
+
+TEST_F(ProviderDll, ExportsTheFourCOMEntryPointsAndNothingElseByName) {
+    for (const char* name : {"DllCanUnloadNow", "DllGetClassObject", "DllRegisterServer", "DllUnregisterServer"}) {
+        EXPECT_NE(GetProcAddress(module_, name), nullptr) << name;
+    }
+    EXPECT_EQ(GetProcAddress(module_, "DllMain"), nullptr);
+    EXPECT_EQ(GetProcAddress(module_, "Trace"), nullptr);
+}
+
+TEST_F(ProviderDll, ServesOnlyItsOwnClass) {
+    void* object = nullptr;
+    EXPECT_EQ(getClassObject_(CLSID_WbemLocator, IID_IClassFactory, &object), E_FAIL);
+    EXPECT_EQ(getClassObject_(CLSID_DorWEXWPDWMIProvider, IID_IWbemServices, &object), E_NOINTERFACE);
+    EXPECT_EQ(object, nullptr);
+}
+
+TEST_F(ProviderDll, UnloadsOnlyWhenNoProviderObjectOrLockRemains) {
+    IClassFactory* factory = nullptr;
+    ASSERT_EQ(getClassObject_(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
+              S_OK);
+    EXPECT_EQ(canUnloadNow_(), S_OK);
+
+    IUnknown* first = nullptr;
+    IUnknown* second = nullptr;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&first)), S_OK);
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, reinterpret_cast<void**>(&second)), S_OK);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(canUnloadNow_(), S_FALSE);
+    first->Release();
+    EXPECT_EQ(canUnloadNow_(), S_FALSE);
+    second->Release();
+    EXPECT_EQ(canUnloadNow_(), S_OK);
+
+    EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+    EXPECT_EQ(canUnloadNow_(), S_FALSE);
+    EXPECT_EQ(factory->LockServer(FALSE), S_OK);
+    EXPECT_EQ(canUnloadNow_(), S_OK);
+    EXPECT_EQ(factory->Release(), 0u);
+}
+
+TEST_F(ProviderDll, IsSilentAtTheLevelItLoadsWith) {
+    // A fresh load traces nothing: the level is 0 until a caller raises it.
+    const DebugCaptureResult result =
+        RunUnderDebugger(L"\"" + GetProgramDirectory() + L"trace_probe.exe\" silent", 60000);
+    ASSERT_TRUE(result.boolStarted);
+    EXPECT_EQ(result.dwordExitCode, 0u);
+    EXPECT_TRUE(result.vectorStrings.empty()) << result.vectorStrings.front();
+}
+
+}  // namespace

@@ -1,0 +1,81 @@
+// Process attach and detach, as the module's entry point runs them.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "monitor/wpd_core.h"
+#include "support/test_trace_sink.h"
+#include "wmi/module.h"
+#include "wmi/os_version_code.h"
+
+namespace {
+
+TEST(ModuleEntry, AttachRecordsPathDirectoryAndVersionCode) {
+    TraceCapture capture(1);
+    ASSERT_TRUE(ModuleProcessAttach(GetModuleHandleW(nullptr)));
+    EXPECT_EQ(capture.Lines(), std::vector<std::wstring>{L"dorWEX14 DllMain, DLL_PROCESS_ATTACH\r\n"});
+
+    wchar_t expectedPath[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, expectedPath, MAX_PATH);
+    EXPECT_STREQ(g_wcharModulePath, expectedPath);
+    const std::wstring path(g_wcharModulePath);
+    EXPECT_EQ(std::wstring(g_wcharModuleDirectory), path.substr(0, path.find_last_of(L'\\') + 1));
+
+    OSVERSIONINFOW info{};
+    info.dwOSVersionInfoSize = sizeof info;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    const BOOL result = GetVersionExW(&info);
+#pragma GCC diagnostic pop
+    EXPECT_EQ(g_longOSVersionCode, dorwex::ComputeOSVersionCode(result, info.dwMajorVersion, info.dwMinorVersion));
+    EXPECT_NE(g_longOSVersionCode, 0) << "Wine reports a version the table knows";
+}
+
+TEST(ModuleEntry, DetachWithoutCoreOnlyTraces) {
+    ASSERT_EQ(g_pCDorWEXWMIWPDCore, nullptr);
+    InterlockedExchange(&g_longShuttingDown, 0);
+    TraceCapture capture(1);
+    ASSERT_TRUE(ModuleProcessDetach());
+    EXPECT_EQ(capture.Lines(), std::vector<std::wstring>{L"dorWEX14 DllMain, DLL_PROCESS_DETACH\r\n"});
+    EXPECT_EQ(g_longShuttingDown, 0);
+}
+
+TEST(ModuleEntry, DetachRaisesTheFlagThenStopsAppleThenBlackBerryThenDestroysTheCore) {
+    auto* core = new CDorWEXWMIWPDCore();
+    core->StartAppleMonitoring();
+    core->StartBlackBerryMonitoring();
+    g_pCDorWEXWMIWPDCore = core;
+    InterlockedExchange(&g_longShuttingDown, 0);
+
+    TraceCapture capture(1);
+    ASSERT_TRUE(ModuleProcessDetach());
+    const std::vector<std::wstring> expected = {
+        L"dorWEX14 DllMain, DLL_PROCESS_DETACH\r\n",
+        L"CDorWEXWMIWPDCore::Shutdown\r\n",
+        L"CDorWEXWMIWPDCore::StopAppleMonitoring\r\n",
+        L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring\r\n",
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+    EXPECT_EQ(g_longShuttingDown, 1);
+    EXPECT_EQ(g_pCDorWEXWMIWPDCore, nullptr);
+    InterlockedExchange(&g_longShuttingDown, 0);
+}
+
+TEST(ModuleEntry, DetachSkipsCompanionsThatAreNotRunning) {
+    auto* core = new CDorWEXWMIWPDCore();
+    core->StartBlackBerryMonitoring();
+    g_pCDorWEXWMIWPDCore = core;
+
+    TraceCapture capture(1);
+    ModuleProcessDetach();
+    const std::vector<std::wstring> expected = {
+        L"dorWEX14 DllMain, DLL_PROCESS_DETACH\r\n",
+        L"CDorWEXWMIWPDCore::Shutdown\r\n",
+        L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring\r\n",
+    };
+    EXPECT_EQ(capture.Lines(), expected);
+    InterlockedExchange(&g_longShuttingDown, 0);
+}
+
+}  // namespace

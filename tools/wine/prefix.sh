@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Creates and starts, or stops, the Wine prefix of a test run:
+#   prefix.sh up PREFIX    create it if needed (64-bit, null graphics driver), keep one wineserver alive
+#   prefix.sh down PREFIX  stop that wineserver and every process of the prefix
+set -euo pipefail
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+. "$here/env.sh"
+action=$1
+prefix=$2
+dorwex_wine_environment "$prefix"
+wine=$(dorwex_find_wine)
+wineserver=$(dorwex_find_wineserver)
+log="$prefix.log"
+
+case "$action" in
+up)
+    mkdir -p "$prefix"
+    # A persistent server keeps each test process's start short. Its output, and that of the prefix's
+    # service processes, must not hold the caller's pipes open.
+    setsid "$wineserver" -p </dev/null >>"$log" 2>&1 || true
+    if [ ! -f "$prefix/.dorwex-ready" ]; then
+        "$wine" wineboot -i </dev/null >>"$log" 2>&1
+        "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f </dev/null >>"$log" 2>&1
+        touch "$prefix/.dorwex-ready"
+    fi
+    # Touch the prefix once so its services are up before the first test starts.
+    "$wine" cmd /c exit 0 </dev/null >>"$log" 2>&1
+    echo "wine prefix ready: $prefix"
+    ;;
+down)
+    "$wineserver" -k </dev/null >>"$log" 2>&1 || true
+    "$wineserver" -w </dev/null >>"$log" 2>&1 || true
+    echo "wine prefix stopped: $prefix"
+    ;;
+*)
+    echo "usage: prefix.sh up|down PREFIX" >&2
+    exit 2
+    ;;
+esac

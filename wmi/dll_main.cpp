@@ -1,0 +1,16 @@
+// The DLL's entry point. Kept apart from module.cpp so that test programs can link the module's code
+// and drive attach and detach themselves.
+#include <windows.h>
+
+#include "module.h"
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID /*lpvReserved*/) {
+    switch (fdwReason) {
+        case DLL_PROCESS_ATTACH:
+            return ModuleProcessAttach(hinstDLL);
+        case DLL_PROCESS_DETACH:
+            return ModuleProcessDetach();
+        default:
+            return TRUE;
+    }
+}

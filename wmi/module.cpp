@@ -1,0 +1,183 @@
+// Module entry, the exported COM entry points and self-registration.
+#include "module.h"
+
+#include <objbase.h>
+
+#include <cwchar>
+#include <cstdlib>
+#include <new>
+
+#include "../monitor/wpd_core.h"
+#include "class_factory.h"
+#include "os_version_code.h"
+#include "provider_clsid.h"
+#include "trace.h"
+
+HMODULE g_HMODULEModule = nullptr;
+wchar_t g_wcharModulePath[MAX_PATH] = {};
+wchar_t g_wcharModuleDirectory[MAX_PATH] = {};
+LONG g_longOSVersionCode = 0;
+volatile LONG g_longShuttingDown = 0;
+CDorWEXWMIWPDCore* g_pCDorWEXWMIWPDCore = nullptr;
+
+volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass = 0;
+volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass = 0;
+volatile LONG g_longWPDEventsThreadIsRunning = 0;
+
+namespace {
+
+constexpr wchar_t kCLSIDKey[] = L"Software\\classes\\CLSID";
+constexpr wchar_t kProviderDescription[] = L"dorWEX WPD WMI Provider";
+
+LONG ComputeModuleOSVersionCode() {
+    OSVERSIONINFOW l_OSVERSIONINFOW{};
+    l_OSVERSIONINFOW.dwOSVersionInfoSize = sizeof(OSVERSIONINFOW);  // 276
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#endif
+    // Deliberately the shimmed API: without a manifest it reports what the host process is told.
+    const BOOL l_BOOLResult = GetVersionExW(&l_OSVERSIONINFOW);
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+    return dorwex::ComputeOSVersionCode(l_BOOLResult, l_OSVERSIONINFOW.dwMajorVersion,
+                                        l_OSVERSIONINFOW.dwMinorVersion);
+}
+
+// A registry key closed when it goes out of scope.
+class RegistryKey {
+public:
+    RegistryKey() = default;
+    ~RegistryKey() {
+        if (m_HKEY != nullptr) {
+            RegCloseKey(m_HKEY);
+        }
+    }
+    RegistryKey(const RegistryKey&) = delete;
+    RegistryKey& operator=(const RegistryKey&) = delete;
+
+    LSTATUS Create(HKEY hkeyParent_in, const wchar_t* pwcharSubKey_in) {
+        return RegCreateKeyW(hkeyParent_in, pwcharSubKey_in, &m_HKEY);
+    }
+    LSTATUS Open(HKEY hkeyParent_in, const wchar_t* pwcharSubKey_in) {
+        return RegOpenKeyW(hkeyParent_in, pwcharSubKey_in, &m_HKEY);
+    }
+    // REG_SZ with the byte count including the terminating zero.
+    LSTATUS SetString(const wchar_t* pwcharName_in, const wchar_t* pwcharValue_in) {
+        const DWORD l_dwordBytes = static_cast<DWORD>((wcslen(pwcharValue_in) + 1) * sizeof(wchar_t));
+        return RegSetValueExW(m_HKEY, pwcharName_in, 0, REG_SZ, reinterpret_cast<const BYTE*>(pwcharValue_in),
+                              l_dwordBytes);
+    }
+    HKEY Get() const { return m_HKEY; }
+
+private:
+    HKEY m_HKEY = nullptr;
+};
+
+// "Software\classes\CLSID\{...}" for the provider's class.
+void FormatProviderClassKey(wchar_t (&wcharKey_out)[MAX_PATH], wchar_t (&wcharCLSID_out)[128]) {
+    StringFromGUID2(CLSID_DorWEXWPDWMIProvider, wcharCLSID_out, 128);
+    wcscpy_s(wcharKey_out, kCLSIDKey);
+    wcscat_s(wcharKey_out, L"\\");
+    wcscat_s(wcharKey_out, wcharCLSID_out);
+}
+
+}  // namespace
+
+BOOL ModuleProcessAttach(HINSTANCE hinstanceModule_in) {
+    Trace(L"dorWEX14 DllMain, DLL_PROCESS_ATTACH");
+    g_HMODULEModule = hinstanceModule_in;
+    GetModuleFileNameW(hinstanceModule_in, g_wcharModulePath, MAX_PATH);
+    wchar_t l_wcharDrive[3] = {};
+    wchar_t l_wcharDirectory[256] = {};
+    _wsplitpath_s(g_wcharModulePath, l_wcharDrive, 3, l_wcharDirectory, 256, nullptr, 0, nullptr, 0);
+    wcscpy_s(g_wcharModuleDirectory, l_wcharDrive);
+    wcscat_s(g_wcharModuleDirectory, l_wcharDirectory);
+    g_longOSVersionCode = ComputeModuleOSVersionCode();
+    return TRUE;
+}
+
+BOOL ModuleProcessDetach() {
+    Trace(L"dorWEX14 DllMain, DLL_PROCESS_DETACH");
+    if (g_pCDorWEXWMIWPDCore != nullptr) {
+        Trace(L"CDorWEXWMIWPDCore::Shutdown");
+        // The flag goes up first so no worker restarts while the companions and the core wind down.
+        InterlockedExchange(&g_longShuttingDown, 1);
+        if (g_pCDorWEXWMIWPDCore->HasAppleMonitoring()) {
+            g_pCDorWEXWMIWPDCore->StopAppleMonitoring();
+        }
+        if (g_pCDorWEXWMIWPDCore->HasBlackBerryMonitoring()) {
+            g_pCDorWEXWMIWPDCore->StopBlackBerryMonitoring();
+        }
+        delete g_pCDorWEXWMIWPDCore;
+        g_pCDorWEXWMIWPDCore = nullptr;
+    }
+    return TRUE;
+}
+
+STDAPI DllCanUnloadNow() {
+    const LONG l_longInstances = g_longInstanceCountOfDorWEXWMIWPDClass;
+    const LONG l_longLocks = g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;
+    const LONG l_longWorker = g_longWPDEventsThreadIsRunning;
+    const bool l_boolCanUnload = l_longInstances == 0 && l_longLocks == 0 && l_longWorker == 0;
+    Trace(L"dorWEXWPD DllMain, DllCanUnloadNow:g_longInstanceCountOfDorWEXWMIWPDClass=%ld,"
+          L"g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass=%ld,g_longWPDEventsThreadIsRunning=%ld,"
+          L"CanUnloadNow=%s",
+          l_longInstances, l_longLocks, l_longWorker, l_boolCanUnload ? L"TRUE" : L"FALSE");
+    return l_boolCanUnload ? S_OK : S_FALSE;
+}
+
+STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv) {
+    Trace(L"dorWEXWPD DllMain, DllGetClassObject");
+    if (!IsEqualCLSID(rclsid, CLSID_DorWEXWPDWMIProvider)) {
+        return E_FAIL;
+    }
+    auto* l_pCDorWEXWPDWMIClassFactory = new (std::nothrow) CDorWEXWPDWMIClassFactory();
+    if (l_pCDorWEXWPDWMIClassFactory == nullptr) {
+        return E_OUTOFMEMORY;
+    }
+    const HRESULT l_HRESULT = l_pCDorWEXWPDWMIClassFactory->QueryInterface(riid, ppv);
+    if (FAILED(l_HRESULT)) {
+        // The factory was never handed out; its count is still 0.
+        delete l_pCDorWEXWPDWMIClassFactory;
+    }
+    return l_HRESULT;
+}
+
+STDAPI DllRegisterServer() {
+    wchar_t l_wcharKey[MAX_PATH];
+    wchar_t l_wcharCLSID[128];
+    FormatProviderClassKey(l_wcharKey, l_wcharCLSID);
+
+    // Registration failures are not reported: registering always answers S_OK.
+    RegistryKey l_RegistryKeyClass;
+    if (l_RegistryKeyClass.Create(HKEY_LOCAL_MACHINE, l_wcharKey) == ERROR_SUCCESS) {
+        l_RegistryKeyClass.SetString(nullptr, kProviderDescription);
+        RegistryKey l_RegistryKeyServer;
+        if (l_RegistryKeyServer.Create(l_RegistryKeyClass.Get(), L"InprocServer32") == ERROR_SUCCESS) {
+            l_RegistryKeyServer.SetString(nullptr, g_wcharModulePath);
+            l_RegistryKeyServer.SetString(L"ThreadingModel", L"Both");
+        }
+    }
+    return S_OK;
+}
+
+STDAPI DllUnregisterServer() {
+    wchar_t l_wcharKey[MAX_PATH];
+    wchar_t l_wcharCLSID[128];
+    FormatProviderClassKey(l_wcharKey, l_wcharCLSID);
+
+    {
+        RegistryKey l_RegistryKeyClass;
+        if (l_RegistryKeyClass.Open(HKEY_LOCAL_MACHINE, l_wcharKey) == ERROR_SUCCESS) {
+            RegDeleteKeyW(l_RegistryKeyClass.Get(), L"InprocServer32");
+        }
+    }
+    RegistryKey l_RegistryKeyCLSID;
+    if (l_RegistryKeyCLSID.Open(HKEY_LOCAL_MACHINE, kCLSIDKey) != ERROR_SUCCESS) {
+        return S_OK;
+    }
+    RegDeleteKeyW(l_RegistryKeyCLSID.Get(), l_wcharCLSID);
+    return S_OK;
+}

@@ -1,0 +1,22 @@
+// Process-wide state of the module: what the entry point records at load, the core it owns, and the
+// counters that decide whether the module may be unloaded.
+#pragma once
+
+#include <windows.h>
+
+class CDorWEXWMIWPDCore;
+
+extern HMODULE g_HMODULEModule;
+extern wchar_t g_wcharModulePath[MAX_PATH];
+extern wchar_t g_wcharModuleDirectory[MAX_PATH];  // drive and directory of the module path, ending in '\'
+extern LONG g_longOSVersionCode;                  // see os_version_code.h
+extern volatile LONG g_longShuttingDown;
+extern CDorWEXWMIWPDCore* g_pCDorWEXWMIWPDCore;  // created by the first provider Initialize, owned here
+
+extern volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass;              // live provider objects
+extern volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;  // server locks
+extern volatile LONG g_longWPDEventsThreadIsRunning;                      // WPD events worker running
+
+// What DllMain does on process attach and detach (the entry point itself lives with the DLL).
+BOOL ModuleProcessAttach(HINSTANCE hinstanceModule_in);
+BOOL ModuleProcessDetach();
