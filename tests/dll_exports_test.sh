@@ -9,6 +9,7 @@ dump=$("$objdump" -p "$dll")
 exports=$(printf '%s\n' "$dump" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' |
     sed -n 's/^[[:space:]]*\[[[:space:]]*[0-9]*\][[:space:]]*\([A-Za-z_][A-Za-z0-9_]*\).*/\1/p' | sort)
 expected=$(printf '%s\n' DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer)
+grep -q "file format pei-x86-64" <<<"$dump" || { echo "not a 64-bit PE image"; exit 1; }
 if [ "$exports" != "$expected" ]; then
     echo "exports differ from the four COM entry points:"
     printf '%s\n' "$exports"

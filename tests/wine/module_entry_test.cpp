@@ -8,8 +8,16 @@
 #include "support/test_trace_sink.h"
 #include "wmi/module.h"
 #include "wmi/os_version_code.h"
+#include "wmi/trace.h"
 
 namespace {
+
+// Records, with each trace line, whether the shutting-down flag was up when the line was written.
+std::vector<std::wstring> g_vectorFlaggedLines;
+
+void WINAPI RecordLineWithFlag(LPCWSTR line) {
+    g_vectorFlaggedLines.push_back((g_longShuttingDown != 0 ? L"[down] " : L"[up] ") + std::wstring(line));
+}
 
 TEST(ModuleEntry, AttachRecordsPathDirectoryAndVersionCode) {
     TraceCapture capture(1);
@@ -48,15 +56,21 @@ TEST(ModuleEntry, DetachRaisesTheFlagThenStopsAppleThenBlackBerryThenDestroysThe
     g_pCDorWEXWMIWPDCore = core;
     InterlockedExchange(&g_longShuttingDown, 0);
 
-    TraceCapture capture(1);
-    ASSERT_TRUE(ModuleProcessDetach());
+    g_vectorFlaggedLines.clear();
+    SetTraceLevel(1);
+    const TraceSinkFunction previous = SetTraceSink(&RecordLineWithFlag);
+    const BOOL result = ModuleProcessDetach();
+    SetTraceSink(previous);
+    SetTraceLevel(0);
+
+    ASSERT_TRUE(result);
     const std::vector<std::wstring> expected = {
-        L"dorWEX14 DllMain, DLL_PROCESS_DETACH\r\n",
-        L"CDorWEXWMIWPDCore::Shutdown\r\n",
-        L"CDorWEXWMIWPDCore::StopAppleMonitoring\r\n",
-        L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring\r\n",
+        L"[up] dorWEX14 DllMain, DLL_PROCESS_DETACH\r\n",
+        L"[up] CDorWEXWMIWPDCore::Shutdown\r\n",
+        L"[down] CDorWEXWMIWPDCore::StopAppleMonitoring\r\n",
+        L"[down] CDorWEXWMIWPDCore::StopBlackBerryMonitoring\r\n",
     };
-    EXPECT_EQ(capture.Lines(), expected);
+    EXPECT_EQ(g_vectorFlaggedLines, expected);
     EXPECT_EQ(g_longShuttingDown, 1);
     EXPECT_EQ(g_pCDorWEXWMIWPDCore, nullptr);
     InterlockedExchange(&g_longShuttingDown, 0);
