@@ -1,29 +1,20 @@
 # Sourced by the Wine scripts: where Wine is and how a test prefix is set up.
-#   DORWEX_WINEPREFIX  the prefix (default: build/win/wineprefix under the repository)
 
-dorwex_find_wine() {
-    local candidate
-    for candidate in "${WINE:-}" /usr/lib/wine/wine64 "$(command -v wine64 2>/dev/null)"; do
+# dorwex_find_wine_tool NAME OVERRIDE: the override if set, else Debian's location, else PATH.
+dorwex_find_wine_tool() {
+    local name=$1 override=$2 candidate
+    for candidate in "$override" "/usr/lib/wine/$name" "$(command -v "$name" 2>/dev/null)"; do
         if [ -n "$candidate" ] && [ -x "$candidate" ]; then
             echo "$candidate"
             return 0
         fi
     done
-    echo "wine64 not found; install the wine64 package" >&2
+    echo "$name not found; install the wine64 package" >&2
     return 1
 }
 
-dorwex_find_wineserver() {
-    local candidate
-    for candidate in "${WINESERVER:-}" /usr/lib/wine/wineserver "$(command -v wineserver 2>/dev/null)"; do
-        if [ -n "$candidate" ] && [ -x "$candidate" ]; then
-            echo "$candidate"
-            return 0
-        fi
-    done
-    echo "wineserver not found; install the wine64 package" >&2
-    return 1
-}
+dorwex_find_wine() { dorwex_find_wine_tool wine64 "${WINE:-}"; }
+dorwex_find_wineserver() { dorwex_find_wine_tool wineserver "${WINESERVER:-}"; }
 
 dorwex_wine_environment() {
     export WINEPREFIX="$1"
