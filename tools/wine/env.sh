@@ -20,7 +20,12 @@ dorwex_wine_environment() {
     export WINEPREFIX="$1"
     export WINEARCH=win64
     export WINEDEBUG=-all
-    # No Mono or Gecko installers in a test prefix.
-    export WINEDLLOVERRIDES="mscoree=;mshtml="
+    # No Mono or Gecko installers, and no desktop menu entries written outside the prefix.
+    export WINEDLLOVERRIDES="mscoree=;mshtml=;winemenubuilder.exe=d"
+    # Wine wants a home directory even when the caller's environment has none.
+    if [ -z "${HOME:-}" ]; then
+        HOME=$(getent passwd "$(id -u)" | cut -d: -f6)
+        export HOME
+    fi
     unset DISPLAY WAYLAND_DISPLAY
 }
