@@ -53,8 +53,9 @@ ManufacturerMatch ClassifyManufacturer(std::u16string_view maker) {
     if (ContainsAny(upper, {u"NOKIA", u"WINDOWS", u"HP"})) {
         return {Manufacturer::WINDOWS, false};
     }
-    if (ContainsAny(upper, {u"KINGSTON", u"APRICORN", u"IMATION", u"IRONKEY", u"KANGURU"}) ||
-        Trim(upper) == u"DL" || ContainsAny(upper, {u"DATALOCKER"})) {
+    // The storage-stick rules all lead to the same class, so their order among themselves is free.
+    if (ContainsAny(upper, {u"KINGSTON", u"APRICORN", u"IMATION", u"IRONKEY", u"KANGURU", u"DATALOCKER"}) ||
+        Trim(upper) == u"DL") {
         return {Manufacturer::LOGICALDISK, false};
     }
     return {Manufacturer::ANDROID, true};
