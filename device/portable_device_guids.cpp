@@ -3,3 +3,4 @@
 #include <initguid.h>
 
 #include "portable_device_api.h"
+#include "../monitor/write_token_hook.h"

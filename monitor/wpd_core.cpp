@@ -1,33 +1,163 @@
 #include "wpd_core.h"
 
-#include "../wmi/trace.h"
+#include <rpc.h>
+#include <wrl/client.h>
 
-CDorWEXWMIWPDCore::CDorWEXWMIWPDCore() {
+#include "../device/com_memory.h"
+#include "../device/portable_device_api.h"
+#include "../wmi/module.h"
+#include "../wmi/trace.h"
+#include "companion_processors.h"
+#include "wpd_collection.h"
+#include "wpd_events_processor.h"
+#include "write_token_hook.h"
+
+using Microsoft::WRL::ComPtr;
+
+CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner_in) {
     Trace(L"CDorWEXWMIWPDCore::CDorWEXWMIWPDCore");
+    m_pCollection = std::make_unique<CDorWEXWPDCollection>(this);
 }
 
-CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() = default;
+// The WPD processor goes first, so that no notification arrives while the devices are dropped.
+CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
+    m_pWPDEventsProcessor.reset();
+    StopAppleMonitoring();
+    StopBlackBerryMonitoring();
+    m_pCollection.reset();
+}
+
+int CDorWEXWMIWPDCore::Initialize() {
+    Trace(L"CDorWEXWMIWPDCore::Initialize");
+    InterlockedExchange(&g_longShuttingDown, 0);
+    if (!m_pWPDEventsProcessor) {
+        m_pWPDEventsProcessor = std::make_unique<CDorWEXWMIThreadWPDEventsProcessor>(this);
+    }
+    m_pWPDEventsProcessor->ManageThread(this, CDorWEXWMIThreadBase::START);
+    if (m_pOwner == nullptr || !m_pCollection) {
+        return 1;
+    }
+    AddAttachedDevices();
+    return 1;
+}
+
+void CDorWEXWMIWPDCore::AddAttachedDevices() {
+    ComPtr<IPortableDeviceManager> l_pManager;
+    if (FAILED(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&l_pManager)))) {
+        return;
+    }
+    DWORD l_dwordCount = 0;
+    if (FAILED(l_pManager->GetDevices(nullptr, &l_dwordCount)) || l_dwordCount == 0) {
+        return;
+    }
+    std::unique_ptr<LPWSTR[]> l_pIds(new (std::nothrow) LPWSTR[l_dwordCount]());
+    if (!l_pIds) {
+        return;
+    }
+    if (FAILED(l_pManager->GetDevices(l_pIds.get(), &l_dwordCount))) {
+        return;
+    }
+    for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
+        if (!m_pCollection->FindWPDObjectById(l_pIds[l_dwordIndex])) {
+            m_pCollection->AddWPD(l_pIds[l_dwordIndex]);
+        }
+        CoTaskMemFree(l_pIds[l_dwordIndex]);
+    }
+    // Devices known only to the Apple companion join here once the Apple channel reports them.
+}
 
 int CDorWEXWMIWPDCore::StartAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartAppleMonitoring");
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longAppleMonitoring = 1;
+    if (!m_pAppleEventsProcessor) {
+        m_pAppleEventsProcessor = std::make_unique<CDorWEXWMIThreadAppleEventsProcessor>(this);
+    }
+    m_pAppleEventsProcessor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
     return 1;
 }
 
 int CDorWEXWMIWPDCore::StartBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartBlackBerryMonitoring");
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longBlackBerryMonitoring = 1;
+    if (!m_pBlackBerryEventsProcessor) {
+        m_pBlackBerryEventsProcessor = std::make_unique<CDorWEXWMIThreadBlackBerryEventsProcessor>(this);
+    }
+    m_pBlackBerryEventsProcessor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
     return 1;
 }
 
 int CDorWEXWMIWPDCore::StopAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopAppleMonitoring");
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+    if (m_pAppleEventsProcessor) {
+        m_pAppleEventsProcessor->SetOwner(this);
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        m_pAppleEventsProcessor->Stop();
+        m_pAppleEventsProcessor.reset();
+    }
     m_longAppleMonitoring = 0;
     return 1;
 }
 
 int CDorWEXWMIWPDCore::StopBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring");
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+    if (m_pBlackBerryEventsProcessor) {
+        m_pBlackBerryEventsProcessor->SetOwner(this);
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        m_pBlackBerryEventsProcessor->Stop();
+        m_pBlackBerryEventsProcessor.reset();
+    }
     m_longBlackBerryMonitoring = 0;
     return 1;
+}
+
+_bstr_t CDorWEXWMIWPDCore::RequestWPDWriteToken(DWORD dwordProcessId_in) {
+    _bstr_t l_bstr_tToken(L"");
+    Trace(L"CDorWEXWMIWPDCore::RequestWPDWriteToken enter.\n");
+    HANDLE l_HANDLEProcess = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, dwordProcessId_in);
+    if (l_HANDLEProcess != nullptr) {
+        CloseHandle(l_HANDLEProcess);
+        ComPtr<IDorWEXPidHook> l_pHook;
+        if (SUCCEEDED(CoCreateInstance(CLSID_DorWEXPidHook, nullptr, CLSCTX_ALL, IID_IDorWEXPidHook,
+                                       reinterpret_cast<void**>(l_pHook.GetAddressOf())))) {
+            _variant_t l_variant_tOperation(L"PIDHOOK");
+            _variant_t l_variant_tProcessId(static_cast<long>(dwordProcessId_in), VT_I4);
+            _variant_t l_variant_tMissing(DISP_E_PARAMNOTFOUND, VT_ERROR);
+            _variant_t l_variant_tResult;
+            const HRESULT l_HRESULT =
+                l_pHook->Hook(l_variant_tOperation, l_variant_tProcessId, l_variant_tMissing, &l_variant_tResult);
+            if (FAILED(l_HRESULT)) {
+                throw _com_error(l_HRESULT);
+            }
+            UUID l_UUID;
+            RPC_WSTR l_pwcharUUID = nullptr;
+            if (UuidCreate(&l_UUID) == RPC_S_OK && UuidToStringW(&l_UUID, &l_pwcharUUID) == RPC_S_OK) {
+                l_bstr_tToken = reinterpret_cast<const wchar_t*>(l_pwcharUUID);
+                RpcStringFreeW(&l_pwcharUUID);
+                std::lock_guard<std::mutex> l_guard(m_mutexWriteTokens);
+                for (auto l_It = m_WriteTokens.begin(); l_It != m_WriteTokens.end(); ++l_It) {
+                    if (l_It->second == dwordProcessId_in) {
+                        Trace(L"CDorWEXWMIWPDCore::RequestWPDWriteToken erase old PID.\n");
+                        m_WriteTokens.erase(l_It);
+                        break;
+                    }
+                }
+                m_WriteTokens[static_cast<const wchar_t*>(l_bstr_tToken)] = dwordProcessId_in;
+            }
+        }
+    }
+    Trace(L"CDorWEXWMIWPDCore::RequestWPDWriteToken <%s>.\n", static_cast<const wchar_t*>(l_bstr_tToken));
+    return l_bstr_tToken;
+}
+
+DWORD CDorWEXWMIWPDCore::GetPidForWriteToken(const wchar_t* pwcharToken_in) {
+    if (pwcharToken_in == nullptr) {
+        return 0;
+    }
+    std::lock_guard<std::mutex> l_guard(m_mutexWriteTokens);
+    const auto l_Found = m_WriteTokens.find(pwcharToken_in);
+    return l_Found == m_WriteTokens.end() ? 0 : l_Found->second;
 }

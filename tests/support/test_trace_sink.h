@@ -15,4 +15,11 @@ public:
 
     std::vector<std::wstring> Lines() const;
     void Clear();
+    // How many captured lines are exactly this text (the trace's own "\r\n" ending aside).
+    size_t Count(const std::wstring& text) const;
+    bool Has(const std::wstring& text) const { return Count(text) > 0; }
+    // Position of the first such line, or -1.
+    long IndexOf(const std::wstring& text) const;
+    // Lines that start with the prefix.
+    std::vector<std::wstring> StartingWith(const std::wstring& prefix) const;
 };

@@ -1,0 +1,239 @@
+// The device object's life: construction, InitializeWPD, the class-specific identity steps, the serial
+// numbers it publishes, and Terminate.
+#include "wpd_object.h"
+
+#include "../monitor/wpd_object_events.h"
+#include "../wmi/trace.h"
+#include "com_memory.h"
+
+namespace {
+
+constexpr wchar_t kClientName[] = L"Win32ext_WPD_Provider";
+constexpr wchar_t kDisksNotMounted[] = L"The device has mounted but not its disks.";
+
+// A device registry property that the manager reads for a device: REG_SZ text, or empty.
+std::wstring ReadDeviceProperty(IPortableDeviceManager* pIPortableDeviceManager_in, const wchar_t* pwcharDeviceId_in,
+                                const wchar_t* pwcharName_in) {
+    DWORD l_dwordBytes = 0;
+    DWORD l_dwordType = 0;
+    if (FAILED(pIPortableDeviceManager_in->GetDeviceProperty(pwcharDeviceId_in, pwcharName_in, nullptr, &l_dwordBytes,
+                                                            &l_dwordType)) ||
+        l_dwordBytes < sizeof(wchar_t)) {
+        return {};
+    }
+    std::wstring l_wstringValue(l_dwordBytes / sizeof(wchar_t), L'\0');
+    if (FAILED(pIPortableDeviceManager_in->GetDeviceProperty(pwcharDeviceId_in, pwcharName_in,
+                                                            reinterpret_cast<BYTE*>(&l_wstringValue[0]), &l_dwordBytes,
+                                                            &l_dwordType)) ||
+        l_dwordType != REG_SZ) {
+        return {};
+    }
+    l_wstringValue.resize(wcsnlen(l_wstringValue.c_str(), l_wstringValue.size()));
+    return l_wstringValue;
+}
+
+}  // namespace
+
+CDorWEXWPDObject::CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {
+    Trace(L"CDorWEXWPDObject::CDorWEXWPDObject");
+    // Empty, not null: length 0 is the test for "unknown" everywhere. The persistent unique ids stay null.
+    for (_bstr_t* l_pbstr_t :
+         {&m_bstr_tDeviceId, &m_bstr_tDeviceObjectId, &m_bstr_tFriendlyName, &m_bstr_tManufacturer,
+          &m_bstr_tDescription, &m_bstr_tSerialNumber, &m_bstr_tExtraProperties, &m_bstr_tDisk1Name,
+          &m_bstr_tDisk2Name, &m_bstr_tDisk1ObjectId, &m_bstr_tDisk2ObjectId, &m_bstr_tDisk1Description,
+          &m_bstr_tDisk2Description, &m_bstr_tWPDSerialNumber, &m_bstr_tUSBSerialNumber, &m_bstr_tDiskText3,
+          &m_bstr_tDiskText4}) {
+        *l_pbstr_t = L"";
+    }
+}
+
+CDorWEXWPDObject::~CDorWEXWPDObject() {
+    Trace(L"CDorWEXWPDObject::~CDorWEXWPDObject");
+    if (m_pEvents != nullptr) {
+        m_pEvents->UnRegister(m_pIPortableDevice.Get());
+        m_pEvents->Release();
+        m_pEvents = nullptr;
+    }
+}
+
+void CDorWEXWPDObject::SetClientInformation() {
+    HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER,
+                                         IID_PPV_ARGS(&m_pIPortableDeviceValuesClientInfo));
+    if (FAILED(l_HRESULT)) {
+        Trace(L"! Failed to CoCreateInstance CLSID_PortableDeviceValues, l_HRESULT = 0x%lx\n", l_HRESULT);
+        return;
+    }
+    IPortableDeviceValues* l_pValues = m_pIPortableDeviceValuesClientInfo.Get();
+    l_HRESULT = l_pValues->SetStringValue(WPD_CLIENT_NAME, kClientName);
+    if (FAILED(l_HRESULT)) {
+        Trace(L"! Failed to set WPD_CLIENT_NAME, l_HRESULT = 0x%lx\n", l_HRESULT);
+    }
+    const struct {
+        const PROPERTYKEY* pKey;
+        ULONG ulongValue;
+        const wchar_t* pwcharFailure;
+    } l_Numbers[] = {
+        {&WPD_CLIENT_MAJOR_VERSION, 1, L"! Failed to set WPD_CLIENT_MAJOR_VERSION, l_HRESULT = 0x%lx\n"},
+        {&WPD_CLIENT_MINOR_VERSION, 0, L"! Failed to set WPD_CLIENT_MINOR_VERSION, l_HRESULT = 0x%lx\n"},
+        {&WPD_CLIENT_REVISION, 2, L"! Failed to set WPD_CLIENT_REVISION, l_HRESULT = 0x%lx\n"},
+        {&WPD_CLIENT_SECURITY_QUALITY_OF_SERVICE, SECURITY_IMPERSONATION,
+         L"! Failed to set WPD_CLIENT_SECURITY_QUALITY_OF_SERVICE, l_HRESULT = 0x%lx\n"},
+    };
+    for (const auto& l_Number : l_Numbers) {
+        l_HRESULT = l_pValues->SetUnsignedIntegerValue(*l_Number.pKey, l_Number.ulongValue);
+        if (FAILED(l_HRESULT)) {
+            Trace(l_Number.pwcharFailure, l_HRESULT);
+        }
+    }
+}
+
+HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
+    Trace(L"CDorWEXWPDObject::InitializeWPD enter.\n");
+    if (pwcharDeviceId_in == nullptr) {
+        return S_OK;
+    }
+    Trace(L"CDorWEXWPDObject::InitializeWPD called for %s.\n", pwcharDeviceId_in);
+    m_eManufacturer = Manufacturer::UNKNOWN;
+
+    HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER,
+                                         IID_PPV_ARGS(&m_pIPortableDeviceManager));
+    Trace(L"CDorWEXWPDObject::CreatePortableDeviceManager, %x\n", l_HRESULT);
+    if (FAILED(l_HRESULT)) {
+        Trace(L"CDorWEXWPDObject::InitializeWPD, %x\n", l_HRESULT);
+        return l_HRESULT;
+    }
+    m_bstr_tDeviceId = pwcharDeviceId_in;
+    SetClientInformation();
+
+    // The free-threaded variant: the session is used from WMI's threads and the worker threads alike.
+    l_HRESULT = CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER,
+                                 IID_PPV_ARGS(&m_pIPortableDevice));
+    Trace(L"CDorWEXWPDObject::CreatePortableDevice 1, %x\n", l_HRESULT);
+    if (m_pIPortableDevice && m_pIPortableDeviceValuesClientInfo) {
+        l_HRESULT = m_pIPortableDevice->Open(pwcharDeviceId_in, m_pIPortableDeviceValuesClientInfo.Get());
+    }
+
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = GetManufacturer();
+        if (SUCCEEDED(l_HRESULT)) {
+            GetFriendlyName();
+            GetDescription();
+            GetAdditionalProperties();
+        }
+    }
+    if (SUCCEEDED(l_HRESULT)) {
+        m_pEvents = new CDorWEXWPDObjectEvents(m_pCore, this);
+        m_pEvents->Register(m_pIPortableDevice.Get());
+        l_HRESULT = GetFunctionalCategories();
+        m_Win32.ProcessDeviceNotification(pwcharDeviceId_in, 1);
+        FinalizeSerialNumbersToUse();
+    }
+
+    switch (m_eManufacturer) {
+    case Manufacturer::ANDROID:
+        if (m_bstr_tDisk1Name.length() == 0 && m_bstr_tDisk2Name.length() == 0) {
+            m_bstr_tExtraProperties = kDisksNotMounted;
+        }
+        l_HRESULT = S_OK;
+        break;
+    case Manufacturer::APPLE:
+        l_HRESULT = ReadAppleIdentity();
+        break;
+    case Manufacturer::WINDOWS:
+        if (m_bstr_tDisk1Name.length() == 0 && m_bstr_tDisk2Name.length() == 0) {
+            m_bstr_tDisk1Name = L"Phone";
+        }
+        l_HRESULT = S_OK;
+        break;
+    case Manufacturer::UNKNOWN:
+        l_HRESULT = ReadBlackBerryIdentity(l_HRESULT);
+        break;
+    case Manufacturer::LOGICALDISK:
+        Trace(L"CDorWEXWPDObject::InitializeWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
+        break;
+    default:
+        Trace(L"CDorWEXWPDObject::InitializeWPD DeviceManufacturer is UNKNOWN\n");
+        break;
+    }
+    Trace(L"CDorWEXWPDObject::InitializeWPD, %x\n", l_HRESULT);
+    return l_HRESULT;
+}
+
+void CDorWEXWPDObject::FinalizeSerialNumbersToUse() {
+    // A serial number the Plug and Play view knows wins over what WPD reported; an empty one never does.
+    if (!m_Win32.GetDeviceSerialNumber().empty()) {
+        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber before:%s\n",
+              static_cast<const wchar_t*>(m_bstr_tWPDSerialNumber));
+        m_bstr_tWPDSerialNumber = m_Win32.GetDeviceSerialNumber().c_str();
+        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber after:%s\n",
+              static_cast<const wchar_t*>(m_bstr_tWPDSerialNumber));
+    }
+    if (!m_Win32.GetUSBSerialNumber().empty()) {
+        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber before:%s\n",
+              static_cast<const wchar_t*>(m_bstr_tUSBSerialNumber));
+        m_bstr_tUSBSerialNumber = m_Win32.GetUSBSerialNumber().c_str();
+        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n",
+              static_cast<const wchar_t*>(m_bstr_tUSBSerialNumber));
+    }
+}
+
+// An Apple device shows one storage under a fixed name. Its further identity (serial number, Bluetooth,
+// Ethernet and Wi-Fi addresses) comes from the Apple companion object, which the Apple channel provides;
+// without it the identity WPD reported stands.
+HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
+    if (m_bstr_tDisk1Name.length() == 0 || wcscmp(m_bstr_tDisk1Name, L"Internal Storage") != 0) {
+        m_bstr_tDisk1Name = L"Internal Storage";
+    }
+    return S_OK;
+}
+
+// A device that WPD could not open, or that named no maker, is taken for a BlackBerry when its device
+// properties carry the BlackBerry record (PIN, IMEI, the address of its storage share).
+HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
+    HRESULT l_HRESULT = m_Win32.ProcessDeviceNotification(m_bstr_tDeviceId, 0);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    auto l_pRecord = std::make_unique<dorwex::CompanionRecord>();
+    for (const wchar_t* l_pwcharName : {L"BBPIN", L"IMEI", L"DHCPServer"}) {
+        const std::wstring l_wstringValue =
+            ReadDeviceProperty(m_pIPortableDeviceManager.Get(), m_bstr_tDeviceId, l_pwcharName);
+        if (!l_wstringValue.empty()) {
+            l_pRecord->Set(l_pwcharName, l_wstringValue);
+        }
+    }
+    if (l_pRecord->Empty()) {
+        return hresultRunning_in;  // not a BlackBerry either: the device stays what WPD made of it
+    }
+    m_pCompanionRecord = std::move(l_pRecord);
+    m_eManufacturer = Manufacturer::BLACKBERRY;
+    const std::wstring* l_pPIN = m_pCompanionRecord->Find(L"BBPIN");
+    const std::wstring* l_pIMEI = m_pCompanionRecord->Find(L"IMEI");
+    const std::wstring* l_pDHCPServer = m_pCompanionRecord->Find(L"DHCPServer");
+    if (l_pIMEI != nullptr) {
+        m_bstr_tSerialNumber = l_pIMEI->c_str();
+        m_bstr_tWPDSerialNumber = l_pIMEI->c_str();
+    }
+    m_bstr_tFriendlyName = l_pPIN != nullptr ? (L"BLACKBERRY_" + *l_pPIN).c_str() : L"BLACKBERRY";
+    m_bstr_tManufacturer = L"Research In Motion";
+    m_bstr_tDescription = L"BlackBerry Device";
+    m_bFunctionalCategoryStorage = true;
+    if (l_pDHCPServer != nullptr) {
+        m_bstr_tDisk1Name = (L"\\\\" + *l_pDHCPServer + L"\\media").c_str();
+    }
+    m_bstr_tDisk1ObjectId = L"s1001";
+    m_bstr_tDisk1Description = L"Flash Memory";
+    return S_OK;
+}
+
+void CDorWEXWPDObject::Terminate() {
+    Trace(L"CDorWEXWPDObject::Terminate");
+    if (m_pEvents != nullptr) {
+        m_pEvents->UnRegister(m_pIPortableDevice.Get());
+        m_pEvents->Release();
+        m_pEvents = nullptr;
+    }
+    if (m_pIPortableDevice) {
+        m_pIPortableDevice->Close();
+    }
+}

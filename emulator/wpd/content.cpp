@@ -1,0 +1,598 @@
+// IPortableDeviceContent and what it hands out: object enumerators, properties, resources and the streams
+// that read and write objects. Objects are the files and folders of the storages' directories.
+#include <algorithm>
+#include <mutex>
+
+#include "collections.h"
+#include "emulated_api.h"
+
+namespace dorwex::emulator {
+
+namespace {
+
+constexpr DWORD kOptimalBufferSize = 65536;
+
+HRESULT LastError() {
+    return HRESULT_FROM_WIN32(GetLastError());
+}
+
+class ObjectEnumerator final : public ComObject<IEnumPortableDeviceObjectIDs> {
+public:
+    explicit ObjectEnumerator(std::vector<std::wstring> ids) : m_ids(std::move(ids)) {}
+
+    HRESULT STDMETHODCALLTYPE Next(ULONG cObjects, LPWSTR* pObjIDs, ULONG* pcFetched) override {
+        if (pObjIDs == nullptr) {
+            return E_POINTER;
+        }
+        ULONG fetched = 0;
+        while (fetched < cObjects && m_next < m_ids.size()) {
+            pObjIDs[fetched] = CoTaskStrDup(m_ids[m_next].c_str());
+            if (pObjIDs[fetched] == nullptr) {
+                break;
+            }
+            ++fetched;
+            ++m_next;
+        }
+        if (pcFetched != nullptr) {
+            *pcFetched = fetched;
+        }
+        return fetched == cObjects ? S_OK : S_FALSE;
+    }
+    HRESULT STDMETHODCALLTYPE Skip(ULONG cObjects) override {
+        m_next = std::min(m_ids.size(), m_next + cObjects);
+        return m_next < m_ids.size() ? S_OK : S_FALSE;
+    }
+    HRESULT STDMETHODCALLTYPE Reset() override {
+        m_next = 0;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Clone(IEnumPortableDeviceObjectIDs**) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+
+private:
+    std::vector<std::wstring> m_ids;
+    size_t m_next = 0;
+};
+
+// A stream over an object's data. A read stream reads an existing file; a write stream fills a hidden
+// file next to the target and becomes the object on Commit, as a device only shows an object once the
+// transfer is complete.
+class ObjectStream final : public ComObject<IPortableDeviceDataStream, IStream, ISequentialStream> {
+public:
+    ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring objectId)
+        : m_device(std::move(device)), m_file(file), m_objectId(std::move(objectId)) {}
+    ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring temporaryPath,
+                 std::wstring targetPath, int storage)
+        : m_device(std::move(device)),
+          m_file(file),
+          m_writing(true),
+          m_temporaryPath(std::move(temporaryPath)),
+          m_targetPath(std::move(targetPath)),
+          m_storage(storage) {}
+    ~ObjectStream() override { Discard(); }
+
+    HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        if (pv == nullptr) {
+            return STG_E_INVALIDPOINTER;
+        }
+        if (m_writing) {
+            return STG_E_ACCESSDENIED;
+        }
+        if (m_device->Removed()) {
+            return kDeviceGone;
+        }
+        const HRESULT fault = m_device->Fault("Read");
+        if (FAILED(fault)) {
+            return fault;
+        }
+        if (m_device->ShortRead() != 0) {
+            cb = std::min<ULONG>(cb, m_device->ShortRead());
+        }
+        DWORD read = 0;
+        if (!ReadFile(m_file, pv, cb, &read, nullptr)) {
+            return LastError();
+        }
+        if (pcbRead != nullptr) {
+            *pcbRead = read;
+        }
+        return read < cb ? S_FALSE : S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
+        if (pv == nullptr) {
+            return STG_E_INVALIDPOINTER;
+        }
+        if (!m_writing || m_committed) {
+            return STG_E_ACCESSDENIED;
+        }
+        if (m_device->Removed()) {
+            return kDeviceGone;
+        }
+        const HRESULT fault = m_device->Fault("Write");
+        if (FAILED(fault)) {
+            return fault;
+        }
+        DWORD written = 0;
+        if (!WriteFile(m_file, pv, cb, &written, nullptr)) {
+            return LastError();
+        }
+        if (pcbWritten != nullptr) {
+            *pcbWritten = written;
+        }
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER dlibMove, DWORD dwOrigin, ULARGE_INTEGER* plibNewPosition) override {
+        LARGE_INTEGER position{};
+        if (!SetFilePointerEx(m_file, dlibMove, &position, dwOrigin)) {
+            return STG_E_INVALIDFUNCTION;
+        }
+        if (plibNewPosition != nullptr) {
+            plibNewPosition->QuadPart = static_cast<ULONGLONG>(position.QuadPart);
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+        return E_NOTIMPL;
+    }
+
+    HRESULT STDMETHODCALLTYPE Commit(DWORD) override {
+        if (!m_writing) {
+            return S_OK;
+        }
+        if (m_committed) {
+            return S_OK;
+        }
+        if (m_device->Removed()) {
+            return kDeviceGone;
+        }
+        const HRESULT fault = m_device->Fault("Commit");
+        if (FAILED(fault)) {
+            return fault;
+        }
+        CloseHandle(m_file);
+        m_file = INVALID_HANDLE_VALUE;
+        if (!MoveFileW(m_temporaryPath.c_str(), m_targetPath.c_str())) {
+            const HRESULT hr = LastError();
+            DeleteFileW(m_temporaryPath.c_str());
+            m_committed = true;  // nothing left to write into
+            return hr;
+        }
+        m_committed = true;
+        m_objectId = m_device->IdForPath(m_storage, m_targetPath);
+        ObjectInfo object;
+        if (SUCCEEDED(m_device->Lookup(m_objectId, object))) {
+            m_device->RaiseEvent(WPD_EVENT_OBJECT_ADDED, &object);
+        }
+        return S_OK;
+    }
+
+    HRESULT STDMETHODCALLTYPE Revert() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+        return STG_E_INVALIDFUNCTION;
+    }
+    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+        return STG_E_INVALIDFUNCTION;
+    }
+    HRESULT STDMETHODCALLTYPE Stat(STATSTG* pstatstg, DWORD) override {
+        if (pstatstg == nullptr) {
+            return STG_E_INVALIDPOINTER;
+        }
+        *pstatstg = STATSTG{};
+        pstatstg->type = STGTY_STREAM;
+        LARGE_INTEGER size{};
+        if (m_file != INVALID_HANDLE_VALUE && GetFileSizeEx(m_file, &size)) {
+            pstatstg->cbSize.QuadPart = static_cast<ULONGLONG>(size.QuadPart);
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
+
+    HRESULT STDMETHODCALLTYPE GetObjectID(LPWSTR* ppszObjectID) override {
+        if (ppszObjectID == nullptr) {
+            return E_POINTER;
+        }
+        *ppszObjectID = nullptr;
+        if (m_objectId.empty()) {
+            return E_UNEXPECTED;  // a write that was not committed has no object
+        }
+        *ppszObjectID = CoTaskStrDup(m_objectId.c_str());
+        return *ppszObjectID != nullptr ? S_OK : E_OUTOFMEMORY;
+    }
+
+    HRESULT STDMETHODCALLTYPE Cancel() override {
+        Discard();
+        return S_OK;
+    }
+
+private:
+    void Discard() {
+        if (m_file != INVALID_HANDLE_VALUE) {
+            CloseHandle(m_file);
+            m_file = INVALID_HANDLE_VALUE;
+        }
+        if (m_writing && !m_committed) {
+            DeleteFileW(m_temporaryPath.c_str());
+            m_committed = true;
+        }
+    }
+
+    std::shared_ptr<EmulatedDevice> m_device;
+    HANDLE m_file;
+    bool m_writing = false;
+    bool m_committed = false;
+    std::wstring m_temporaryPath, m_targetPath;
+    int m_storage = -1;
+    std::wstring m_objectId;
+};
+
+class PortableDeviceProperties final : public ComObject<IPortableDeviceProperties> {
+public:
+    explicit PortableDeviceProperties(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+
+    HRESULT STDMETHODCALLTYPE GetValues(LPCWSTR pszObjectID, IPortableDeviceKeyCollection* pKeys,
+                                        IPortableDeviceValues** ppValues) override {
+        if (pszObjectID == nullptr || ppValues == nullptr) {
+            return E_POINTER;
+        }
+        *ppValues = nullptr;
+        const HRESULT fault = m_device->Removed() ? kDeviceGone : m_device->Fault("GetValues");
+        if (FAILED(fault)) {
+            return fault;
+        }
+        auto* values = new (std::nothrow) PortableDeviceValues();
+        if (values == nullptr) {
+            return E_OUTOFMEMORY;
+        }
+        const HRESULT hr = m_device->ReadProperties(pszObjectID, pKeys, values);
+        if (FAILED(hr)) {
+            values->Release();
+            return hr;
+        }
+        *ppValues = values;
+        return hr;
+    }
+
+    HRESULT STDMETHODCALLTYPE GetSupportedProperties(LPCWSTR, IPortableDeviceKeyCollection**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetPropertyAttributes(LPCWSTR, REFPROPERTYKEY, IPortableDeviceValues**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE SetValues(LPCWSTR, IPortableDeviceValues*, IPortableDeviceValues**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+
+private:
+    std::shared_ptr<EmulatedDevice> m_device;
+};
+
+class PortableDeviceResources final : public ComObject<IPortableDeviceResources> {
+public:
+    explicit PortableDeviceResources(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+
+    HRESULT STDMETHODCALLTYPE GetStream(LPCWSTR pszObjectID, REFPROPERTYKEY Key, const DWORD dwMode,
+                                        DWORD* pdwOptimalBufferSize, IStream** ppStream) override {
+        if (pszObjectID == nullptr || ppStream == nullptr) {
+            return E_POINTER;
+        }
+        *ppStream = nullptr;
+        const HRESULT fault = m_device->Removed() ? kDeviceGone : m_device->Fault("GetStream");
+        if (FAILED(fault)) {
+            return fault;
+        }
+        if (Key.fmtid != WPD_RESOURCE_DEFAULT.fmtid || Key.pid != WPD_RESOURCE_DEFAULT.pid) {
+            return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+        }
+        if ((dwMode & (STGM_WRITE | STGM_READWRITE)) != 0) {
+            return STG_E_ACCESSDENIED;  // resources of existing objects are read here; writes create objects
+        }
+        ObjectInfo object;
+        HRESULT hr = m_device->Lookup(pszObjectID, object);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        if (object.kind != ObjectKind::File) {
+            return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);  // folders and storages have no data
+        }
+        HANDLE file = CreateFileW(object.path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
+                                  nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            return LastError();
+        }
+        if (pdwOptimalBufferSize != nullptr) {
+            *pdwOptimalBufferSize = kOptimalBufferSize;
+        }
+        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppStream), m_device, file,
+                                             object.id);
+    }
+
+    HRESULT STDMETHODCALLTYPE GetSupportedResources(LPCWSTR, IPortableDeviceKeyCollection**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetResourceAttributes(LPCWSTR, REFPROPERTYKEY, IPortableDeviceValues**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE CreateResource(IPortableDeviceValues*, IStream**, DWORD*, LPWSTR*) override {
+        return E_NOTIMPL;
+    }
+
+private:
+    std::shared_ptr<EmulatedDevice> m_device;
+};
+
+class PortableDeviceContent final : public ComObject<IPortableDeviceContent> {
+public:
+    explicit PortableDeviceContent(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+
+    HRESULT STDMETHODCALLTYPE EnumObjects(const DWORD, LPCWSTR pszParentObjectID, IPortableDeviceValues*,
+                                          IEnumPortableDeviceObjectIDs** ppEnum) override {
+        if (pszParentObjectID == nullptr || ppEnum == nullptr) {
+            return E_POINTER;
+        }
+        *ppEnum = nullptr;
+        HRESULT hr = Check("EnumObjects");
+        if (FAILED(hr)) {
+            return hr;
+        }
+        ObjectInfo parent;
+        hr = m_device->Lookup(pszParentObjectID, parent);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        return CreateComObject<ObjectEnumerator>(__uuidof(IEnumPortableDeviceObjectIDs),
+                                                 reinterpret_cast<void**>(ppEnum),
+                                                 m_device->Children(pszParentObjectID));
+    }
+
+    HRESULT STDMETHODCALLTYPE Properties(IPortableDeviceProperties** ppProperties) override {
+        if (ppProperties == nullptr) {
+            return E_POINTER;
+        }
+        *ppProperties = nullptr;
+        const HRESULT hr = Check("Properties");
+        return FAILED(hr) ? hr
+                          : CreateComObject<PortableDeviceProperties>(__uuidof(IPortableDeviceProperties),
+                                                                      reinterpret_cast<void**>(ppProperties), m_device);
+    }
+
+    HRESULT STDMETHODCALLTYPE Transfer(IPortableDeviceResources** ppResources) override {
+        if (ppResources == nullptr) {
+            return E_POINTER;
+        }
+        *ppResources = nullptr;
+        const HRESULT hr = Check("Transfer");
+        return FAILED(hr) ? hr
+                          : CreateComObject<PortableDeviceResources>(__uuidof(IPortableDeviceResources),
+                                                                     reinterpret_cast<void**>(ppResources), m_device);
+    }
+
+    // A folder: parent id, name and the folder content type are required.
+    HRESULT STDMETHODCALLTYPE CreateObjectWithPropertiesOnly(IPortableDeviceValues* pValues,
+                                                             LPWSTR* ppszObjectID) override {
+        if (pValues == nullptr) {
+            return E_POINTER;
+        }
+        if (ppszObjectID != nullptr) {
+            *ppszObjectID = nullptr;
+        }
+        HRESULT hr = Check("CreateObjectWithPropertiesOnly");
+        if (FAILED(hr)) {
+            return hr;
+        }
+        GUID contentType{};
+        if (FAILED(pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType)) ||
+            contentType != WPD_CONTENT_TYPE_FOLDER) {
+            return E_INVALIDARG;
+        }
+        ObjectInfo parent;
+        std::wstring name;
+        hr = Target(pValues, WPD_OBJECT_NAME, parent, name);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        const std::wstring path = parent.path + L"\\" + name;
+        if (!CreateDirectoryW(path.c_str(), nullptr)) {
+            return LastError();
+        }
+        ObjectInfo created;
+        m_device->Lookup(m_device->IdForPath(parent.storage, path), created);
+        m_device->RaiseEvent(WPD_EVENT_OBJECT_ADDED, &created);
+        if (ppszObjectID != nullptr) {
+            *ppszObjectID = CoTaskStrDup(created.id.c_str());
+        }
+        return S_OK;
+    }
+
+    // A file: the data arrive through the returned stream and the object exists after its Commit.
+    HRESULT STDMETHODCALLTYPE CreateObjectWithPropertiesAndData(IPortableDeviceValues* pValues, IStream** ppData,
+                                                                DWORD* pdwOptimalWriteBufferSize,
+                                                                LPWSTR* ppszCookie) override {
+        if (pValues == nullptr || ppData == nullptr) {
+            return E_POINTER;
+        }
+        *ppData = nullptr;
+        if (ppszCookie != nullptr) {
+            *ppszCookie = nullptr;
+        }
+        HRESULT hr = Check("CreateObjectWithPropertiesAndData");
+        if (FAILED(hr)) {
+            return hr;
+        }
+        ObjectInfo parent;
+        std::wstring name;
+        hr = Target(pValues, WPD_OBJECT_ORIGINAL_FILE_NAME, parent, name);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        const std::wstring target = parent.path + L"\\" + name;
+        if (GetFileAttributesW(target.c_str()) != INVALID_FILE_ATTRIBUTES) {
+            return HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS);
+        }
+        static volatile LONG counter = 0;
+        const std::wstring temporary = parent.path + L"\\.~dorwex" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                                       std::to_wstring(InterlockedIncrement(&counter));
+        HANDLE file = CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_HIDDEN,
+                                  nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            return LastError();
+        }
+        if (pdwOptimalWriteBufferSize != nullptr) {
+            *pdwOptimalWriteBufferSize = kOptimalBufferSize;
+        }
+        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppData), m_device, file,
+                                             temporary, target, parent.storage);
+    }
+
+    HRESULT STDMETHODCALLTYPE Delete(const DWORD dwOptions, IPortableDevicePropVariantCollection* pObjectIDs,
+                                     IPortableDevicePropVariantCollection** ppResults) override {
+        if (pObjectIDs == nullptr) {
+            return E_POINTER;
+        }
+        if (ppResults != nullptr) {
+            *ppResults = nullptr;
+        }
+        HRESULT hr = Check("Delete");
+        if (FAILED(hr)) {
+            return hr;
+        }
+        auto* results = new (std::nothrow) PortableDevicePropVariantCollection();
+        if (results == nullptr) {
+            return E_OUTOFMEMORY;
+        }
+        DWORD count = 0;
+        pObjectIDs->GetCount(&count);
+        bool allDeleted = true;
+        for (DWORD i = 0; i < count; ++i) {
+            PROPVARIANT id;
+            PropVariantInit(&id);
+            HRESULT one = pObjectIDs->GetAt(i, &id);
+            if (SUCCEEDED(one)) {
+                one = id.vt == VT_LPWSTR ? DeleteObject(id.pwszVal, dwOptions == PORTABLE_DEVICE_DELETE_WITH_RECURSION)
+                                         : E_INVALIDARG;
+            }
+            PropVariantClear(&id);
+            PROPVARIANT result;
+            PropVariantInit(&result);
+            result.vt = VT_ERROR;
+            result.scode = one;
+            results->Add(&result);
+            allDeleted = allDeleted && SUCCEEDED(one);
+        }
+        if (ppResults != nullptr) {
+            *ppResults = results;
+        } else {
+            results->Release();
+        }
+        return allDeleted ? S_OK : S_FALSE;
+    }
+
+    HRESULT STDMETHODCALLTYPE GetObjectIDsFromPersistentUniqueIDs(IPortableDevicePropVariantCollection*,
+                                                                  IPortableDevicePropVariantCollection**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Move(IPortableDevicePropVariantCollection*, LPCWSTR,
+                                   IPortableDevicePropVariantCollection**) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Copy(IPortableDevicePropVariantCollection*, LPCWSTR,
+                                   IPortableDevicePropVariantCollection**) override {
+        return E_NOTIMPL;
+    }
+
+private:
+    HRESULT Check(const char* call) { return m_device->Removed() ? kDeviceGone : m_device->Fault(call); }
+
+    // The parent folder and the name of an object to create.
+    HRESULT Target(IPortableDeviceValues* values, const PROPERTYKEY& nameKey, ObjectInfo& parent_out,
+                   std::wstring& name_out) {
+        LPWSTR parentId = nullptr;
+        HRESULT hr = values->GetStringValue(WPD_OBJECT_PARENT_ID, &parentId);
+        if (FAILED(hr)) {
+            return E_INVALIDARG;
+        }
+        hr = m_device->Lookup(parentId, parent_out);
+        CoTaskMemFree(parentId);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        if (parent_out.kind != ObjectKind::Storage && parent_out.kind != ObjectKind::Folder) {
+            return E_INVALIDARG;
+        }
+        LPWSTR name = nullptr;
+        if (FAILED(values->GetStringValue(nameKey, &name)) &&
+            FAILED(values->GetStringValue(WPD_OBJECT_NAME, &name))) {
+            return E_INVALIDARG;
+        }
+        name_out = name;
+        CoTaskMemFree(name);
+        if (name_out.empty() || name_out.find_first_of(L"\\/:*?\"<>|") != std::wstring::npos) {
+            return E_INVALIDARG;
+        }
+        return S_OK;
+    }
+
+    static bool RemoveTree(const std::wstring& path) {
+        WIN32_FIND_DATAW found{};
+        HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &found);
+        if (search != INVALID_HANDLE_VALUE) {
+            do {
+                const std::wstring name = found.cFileName;
+                if (name == L"." || name == L"..") {
+                    continue;
+                }
+                const std::wstring child = path + L"\\" + name;
+                const bool ok = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? RemoveTree(child)
+                                                                                     : DeleteFileW(child.c_str()) != 0;
+                if (!ok) {
+                    FindClose(search);
+                    return false;
+                }
+            } while (FindNextFileW(search, &found));
+            FindClose(search);
+        }
+        return RemoveDirectoryW(path.c_str()) != 0;
+    }
+
+    HRESULT DeleteObject(const std::wstring& id, bool recursive) {
+        ObjectInfo object;
+        HRESULT hr = m_device->Lookup(id, object);
+        if (FAILED(hr)) {
+            return hr;
+        }
+        if (object.kind == ObjectKind::DeviceRoot || object.kind == ObjectKind::Storage) {
+            return E_ACCESSDENIED;
+        }
+        if (object.kind == ObjectKind::File) {
+            if (!DeleteFileW(object.path.c_str())) {
+                return LastError();
+            }
+        } else if (recursive) {
+            if (!RemoveTree(object.path)) {
+                return LastError();
+            }
+        } else if (!RemoveDirectoryW(object.path.c_str())) {
+            return LastError();  // ERROR_DIR_NOT_EMPTY for a folder with content
+        }
+        m_device->RaiseEvent(WPD_EVENT_OBJECT_REMOVED, &object);
+        m_device->Forget(id);
+        return S_OK;
+    }
+
+    std::shared_ptr<EmulatedDevice> m_device;
+};
+
+}  // namespace
+
+HRESULT CreateContent(const std::shared_ptr<EmulatedDevice>& device, IPortableDeviceContent** content_out) {
+    return CreateComObject<PortableDeviceContent>(__uuidof(IPortableDeviceContent),
+                                                  reinterpret_cast<void**>(content_out), device);
+}
+
+}  // namespace dorwex::emulator

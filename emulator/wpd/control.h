@@ -1,0 +1,33 @@
+// What tests can do to the emulated portable-device stack besides using it through COM: reload the
+// device descriptions, remove a device, raise events, and read back what the stack saw. The functions are
+// exported by the emulator DLL; tests look them up with GetProcAddress (see tests/support/wpd_emulator.h).
+#pragma once
+
+#include <windows.h>
+
+extern "C" {
+// Forgets every device and its state (object ids, fault counters, subscriptions stay with open sessions).
+typedef void(WINAPI* DorwexEmulatorResetFunction)();
+// Reads the description directory again; returns the number of devices present.
+typedef DWORD(WINAPI* DorwexEmulatorRescanFunction)();
+// Why description files were refused, one per line; returns the characters needed.
+typedef DWORD(WINAPI* DorwexEmulatorErrorsFunction)(LPWSTR buffer, DWORD chars);
+// Marks a device as gone and raises WPD_EVENT_DEVICE_REMOVED to its subscribers.
+typedef HRESULT(WINAPI* DorwexEmulatorRemoveDeviceFunction)(LPCWSTR deviceId);
+// Raises an event about an object (or, with a null object id, about the device) to the subscribers.
+typedef HRESULT(WINAPI* DorwexEmulatorRaiseEventFunction)(LPCWSTR deviceId, const GUID* eventId, LPCWSTR objectId);
+// Waits until every raised event has been delivered.
+typedef BOOL(WINAPI* DorwexEmulatorWaitForEventsFunction)(DWORD milliseconds);
+// How often a call was made on a device (names as in the [fault] section: "Open", "GetFunctionalObjects").
+typedef ULONG(WINAPI* DorwexEmulatorCallCountFunction)(LPCWSTR deviceId, LPCSTR call);
+typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);
+typedef LONG(WINAPI* DorwexEmulatorSubscriptionsFunction)(LPCWSTR deviceId);
+// The client information of the last Open: "name=...;major=1;minor=0;revision=2;qos=131072".
+typedef HRESULT(WINAPI* DorwexEmulatorLastClientFunction)(LPCWSTR deviceId, LPWSTR buffer, DWORD chars);
+// COM objects of the emulator still alive.
+typedef LONG(WINAPI* DorwexEmulatorLiveObjectsFunction)();
+// The write-token hook double: the result its Hook call returns, and what the last call carried.
+typedef void(WINAPI* DorwexEmulatorSetHookResultFunction)(HRESULT result);
+typedef LONG(WINAPI* DorwexEmulatorHookCallsFunction)(LPWSTR operation, DWORD chars, LONG* processId,
+                                                      VARTYPE* reservedType, HRESULT* reservedCode);
+}

@@ -1,0 +1,69 @@
+// The text form of an emulated portable device. Tests write one such file per device; the emulated
+// portable-device stack reads them. Pure logic, no Windows headers, so the parser is also tested natively.
+//
+//   # comment
+//   [device]
+//   id = \\?\usb#vid_04e8&pid_6860#r58m#{6ac27878-a6fa-4155-ba85-f98f491d4f33}
+//   manufacturer = SAMSUNG Electronics
+//   friendly_name = Galaxy S9
+//   description = SM-G960F
+//   categories = storage, still_image_capture, sms
+//   short_read = 7                          (each IStream::Read returns at most 7 bytes)
+//   WPD_DEVICE_SERIAL_NUMBER = R58M123      (any WPD_DEVICE_* or WPD_OBJECT_* key of the root object)
+//   [registry]                              (what IPortableDeviceManager::GetDeviceProperty answers)
+//   BBPIN = 2A3B4C5D
+//   [storage]                               (one section per storage, in order)
+//   object_id = s10001
+//   name = Phone
+//   persistent_unique_id = {PUID-PHONE}
+//   description = Internal shared storage
+//   directory = phone                       (relative to the file's directory, or absolute)
+//   [fault]                                 (call = HRESULT, optionally "x N" for the first N calls only)
+//   Open = 0x80070005
+//   GetFunctionalObjects = 0x800710D2 x 2
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace dorwex::emulator {
+
+struct StorageDescription {
+    std::string objectId;
+    std::string name;
+    std::string persistentUniqueId;
+    std::string description;
+    std::string directory;
+};
+
+// A call made to fail: every time, or only the first `count` times.
+struct FaultDescription {
+    std::uint32_t hresult = 0;
+    std::int64_t count = -1;  // -1: every call
+};
+
+struct DeviceDescription {
+    std::string id;
+    std::string manufacturer;
+    std::string friendlyName;
+    std::string description;
+    std::vector<std::string> categories;  // names such as "storage", "sms"
+    std::uint32_t shortRead = 0;          // 0: reads are not shortened
+    std::map<std::string, std::string> properties;  // WPD key name -> value text
+    std::map<std::string, std::string> registry;    // device property name -> value
+    std::vector<StorageDescription> storages;
+    std::map<std::string, FaultDescription> faults;  // call name -> fault
+};
+
+struct ParseResult {
+    DeviceDescription device;
+    std::vector<std::string> errors;  // "line N: ..." for each line that could not be used
+};
+
+// Parses UTF-8 text. A description without an id is reported as an error.
+ParseResult ParseDeviceDescription(std::string_view text);
+
+}  // namespace dorwex::emulator

@@ -1,0 +1,598 @@
+#include "emulated_device.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cwctype>
+
+#include "collections.h"
+
+namespace dorwex::emulator {
+
+namespace {
+
+constexpr wchar_t kTemporaryPrefix[] = L".~dorwex";  // files of writes not yet committed
+
+// Keys a description may set on the device root object, with their types.
+struct NamedKey {
+    const char* name;
+    const PROPERTYKEY* key;
+    VARTYPE type;
+};
+const NamedKey kDeviceKeys[] = {
+    {"WPD_OBJECT_ID", &WPD_OBJECT_ID, VT_LPWSTR},
+    {"WPD_OBJECT_NAME", &WPD_OBJECT_NAME, VT_LPWSTR},
+    {"WPD_DEVICE_SYNC_PARTNER", &WPD_DEVICE_SYNC_PARTNER, VT_LPWSTR},
+    {"WPD_DEVICE_FIRMWARE_VERSION", &WPD_DEVICE_FIRMWARE_VERSION, VT_LPWSTR},
+    {"WPD_DEVICE_POWER_LEVEL", &WPD_DEVICE_POWER_LEVEL, VT_UI4},
+    {"WPD_DEVICE_POWER_SOURCE", &WPD_DEVICE_POWER_SOURCE, VT_UI4},
+    {"WPD_DEVICE_PROTOCOL", &WPD_DEVICE_PROTOCOL, VT_LPWSTR},
+    {"WPD_DEVICE_MANUFACTURER", &WPD_DEVICE_MANUFACTURER, VT_LPWSTR},
+    {"WPD_DEVICE_MODEL", &WPD_DEVICE_MODEL, VT_LPWSTR},
+    {"WPD_DEVICE_SERIAL_NUMBER", &WPD_DEVICE_SERIAL_NUMBER, VT_LPWSTR},
+    {"WPD_DEVICE_FRIENDLY_NAME", &WPD_DEVICE_FRIENDLY_NAME, VT_LPWSTR},
+    {"WPD_DEVICE_TYPE", &WPD_DEVICE_TYPE, VT_UI4},
+    {"WPD_DEVICE_NETWORK_IDENTIFIER", &WPD_DEVICE_NETWORK_IDENTIFIER, VT_UI8},
+};
+
+bool SameKey(const PROPERTYKEY& a, const PROPERTYKEY& b) {
+    return a.fmtid == b.fmtid && a.pid == b.pid;
+}
+
+std::wstring LowerCase(std::wstring text) {
+    for (auto& c : text) {
+        c = static_cast<wchar_t>(std::towlower(c));
+    }
+    return text;
+}
+
+bool IsAbsolute(const std::wstring& path) {
+    return (path.size() > 1 && path[1] == L':') || path.rfind(L"\\\\", 0) == 0 || path.rfind(L"/", 0) == 0;
+}
+
+std::wstring FileName(const std::wstring& path) {
+    const auto slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+
+std::wstring ParentPath(const std::wstring& path) {
+    const auto slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
+}
+
+// A values set that collects an object's properties before the requested ones are picked out.
+class PropertySet {
+public:
+    explicit PropertySet(IPortableDeviceValues* values) : m_values(values) {}
+    void String(const PROPERTYKEY& key, const std::wstring& text) { m_values->SetStringValue(key, text.c_str()); }
+    void Guid(const PROPERTYKEY& key, const GUID& guid) { m_values->SetGuidValue(key, guid); }
+    void UInt32(const PROPERTYKEY& key, ULONG value) { m_values->SetUnsignedIntegerValue(key, value); }
+    void UInt64(const PROPERTYKEY& key, ULONGLONG value) { m_values->SetUnsignedLargeIntegerValue(key, value); }
+    void Bool(const PROPERTYKEY& key, bool value) { m_values->SetBoolValue(key, value ? TRUE : FALSE); }
+
+private:
+    IPortableDeviceValues* m_values;
+};
+
+struct EventDelivery {
+    IPortableDeviceEventCallback* callback;
+    IPortableDeviceValues* parameters;
+};
+
+void CALLBACK DeliverEvent(PTP_CALLBACK_INSTANCE, void* context) {
+    auto* delivery = static_cast<EventDelivery*>(context);
+    const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    delivery->callback->OnEvent(delivery->parameters);
+    delivery->callback->Release();
+    delivery->parameters->Release();
+    if (SUCCEEDED(init)) {
+        CoUninitialize();
+    }
+    delete delivery;
+    EmulatorState::Get().EventDelivered();
+}
+
+}  // namespace
+
+std::wstring Widen(const std::string& text) {
+    if (text.empty()) {
+        return {};
+    }
+    const int count = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring wide(static_cast<size_t>(count), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(), count);
+    return wide;
+}
+
+std::string Narrow(const std::wstring& text) {
+    if (text.empty()) {
+        return {};
+    }
+    const int count =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    std::string narrow(static_cast<size_t>(count), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(), count, nullptr,
+                        nullptr);
+    return narrow;
+}
+
+std::wstring UpperCase(std::wstring text) {
+    for (auto& c : text) {
+        c = static_cast<wchar_t>(std::towupper(c));
+    }
+    return text;
+}
+
+// --- EmulatedDevice -------------------------------------------------------------------------------
+
+EmulatedDevice::EmulatedDevice(DeviceDescription description, std::wstring baseDirectory)
+    : m_description(std::move(description)),
+      m_baseDirectory(std::move(baseDirectory)),
+      m_id(Widen(m_description.id)),
+      m_manufacturer(Widen(m_description.manufacturer)),
+      m_friendlyName(Widen(m_description.friendlyName)),
+      m_descriptionText(Widen(m_description.description)) {}
+
+HRESULT EmulatedDevice::Fault(const char* call) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    ++m_calls[call];
+    const auto fault = m_description.faults.find(call);
+    if (fault == m_description.faults.end()) {
+        return S_OK;
+    }
+    if (fault->second.count >= 0) {
+        std::int64_t& used = m_faultsUsed[call];
+        if (used >= fault->second.count) {
+            return S_OK;
+        }
+        ++used;
+    }
+    return static_cast<HRESULT>(fault->second.hresult);
+}
+
+ULONG EmulatedDevice::CallCount(const std::string& call) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const auto it = m_calls.find(call);
+    return it == m_calls.end() ? 0 : it->second;
+}
+
+std::wstring EmulatedDevice::StoragePath(int storage) const {
+    const std::wstring directory = Widen(m_description.storages[static_cast<size_t>(storage)].directory);
+    return IsAbsolute(directory) ? directory : m_baseDirectory + L"\\" + directory;
+}
+
+std::wstring EmulatedDevice::IdForPath(int storage, const std::wstring& path) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const std::wstring key = std::to_wstring(storage) + L"|" + LowerCase(path);
+    const auto it = m_ids.find(key);
+    if (it != m_ids.end()) {
+        return it->second;
+    }
+    wchar_t id[16];
+    swprintf(id, 16, L"o%X", m_nextObject++);
+    m_ids[key] = id;
+    m_objects[id] = {storage, path};
+    return id;
+}
+
+void EmulatedDevice::Forget(const std::wstring& objectId) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const auto it = m_objects.find(objectId);
+    if (it == m_objects.end()) {
+        return;
+    }
+    m_ids.erase(std::to_wstring(it->second.first) + L"|" + LowerCase(it->second.second));
+    m_objects.erase(it);
+}
+
+HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object) {
+    object = ObjectInfo{};
+    object.id = objectId;
+    if (objectId == WPD_DEVICE_OBJECT_ID) {
+        object.kind = ObjectKind::DeviceRoot;
+        object.name = m_friendlyName;
+        object.persistentUniqueId = objectId;
+        return S_OK;
+    }
+    for (size_t i = 0; i < m_description.storages.size(); ++i) {
+        const StorageDescription& storage = m_description.storages[i];
+        if (Widen(storage.objectId) == objectId) {
+            object.kind = ObjectKind::Storage;
+            object.parentId = WPD_DEVICE_OBJECT_ID;
+            object.name = Widen(storage.name);
+            object.path = StoragePath(static_cast<int>(i));
+            object.persistentUniqueId =
+                storage.persistentUniqueId.empty() ? objectId : Widen(storage.persistentUniqueId);
+            object.storage = static_cast<int>(i);
+            return S_OK;
+        }
+    }
+    std::pair<int, std::wstring> location;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const auto it = m_objects.find(objectId);
+        if (it == m_objects.end()) {
+            return kNotFound;
+        }
+        location = it->second;
+    }
+    WIN32_FILE_ATTRIBUTE_DATA attributes{};
+    if (!GetFileAttributesExW(location.second.c_str(), GetFileExInfoStandard, &attributes)) {
+        return kNotFound;  // removed behind the device's back
+    }
+    object.kind = (attributes.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? ObjectKind::Folder : ObjectKind::File;
+    object.path = location.second;
+    object.name = FileName(location.second);
+    object.storage = location.first;
+    object.size = (static_cast<ULONGLONG>(attributes.nFileSizeHigh) << 32) | attributes.nFileSizeLow;
+    const std::wstring storageRoot = StoragePath(location.first);
+    const std::wstring parent = ParentPath(location.second);
+    const StorageDescription& storage = m_description.storages[static_cast<size_t>(location.first)];
+    object.parentId = LowerCase(parent) == LowerCase(storageRoot) ? Widen(storage.objectId)
+                                                                  : IdForPath(location.first, parent);
+    const std::wstring relative = location.second.substr(std::min(location.second.size(), storageRoot.size()));
+    object.persistentUniqueId =
+        (storage.persistentUniqueId.empty() ? Widen(storage.objectId) : Widen(storage.persistentUniqueId)) +
+        relative;
+    return S_OK;
+}
+
+std::vector<std::wstring> EmulatedDevice::Children(const std::wstring& parentId) {
+    std::vector<std::wstring> children;
+    ObjectInfo parent;
+    if (FAILED(Lookup(parentId, parent))) {
+        return children;
+    }
+    if (parent.kind == ObjectKind::DeviceRoot) {
+        for (const auto& storage : m_description.storages) {
+            children.push_back(Widen(storage.objectId));
+        }
+        return children;
+    }
+    if (parent.kind == ObjectKind::File) {
+        return children;
+    }
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found{};
+    HANDLE search = FindFirstFileW((parent.path + L"\\*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        return children;
+    }
+    do {
+        const std::wstring name = found.cFileName;
+        if (name != L"." && name != L".." && name.rfind(kTemporaryPrefix, 0) != 0) {
+            names.push_back(name);
+        }
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
+    std::sort(names.begin(), names.end());
+    for (const auto& name : names) {
+        children.push_back(IdForPath(parent.storage, parent.path + L"\\" + name));
+    }
+    return children;
+}
+
+HRESULT EmulatedDevice::ReadProperties(const std::wstring& objectId, IPortableDeviceKeyCollection* keys,
+                                       IPortableDeviceValues* values) {
+    ObjectInfo object;
+    HRESULT hr = Lookup(objectId, object);
+    if (FAILED(hr)) {
+        return hr;
+    }
+    PortableDeviceValues* all = new (std::nothrow) PortableDeviceValues();
+    if (all == nullptr) {
+        return E_OUTOFMEMORY;
+    }
+    PropertySet set(all);
+    set.String(WPD_OBJECT_ID, object.id);
+    set.String(WPD_OBJECT_PERSISTENT_UNIQUE_ID, object.persistentUniqueId);
+    set.String(WPD_OBJECT_PARENT_ID, object.parentId);
+    switch (object.kind) {
+    case ObjectKind::DeviceRoot:
+        set.String(WPD_OBJECT_NAME, object.name);
+        set.Guid(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT);
+        set.Guid(WPD_FUNCTIONAL_OBJECT_CATEGORY, WPD_FUNCTIONAL_CATEGORY_DEVICE);
+        for (const auto& named : kDeviceKeys) {
+            const auto it = m_description.properties.find(named.name);
+            if (it == m_description.properties.end()) {
+                continue;
+            }
+            if (named.type == VT_LPWSTR) {
+                set.String(*named.key, Widen(it->second));
+            } else if (named.type == VT_UI4) {
+                set.UInt32(*named.key, std::stoul(it->second, nullptr, 0));
+            } else {
+                set.UInt64(*named.key, std::stoull(it->second, nullptr, 0));
+            }
+        }
+        break;
+    case ObjectKind::Storage: {
+        const StorageDescription& storage = m_description.storages[static_cast<size_t>(object.storage)];
+        set.String(WPD_OBJECT_NAME, object.name);
+        set.Guid(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT);
+        set.Guid(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
+        set.Guid(WPD_FUNCTIONAL_OBJECT_CATEGORY, WPD_FUNCTIONAL_CATEGORY_STORAGE);
+        set.String(WPD_STORAGE_DESCRIPTION, Widen(storage.description));
+        set.String(WPD_STORAGE_SERIAL_NUMBER, object.persistentUniqueId);
+        set.String(WPD_STORAGE_FILE_SYSTEM_TYPE, L"FAT32");
+        set.UInt32(WPD_STORAGE_TYPE, 3);               // WPD_STORAGE_TYPE_FIXED_RAM
+        set.UInt32(WPD_STORAGE_ACCESS_CAPABILITY, 0);  // read and write
+        ULARGE_INTEGER freeBytes{}, totalBytes{};
+        if (GetDiskFreeSpaceExW(object.path.c_str(), &freeBytes, &totalBytes, nullptr)) {
+            set.UInt64(WPD_STORAGE_CAPACITY, totalBytes.QuadPart);
+            set.UInt64(WPD_STORAGE_FREE_SPACE_IN_BYTES, freeBytes.QuadPart);
+        }
+        break;
+    }
+    case ObjectKind::Folder:
+    case ObjectKind::File: {
+        const bool folder = object.kind == ObjectKind::Folder;
+        set.String(WPD_OBJECT_NAME, object.name);
+        set.String(WPD_OBJECT_ORIGINAL_FILE_NAME, object.name);
+        set.Guid(WPD_OBJECT_CONTENT_TYPE, folder ? WPD_CONTENT_TYPE_FOLDER : WPD_CONTENT_TYPE_GENERIC_FILE);
+        set.Guid(WPD_OBJECT_FORMAT, folder ? WPD_OBJECT_FORMAT_PROPERTIES_ONLY : WPD_OBJECT_FORMAT_UNSPECIFIED);
+        set.Bool(WPD_OBJECT_ISHIDDEN, false);
+        set.Bool(WPD_OBJECT_ISSYSTEM, false);
+        if (!folder) {
+            set.UInt64(WPD_OBJECT_SIZE, object.size);
+        }
+        break;
+    }
+    }
+
+    // Requested keys the object lacks come back as VT_ERROR entries and make the call S_FALSE.
+    hr = S_OK;
+    DWORD count = 0;
+    if (keys == nullptr) {
+        all->GetCount(&count);
+        for (DWORD i = 0; i < count; ++i) {
+            PROPERTYKEY key{};
+            PROPVARIANT value;
+            PropVariantInit(&value);
+            all->GetAt(i, &key, &value);
+            values->SetValue(key, &value);
+            PropVariantClear(&value);
+        }
+    } else {
+        keys->GetCount(&count);
+        for (DWORD i = 0; i < count; ++i) {
+            PROPERTYKEY key{};
+            keys->GetAt(i, &key);
+            PROPVARIANT value;
+            PropVariantInit(&value);
+            if (SUCCEEDED(all->GetValue(key, &value))) {
+                values->SetValue(key, &value);
+            } else {
+                values->SetErrorValue(key, HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED));
+                hr = S_FALSE;
+            }
+            PropVariantClear(&value);
+        }
+    }
+    all->Release();
+    return hr;
+}
+
+std::wstring EmulatedDevice::Advise(IPortableDeviceEventCallback* callback, const void* session) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    wchar_t cookie[40];
+    swprintf(cookie, 40, L"{EMULATED-COOKIE-%u}", m_nextCookie++);
+    callback->AddRef();
+    m_subscriptions[cookie] = {callback, session};
+    return cookie;
+}
+
+bool EmulatedDevice::Unadvise(const std::wstring& cookie) {
+    IPortableDeviceEventCallback* callback = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const auto it = m_subscriptions.find(cookie);
+        if (it == m_subscriptions.end()) {
+            return false;
+        }
+        callback = it->second.callback;
+        m_subscriptions.erase(it);
+    }
+    callback->Release();
+    return true;
+}
+
+void EmulatedDevice::UnadviseSession(const void* session) {
+    std::vector<IPortableDeviceEventCallback*> released;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
+            if (it->second.session == session) {
+                released.push_back(it->second.callback);
+                it = m_subscriptions.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto* callback : released) {
+        callback->Release();
+    }
+}
+
+size_t EmulatedDevice::SubscriptionCount() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_subscriptions.size();
+}
+
+void EmulatedDevice::RaiseEvent(REFGUID event, const ObjectInfo* object) {
+    std::vector<IPortableDeviceEventCallback*> callbacks;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const auto& subscription : m_subscriptions) {
+            subscription.second.callback->AddRef();
+            callbacks.push_back(subscription.second.callback);
+        }
+    }
+    for (auto* callback : callbacks) {
+        // Each callback gets its own parameter set, as each client process does on Windows.
+        PortableDeviceValues* parameters = new (std::nothrow) PortableDeviceValues();
+        auto* delivery = parameters != nullptr ? new (std::nothrow) EventDelivery{callback, parameters} : nullptr;
+        if (delivery == nullptr) {
+            if (parameters != nullptr) {
+                parameters->Release();
+            }
+            callback->Release();
+            continue;
+        }
+        PropertySet set(parameters);
+        set.Guid(WPD_EVENT_PARAMETER_EVENT_ID, event);
+        set.String(WPD_EVENT_PARAMETER_PNP_DEVICE_ID, m_id);
+        if (object != nullptr) {
+            set.String(WPD_OBJECT_ID, object->id);
+            set.String(WPD_OBJECT_NAME, object->name);
+            set.String(WPD_OBJECT_PARENT_ID, object->parentId);
+            set.String(WPD_OBJECT_PERSISTENT_UNIQUE_ID, object->persistentUniqueId);
+            if (object->kind == ObjectKind::File || object->kind == ObjectKind::Folder) {
+                set.String(WPD_OBJECT_ORIGINAL_FILE_NAME, object->name);
+            }
+            set.Guid(WPD_OBJECT_CONTENT_TYPE, object->kind == ObjectKind::Folder ? WPD_CONTENT_TYPE_FOLDER
+                                              : object->kind == ObjectKind::File ? WPD_CONTENT_TYPE_GENERIC_FILE
+                                                                                 : WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT);
+        }
+        EmulatorState::Get().EventQueued();
+        if (!TrySubmitThreadpoolCallback(DeliverEvent, delivery, nullptr)) {
+            DeliverEvent(nullptr, delivery);
+        }
+    }
+}
+
+void EmulatedDevice::SessionOpened(const std::wstring& clientSummary) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    ++m_openSessions;
+    m_lastClient = clientSummary;
+}
+
+void EmulatedDevice::SessionClosed() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    --m_openSessions;
+}
+
+long EmulatedDevice::OpenSessions() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_openSessions;
+}
+
+std::wstring EmulatedDevice::LastClient() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_lastClient;
+}
+
+std::wstring EmulatedDevice::DevicePropertyText(const std::string& name) {
+    const auto it = m_description.registry.find(name);
+    return it == m_description.registry.end() ? std::wstring() : Widen(it->second);
+}
+
+// --- EmulatorState --------------------------------------------------------------------------------
+
+EmulatorState::EmulatorState() : m_eventsIdle(CreateEventW(nullptr, TRUE, TRUE, nullptr)) {}
+
+EmulatorState& EmulatorState::Get() {
+    static EmulatorState* state = new EmulatorState();  // lives until the process ends
+    return *state;
+}
+
+std::vector<std::shared_ptr<EmulatedDevice>> EmulatorState::Scan() {
+    std::vector<std::shared_ptr<EmulatedDevice>> present;
+    wchar_t directory[MAX_PATH] = {};
+    const DWORD length = GetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", directory, MAX_PATH);
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_errors.clear();
+    std::map<std::wstring, bool> seen;
+    if (length > 0 && length < MAX_PATH) {
+        WIN32_FIND_DATAW found{};
+        HANDLE search = FindFirstFileW((std::wstring(directory) + L"\\*.wpd").c_str(), &found);
+        std::vector<std::wstring> files;
+        if (search != INVALID_HANDLE_VALUE) {
+            do {
+                files.push_back(found.cFileName);
+            } while (FindNextFileW(search, &found));
+            FindClose(search);
+        }
+        std::sort(files.begin(), files.end());
+        for (const auto& file : files) {
+            const std::wstring path = std::wstring(directory) + L"\\" + file;
+            HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, 0, nullptr);
+            if (handle == INVALID_HANDLE_VALUE) {
+                continue;  // being written
+            }
+            std::string text;
+            char buffer[4096];
+            DWORD read = 0;
+            while (ReadFile(handle, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
+                text.append(buffer, read);
+            }
+            CloseHandle(handle);
+            ParseResult parsed = ParseDeviceDescription(text);
+            if (!parsed.errors.empty()) {
+                for (const auto& error : parsed.errors) {
+                    m_errors.push_back(file + L": " + Widen(error));
+                }
+                continue;
+            }
+            const std::wstring key = UpperCase(Widen(parsed.device.id));
+            seen[key] = true;
+            auto& device = m_devices[key];
+            if (!device || device->Removed()) {
+                device = std::make_shared<EmulatedDevice>(std::move(parsed.device), directory);
+            }
+            present.push_back(device);
+        }
+    }
+    for (auto& entry : m_devices) {
+        if (seen.find(entry.first) == seen.end()) {
+            entry.second->SetRemoved(true);
+        }
+    }
+    return present;
+}
+
+std::shared_ptr<EmulatedDevice> EmulatorState::Find(const std::wstring& id) {
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const auto it = m_devices.find(UpperCase(id));
+        if (it != m_devices.end()) {
+            return it->second;
+        }
+    }
+    Scan();
+    std::lock_guard<std::mutex> guard(m_lock);
+    const auto it = m_devices.find(UpperCase(id));
+    return it == m_devices.end() ? nullptr : it->second;
+}
+
+void EmulatorState::Reset() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_devices.clear();
+    m_errors.clear();
+}
+
+std::vector<std::wstring> EmulatorState::Errors() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_errors;
+}
+
+void EmulatorState::EventQueued() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_pendingEvents++ == 0) {
+        ResetEvent(m_eventsIdle);
+    }
+}
+
+void EmulatorState::EventDelivered() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (--m_pendingEvents == 0) {
+        SetEvent(m_eventsIdle);
+    }
+}
+
+bool EmulatorState::WaitForEvents(DWORD milliseconds) {
+    return WaitForSingleObject(m_eventsIdle, milliseconds) == WAIT_OBJECT_0;
+}
+
+}  // namespace dorwex::emulator

@@ -1,0 +1,130 @@
+// The emulated devices: what the description files say, the objects their storage directories hold,
+// the event subscriptions of open sessions, and the faults tests asked for.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "device/portable_device_api.h"
+#include "device_description.h"
+
+namespace dorwex::emulator {
+
+enum class ObjectKind { DeviceRoot, Storage, Folder, File };
+
+// One object of a device as the portable-device API shows it.
+struct ObjectInfo {
+    ObjectKind kind = ObjectKind::File;
+    std::wstring id;
+    std::wstring parentId;
+    std::wstring name;
+    std::wstring path;  // the backing file or directory (empty for the device root)
+    std::wstring persistentUniqueId;
+    ULONGLONG size = 0;
+    int storage = -1;  // index of the storage the object lives on
+};
+
+class EmulatedDevice {
+public:
+    EmulatedDevice(DeviceDescription description, std::wstring baseDirectory);
+
+    const std::wstring& Id() const { return m_id; }
+    const DeviceDescription& Description() const { return m_description; }
+    const std::wstring& Manufacturer() const { return m_manufacturer; }
+    const std::wstring& FriendlyName() const { return m_friendlyName; }
+    const std::wstring& DeviceDescriptionText() const { return m_descriptionText; }
+    bool Removed() const { return m_removed; }
+    void SetRemoved(bool removed) { m_removed = removed; }
+
+    // Counts the call and returns the failure a test asked for, or S_OK.
+    HRESULT Fault(const char* call);
+    ULONG CallCount(const std::string& call);
+
+    // Objects. Ids are stable for the life of the process.
+    HRESULT Lookup(const std::wstring& objectId, ObjectInfo& object_out);
+    std::vector<std::wstring> Children(const std::wstring& parentId);
+    // Properties of an object in PROPVARIANT form, appended to values (all of them when keys is null).
+    HRESULT ReadProperties(const std::wstring& objectId, IPortableDeviceKeyCollection* keys,
+                           IPortableDeviceValues* values);
+    // The id a path (inside the given storage) has or gets.
+    std::wstring IdForPath(int storage, const std::wstring& path);
+    void Forget(const std::wstring& objectId);
+
+    // Event subscriptions. Events go out on pool threads, as the real stack delivers them.
+    std::wstring Advise(IPortableDeviceEventCallback* callback, const void* session);
+    bool Unadvise(const std::wstring& cookie);
+    void UnadviseSession(const void* session);
+    size_t SubscriptionCount();
+    void RaiseEvent(REFGUID event, const ObjectInfo* object);
+
+    // Sessions and the client information the last Open carried.
+    void SessionOpened(const std::wstring& clientSummary);
+    void SessionClosed();
+    long OpenSessions();
+    std::wstring LastClient();
+
+    std::wstring DevicePropertyText(const std::string& name);
+    std::uint32_t ShortRead() const { return m_description.shortRead; }
+
+private:
+    std::wstring StoragePath(int storage) const;
+
+    DeviceDescription m_description;
+    std::wstring m_baseDirectory;
+    std::wstring m_id, m_manufacturer, m_friendlyName, m_descriptionText;
+    volatile bool m_removed = false;
+
+    std::mutex m_lock;
+    std::map<std::string, ULONG> m_calls;
+    std::map<std::string, std::int64_t> m_faultsUsed;
+    std::map<std::wstring, std::pair<int, std::wstring>> m_objects;  // id -> (storage, path)
+    std::map<std::wstring, std::wstring> m_ids;                      // lower-case path key -> id
+    unsigned m_nextObject = 1;
+    struct Subscription {
+        IPortableDeviceEventCallback* callback;
+        const void* session;
+    };
+    std::map<std::wstring, Subscription> m_subscriptions;
+    unsigned m_nextCookie = 1;
+    long m_openSessions = 0;
+    std::wstring m_lastClient;
+};
+
+// All emulated devices, read from the description files (*.wpd) in the directory that the environment
+// variable DORWEX_WPD_DEVICES names.
+class EmulatorState {
+public:
+    static EmulatorState& Get();
+
+    // Reads the directory again: new files add devices, known ids keep their state.
+    std::vector<std::shared_ptr<EmulatedDevice>> Scan();
+    std::shared_ptr<EmulatedDevice> Find(const std::wstring& id);
+    void Reset();
+    // Description files that could not be used, with the reason.
+    std::vector<std::wstring> Errors();
+
+    // Events queued to pool threads and not yet delivered.
+    void EventQueued();
+    void EventDelivered();
+    bool WaitForEvents(DWORD milliseconds);
+
+private:
+    EmulatorState();
+    std::mutex m_lock;
+    std::map<std::wstring, std::shared_ptr<EmulatedDevice>> m_devices;  // upper-case id -> device
+    std::vector<std::wstring> m_errors;
+    long m_pendingEvents = 0;
+    HANDLE m_eventsIdle;
+};
+
+std::wstring Widen(const std::string& text);
+std::string Narrow(const std::wstring& text);
+std::wstring UpperCase(std::wstring text);
+
+}  // namespace dorwex::emulator

@@ -1,0 +1,5 @@
+// The portable-device and hook GUIDs, instantiated once for the emulator.
+#include <initguid.h>
+
+#include "device/portable_device_api.h"
+#include "monitor/write_token_hook.h"

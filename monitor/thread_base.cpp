@@ -1,0 +1,208 @@
+#include "thread_base.h"
+
+#include "../wmi/module.h"
+#include "../wmi/trace.h"
+
+CDorWEXWMIThreadBase::CDorWEXWMIThreadBase(CDorWEXWMIWPDCore* pCore_in, WorkerEntry pWorkerEntry_in,
+                                           LONG longThreadType_in)
+    : m_pCore(pCore_in), m_longThreadType(longThreadType_in), m_pWorkerEntry(pWorkerEntry_in) {
+    Trace(L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase");
+}
+
+CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase() {
+    Trace(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+    // A derived destructor has run by now, so only the base part of stopping is left to do here.
+    if (IsRunning()) {
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        StopThreads();
+    }
+}
+
+void CDorWEXWMIThreadBase::StopThreads() {
+    SignalTerminate();
+    WaitForThreads(5000);
+    CloseThreadHandles();
+}
+
+bool CDorWEXWMIThreadBase::IsRunning() {
+    std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+    return m_HANDLEWait[kWorker] != nullptr || m_HANDLEMonitorThread != nullptr;
+}
+
+int CDorWEXWMIThreadBase::ManageThread(CDorWEXWMIWPDCore* pCore_in, int intAction_in) {
+    if (pCore_in != nullptr) {
+        m_pCore = pCore_in;
+    }
+    if (intAction_in == START) {
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, START");
+        if (IsRunning()) {
+            if (Stop() != 0) {
+                return 0;
+            }
+        }
+        if (g_longShuttingDown == 0 && StartMonitorThread()) {
+            switch (m_longThreadType) {
+            case THREAD_TYPE_WPD:
+                m_wstringThreadName = L"TheMonitorThreadForThreadWPD";
+                break;
+            case THREAD_TYPE_APPLE:
+                m_wstringThreadName = L"TheMonitorThreadForThreadApple";
+                break;
+            case THREAD_TYPE_BLACKBERRY:
+                m_wstringThreadName = L"TheMonitorThreadForThreadBlackBerry";
+                break;
+            default:
+                break;
+            }
+            Trace(L"CDorWEXWMIThreadBase::Start: %s\n", m_wstringThreadName.c_str());
+            ResumeThread(m_HANDLEMonitorThread);
+        }
+    } else if (intAction_in == STOP) {
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        Stop();
+    }
+    return 0;
+}
+
+bool CDorWEXWMIThreadBase::StartMonitorThread() {
+    // The terminate event exists before the monitor runs, so that a Stop right after START always has
+    // something to signal.
+    if (m_HANDLEWait[kTerminate] == nullptr) {
+        m_HANDLEWait[kTerminate] = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    }
+    // The monitor starts suspended so that its name is set before its first trace.
+    m_HANDLEMonitorThread = CreateThread(nullptr, 0, MonitorThreadEntry, this, CREATE_SUSPENDED, nullptr);
+    if (m_HANDLEMonitorThread == nullptr) {
+        return false;
+    }
+    return true;
+}
+
+DWORD WINAPI CDorWEXWMIThreadBase::MonitorThreadEntry(LPVOID pThis_in) {
+    const HRESULT l_HRESULTInit = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    try {
+        static_cast<CDorWEXWMIThreadBase*>(pThis_in)->TheMonitorThread2();
+    } catch (...) {
+        // Nothing may leave a thread: the job simply ends.
+    }
+    if (SUCCEEDED(l_HRESULTInit)) {
+        CoUninitialize();
+    }
+    return 0;
+}
+
+bool CDorWEXWMIThreadBase::ShouldEndMonitoring() const {
+    return g_longShuttingDown != 0;
+}
+
+void CDorWEXWMIThreadBase::TheMonitorThread2() {
+    Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - enter\n", m_wstringThreadName.c_str());
+    bool l_boolFirstPass = true;
+    DWORD l_dwordWait = WAIT_FAILED;
+    while (!ShouldEndMonitoring()) {
+        if (m_HANDLEWait[kTerminate] == nullptr) {
+            m_HANDLEWait[kTerminate] = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        }
+        if (l_boolFirstPass || l_dwordWait == WAIT_OBJECT_0) {
+            l_boolFirstPass = false;
+            // A worker that ended because it was told to stop is not started again.
+            if (WaitForSingleObject(m_HANDLEWait[kTerminate], 0) == WAIT_OBJECT_0) {
+                Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
+                      L"terminating.\n",
+                      m_wstringThreadName.c_str());
+                break;
+            }
+            Trace(L"CDorWEXWMIThreadBase::StartThread.\n");
+            {
+                std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+                m_HANDLEWait[kWorker] = CreateThread(nullptr, 0, m_pWorkerEntry, this, 0, nullptr);
+            }
+            if (m_HANDLEWait[kWorker] == nullptr && m_boolRestartFailed) {
+                Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s)- failed to start thread.\n",
+                      m_wstringThreadName.c_str());
+                if (WaitForSingleObject(m_HANDLEWait[kTerminate], 0) == WAIT_OBJECT_0) {
+                    break;
+                }
+                Sleep(15000);
+            }
+        }
+        HANDLE l_HANDLEWait[3];
+        {
+            std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+            l_HANDLEWait[0] = m_HANDLEWait[kWorker];
+            l_HANDLEWait[1] = m_HANDLEWait[kTerminate];
+            l_HANDLEWait[2] = m_HANDLEWait[kApplication];
+        }
+        l_dwordWait = WaitForMultipleObjectsEx(3, l_HANDLEWait, FALSE, INFINITE, FALSE);
+        if (l_dwordWait == WAIT_OBJECT_0) {
+            Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2  (%s) - handle 0 posted - thread I am watching "
+                  L"terminated.\n",
+                  m_wstringThreadName.c_str());
+            std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+            CloseHandle(m_HANDLEWait[kWorker]);
+            m_HANDLEWait[kWorker] = nullptr;
+        } else if (l_dwordWait == WAIT_OBJECT_0 + 1) {
+            Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
+                  L"terminating.\n",
+                  m_wstringThreadName.c_str());
+            break;
+        } else if (l_dwordWait == WAIT_OBJECT_0 + 2) {
+            Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 2 posted - calling "
+                  L"ProcessApplicationEvent.\n",
+                  m_wstringThreadName.c_str());
+            ProcessApplicationEvent();
+            // Reset only now: a signal that came while the handler ran is dropped with it.
+            ResetEvent(m_HANDLEWait[kApplication]);
+        } else if (l_dwordWait == WAIT_FAILED) {
+            // A worker that could not be created leaves a null handle, and the wait fails. Waiting on the
+            // terminate event alone keeps this from spinning until the next worker start is due.
+            if (WaitForSingleObject(m_HANDLEWait[kTerminate], 100) == WAIT_OBJECT_0) {
+                continue;
+            }
+            l_dwordWait = WAIT_OBJECT_0;  // try to start the worker again
+        }
+    }
+    Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - exiting.\n", m_wstringThreadName.c_str());
+}
+
+void CDorWEXWMIThreadBase::SignalTerminate() {
+    if (m_HANDLEWait[kTerminate] != nullptr) {
+        SetEvent(m_HANDLEWait[kTerminate]);
+    }
+}
+
+DWORD CDorWEXWMIThreadBase::WaitForThreads(DWORD ulongMilliseconds_in) {
+    if (m_HANDLEMonitorThread != nullptr && GetCurrentThreadId() != GetThreadId(m_HANDLEMonitorThread)) {
+        WaitForSingleObject(m_HANDLEMonitorThread, ulongMilliseconds_in);
+    }
+    HANDLE l_HANDLEWorker;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+        l_HANDLEWorker = m_HANDLEWait[kWorker];
+    }
+    if (l_HANDLEWorker == nullptr || GetCurrentThreadId() == GetThreadId(l_HANDLEWorker)) {
+        return WAIT_OBJECT_0;
+    }
+    return WaitForSingleObject(l_HANDLEWorker, ulongMilliseconds_in);
+}
+
+void CDorWEXWMIThreadBase::CloseThreadHandles() {
+    std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+    for (HANDLE* l_pHANDLE : {&m_HANDLEWait[kWorker], &m_HANDLEWait[kTerminate], &m_HANDLEMonitorThread}) {
+        if (*l_pHANDLE != nullptr) {
+            CloseHandle(*l_pHANDLE);
+            *l_pHANDLE = nullptr;
+        }
+    }
+}
+
+void CDorWEXWMIThreadBase::StopAndCloseApplicationEvent() {
+    if (IsRunning()) {
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        Stop();
+    }
+    if (m_HANDLEWait[kApplication] != nullptr) {
+        CloseHandle(m_HANDLEWait[kApplication]);
+        m_HANDLEWait[kApplication] = nullptr;
+    }
+}

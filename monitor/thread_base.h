@@ -1,0 +1,72 @@
+// A background job run as two threads: a monitor thread that starts the worker thread, restarts it when
+// it dies, hands application events to the derived class and ends on request; and the worker itself.
+#pragma once
+
+#include <windows.h>
+
+#include <mutex>
+#include <string>
+
+class CDorWEXWMIWPDCore;
+
+class CDorWEXWMIThreadBase {
+public:
+    enum { START = 1, STOP = 2 };
+    enum { THREAD_TYPE_WPD = 4, THREAD_TYPE_APPLE = 5, THREAD_TYPE_BLACKBERRY = 6 };
+    using WorkerEntry = DWORD(WINAPI*)(LPVOID pCDorWEXWMIThreadBase_in);
+
+    CDorWEXWMIThreadBase(CDorWEXWMIWPDCore* pCore_in, WorkerEntry pWorkerEntry_in, LONG longThreadType_in);
+    virtual ~CDorWEXWMIThreadBase();
+    CDorWEXWMIThreadBase(const CDorWEXWMIThreadBase&) = delete;
+    CDorWEXWMIThreadBase& operator=(const CDorWEXWMIThreadBase&) = delete;
+
+    // START or STOP; returns 0.
+    int ManageThread(CDorWEXWMIWPDCore* pCore_in, int intAction_in);
+    // Ends the worker and the monitor thread; returns 0.
+    virtual int Stop() = 0;
+    // Runs on the monitor thread each time the application event is signalled; returns 0.
+    virtual int ProcessApplicationEvent() = 0;
+
+    CDorWEXWMIWPDCore* GetOwner() const { return m_pCore; }
+    void SetOwner(CDorWEXWMIWPDCore* pCore_in) { m_pCore = pCore_in; }
+    HANDLE GetApplicationEvent() const { return m_HANDLEWait[kApplication]; }
+    HANDLE GetTerminateEvent() const { return m_HANDLEWait[kTerminate]; }
+    LONG GetThreadType() const { return m_longThreadType; }
+    const std::wstring& GetThreadName() const { return m_wstringThreadName; }
+    bool IsRunning();
+
+protected:
+    // The derived constructor creates the application event; the derived destructor closes it.
+    void SetApplicationEvent(HANDLE hApplicationEvent_in) { m_HANDLEWait[kApplication] = hApplicationEvent_in; }
+
+    // The pieces every Stop is made of.
+    void SignalTerminate();
+    // Waits for the monitor thread to leave its loop (so it restarts nothing), then for the worker, at most
+    // ulongMilliseconds_in each. Returns the worker wait's result.
+    DWORD WaitForThreads(DWORD ulongMilliseconds_in);
+    void CloseThreadHandles();
+    // All three in order, with the 5000 ms wait: the whole Stop of a processor without a window.
+    void StopThreads();
+    // What every derived destructor does first: Stop while its own Stop is still reachable, then close the
+    // application event.
+    void StopAndCloseApplicationEvent();
+
+private:
+    enum { kWorker = 0, kTerminate = 1, kApplication = 2 };
+
+    static DWORD WINAPI MonitorThreadEntry(LPVOID pThis_in);
+    void TheMonitorThread2();
+    bool StartMonitorThread();
+    bool ShouldEndMonitoring() const;
+
+    CDorWEXWMIWPDCore* m_pCore;
+    // Worker thread, terminate event, application event: one wait covers them in this order.
+    HANDLE m_HANDLEWait[3] = {nullptr, nullptr, nullptr};
+    LONG m_longThreadType;
+    HANDLE m_HANDLEMonitorThread = nullptr;
+    bool m_boolRestartFailed = false;  // retry path of a worker that cannot be started; never set
+    WorkerEntry m_pWorkerEntry;
+    std::wstring m_wstringThreadName;
+    // Guards the worker handle, which the monitor thread replaces while a stopping thread reads it.
+    std::mutex m_mutexHandles;
+};

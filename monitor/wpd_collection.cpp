@@ -1,0 +1,329 @@
+#include "wpd_collection.h"
+
+#include <cwchar>
+#include <cwctype>
+
+#include "../device/wpd_object.h"
+#include "../wmi/trace.h"
+#include "wpd_core.h"
+
+namespace {
+
+constexpr wchar_t kDisksNotMounted[] = L"The device has mounted but not its disks.";
+
+std::wstring UpperCase(const wchar_t* pwcharText_in) {
+    std::wstring l_wstringText(pwcharText_in);
+    for (auto& l_wchar : l_wstringText) {
+        l_wchar = static_cast<wchar_t>(std::towupper(l_wchar));
+    }
+    return l_wstringText;
+}
+
+bool NonEmpty(const wchar_t* pwcharText_in) {
+    return pwcharText_in != nullptr && pwcharText_in[0] != L'\0';
+}
+
+bool NonEmpty(const _bstr_t& bstr_t_in) {
+    return bstr_t_in.length() != 0;
+}
+
+// Case-blind equality of a member text with what the caller holds.
+bool SameText(const _bstr_t& bstr_t_in, const wchar_t* pwcharText_in) {
+    return _wcsicmp(bstr_t_in.length() == 0 ? L"" : static_cast<const wchar_t*>(bstr_t_in), pwcharText_in) == 0;
+}
+
+bool SameText(const std::wstring& wstring_in, const wchar_t* pwcharText_in) {
+    return _wcsicmp(wstring_in.c_str(), pwcharText_in) == 0;
+}
+
+const wchar_t* OrNull(const wchar_t* pwcharText_in) {
+    return pwcharText_in != nullptr ? pwcharText_in : L"NULL";
+}
+
+using Entry = std::pair<const std::wstring, CDorWEXWPDCollection::DevicePtr>;
+
+// The lookup strategies, each a test on one device for the identifiers the caller holds.
+bool MatchesDiskId(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    const CDorWEXWPDObjectInWin32& l_Win32 = entry_in.second->m_Win32;
+    return SameText(l_Win32.GetEntry(0).wstringInstanceId, pwcharId_in) ||
+           SameText(l_Win32.GetEntry(2).wstringInstanceId, pwcharId_in);
+}
+
+bool MatchesDiskNameAndDeviceId(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    const CDorWEXWPDObject& l_Device = *entry_in.second;
+    if (SameText(l_Device.m_bstr_tDisk1Name + l_Device.m_bstr_tDeviceId, pwcharId_in)) {
+        return true;
+    }
+    return NonEmpty(l_Device.m_bstr_tDisk2Name) &&
+           SameText(l_Device.m_bstr_tDisk2Name + l_Device.m_bstr_tDeviceId, pwcharId_in);
+}
+
+bool MatchesDevice(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    return SameText(entry_in.first, pwcharId_in) || SameText(entry_in.second->m_bstr_tDeviceObjectId, pwcharId_in);
+}
+
+bool MatchesSerialNumber(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    return NonEmpty(entry_in.second->m_bstr_tSerialNumber) &&
+           SameText(entry_in.second->m_bstr_tSerialNumber, pwcharId_in);
+}
+
+bool MatchesFriendlyName(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    return NonEmpty(entry_in.second->m_bstr_tFriendlyName) &&
+           SameText(entry_in.second->m_bstr_tFriendlyName, pwcharId_in);
+}
+
+bool MatchesDiskName(const Entry& entry_in, const wchar_t* pwcharDiskName_in) {
+    return SameText(entry_in.second->m_bstr_tDisk1Name, pwcharDiskName_in) ||
+           SameText(entry_in.second->m_bstr_tDisk2Name, pwcharDiskName_in);
+}
+
+bool MatchesBlackBerry(const Entry& entry_in, const wchar_t* pwcharId_in) {
+    const auto& l_pRecord = entry_in.second->m_pCompanionRecord;
+    const std::wstring* l_pServer = l_pRecord ? l_pRecord->Find(L"DHCPServer") : nullptr;
+    return l_pServer != nullptr && !l_pServer->empty() && wcsstr(pwcharId_in, l_pServer->c_str()) != nullptr;
+}
+
+}  // namespace
+
+CDorWEXWPDCollection::CDorWEXWPDCollection(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {
+    Trace(L"CDorWEXWPDCollection::CDorWEXWPDCollection");
+}
+
+CDorWEXWPDCollection::~CDorWEXWPDCollection() {
+    DeviceMap l_Devices;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+        l_Devices.swap(m_ActiveWpdDevicesMap);
+    }
+    for (auto& l_Entry : l_Devices) {
+        l_Entry.second->Terminate();
+    }
+}
+
+HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
+    Trace(L"CDorWEXWPDCollection::AddWPD enter.\n");
+    if (pwcharDeviceId_in == nullptr) {
+        return S_OK;
+    }
+    DevicePtr l_pDevice;
+    try {
+        l_pDevice = std::make_shared<CDorWEXWPDObject>(m_pCore);
+    } catch (const std::bad_alloc&) {
+        return S_OK;
+    }
+    const std::wstring l_wstringId = UpperCase(pwcharDeviceId_in);
+    Trace(L"CDorWEXWPDObject::Initialize enter %s.\n", l_wstringId.c_str());
+    const HRESULT l_HRESULT = l_pDevice->InitializeWPD(l_wstringId.c_str());
+    Trace(L"CDorWEXWPDCollection::AddWPD call to Initialize for %s HRESULT = 0x%08x.\n", l_wstringId.c_str(),
+          l_HRESULT);
+    if (FAILED(l_HRESULT)) {
+        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::LOGICALDISK) {
+            Trace(L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
+        }
+        l_pDevice->Terminate();
+        return l_HRESULT;
+    }
+
+    DevicePtr l_pReplaced;
+    bool l_boolSameSerialNumber = false;
+    bool l_boolInserted = false;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+        // A device already present with the same serial number is the same phone seen again.
+        if (NonEmpty(l_pDevice->m_bstr_tSerialNumber)) {
+            for (auto& l_Entry : m_ActiveWpdDevicesMap) {
+                if (MatchesSerialNumber(l_Entry, l_pDevice->m_bstr_tSerialNumber)) {
+                    l_boolSameSerialNumber = true;
+                    if (l_Entry.second->m_bstr_tExtraProperties.length() != 0 &&
+                        wcscmp(l_Entry.second->m_bstr_tExtraProperties, kDisksNotMounted) == 0) {
+                        l_pReplaced = l_Entry.second;
+                        l_Entry.second = l_pDevice;
+                    }
+                    break;
+                }
+            }
+        }
+        if (!l_boolSameSerialNumber) {
+            auto l_Inserted = m_ActiveWpdDevicesMap.emplace(l_wstringId, l_pDevice);
+            l_boolInserted = l_Inserted.second;
+        }
+    }
+    if (l_boolSameSerialNumber) {
+        Trace(L"CDorWEXWPDCollection::ProcessDiskMount");
+        if (l_pReplaced) {
+            l_pReplaced->Terminate();
+        } else {
+            l_pDevice->Terminate();  // not kept: its session and callback go with it
+        }
+        return S_OK;
+    }
+    if (!l_boolInserted) {
+        l_pDevice->Terminate();  // the same id twice: the first one stays
+        return S_OK;
+    }
+    Trace(L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.insert.\n");
+    SetDeviceTypeCounter(l_pDevice);
+    return l_HRESULT;
+}
+
+int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
+    Trace(L"CDorWEXWPDCollection::RemoveWPD");
+    if (pwcharDeviceId_in == nullptr) {
+        return 0;
+    }
+    DevicePtr l_pDevice;
+    bool l_boolStopApple = false;
+    bool l_boolStopBlackBerry = false;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+        const auto l_Found = m_ActiveWpdDevicesMap.find(UpperCase(pwcharDeviceId_in));
+        if (l_Found == m_ActiveWpdDevicesMap.end()) {
+            return 0;
+        }
+        l_pDevice = l_Found->second;
+        m_ActiveWpdDevicesMap.erase(l_Found);
+        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::APPLE) {
+            l_boolStopApple = m_longAppleCount-- == 1;
+        } else if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+            l_boolStopBlackBerry = m_longBlackBerryCount-- == 1;
+        }
+    }
+    l_pDevice->Terminate();
+    if (l_boolStopApple && m_pCore != nullptr) {
+        Trace(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
+        m_pCore->StopAppleMonitoring();
+    }
+    if (l_boolStopBlackBerry && m_pCore != nullptr) {
+        Trace(L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring...");
+        m_pCore->StopBlackBerryMonitoring();
+    }
+    // The object itself goes when the last holder lets go of it.
+    l_pDevice.reset();
+    Trace(L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.erase.\n");
+    return 0;
+}
+
+void CDorWEXWPDCollection::SetDeviceTypeCounter(const DevicePtr& pDevice_in) {
+    bool l_boolStartApple = false;
+    bool l_boolStartBlackBerry = false;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+        if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::APPLE) {
+            l_boolStartApple = ++m_longAppleCount == 1;
+        } else if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+            l_boolStartBlackBerry = ++m_longBlackBerryCount == 1;
+        }
+    }
+    if (l_boolStartApple && m_pCore != nullptr) {
+        Trace(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring...");
+        m_pCore->StartAppleMonitoring();
+    }
+    if (l_boolStartBlackBerry && m_pCore != nullptr) {
+        Trace(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring...");
+        m_pCore->StartBlackBerryMonitoring();
+    }
+}
+
+CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObjectById(const wchar_t* pwcharDeviceId_in) {
+    if (pwcharDeviceId_in == nullptr) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+    const auto l_Found = m_ActiveWpdDevicesMap.find(UpperCase(pwcharDeviceId_in));
+    return l_Found == m_ActiveWpdDevicesMap.end() ? nullptr : l_Found->second;
+}
+
+CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in,
+                                                                    const wchar_t* pwcharObjectStoragePath_in) {
+    Trace(L"CDorWEXWPDCollection::FindWPDObject for <%s> and <%s>\n", OrNull(pwcharDeviceOrDiskId_in),
+          OrNull(pwcharObjectStoragePath_in));
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+
+    if (m_ActiveWpdDevicesMap.size() == 1 && !NonEmpty(pwcharDeviceOrDiskId_in)) {
+        Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectCheckSingleDevice(1): DeviceOrDiskId=%s\n",
+              OrNull(pwcharDeviceOrDiskId_in));
+        return m_ActiveWpdDevicesMap.begin()->second;
+    }
+
+    // Strategies 2 to 6 look for the caller's id, each over every device in key order.
+    struct IdStrategy {
+        bool (*pMatches)(const Entry&, const wchar_t*);
+        const wchar_t* pwcharTrace;
+        bool boolTracesPath;
+    };
+    static const IdStrategy kIdStrategies[] = {
+        {MatchesDiskId, L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskId(2): DeviceOrDiskId=%s\n",
+         false},
+        {MatchesDiskNameAndDeviceId,
+         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskNameAndDeviceId(3): DeviceOrDiskId=%s\n", false},
+        {MatchesDevice, L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDevice(4): DeviceOrDiskId=%s\n",
+         false},
+        {MatchesSerialNumber,
+         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnSerialNumber(5): DeviceOrDiskId=%s\n", false},
+        // Traces the path although the match was on the id.
+        {MatchesFriendlyName,
+         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnFriendlyName(6): ObjectStoragePath=%s\n", true},
+    };
+    if (NonEmpty(pwcharDeviceOrDiskId_in)) {
+        for (const auto& l_Strategy : kIdStrategies) {
+            for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
+                if (l_Strategy.pMatches(l_Entry, pwcharDeviceOrDiskId_in)) {
+                    Trace(l_Strategy.pwcharTrace,
+                          l_Strategy.boolTracesPath ? OrNull(pwcharObjectStoragePath_in) : pwcharDeviceOrDiskId_in);
+                    return l_Entry.second;
+                }
+            }
+        }
+    }
+
+    if (NonEmpty(pwcharObjectStoragePath_in)) {
+        // The disk name is the path's first component.
+        std::wstring l_wstringDiskName(pwcharObjectStoragePath_in, wcsnlen(pwcharObjectStoragePath_in, MAX_PATH));
+        l_wstringDiskName = l_wstringDiskName.substr(0, l_wstringDiskName.find(L'\\'));
+        if (!l_wstringDiskName.empty()) {
+            for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
+                if (MatchesDiskName(l_Entry, l_wstringDiskName.c_str())) {
+                    Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskName(7): "
+                          L"ObjectStoragePath=%s\n",
+                          pwcharObjectStoragePath_in);
+                    return l_Entry.second;
+                }
+            }
+        }
+    }
+
+    if (pwcharDeviceOrDiskId_in != nullptr) {
+        for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
+            if (MatchesBlackBerry(l_Entry, pwcharDeviceOrDiskId_in)) {
+                Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=%s\n",
+                      OrNull(pwcharObjectStoragePath_in));
+                return l_Entry.second;
+            }
+        }
+    }
+
+    Trace(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=%s, "
+          L"ObjectStoragePath=%s\n",
+          pwcharDeviceOrDiskId_in, OrNull(pwcharObjectStoragePath_in));
+    return nullptr;
+}
+
+std::vector<std::pair<std::wstring, CDorWEXWPDCollection::DevicePtr>> CDorWEXWPDCollection::Snapshot() {
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+    return {m_ActiveWpdDevicesMap.begin(), m_ActiveWpdDevicesMap.end()};
+}
+
+size_t CDorWEXWPDCollection::Count() {
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+    return m_ActiveWpdDevicesMap.size();
+}
+
+LONG CDorWEXWPDCollection::GetAppleCount() {
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+    return m_longAppleCount;
+}
+
+LONG CDorWEXWPDCollection::GetBlackBerryCount() {
+    std::lock_guard<std::mutex> l_guard(m_mutexDevices);
+    return m_longBlackBerryCount;
+}

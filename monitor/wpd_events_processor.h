@@ -1,0 +1,43 @@
+// The WPD events processor: its worker owns the hidden window that receives device notifications; its
+// monitor thread handles what the window procedure hands over through the application event.
+#pragma once
+
+#include <windows.h>
+
+#include <mutex>
+
+#include "thread_base.h"
+
+class CDorWEXWMIWPDEventsListener;
+
+// Process-wide state shared by the listener's window procedure and the monitor thread.
+extern HANDLE g_HANDLEApplicationEvent;              // the WPD processor's application event
+extern volatile LONG g_longWindowClosing;            // set once the hidden window got WM_CLOSE or WM_DESTROY
+extern wchar_t g_wcharPendingDeviceName[512];        // interface name of the last notification
+extern volatile LONG g_longPendingDeviceOnline;      // 1 arrival, 0 removal
+
+class CDorWEXWMIThreadWPDEventsProcessor : public CDorWEXWMIThreadBase {
+public:
+    // Creates the application event (manual-reset, not signalled), also published process-wide.
+    explicit CDorWEXWMIThreadWPDEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
+    ~CDorWEXWMIThreadWPDEventsProcessor() override;
+
+    int Stop() override;
+    int ProcessApplicationEvent() override;
+
+    static DWORD WINAPI WorkerThreadWPDEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);
+
+    CDorWEXWMIWPDEventsListener* GetListener() const { return m_pListener; }
+
+    // The worker creates the window while holding this lock and only if no Stop has begun, so a Stop never
+    // misses a window that is about to appear.
+    std::unique_lock<std::mutex> LockListener() { return std::unique_lock<std::mutex>(m_mutexListener); }
+    bool IsStopping() const { return m_boolStopping; }
+
+private:
+    void ReplaceListener(CDorWEXWMIWPDEventsListener* pListener_in);
+
+    CDorWEXWMIWPDEventsListener* m_pListener = nullptr;
+    std::mutex m_mutexListener;
+    bool m_boolStopping = false;
+};

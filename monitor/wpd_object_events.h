@@ -1,0 +1,35 @@
+// The event callback one device object registers with its open WPD session.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+
+#include "../device/portable_device_api.h"
+
+class CDorWEXWMIWPDCore;
+class CDorWEXWPDObject;
+
+class CDorWEXWPDObjectEvents final : public IPortableDeviceEventCallback {
+public:
+    CDorWEXWPDObjectEvents(CDorWEXWMIWPDCore* pCore_in, CDorWEXWPDObject* pDevice_in);
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+    ULONG STDMETHODCALLTYPE AddRef() override;
+    ULONG STDMETHODCALLTYPE Release() override;
+    HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* pEventParameters_in) override;
+
+    // Advise on the session, keeping the cookie; a callback that holds a cookie is not registered again.
+    HRESULT Register(IPortableDevice* pIPortableDevice_in);
+    // Unadvise with the kept cookie, then free it; 0 when there was none.
+    HRESULT UnRegister(IPortableDevice* pIPortableDevice_in);
+    bool IsRegistered() const { return m_pwcharCookie != nullptr; }
+
+private:
+    ~CDorWEXWPDObjectEvents();
+
+    std::atomic<LONG> m_longRefCount{1};
+    CDorWEXWMIWPDCore* m_pCore;
+    CDorWEXWPDObject* m_pDevice;  // not owned
+    LPWSTR m_pwcharCookie = nullptr;
+};

@@ -1,0 +1,241 @@
+// A device object opening emulated devices: client information, manufacturer classes, properties,
+// storages, the storage retry and the failure paths.
+#include <gtest/gtest.h>
+
+#include "device/wpd_object.h"
+#include "support/test_trace_sink.h"
+#include "support/wpd_emulator.h"
+
+namespace {
+
+using Manufacturer = dorwex::Manufacturer;
+
+std::wstring Text(const _bstr_t& text) {
+    return text.length() == 0 ? std::wstring() : std::wstring(static_cast<const wchar_t*>(text));
+}
+
+class DeviceObject : public testing::Test {
+protected:
+    WpdEmulator emulator;
+};
+
+TEST_F(DeviceObject, OpensWithTheProviderClientInformationAndReadsTheIdentity) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#r58m", "SAMSUNG Electronics Co., Ltd.", "R58M", 2);
+    spec.categories = "storage, still_image_capture, sms";
+    emulator.Attach(spec);
+    TraceCapture trace(1);
+
+    CDorWEXWPDObject device(nullptr);
+    EXPECT_EQ(device.InitializeWPD(L"usb#vid_04e8#r58m"), S_OK);
+
+    wchar_t client[256] = {};
+    emulator.LastClient(L"usb#vid_04e8#r58m", client, 256);
+    EXPECT_STREQ(client, L"name=Win32ext_WPD_Provider;major=1;minor=0;revision=2;qos=131072");
+    EXPECT_EQ(device.m_eManufacturer, Manufacturer::ANDROID);
+    EXPECT_EQ(Text(device.m_bstr_tManufacturer), L"SAMSUNG Electronics Co., Ltd.");
+    EXPECT_EQ(Text(device.m_bstr_tDescription), L"SAMSUNG Electronics Co., Ltd.") << "the maker text, as reported";
+    EXPECT_EQ(Text(device.m_bstr_tFriendlyName), L"Phone of usb#vid_04e8#r58m");
+    EXPECT_EQ(Text(device.m_bstr_tDeviceObjectId), L"DEVICE");
+    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"R58M");
+    EXPECT_TRUE(device.m_bFunctionalCategoryStorage);
+    EXPECT_TRUE(device.m_bFunctionalCategoryStillImageCapture);
+    EXPECT_TRUE(device.m_bFunctionalCategorySMS);
+    EXPECT_FALSE(device.m_bFunctionalCategoryAudioCapture);
+    EXPECT_FALSE(device.m_bFunctionalCategoryRenderingInformation);
+    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1ObjectId), L"s10001");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1PersistentUniqueId), L"{PUID-R58M-1}");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1Description), L"Internal storage");
+    EXPECT_EQ(Text(device.m_bstr_tDisk2Name), L"Card");
+    EXPECT_EQ(Text(device.m_bstr_tDisk2ObjectId), L"s20001");
+    EXPECT_EQ(Text(device.m_bstr_tExtraProperties).find(L"s10001 Phone Internal storage FAT32 "), 0u);
+    EXPECT_NE(Text(device.m_bstr_tExtraProperties).find(L"\ns20001 Card SD card FAT32 "), std::wstring::npos);
+    EXPECT_EQ(emulator.Subscriptions(L"usb#vid_04e8#r58m"), 1) << "the event callback is registered";
+
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD called for usb#vid_04e8#r58m.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer got <SAMSUNG Electronics Co., Ltd.>\n."));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer is ANDROID.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer, 0: SAMSUNG Electronics Co., Ltd..\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_SERIAL_NUMBER=R58M.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_POWER_LEVEL=80.\n"));
+    EXPECT_TRUE(trace.Has(
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_NETWORK_IDENTIFIER=18446744073709551615.\n"));
+    // Keys the device does not report are skipped silently.
+    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_SYNC_PARTNER").empty());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties.Count: 11.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, 0\n"));
+
+    device.Terminate();
+    EXPECT_EQ(emulator.Subscriptions(L"usb#vid_04e8#r58m"), 0);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#vid_04e8#r58m"), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::Terminate"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::~CDorWEXWPDObjectEvents"));
+}
+
+TEST_F(DeviceObject, NullIdDoesNothing) {
+    CDorWEXWPDObject device(nullptr);
+    EXPECT_EQ(device.InitializeWPD(nullptr), S_OK);
+    EXPECT_EQ(device.m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(device.m_bstr_tDeviceId.length(), 0u);
+    EXPECT_FALSE(device.m_pIPortableDevice);
+    // Text members start empty, not null; the persistent unique ids start null.
+    EXPECT_NE(static_cast<const wchar_t*>(device.m_bstr_tDisk1Name), nullptr);
+    EXPECT_EQ(static_cast<const wchar_t*>(device.m_bstr_tDisk1PersistentUniqueId), nullptr);
+}
+
+struct MakerCase {
+    const char* maker;
+    Manufacturer manufacturer;
+    HRESULT result;
+    const wchar_t* classTrace;
+};
+
+TEST_F(DeviceObject, ManufacturerClassDecidesTheResult) {
+    const MakerCase cases[] = {
+        {"Apple Inc.", Manufacturer::APPLE, S_OK, L"CDorWEXWPDObject::GetManufacturer is APPLE.\n"},
+        {"HP Inc.", Manufacturer::WINDOWS, S_OK, L"CDorWEXWPDObject::GetManufacturer is WINDOWS.\n"},
+        {"Hewlett-Packard", Manufacturer::ANDROID, S_OK, L"CDorWEXWPDObject::GetManufacturer defaulting to ANDROID\n."},
+        {"Kingston", Manufacturer::LOGICALDISK, E_FAIL, L"CDorWEXWPDObject::GetManufacturer is LOGICALDISK.\n"},
+        {"  dl  ", Manufacturer::LOGICALDISK, E_FAIL, L"CDorWEXWPDObject::GetManufacturer is LOGICALDISK.\n"},
+        {"DLX", Manufacturer::ANDROID, S_OK, L"CDorWEXWPDObject::GetManufacturer defaulting to ANDROID\n."},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.maker);
+        const std::string id = "usb#maker" + std::to_string(n++);
+        emulator.Attach(PhoneSpec(id, c.maker, "SN" + std::to_string(n)));
+        TraceCapture trace(1);
+        CDorWEXWPDObject device(nullptr);
+        EXPECT_EQ(device.InitializeWPD(Wide(id).c_str()), c.result);
+        EXPECT_EQ(device.m_eManufacturer, c.manufacturer);
+        EXPECT_TRUE(trace.Has(c.classTrace));
+        if (c.manufacturer == Manufacturer::LOGICALDISK) {
+            // A storage stick: no callback, no categories.
+            EXPECT_EQ(emulator.Subscriptions(Wide(id).c_str()), 0);
+            EXPECT_EQ(emulator.CallCount(Wide(id).c_str(), "GetFunctionalCategories"), 0u);
+            EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD DeviceManufacturer is LOGICALDISK, HRESULT=80004005\n"));
+        }
+        if (c.manufacturer == Manufacturer::APPLE) {
+            EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Internal Storage");
+        }
+        device.Terminate();
+    }
+}
+
+TEST_F(DeviceObject, WindowsDeviceWithoutStorageNamesGetsPhoneAndAndroidGetsTheStatusText) {
+    EmulatedDeviceSpec windows = PhoneSpec("usb#lumia", "NOKIA", "L1");
+    windows.storages.clear();
+    windows.categories = "sms";
+    emulator.Attach(windows);
+    EmulatedDeviceSpec android = PhoneSpec("usb#pixel", "Google Android", "P1");
+    android.storages[0].name = "";
+    emulator.Attach(android);
+
+    CDorWEXWPDObject lumia(nullptr);
+    EXPECT_EQ(lumia.InitializeWPD(L"usb#lumia"), S_OK);
+    EXPECT_EQ(Text(lumia.m_bstr_tDisk1Name), L"Phone");
+
+    CDorWEXWPDObject pixel(nullptr);
+    EXPECT_EQ(pixel.InitializeWPD(L"usb#pixel"), S_OK);
+    EXPECT_EQ(Text(pixel.m_bstr_tExtraProperties), L"The device has mounted but not its disks.");
+    lumia.Terminate();
+    pixel.Terminate();
+}
+
+TEST_F(DeviceObject, EmptyMakerLeavesTheClassUnknown) {
+    emulator.Attach(PhoneSpec("usb#nomaker", "", "N1"));
+    TraceCapture trace(1);
+    CDorWEXWPDObject device(nullptr);
+    EXPECT_EQ(device.InitializeWPD(L"usb#nomaker"), S_OK);
+    EXPECT_EQ(device.m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer call toGetDeviceManufacturer failed, HRESULT=00000000, "
+                          L"l_DWORDManufacturer=0\n"));
+    device.Terminate();
+}
+
+TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
+    EmulatedDeviceSpec busy = PhoneSpec("usb#busy", "SAMSUNG", "B1");
+    busy.faultLines = {"GetFunctionalObjects = 0x800710D2"};
+    emulator.Attach(busy);
+    EmulatedDeviceSpec settling = PhoneSpec("usb#settling", "SAMSUNG", "B2");
+    settling.faultLines = {"GetFunctionalObjects = 0x800710D2 x 2"};
+    emulator.Attach(settling);
+    EmulatedDeviceSpec broken = PhoneSpec("usb#broken", "SAMSUNG", "B3");
+    broken.faultLines = {"GetFunctionalObjects = 0x80070005"};
+    emulator.Attach(broken);
+
+    TraceCapture trace(1);
+    CDorWEXWPDObject device(nullptr);
+    const DWORD start = GetTickCount();
+    EXPECT_EQ(device.InitializeWPD(L"usb#busy"), S_OK) << "an Android device initialises even so";
+    EXPECT_GE(GetTickCount() - start, 1900u) << "two pauses of 1000 ms between three attempts";
+    EXPECT_EQ(emulator.CallCount(L"usb#busy", "GetFunctionalObjects"), 3u);
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
+                                 L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: ")
+                  .size(),
+              3u);
+    EXPECT_EQ(device.m_bstr_tDisk1Name.length(), 0u);
+    device.Terminate();
+
+    CDorWEXWPDObject second(nullptr);
+    second.InitializeWPD(L"usb#settling");
+    EXPECT_EQ(emulator.CallCount(L"usb#settling", "GetFunctionalObjects"), 3u);
+    EXPECT_EQ(Text(second.m_bstr_tDisk1Name), L"Phone") << "the third attempt succeeded";
+    second.Terminate();
+
+    CDorWEXWPDObject third(nullptr);
+    third.InitializeWPD(L"usb#broken");
+    EXPECT_EQ(emulator.CallCount(L"usb#broken", "GetFunctionalObjects"), 1u) << "other failures are final";
+    third.Terminate();
+}
+
+TEST_F(DeviceObject, FailingCategoryAndStorageReadsAreTraced) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#odd", "SAMSUNG", "O1");
+    spec.storages.push_back({"!invalid", "", "", ""});
+    spec.faultLines = {"GetFunctionalCategories = 0x8007001F x 1"};
+    emulator.Attach(spec);
+    TraceCapture trace(1);
+    CDorWEXWPDObject first(nullptr);
+    first.InitializeWPD(L"usb#odd");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetFunctionalCategories: Failed to get functional categories from the "
+                          L"device, l_HRESULT = 0x8007001f\n"));
+    first.Terminate();
+
+    trace.Clear();
+    CDorWEXWPDObject second(nullptr);
+    second.InitializeWPD(L"usb#odd");
+    EXPECT_EQ(trace.Count(L"! Invalid functional object identifier found\n"), 1u);
+    EXPECT_EQ(Text(second.m_bstr_tDisk1Name), L"Phone");
+    second.Terminate();
+}
+
+TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
+    EmulatedDeviceSpec blackberry = PhoneSpec("usb#rim", "Research In Motion", "BB1");
+    blackberry.faultLines = {"Open = 0x80070005"};
+    blackberry.registryLines = {"BBPIN = 2A3B4C5D", "IMEI = 356938035643809", "DHCPServer = 169.254.0.1"};
+    emulator.Attach(blackberry);
+    EmulatedDeviceSpec locked = PhoneSpec("usb#locked", "SAMSUNG", "L2");
+    locked.faultLines = {"Open = 0x80070005"};
+    emulator.Attach(locked);
+
+    CDorWEXWPDObject device(nullptr);
+    EXPECT_EQ(device.InitializeWPD(L"usb#rim"), S_OK);
+    EXPECT_EQ(device.m_eManufacturer, Manufacturer::BLACKBERRY);
+    EXPECT_EQ(Text(device.m_bstr_tFriendlyName), L"BLACKBERRY_2A3B4C5D");
+    EXPECT_EQ(Text(device.m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(device.m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"356938035643809");
+    EXPECT_EQ(Text(device.m_bstr_tWPDSerialNumber), L"356938035643809");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"\\\\169.254.0.1\\media");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1ObjectId), L"s1001");
+    EXPECT_EQ(Text(device.m_bstr_tDisk1Description), L"Flash Memory");
+    EXPECT_TRUE(device.m_bFunctionalCategoryStorage);
+    device.Terminate();
+
+    CDorWEXWPDObject other(nullptr);
+    EXPECT_EQ(other.InitializeWPD(L"usb#locked"), static_cast<HRESULT>(0x80070005));
+    EXPECT_EQ(other.m_eManufacturer, Manufacturer::UNKNOWN);
+    other.Terminate();
+}
+
+}  // namespace
