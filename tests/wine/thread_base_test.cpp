@@ -1,0 +1,189 @@
+// The monitor/worker thread pair: restarts, START and STOP, shutdown, application events, and the WPD
+// processor's hidden window.
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "monitor/thread_base.h"
+#include "monitor/wpd_events_listener.h"
+#include "monitor/wpd_events_processor.h"
+#include "support/test_trace_sink.h"
+#include "wmi/module.h"
+
+namespace {
+
+bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 5000) {
+    const DWORD start = GetTickCount();
+    while (!condition()) {
+        if (GetTickCount() - start > milliseconds) {
+            return false;
+        }
+        Sleep(5);
+    }
+    return true;
+}
+
+// A processor whose worker dies twice before it stays up, and whose application handler can be held.
+class TestProcessor : public CDorWEXWMIThreadBase {
+public:
+    TestProcessor() : CDorWEXWMIThreadBase(nullptr, Worker, THREAD_TYPE_APPLE) {
+        SetApplicationEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    }
+    ~TestProcessor() override {
+        StopAndCloseApplicationEvent();
+        CloseHandle(m_release);
+        CloseHandle(m_entered);
+    }
+    int Stop() override {
+        ++stops;
+        StopThreads();
+        return 0;
+    }
+    int ProcessApplicationEvent() override {
+        ++handled;
+        SetEvent(m_entered);
+        WaitForSingleObject(m_release, 5000);
+        return 0;
+    }
+    static DWORD WINAPI Worker(LPVOID self) {
+        auto* processor = static_cast<TestProcessor*>(static_cast<CDorWEXWMIThreadBase*>(self));
+        if (++processor->workerStarts < 3) {
+            return 0;  // dies; the monitor starts another
+        }
+        WaitForSingleObject(processor->GetTerminateEvent(), INFINITE);
+        return 0;
+    }
+
+    std::atomic<int> workerStarts{0};
+    std::atomic<int> stops{0};
+    std::atomic<int> handled{0};
+    HANDLE m_entered = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    HANDLE m_release = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+};
+
+TEST(ThreadBase, DeadWorkerIsRestartedAndStopEndsBothThreads) {
+    TraceCapture trace(1);
+    TestProcessor processor;
+    EXPECT_EQ(processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadBase::Start: TheMonitorThreadForThreadApple\n"));
+    ASSERT_TRUE(WaitUntil([&] { return processor.workerStarts >= 3; }));
+    EXPECT_GE(trace.Count(L"CDorWEXWMIThreadBase::TheMonitorThread2  (TheMonitorThreadForThreadApple) - handle 0 "
+                          L"posted - thread I am watching terminated.\n"),
+              2u);
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::StartThread.\n"), 3u);
+
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+    EXPECT_FALSE(processor.IsRunning());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadApple) - exiting.\n"));
+    EXPECT_EQ(processor.workerStarts, 3) << "no worker is started after the stop";
+}
+
+TEST(ThreadBase, StartWhileRunningStopsFirst) {
+    TestProcessor processor;
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] { return processor.workerStarts >= 3; }));
+    EXPECT_EQ(processor.stops, 0);
+    processor.workerStarts = 2;  // the next worker stays up at once
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    EXPECT_EQ(processor.stops, 1);
+    EXPECT_TRUE(processor.IsRunning());
+    ASSERT_TRUE(WaitUntil([&] { return processor.workerStarts >= 3; }));
+}
+
+TEST(ThreadBase, StartWhileShuttingDownStartsNothing) {
+    TraceCapture trace(1);
+    TestProcessor processor;
+    InterlockedExchange(&g_longShuttingDown, 1);
+    EXPECT_EQ(processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START), 0);
+    InterlockedExchange(&g_longShuttingDown, 0);
+    EXPECT_FALSE(processor.IsRunning());
+    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWMIThreadBase::Start:").empty());
+    EXPECT_EQ(processor.workerStarts, 0);
+}
+
+TEST(ThreadBase, SignalDuringProcessApplicationEventIsLost) {
+    TraceCapture trace(1);
+    TestProcessor processor;
+    processor.workerStarts = 2;
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    SetEvent(processor.GetApplicationEvent());
+    ASSERT_EQ(WaitForSingleObject(processor.m_entered, 5000), WAIT_OBJECT_0);
+    SetEvent(processor.GetApplicationEvent());  // arrives while the handler runs
+    SetEvent(processor.m_release);
+    ASSERT_TRUE(WaitUntil([&] { return WaitForSingleObject(processor.GetApplicationEvent(), 0) == WAIT_TIMEOUT; }));
+    Sleep(200);
+    EXPECT_EQ(processor.handled, 1);
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadApple) - handle 2 "
+                          L"posted - calling ProcessApplicationEvent.\n"),
+              1u);
+
+    // A signal after the handler returned is handled again.
+    SetEvent(processor.GetApplicationEvent());
+    ASSERT_TRUE(WaitUntil([&] { return processor.handled == 2; }));
+}
+
+TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
+    TraceCapture trace(1);
+    InterlockedExchange(&g_longWindowClosing, 0);
+    CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] {
+        auto lock = processor.LockListener();
+        return processor.GetListener() != nullptr && processor.GetListener()->GetWindow() != nullptr;
+    }));
+    ASSERT_TRUE(WaitUntil([&] { return g_longWPDEventsThreadIsRunning == 1; }));
+    const HWND window = processor.GetListener()->GetWindow();
+    wchar_t className[64] = {};
+    GetClassNameW(window, className, 64);
+    EXPECT_STREQ(className, L"dorWEXWMIWPDHiddenWindowClass");
+    EXPECT_FALSE(IsWindowVisible(window));
+    // A device-change message of no interest is answered TRUE.
+    EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, 0x0018 /* DBT_CONFIGCHANGED */, 0), TRUE);
+
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+    EXPECT_FALSE(IsWindow(window));
+    EXPECT_EQ(g_longWindowClosing, 1);
+    EXPECT_EQ(g_longWPDEventsThreadIsRunning, 0);
+    const wchar_t* const inOrder[] = {
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_CLOSE",
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_DESTROY",
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, waiting for child "
+        L"thread to terminate...\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, child thread is "
+        L"terminated!!!!\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor exiting\n",
+    };
+    long previous = -1;
+    for (const wchar_t* line : inOrder) {
+        const long index = trace.IndexOf(line);
+        EXPECT_GT(index, previous) << std::string(line, line + wcslen(line));
+        previous = index;
+    }
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
+    EXPECT_FALSE(processor.IsRunning());
+
+    // It starts again after a stop.
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] {
+        auto lock = processor.LockListener();
+        return processor.GetListener() != nullptr && processor.GetListener()->GetWindow() != nullptr &&
+               IsWindow(processor.GetListener()->GetWindow());
+    }));
+}
+
+// Stopping right after starting, before the worker has made its window, must not leave a worker behind.
+TEST(WPDEventsProcessor, ImmediateStopLeavesNoWorker) {
+    for (int i = 0; i < 20; ++i) {
+        CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        const DWORD start = GetTickCount();
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        EXPECT_LT(GetTickCount() - start, 4000u) << "the worker ended without the 5 s time-out";
+        EXPECT_FALSE(processor.IsRunning());
+    }
+    EXPECT_TRUE(WaitUntil([] { return g_longWPDEventsThreadIsRunning == 0; }));
+}
+
+}  // namespace
