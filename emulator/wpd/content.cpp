@@ -85,17 +85,16 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
-        if (m_device->ShortRead() != 0) {
-            cb = std::min<ULONG>(cb, m_device->ShortRead());
-        }
+        // A short read hands out less than asked for without being at the end: S_OK, as a device does.
+        const ULONG asked = m_device->ShortRead() != 0 ? std::min<ULONG>(cb, m_device->ShortRead()) : cb;
         DWORD read = 0;
-        if (!ReadFile(m_file, pv, cb, &read, nullptr)) {
+        if (!ReadFile(m_file, pv, asked, &read, nullptr)) {
             return LastError();
         }
         if (pcbRead != nullptr) {
             *pcbRead = read;
         }
-        return read < cb ? S_FALSE : S_OK;
+        return read < asked ? S_FALSE : S_OK;
     }
 
     HRESULT STDMETHODCALLTYPE Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {

@@ -1,0 +1,86 @@
+#include "device_description.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using dorwex::emulator::ParseDeviceDescription;
+
+TEST(DeviceDescription, ReadsEverySection) {
+    const auto result = ParseDeviceDescription(
+        "\xEF\xBB\xBF# a phone\n"
+        "[device]\n"
+        "id = \\\\?\\usb#vid_04e8#r58m\r\n"
+        "manufacturer =  SAMSUNG Electronics  \n"
+        "friendly_name = Galaxy\n"
+        "categories = storage, sms,,still_image_capture\n"
+        "short_read = 7\n"
+        "WPD_DEVICE_SERIAL_NUMBER = R58M\n"
+        "[registry]\n"
+        "BBPIN = 2A3B\n"
+        "[storage]\n"
+        "object_id = s10001\n"
+        "name = Phone\n"
+        "directory = phone\n"
+        "[storage]\n"
+        "object_id = s20001\n"
+        "[fault]\n"
+        "Open = 0x80070005\n"
+        "GetFunctionalObjects = 0x800710D2 x 2\n");
+    ASSERT_TRUE(result.errors.empty()) << result.errors.front();
+    const auto& device = result.device;
+    EXPECT_EQ(device.id, "\\\\?\\usb#vid_04e8#r58m");
+    EXPECT_EQ(device.manufacturer, "SAMSUNG Electronics");
+    EXPECT_EQ(device.categories, (std::vector<std::string>{"storage", "sms", "still_image_capture"}));
+    EXPECT_EQ(device.shortRead, 7u);
+    EXPECT_EQ(device.properties.at("WPD_DEVICE_SERIAL_NUMBER"), "R58M");
+    EXPECT_EQ(device.registry.at("BBPIN"), "2A3B");
+    ASSERT_EQ(device.storages.size(), 2u);
+    EXPECT_EQ(device.storages[0].name, "Phone");
+    EXPECT_EQ(device.storages[0].directory, "phone");
+    EXPECT_EQ(device.storages[1].objectId, "s20001");
+    EXPECT_EQ(device.faults.at("Open").hresult, 0x80070005u);
+    EXPECT_EQ(device.faults.at("Open").count, -1);
+    EXPECT_EQ(device.faults.at("GetFunctionalObjects").hresult, 0x800710D2u);
+    EXPECT_EQ(device.faults.at("GetFunctionalObjects").count, 2);
+}
+
+TEST(DeviceDescription, ReportsWhatItCannotUse) {
+    struct Case {
+        const char* text;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"[device]\nmanufacturer = x\n", "the description has no device id"},
+        {"[device]\nid = a\n[gadget]\n", "line 3: unknown section [gadget]"},
+        {"[device]\nid = a\n[device\n", "line 3: unterminated section name"},
+        {"[device]\nid = a\nnonsense\n", "line 3: expected name = value"},
+        {"id = a\n", "line 1: entry outside a section"},
+        {"[device]\nid = a\ncolour = red\n", "line 3: unknown device entry colour"},
+        {"[device]\nid = a\nshort_read = -1\n", "line 3: short_read needs a positive byte count"},
+        {"[device]\nid = a\n[fault]\nOpen = often\n",
+         "line 4: fault Open needs an HRESULT, optionally followed by x COUNT"},
+        {"[device]\nid = a\n[fault]\nOpen = 0x1FFFFFFFF\n",
+         "line 4: fault Open needs an HRESULT, optionally followed by x COUNT"},
+        {"[device]\nid = a\n[storage]\nname = Phone\n", "storage 1 has no object_id"},
+    };
+    for (const auto& c : cases) {
+        const auto result = ParseDeviceDescription(c.text);
+        ASSERT_FALSE(result.errors.empty()) << c.text;
+        EXPECT_EQ(result.errors.front(), c.error) << c.text;
+    }
+}
+
+TEST(DeviceDescription, SurvivesArbitraryBytes) {
+    std::string text;
+    for (int i = 0; i < 4096; ++i) {
+        text.push_back(static_cast<char>((i * 7919) % 256));
+        if (i % 97 == 0) {
+            text += "\n[storage]\n=\n[fault]\nx=0x";
+        }
+    }
+    const auto result = ParseDeviceDescription(text);
+    EXPECT_FALSE(result.errors.empty());
+}
+
+}  // namespace

@@ -1,0 +1,242 @@
+// The emulated portable-device stack behaves as the real one where the provider depends on it: the
+// manager's size-query convention, object properties, streams, content changes and their events, and the
+// state after a device is removed.
+#include <gtest/gtest.h>
+
+#include <wrl/client.h>
+
+#include <mutex>
+#include <vector>
+
+#include "device/com_memory.h"
+#include "device/portable_device_api.h"
+#include "support/wpd_emulator.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+// Counts the events it receives, remembering the event id and object name of each.
+class RecordingCallback : public IPortableDeviceEventCallback {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
+            *ppv = this;
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* parameters) override {
+        GUID event{};
+        parameters->GetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, &event);
+        CoTaskString name;
+        parameters->GetStringValue(WPD_OBJECT_NAME, &name);
+        std::lock_guard<std::mutex> guard(lock);
+        events.emplace_back(event, name.Get() != nullptr ? name.Get() : L"");
+        return S_OK;
+    }
+    std::atomic<ULONG> refs{1};
+    std::mutex lock;
+    std::vector<std::pair<GUID, std::wstring>> events;
+};
+
+class Emulator : public testing::Test {
+protected:
+    void SetUp() override {
+        spec = PhoneSpec("usb#emu", "Acme", "E1");
+        emulator.Attach(spec);
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&device)), S_OK);
+        ComPtr<IPortableDeviceValues> client;
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)),
+                  S_OK);
+        ASSERT_EQ(device->Open(L"usb#emu", client.Get()), S_OK);
+        ASSERT_EQ(device->Content(&content), S_OK);
+    }
+
+    std::wstring Child(const wchar_t* parent, const wchar_t* name) {
+        ComPtr<IEnumPortableDeviceObjectIDs> ids;
+        EXPECT_EQ(content->EnumObjects(0, parent, nullptr, &ids), S_OK);
+        ComPtr<IPortableDeviceProperties> properties;
+        content->Properties(&properties);
+        LPWSTR id = nullptr;
+        ULONG fetched = 0;
+        std::wstring result;
+        while (ids && ids->Next(1, &id, &fetched) == S_OK && fetched == 1) {
+            ComPtr<IPortableDeviceValues> values;
+            properties->GetValues(id, nullptr, &values);
+            CoTaskString objectName;
+            if (values && SUCCEEDED(values->GetStringValue(WPD_OBJECT_NAME, &objectName)) &&
+                wcscmp(objectName.Get(), name) == 0) {
+                result = id;
+            }
+            CoTaskMemFree(id);
+        }
+        return result;
+    }
+
+    WpdEmulator emulator;
+    EmulatedDeviceSpec spec;
+    ComPtr<IPortableDevice> device;
+    ComPtr<IPortableDeviceContent> content;
+};
+
+TEST_F(Emulator, ManagerAnswersWithTheSizeQueryConvention) {
+    ComPtr<IPortableDeviceManager> manager;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager)), S_OK);
+    DWORD count = 0;
+    ASSERT_EQ(manager->GetDevices(nullptr, &count), S_OK);
+    EXPECT_EQ(count, 1u);
+    DWORD length = 0;
+    EXPECT_EQ(manager->GetDeviceManufacturer(L"usb#emu", nullptr, &length), S_OK);
+    EXPECT_EQ(length, 5u) << "characters with the terminator";
+    wchar_t shortBuffer[2];
+    length = 2;
+    EXPECT_EQ(manager->GetDeviceManufacturer(L"usb#emu", shortBuffer, &length),
+              HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER));
+    wchar_t maker[16];
+    length = 16;
+    EXPECT_EQ(manager->GetDeviceManufacturer(L"USB#EMU", maker, &length), S_OK);
+    EXPECT_STREQ(maker, L"Acme");
+
+    // A device attached later appears after a refresh.
+    emulator.Attach(PhoneSpec("usb#later", "Acme", "E2"));
+    manager->GetDevices(nullptr, &count);
+    EXPECT_EQ(count, 1u);
+    manager->RefreshDeviceList();
+    manager->GetDevices(nullptr, &count);
+    EXPECT_EQ(count, 2u);
+}
+
+TEST_F(Emulator, StreamsReadFilesAndHonourShortReads) {
+    emulator.WriteFile(emulator.StorageDirectory(spec, 0) + L"\\a.txt", "0123456789");
+    const std::wstring file = Child(L"s10001", L"a.txt");
+    ASSERT_FALSE(file.empty());
+    ComPtr<IPortableDeviceProperties> properties;
+    content->Properties(&properties);
+    ComPtr<IPortableDeviceValues> values;
+    ASSERT_EQ(properties->GetValues(file.c_str(), nullptr, &values), S_OK);
+    ULONGLONG size = 0;
+    EXPECT_EQ(values->GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &size), S_OK);
+    EXPECT_EQ(size, 10u);
+    CoTaskString parent;
+    values->GetStringValue(WPD_OBJECT_PARENT_ID, &parent);
+    EXPECT_STREQ(parent.Get(), L"s10001");
+    EXPECT_EQ(Child(L"s10001", L"a.txt"), file) << "ids are stable";
+
+    ComPtr<IPortableDeviceResources> resources;
+    content->Transfer(&resources);
+    ComPtr<IStream> stream;
+    DWORD optimal = 0;
+    ASSERT_EQ(resources->GetStream(file.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, &optimal, &stream), S_OK);
+    EXPECT_GT(optimal, 0u);
+    char buffer[32] = {};
+    ULONG read = 0;
+    EXPECT_EQ(stream->Read(buffer, sizeof buffer, &read), S_FALSE);
+    EXPECT_EQ(std::string(buffer, read), "0123456789");
+
+    // A device that hands out at most four bytes per read.
+    EmulatedDeviceSpec slow = PhoneSpec("usb#slow", "Acme", "E3");
+    slow.deviceLines.push_back("short_read = 4");
+    emulator.Attach(slow);
+    emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\c.txt", "0123456789");
+    ComPtr<IPortableDevice> slowDevice;
+    CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&slowDevice));
+    ComPtr<IPortableDeviceValues> client;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client));
+    ASSERT_EQ(slowDevice->Open(L"usb#slow", client.Get()), S_OK);
+    content.Reset();
+    slowDevice->Content(&content);
+    const std::wstring slowFile = Child(L"s10001", L"c.txt");
+    content->Transfer(&resources);
+    ASSERT_EQ(resources->GetStream(slowFile.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, &optimal, &stream), S_OK);
+    EXPECT_EQ(stream->Read(buffer, sizeof buffer, &read), S_OK) << "short, but not at the end";
+    EXPECT_EQ(read, 4u);
+}
+
+TEST_F(Emulator, ContentChangesRaiseEventsAndFoldersNeedRecursionToGo) {
+    RecordingCallback callback;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(device->Advise(0, &callback, nullptr, &cookie), S_OK);
+
+    ComPtr<IPortableDeviceValues> folder;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&folder));
+    folder->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    folder->SetStringValue(WPD_OBJECT_NAME, L"DCIM");
+    folder->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+    CoTaskString folderId;
+    ASSERT_EQ(content->CreateObjectWithPropertiesOnly(folder.Get(), &folderId), S_OK);
+
+    ComPtr<IPortableDeviceValues> file;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&file));
+    file->SetStringValue(WPD_OBJECT_PARENT_ID, folderId.Get());
+    file->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, L"b.jpg");
+    ComPtr<IStream> data;
+    DWORD optimal = 0;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(file.Get(), &data, &optimal, nullptr), S_OK);
+    EXPECT_TRUE(Child(folderId.Get(), L"b.jpg").empty()) << "not there before Commit";
+    ULONG written = 0;
+    data->Write("jpeg", 4, &written);
+    ASSERT_EQ(data->Commit(STGC_DEFAULT), S_OK);
+    ComPtr<IPortableDeviceDataStream> dataStream;
+    ASSERT_EQ(data.As(&dataStream), S_OK);
+    CoTaskString fileId;
+    ASSERT_EQ(dataStream->GetObjectID(&fileId), S_OK);
+    EXPECT_EQ(Child(folderId.Get(), L"b.jpg"), fileId.Get());
+
+    ComPtr<IPortableDevicePropVariantCollection> ids;
+    CoCreateInstance(CLSID_PortableDevicePropVariantCollection, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&ids));
+    PROPVARIANT id;
+    PropVariantInit(&id);
+    id.vt = VT_LPWSTR;
+    id.pwszVal = const_cast<LPWSTR>(folderId.Get());
+    ids->Add(&id);
+    ComPtr<IPortableDevicePropVariantCollection> results;
+    EXPECT_EQ(content->Delete(PORTABLE_DEVICE_DELETE_NO_RECURSION, ids.Get(), &results), S_FALSE);
+    PropVariant result;
+    results->GetAt(0, &result);
+    EXPECT_EQ(result.Get().scode, HRESULT_FROM_WIN32(ERROR_DIR_NOT_EMPTY));
+    EXPECT_EQ(content->Delete(PORTABLE_DEVICE_DELETE_WITH_RECURSION, ids.Get(), nullptr), S_OK);
+
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    std::lock_guard<std::mutex> guard(callback.lock);
+    ASSERT_EQ(callback.events.size(), 3u);
+    EXPECT_EQ(callback.events[0], std::make_pair(WPD_EVENT_OBJECT_ADDED, std::wstring(L"DCIM")));
+    EXPECT_EQ(callback.events[1], std::make_pair(WPD_EVENT_OBJECT_ADDED, std::wstring(L"b.jpg")));
+    EXPECT_EQ(callback.events[2], std::make_pair(WPD_EVENT_OBJECT_REMOVED, std::wstring(L"DCIM")));
+    EXPECT_EQ(device->Unadvise(cookie), S_OK);
+    CoTaskMemFree(cookie);
+    EXPECT_EQ(callback.refs, 1u) << "the stack let go of the callback";
+}
+
+TEST_F(Emulator, RemovedDeviceRaisesItsEventAndRefusesFurtherCalls) {
+    RecordingCallback callback;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(device->Advise(0, &callback, nullptr, &cookie), S_OK);
+    emulator.Detach(spec);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    {
+        std::lock_guard<std::mutex> guard(callback.lock);
+        ASSERT_EQ(callback.events.size(), 1u);
+        EXPECT_EQ(callback.events[0].first, WPD_EVENT_DEVICE_REMOVED);
+    }
+    ComPtr<IPortableDeviceCapabilities> capabilities;
+    EXPECT_EQ(device->Capabilities(&capabilities), HRESULT_FROM_WIN32(ERROR_DEVICE_NOT_CONNECTED));
+    ComPtr<IEnumPortableDeviceObjectIDs> ids;
+    EXPECT_EQ(content->EnumObjects(0, L"DEVICE", nullptr, &ids), HRESULT_FROM_WIN32(ERROR_DEVICE_NOT_CONNECTED));
+    device->Close();
+    CoTaskMemFree(cookie);
+    EXPECT_EQ(callback.refs, 1u) << "Close dropped the subscription";
+}
+
+TEST(EmulatorDescriptions, BrokenFilesAreReportedNotLoaded) {
+    WpdEmulator emulator;
+    emulator.WriteFile(emulator.Directory() + L"\\broken.wpd", "[device]\nmanufacturer = nobody\n");
+    EXPECT_EQ(emulator.Rescan(), 0u);
+    EXPECT_NE(emulator.Errors().find(L"broken.wpd: the description has no device id"), std::wstring::npos);
+}
+
+}  // namespace
