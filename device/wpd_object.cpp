@@ -49,6 +49,10 @@ CDorWEXWPDObject::CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_
 
 CDorWEXWPDObject::~CDorWEXWPDObject() {
     Trace(L"CDorWEXWPDObject::~CDorWEXWPDObject");
+    ReleaseEvents();
+}
+
+void CDorWEXWPDObject::ReleaseEvents() {
     if (m_pEvents != nullptr) {
         m_pEvents->UnRegister(m_pIPortableDevice.Get());
         m_pEvents->Release();
@@ -161,20 +165,21 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
 
 void CDorWEXWPDObject::FinalizeSerialNumbersToUse() {
     // A serial number the Plug and Play view knows wins over what WPD reported; an empty one never does.
-    if (!m_Win32.GetDeviceSerialNumber().empty()) {
-        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber before:%s\n",
-              static_cast<const wchar_t*>(m_bstr_tWPDSerialNumber));
-        m_bstr_tWPDSerialNumber = m_Win32.GetDeviceSerialNumber().c_str();
-        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber after:%s\n",
-              static_cast<const wchar_t*>(m_bstr_tWPDSerialNumber));
-    }
-    if (!m_Win32.GetUSBSerialNumber().empty()) {
-        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber before:%s\n",
-              static_cast<const wchar_t*>(m_bstr_tUSBSerialNumber));
-        m_bstr_tUSBSerialNumber = m_Win32.GetUSBSerialNumber().c_str();
-        Trace(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n",
-              static_cast<const wchar_t*>(m_bstr_tUSBSerialNumber));
-    }
+    const auto l_Replace = [](const std::wstring& wstringFromView_in, _bstr_t& bstr_tSerialNumber_io,
+                              const wchar_t* pwcharBefore_in, const wchar_t* pwcharAfter_in) {
+        if (wstringFromView_in.empty()) {
+            return;
+        }
+        Trace(pwcharBefore_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
+        bstr_tSerialNumber_io = wstringFromView_in.c_str();
+        Trace(pwcharAfter_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
+    };
+    l_Replace(m_Win32.GetDeviceSerialNumber(), m_bstr_tWPDSerialNumber,
+              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber before:%s\n",
+              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber after:%s\n");
+    l_Replace(m_Win32.GetUSBSerialNumber(), m_bstr_tUSBSerialNumber,
+              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber before:%s\n",
+              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n");
 }
 
 // An Apple device shows one storage under a fixed name. Its further identity (serial number, Bluetooth,
@@ -228,11 +233,7 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
 
 void CDorWEXWPDObject::Terminate() {
     Trace(L"CDorWEXWPDObject::Terminate");
-    if (m_pEvents != nullptr) {
-        m_pEvents->UnRegister(m_pIPortableDevice.Get());
-        m_pEvents->Release();
-        m_pEvents = nullptr;
-    }
+    ReleaseEvents();
     if (m_pIPortableDevice) {
         m_pIPortableDevice->Close();
     }

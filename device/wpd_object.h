@@ -75,6 +75,7 @@ public:
 
 private:
     void SetClientInformation();
+    void ReleaseEvents();
     // One storage's properties into the Disk1 or Disk2 members (index 0 or 1) and the summary text.
     void ReadStorage(IPortableDeviceProperties* pIPortableDeviceProperties_in,
                      IPortableDeviceKeyCollection* pIPortableDeviceKeyCollection_in, const wchar_t* pwcharObjectId_in,

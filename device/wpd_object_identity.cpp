@@ -364,16 +364,25 @@ void CDorWEXWPDObject::ReadStorage(IPortableDeviceProperties* pIPortableDevicePr
     ULONGLONG l_ulonglongCapacity = 0;
     l_pValues->GetUnsignedLargeIntegerValue(WPD_STORAGE_CAPACITY, &l_ulonglongCapacity);
 
-    if (intStorageIndex_in == 0) {
-        m_bstr_tDisk1Name = l_bstr_tName;
-        m_bstr_tDisk1ObjectId = l_bstr_tObjectId.length() != 0 ? l_bstr_tObjectId : _bstr_t(pwcharObjectId_in);
-        m_bstr_tDisk1PersistentUniqueId = l_bstr_tPersistentUniqueId;
-        m_bstr_tDisk1Description = l_bstr_tDescription;
-    } else if (intStorageIndex_in == 1) {
-        m_bstr_tDisk2Name = l_bstr_tName;
-        m_bstr_tDisk2ObjectId = l_bstr_tObjectId.length() != 0 ? l_bstr_tObjectId : _bstr_t(pwcharObjectId_in);
-        m_bstr_tDisk2PersistentUniqueId = l_bstr_tPersistentUniqueId;
-        m_bstr_tDisk2Description = l_bstr_tDescription;
+    // The first two storages are the device's disks.
+    struct DiskMembers {
+        _bstr_t CDorWEXWPDObject::*pName;
+        _bstr_t CDorWEXWPDObject::*pObjectId;
+        _bstr_t CDorWEXWPDObject::*pPersistentUniqueId;
+        _bstr_t CDorWEXWPDObject::*pDescription;
+    };
+    static const DiskMembers kDisks[] = {
+        {&CDorWEXWPDObject::m_bstr_tDisk1Name, &CDorWEXWPDObject::m_bstr_tDisk1ObjectId,
+         &CDorWEXWPDObject::m_bstr_tDisk1PersistentUniqueId, &CDorWEXWPDObject::m_bstr_tDisk1Description},
+        {&CDorWEXWPDObject::m_bstr_tDisk2Name, &CDorWEXWPDObject::m_bstr_tDisk2ObjectId,
+         &CDorWEXWPDObject::m_bstr_tDisk2PersistentUniqueId, &CDorWEXWPDObject::m_bstr_tDisk2Description},
+    };
+    if (intStorageIndex_in < 2) {
+        const DiskMembers& l_Disk = kDisks[intStorageIndex_in];
+        this->*l_Disk.pName = l_bstr_tName;
+        this->*l_Disk.pObjectId = l_bstr_tObjectId.length() != 0 ? l_bstr_tObjectId : _bstr_t(pwcharObjectId_in);
+        this->*l_Disk.pPersistentUniqueId = l_bstr_tPersistentUniqueId;
+        this->*l_Disk.pDescription = l_bstr_tDescription;
     }
     // Object id, name, description, file system and capacity of every storage, one line each.
     wchar_t l_wcharSummary[1024];

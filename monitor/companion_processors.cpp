@@ -2,33 +2,33 @@
 
 #include "../wmi/trace.h"
 
-namespace {
-
-// A companion worker without its pipe server waits for the processor's stop.
-void WaitForTerminate(LPVOID pCDorWEXWMIThreadBase_in) {
-    auto* l_pProcessor = static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in);
-    WaitForSingleObject(l_pProcessor->GetTerminateEvent(), INFINITE);
-}
-
-}  // namespace
-
-CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
-    : CDorWEXWMIThreadBase(pCore_in, WorkerThreadAppleEventsProcessor, THREAD_TYPE_APPLE) {
+CDorWEXWMIThreadCompanionProcessor::CDorWEXWMIThreadCompanionProcessor(CDorWEXWMIWPDCore* pCore_in,
+                                                                       WorkerEntry pWorkerEntry_in,
+                                                                       LONG longThreadType_in)
+    : CDorWEXWMIThreadBase(pCore_in, pWorkerEntry_in, longThreadType_in) {
     SetApplicationEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
 }
 
-CDorWEXWMIThreadAppleEventsProcessor::~CDorWEXWMIThreadAppleEventsProcessor() {
+CDorWEXWMIThreadCompanionProcessor::~CDorWEXWMIThreadCompanionProcessor() {
     StopAndCloseApplicationEvent();
 }
 
-int CDorWEXWMIThreadAppleEventsProcessor::Stop() {
+int CDorWEXWMIThreadCompanionProcessor::Stop() {
     StopThreads();
     return 0;
 }
 
-int CDorWEXWMIThreadAppleEventsProcessor::ProcessApplicationEvent() {
+int CDorWEXWMIThreadCompanionProcessor::ProcessApplicationEvent() {
     return 0;
 }
+
+void CDorWEXWMIThreadCompanionProcessor::WaitForTerminate(LPVOID pCDorWEXWMIThreadBase_in) {
+    auto* l_pProcessor = static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in);
+    WaitForSingleObject(l_pProcessor->GetTerminateEvent(), INFINITE);
+}
+
+CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
+    : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadAppleEventsProcessor, THREAD_TYPE_APPLE) {}
 
 DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in) {
     Trace(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor");
@@ -37,22 +37,7 @@ DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProces
 }
 
 CDorWEXWMIThreadBlackBerryEventsProcessor::CDorWEXWMIThreadBlackBerryEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
-    : CDorWEXWMIThreadBase(pCore_in, WorkerThreadBlackBerryEventsProcessor, THREAD_TYPE_BLACKBERRY) {
-    SetApplicationEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-}
-
-CDorWEXWMIThreadBlackBerryEventsProcessor::~CDorWEXWMIThreadBlackBerryEventsProcessor() {
-    StopAndCloseApplicationEvent();
-}
-
-int CDorWEXWMIThreadBlackBerryEventsProcessor::Stop() {
-    StopThreads();
-    return 0;
-}
-
-int CDorWEXWMIThreadBlackBerryEventsProcessor::ProcessApplicationEvent() {
-    return 0;
-}
+    : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadBlackBerryEventsProcessor, THREAD_TYPE_BLACKBERRY) {}
 
 DWORD WINAPI CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor(
     LPVOID pCDorWEXWMIThreadBase_in) {

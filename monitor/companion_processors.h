@@ -5,20 +5,28 @@
 
 #include "thread_base.h"
 
-class CDorWEXWMIThreadAppleEventsProcessor : public CDorWEXWMIThreadBase {
+// What the two companion processors have in common.
+class CDorWEXWMIThreadCompanionProcessor : public CDorWEXWMIThreadBase {
 public:
-    explicit CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
-    ~CDorWEXWMIThreadAppleEventsProcessor() override;
+    CDorWEXWMIThreadCompanionProcessor(CDorWEXWMIWPDCore* pCore_in, WorkerEntry pWorkerEntry_in,
+                                       LONG longThreadType_in);
+    ~CDorWEXWMIThreadCompanionProcessor() override;
     int Stop() override;
     int ProcessApplicationEvent() override;
+
+protected:
+    // The body of a worker without its pipe server.
+    static void WaitForTerminate(LPVOID pCDorWEXWMIThreadBase_in);
+};
+
+class CDorWEXWMIThreadAppleEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {
+public:
+    explicit CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
     static DWORD WINAPI WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);
 };
 
-class CDorWEXWMIThreadBlackBerryEventsProcessor : public CDorWEXWMIThreadBase {
+class CDorWEXWMIThreadBlackBerryEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {
 public:
     explicit CDorWEXWMIThreadBlackBerryEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
-    ~CDorWEXWMIThreadBlackBerryEventsProcessor() override;
-    int Stop() override;
-    int ProcessApplicationEvent() override;
     static DWORD WINAPI WorkerThreadBlackBerryEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);
 };

@@ -19,11 +19,15 @@ CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner
     m_pCollection = std::make_unique<CDorWEXWPDCollection>(this);
 }
 
-// The WPD processor goes first, so that no notification arrives while the devices are dropped.
+// The WPD processor goes first, so that no notification arrives while the devices are dropped. Companion
+// processors still running (the module normally stops them before) stop in their destructors.
 CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
     m_pWPDEventsProcessor.reset();
-    StopAppleMonitoring();
-    StopBlackBerryMonitoring();
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+        m_pAppleEventsProcessor.reset();
+        m_pBlackBerryEventsProcessor.reset();
+    }
     m_pCollection.reset();
 }
 
@@ -66,14 +70,34 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
     // Devices known only to the Apple companion join here once the Apple channel reports them.
 }
 
+namespace {
+
+// A companion processor is created on the first start and reused if a start follows a start.
+template <class Processor>
+void StartCompanion(CDorWEXWMIWPDCore* pCore_in, std::unique_ptr<Processor>& pProcessor_io) {
+    if (!pProcessor_io) {
+        pProcessor_io = std::make_unique<Processor>(pCore_in);
+    }
+    pProcessor_io->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+}
+
+template <class Processor>
+void StopCompanion(CDorWEXWMIWPDCore* pCore_in, std::unique_ptr<Processor>& pProcessor_io) {
+    if (pProcessor_io) {
+        pProcessor_io->SetOwner(pCore_in);
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        pProcessor_io->Stop();
+        pProcessor_io.reset();
+    }
+}
+
+}  // namespace
+
 int CDorWEXWMIWPDCore::StartAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartAppleMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longAppleMonitoring = 1;
-    if (!m_pAppleEventsProcessor) {
-        m_pAppleEventsProcessor = std::make_unique<CDorWEXWMIThreadAppleEventsProcessor>(this);
-    }
-    m_pAppleEventsProcessor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    StartCompanion(this, m_pAppleEventsProcessor);
     return 1;
 }
 
@@ -81,22 +105,14 @@ int CDorWEXWMIWPDCore::StartBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartBlackBerryMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longBlackBerryMonitoring = 1;
-    if (!m_pBlackBerryEventsProcessor) {
-        m_pBlackBerryEventsProcessor = std::make_unique<CDorWEXWMIThreadBlackBerryEventsProcessor>(this);
-    }
-    m_pBlackBerryEventsProcessor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    StartCompanion(this, m_pBlackBerryEventsProcessor);
     return 1;
 }
 
 int CDorWEXWMIWPDCore::StopAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopAppleMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
-    if (m_pAppleEventsProcessor) {
-        m_pAppleEventsProcessor->SetOwner(this);
-        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
-        m_pAppleEventsProcessor->Stop();
-        m_pAppleEventsProcessor.reset();
-    }
+    StopCompanion(this, m_pAppleEventsProcessor);
     m_longAppleMonitoring = 0;
     return 1;
 }
@@ -104,12 +120,7 @@ int CDorWEXWMIWPDCore::StopAppleMonitoring() {
 int CDorWEXWMIWPDCore::StopBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
-    if (m_pBlackBerryEventsProcessor) {
-        m_pBlackBerryEventsProcessor->SetOwner(this);
-        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
-        m_pBlackBerryEventsProcessor->Stop();
-        m_pBlackBerryEventsProcessor.reset();
-    }
+    StopCompanion(this, m_pBlackBerryEventsProcessor);
     m_longBlackBerryMonitoring = 0;
     return 1;
 }

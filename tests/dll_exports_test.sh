@@ -16,7 +16,7 @@ if [ "$exports" != "$expected" ]; then
     exit 1
 fi
 
-allowed=" advapi32.dll kernel32.dll msvcrt.dll ole32.dll oleaut32.dll user32.dll rpcrt4.dll setupapi.dll \
+allowed=" advapi32.dll gdi32.dll kernel32.dll msvcrt.dll ole32.dll oleaut32.dll user32.dll rpcrt4.dll setupapi.dll \
 cfgmgr32.dll mpr.dll shlwapi.dll ntdll.dll "
 imports=$(printf '%s\n' "$dump" | sed -n 's/^[[:space:]]*DLL Name:[[:space:]]*//p' | tr 'A-Z' 'a-z' | sort -u)
 [ -n "$imports" ] || { echo "no import table found"; exit 1; }

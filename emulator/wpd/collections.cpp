@@ -66,6 +66,14 @@ HRESULT PortableDeviceValues::FindTyped(REFPROPERTYKEY key, VARTYPE type, const 
     return value_out->vt == type ? S_OK : DISP_E_TYPEMISMATCH;
 }
 
+template <class F>
+HRESULT PortableDeviceValues::Read(REFPROPERTYKEY key, VARTYPE type, F&& read) const {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const PROPVARIANT* value = nullptr;
+    const HRESULT hr = FindTyped(key, type, value);
+    return FAILED(hr) ? hr : read(*value);
+}
+
 HRESULT PortableDeviceValues::GetCount(DWORD* pcelt) {
     if (pcelt == nullptr) {
         return E_POINTER;
@@ -128,14 +136,10 @@ HRESULT PortableDeviceValues::GetStringValue(REFPROPERTYKEY key, LPWSTR* pValue)
         return E_POINTER;
     }
     *pValue = nullptr;
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_LPWSTR, value);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    *pValue = CoTaskStrDup(value->pwszVal != nullptr ? value->pwszVal : L"");
-    return *pValue != nullptr ? S_OK : E_OUTOFMEMORY;
+    return Read(key, VT_LPWSTR, [&](const PROPVARIANT& value) {
+        *pValue = CoTaskStrDup(value.pwszVal != nullptr ? value.pwszVal : L"");
+        return *pValue != nullptr ? S_OK : E_OUTOFMEMORY;
+    });
 }
 
 // The scalar setters and getters differ only in type and field.
@@ -151,13 +155,10 @@ HRESULT PortableDeviceValues::GetStringValue(REFPROPERTYKEY key, LPWSTR* pValue)
         if (pValue == nullptr) {                                                      \
             return E_POINTER;                                                         \
         }                                                                             \
-        std::lock_guard<std::mutex> guard(m_lock);                                    \
-        const PROPVARIANT* value = nullptr;                                           \
-        const HRESULT hr = FindTyped(key, VarType, value);                            \
-        if (SUCCEEDED(hr)) {                                                          \
-            *pValue = value->Field;                                                   \
-        }                                                                             \
-        return hr;                                                                    \
+        return Read(key, VarType, [&](const PROPVARIANT& value) {                     \
+            *pValue = value.Field;                                                    \
+            return S_OK;                                                              \
+        });                                                                           \
     }
 
 DORWEX_SCALAR_VALUE(UnsignedIntegerValue, ULONG, VT_UI4, ulVal)
@@ -180,13 +181,10 @@ HRESULT PortableDeviceValues::GetBoolValue(REFPROPERTYKEY key, WINBOOL* pValue) 
     if (pValue == nullptr) {
         return E_POINTER;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_BOOL, value);
-    if (SUCCEEDED(hr)) {
-        *pValue = value->boolVal != VARIANT_FALSE;
-    }
-    return hr;
+    return Read(key, VT_BOOL, [&](const PROPVARIANT& value) {
+        *pValue = value.boolVal != VARIANT_FALSE;
+        return S_OK;
+    });
 }
 
 // Keys travel as a VT_UNKNOWN-free pair, the way the SDK stores them: fmtid as VT_CLSID beside the pid.
@@ -199,17 +197,13 @@ HRESULT PortableDeviceValues::GetKeyValue(REFPROPERTYKEY key, PROPERTYKEY* pValu
     if (pValue == nullptr) {
         return E_POINTER;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_VECTOR | VT_UI1, value);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    if (value->caub.cElems != sizeof(PROPERTYKEY)) {
-        return DISP_E_TYPEMISMATCH;
-    }
-    std::memcpy(pValue, value->caub.pElems, sizeof(PROPERTYKEY));
-    return S_OK;
+    return Read(key, VT_VECTOR | VT_UI1, [&](const PROPVARIANT& value) {
+        if (value.caub.cElems != sizeof(PROPERTYKEY)) {
+            return DISP_E_TYPEMISMATCH;
+        }
+        std::memcpy(pValue, value.caub.pElems, sizeof(PROPERTYKEY));
+        return S_OK;
+    });
 }
 
 HRESULT PortableDeviceValues::SetGuidValue(REFPROPERTYKEY key, REFGUID Value) {
@@ -228,13 +222,10 @@ HRESULT PortableDeviceValues::GetGuidValue(REFPROPERTYKEY key, GUID* pValue) {
     if (pValue == nullptr) {
         return E_POINTER;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_CLSID, value);
-    if (SUCCEEDED(hr)) {
-        *pValue = *value->puuid;
-    }
-    return hr;
+    return Read(key, VT_CLSID, [&](const PROPVARIANT& value) {
+        *pValue = *value.puuid;
+        return S_OK;
+    });
 }
 
 HRESULT PortableDeviceValues::SetBufferValue(REFPROPERTYKEY key, BYTE* pValue, DWORD cbValue) {
@@ -261,19 +252,15 @@ HRESULT PortableDeviceValues::GetBufferValue(REFPROPERTYKEY key, BYTE** ppValue,
     }
     *ppValue = nullptr;
     *pcbValue = 0;
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_VECTOR | VT_UI1, value);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    *ppValue = static_cast<BYTE*>(CoTaskMemAlloc(value->caub.cElems == 0 ? 1 : value->caub.cElems));
-    if (*ppValue == nullptr) {
-        return E_OUTOFMEMORY;
-    }
-    std::memcpy(*ppValue, value->caub.pElems, value->caub.cElems);
-    *pcbValue = value->caub.cElems;
-    return S_OK;
+    return Read(key, VT_VECTOR | VT_UI1, [&](const PROPVARIANT& value) {
+        *ppValue = static_cast<BYTE*>(CoTaskMemAlloc(value.caub.cElems == 0 ? 1 : value.caub.cElems));
+        if (*ppValue == nullptr) {
+            return E_OUTOFMEMORY;
+        }
+        std::memcpy(*ppValue, value.caub.pElems, value.caub.cElems);
+        *pcbValue = value.caub.cElems;
+        return S_OK;
+    });
 }
 
 HRESULT PortableDeviceValues::SetInterface(REFPROPERTYKEY key, IUnknown* object) {
@@ -293,14 +280,10 @@ HRESULT PortableDeviceValues::GetInterface(REFPROPERTYKEY key, I** value_out) {
         return E_POINTER;
     }
     *value_out = nullptr;
-    std::lock_guard<std::mutex> guard(m_lock);
-    const PROPVARIANT* value = nullptr;
-    const HRESULT hr = FindTyped(key, VT_UNKNOWN, value);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    return value->punkVal != nullptr ? value->punkVal->QueryInterface(__uuidof(I), reinterpret_cast<void**>(value_out))
-                                     : E_NOINTERFACE;
+    return Read(key, VT_UNKNOWN, [&](const PROPVARIANT& value) {
+        return value.punkVal != nullptr ? value.punkVal->QueryInterface(__uuidof(I), reinterpret_cast<void**>(value_out))
+                                         : E_NOINTERFACE;
+    });
 }
 
 HRESULT PortableDeviceValues::SetIUnknownValue(REFPROPERTYKEY key, IUnknown* pValue) {
@@ -458,7 +441,7 @@ HRESULT PortableDevicePropVariantCollection::GetType(VARTYPE* pvt) {
     if (pvt == nullptr) {
         return E_POINTER;
     }
-    *pvt = m_values.empty() ? VT_EMPTY : m_values.front().vt;
+    *pvt = m_values.empty() ? static_cast<VARTYPE>(VT_EMPTY) : m_values.front().vt;
     return S_OK;
 }
 

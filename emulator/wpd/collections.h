@@ -71,6 +71,9 @@ private:
     HRESULT Store(REFPROPERTYKEY key, PROPVARIANT& value);
     // The stored value if it has the given type; the error a missing or mistyped value gives otherwise.
     HRESULT FindTyped(REFPROPERTYKEY key, VARTYPE type, const PROPVARIANT*& value_out) const;
+    // Under the lock: the stored value of that type handed to read, or the error FindTyped gives.
+    template <class F>
+    HRESULT Read(REFPROPERTYKEY key, VARTYPE type, F&& read) const;
     HRESULT SetInterface(REFPROPERTYKEY key, IUnknown* value);
     template <class I>
     HRESULT GetInterface(REFPROPERTYKEY key, I** value_out);

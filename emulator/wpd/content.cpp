@@ -5,6 +5,7 @@
 
 #include "collections.h"
 #include "emulated_api.h"
+#include "file_tree.h"
 
 namespace dorwex::emulator {
 
@@ -535,28 +536,6 @@ private:
             return E_INVALIDARG;
         }
         return S_OK;
-    }
-
-    static bool RemoveTree(const std::wstring& path) {
-        WIN32_FIND_DATAW found{};
-        HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &found);
-        if (search != INVALID_HANDLE_VALUE) {
-            do {
-                const std::wstring name = found.cFileName;
-                if (name == L"." || name == L"..") {
-                    continue;
-                }
-                const std::wstring child = path + L"\\" + name;
-                const bool ok = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? RemoveTree(child)
-                                                                                     : DeleteFileW(child.c_str()) != 0;
-                if (!ok) {
-                    FindClose(search);
-                    return false;
-                }
-            } while (FindNextFileW(search, &found));
-            FindClose(search);
-        }
-        return RemoveDirectoryW(path.c_str()) != 0;
     }
 
     HRESULT DeleteObject(const std::wstring& id, bool recursive) {

@@ -34,10 +34,6 @@ const NamedKey kDeviceKeys[] = {
     {"WPD_DEVICE_NETWORK_IDENTIFIER", &WPD_DEVICE_NETWORK_IDENTIFIER, VT_UI8},
 };
 
-bool SameKey(const PROPERTYKEY& a, const PROPERTYKEY& b) {
-    return a.fmtid == b.fmtid && a.pid == b.pid;
-}
-
 std::wstring LowerCase(std::wstring text) {
     for (auto& c : text) {
         c = static_cast<wchar_t>(std::towlower(c));

@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <functional>
 
+#include "emulator/wpd/file_tree.h"
+
+using dorwex::emulator::RemoveTree;
+
 namespace {
 
 template <class F>
@@ -21,28 +25,6 @@ std::wstring ProgramDirectory() {
     GetModuleFileNameW(nullptr, path, MAX_PATH);
     std::wstring directory(path);
     return directory.substr(0, directory.find_last_of(L'\\'));
-}
-
-void RemoveTree(const std::wstring& path) {
-    WIN32_FIND_DATAW found{};
-    HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &found);
-    if (search != INVALID_HANDLE_VALUE) {
-        do {
-            const std::wstring name = found.cFileName;
-            if (name == L"." || name == L"..") {
-                continue;
-            }
-            const std::wstring child = path + L"\\" + name;
-            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-                DeleteFileW(child.c_str());
-            }
-        } while (FindNextFileW(search, &found));
-        FindClose(search);
-    }
-    RemoveDirectoryW(path.c_str());
 }
 
 }  // namespace
