@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The provider in a Wine prefix: builds it, registers it with regsvr32, shows the registration, loads it
-# through COM as the WMI service does, and shows the module's trace lines at a raised level as a
-# debugger (DebugView) receives them.
+# through COM as the WMI service does, starts its monitoring core on emulated portable devices, and shows
+# the module's trace lines at a raised level as a debugger (DebugView) receives them.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$root/tools/install-deps.sh"
@@ -23,6 +23,12 @@ echo "== regsvr32 $dll"
 
 echo "== a host loads the provider through COM, as the WMI service does"
 "$wine" "$bin/provider_host.exe" | tr -d '\r'
+
+echo
+echo "== the monitoring core on the emulated devices of emulator/samples"
+"$wine" regsvr32 /s "$("$wine" winepath -w "$bin/dorwex_wpd_emulator.dll" 2>/dev/null | tr -d '\r')"
+DORWEX_WPD_DEVICES=$("$wine" winepath -w "$root/emulator/samples" 2>/dev/null | tr -d '\r') \
+    "$wine" "$bin/device_probe.exe" | tr -d '\r'
 
 echo
 echo "== the same module code at trace level 1, as DebugView shows it"
