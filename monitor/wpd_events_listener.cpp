@@ -65,6 +65,10 @@ HRESULT CDorWEXWMIWPDEventsListener::ListenForWPDEvents() {
     if (RegisterWithOSToReceiveWPDEvents() == 0) {
         Trace(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...");
         // Without a window there is nothing to pump: GetMessage would wait for thread messages forever.
+        // The worker then ends and its monitor starts another; the pause keeps that from spinning.
+        if (m_HWND == nullptr && m_pProcessor != nullptr && m_pProcessor->GetTerminateEvent() != nullptr) {
+            WaitForSingleObject(m_pProcessor->GetTerminateEvent(), 1000);
+        }
         if (m_HWND != nullptr) {
             MSG l_MSG;
             BOOL l_BOOLResult;

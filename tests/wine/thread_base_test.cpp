@@ -127,10 +127,14 @@ TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
     InterlockedExchange(&g_longWindowClosing, 0);
     CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
     processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
-    ASSERT_TRUE(WaitUntil([&] {
-        auto lock = processor.LockListener();
-        return processor.GetListener() != nullptr && processor.GetListener()->GetWindow() != nullptr;
-    }));
+    // The first window of a fresh prefix starts Wine's desktop process, which can take a while.
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            auto lock = processor.LockListener();
+            return processor.GetListener() != nullptr && processor.GetListener()->GetWindow() != nullptr;
+        },
+        30000))
+        << testing::PrintToString(trace.StartingWith(L"CDorWEXWMIWPDEventsListener"));
     ASSERT_TRUE(WaitUntil([&] { return g_longWPDEventsThreadIsRunning == 1; }));
     const HWND window = processor.GetListener()->GetWindow();
     wchar_t className[64] = {};

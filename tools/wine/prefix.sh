@@ -21,6 +21,11 @@ up)
     if [ ! -f "$prefix/.dorwex-ready" ]; then
         "$wine" wineboot -i </dev/null >>"$log" 2>&1
         "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f </dev/null >>"$log" 2>&1
+        # The desktop process that wineboot started still uses the old graphics driver, and windows
+        # cannot be created until it is gone: start the server afresh.
+        "$wineserver" -k </dev/null >>"$log" 2>&1 || true
+        "$wineserver" -w </dev/null >>"$log" 2>&1 || true
+        setsid "$wineserver" -p </dev/null >>"$log" 2>&1 || true
         touch "$prefix/.dorwex-ready"
     fi
     # Touch the prefix once so its services are up before the first test starts.
