@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "device/portable_device_api.h"
-#include "com_object.h"
+#include "emulator/common/com_object.h"
 
 namespace dorwex::emulator {
 

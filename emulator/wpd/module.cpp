@@ -13,17 +13,6 @@
 
 namespace dorwex::emulator {
 
-std::atomic<long> g_liveObjects{0};
-
-LPWSTR CoTaskStrDup(const wchar_t* text) {
-    const size_t bytes = (wcslen(text) + 1) * sizeof(wchar_t);
-    auto* copy = static_cast<LPWSTR>(CoTaskMemAlloc(bytes));
-    if (copy != nullptr) {
-        std::memcpy(copy, text, bytes);
-    }
-    return copy;
-}
-
 namespace {
 
 HMODULE g_module = nullptr;

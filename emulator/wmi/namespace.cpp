@@ -1,0 +1,485 @@
+#include "namespace.h"
+
+#include <objbase.h>
+#include <oleauto.h>
+
+#include <cwctype>
+
+#include "mof_reader.h"
+#include "sinks.h"
+
+namespace dorwex::emulator::wmi {
+
+namespace {
+
+std::wstring Widen(const std::string& text) {
+    std::wstring wide;
+    if (!text.empty()) {
+        const int count = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+        wide.resize(static_cast<size_t>(count));
+        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], count);
+    }
+    return wide;
+}
+
+CIMTYPE CimType(const std::string& mofType) {
+    static const struct {
+        const char* name;
+        CIMTYPE type;
+    } kTypes[] = {
+        {"string", CIM_STRING}, {"boolean", CIM_BOOLEAN}, {"uint8", CIM_UINT8},     {"sint8", CIM_SINT8},
+        {"uint16", CIM_UINT16}, {"sint16", CIM_SINT16},   {"uint32", CIM_UINT32},   {"sint32", CIM_SINT32},
+        {"uint64", CIM_UINT64}, {"sint64", CIM_SINT64},   {"real32", CIM_REAL32},   {"real64", CIM_REAL64},
+        {"datetime", CIM_DATETIME},
+    };
+    for (const auto& known : kTypes) {
+        if (_stricmp(known.name, mofType.c_str()) == 0) {
+            return known.type;
+        }
+    }
+    return CIM_STRING;
+}
+
+std::shared_ptr<ClassDefinition> SystemClass(const wchar_t* name, std::vector<std::wstring> ancestors,
+                                             std::vector<PropertyDefinition> properties) {
+    auto definition = std::make_shared<ClassDefinition>();
+    definition->name = name;
+    definition->ancestors = std::move(ancestors);
+    definition->properties = std::move(properties);
+    return definition;
+}
+
+std::wstring MofPath() {
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = GetEnvironmentVariableW(L"DORWEX_WMI_MOF", path, MAX_PATH);
+    if (length > 0 && length < MAX_PATH) {
+        return path;
+    }
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCWSTR>(&MofPath), &module);
+    GetModuleFileNameW(module, path, MAX_PATH);
+    std::wstring directory(path);
+    return directory.substr(0, directory.find_last_of(L'\\') + 1) + L"dorwex_wpd_provider.mof";
+}
+
+// Receives the events the provider indicates and hands them to the consumers.
+class ProviderEventSink final : public ComObject<IWbemObjectSink> {
+public:
+    HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override {
+        for (LONG i = 0; i < lObjectCount; ++i) {
+            if (apObjArray != nullptr && apObjArray[i] != nullptr) {
+                Namespace::Get().DeliverEvent(apObjArray[i]);
+            }
+        }
+        return WBEM_S_NO_ERROR;
+    }
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT, BSTR, IWbemClassObject*) override { return WBEM_S_NO_ERROR; }
+};
+
+// What a provider reports from Initialize; a provider that reports nothing has not initialised.
+class InitSink final : public ComObject<IWbemProviderInitSink> {
+public:
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG lStatus, LONG) override {
+        status = lStatus;
+        return WBEM_S_NO_ERROR;
+    }
+    HRESULT status = WBEM_E_PROVIDER_LOAD_FAILURE;
+};
+
+std::wstring Trim(const std::wstring& text) {
+    const auto first = text.find_first_not_of(L" \t");
+    const auto last = text.find_last_not_of(L" \t");
+    return first == std::wstring::npos ? std::wstring() : text.substr(first, last - first + 1);
+}
+
+// Position of a keyword (whole word, any case) at or after from, outside quotes; npos when absent.
+size_t FindKeyword(const std::wstring& text, const wchar_t* keyword, size_t from = 0) {
+    const size_t length = wcslen(keyword);
+    wchar_t quote = 0;
+    for (size_t i = from; i + length <= text.size(); ++i) {
+        if (quote != 0) {
+            quote = text[i] == quote ? 0 : quote;
+            continue;
+        }
+        if (text[i] == L'\'' || text[i] == L'"') {
+            quote = text[i];
+            continue;
+        }
+        const bool before = i == 0 || !std::iswalnum(text[i - 1]);
+        const bool after = i + length == text.size() || !std::iswalnum(text[i + length]);
+        if (before && after && _wcsnicmp(text.c_str() + i, keyword, length) == 0) {
+            return i;
+        }
+    }
+    return std::wstring::npos;
+}
+
+}  // namespace
+
+bool ParseQuery(const wchar_t* text, Query& query) {
+    if (text == nullptr) {
+        return false;
+    }
+    const std::wstring wql = Trim(text);
+    if (FindKeyword(wql, L"SELECT") != 0) {
+        return false;
+    }
+    const size_t from = FindKeyword(wql, L"FROM");
+    if (from == std::wstring::npos) {
+        return false;
+    }
+    const size_t where = FindKeyword(wql, L"WHERE", from);
+    query.className = Trim(wql.substr(from + 4, where == std::wstring::npos ? std::wstring::npos : where - from - 4));
+    if (query.className.empty() || query.className.find_first_of(L" \t") != std::wstring::npos) {
+        return false;
+    }
+    query.conditions.clear();
+    if (where == std::wstring::npos) {
+        return true;
+    }
+    std::wstring rest = wql.substr(where + 5);
+    while (!Trim(rest).empty()) {
+        const size_t andAt = FindKeyword(rest, L"AND");
+        const std::wstring condition = Trim(rest.substr(0, andAt));
+        rest = andAt == std::wstring::npos ? std::wstring() : rest.substr(andAt + 3);
+        QueryCondition parsed;
+        size_t op = condition.find(L"<>");
+        size_t opLength = 2;
+        if (op == std::wstring::npos) {
+            op = condition.find(L"!=");
+        }
+        if (op == std::wstring::npos) {
+            op = condition.find(L'=');
+            opLength = 1;
+        } else {
+            parsed.equal = false;
+        }
+        if (op == std::wstring::npos) {
+            return false;
+        }
+        parsed.property = Trim(condition.substr(0, op));
+        std::wstring value = Trim(condition.substr(op + opLength));
+        if (value.size() >= 2 && (value.front() == L'\'' || value.front() == L'"') && value.back() == value.front()) {
+            value = value.substr(1, value.size() - 2);
+        }
+        parsed.value = value;
+        if (parsed.property.empty()) {
+            return false;
+        }
+        query.conditions.push_back(parsed);
+    }
+    return true;
+}
+
+bool MatchesQuery(IWbemClassObject* object, const Query& query) {
+    VARIANT className;
+    VariantInit(&className);
+    bool matches = SUCCEEDED(object->Get(L"__CLASS", 0, &className, nullptr, nullptr)) && className.vt == VT_BSTR &&
+                   (_wcsicmp(className.bstrVal, query.className.c_str()) == 0 ||
+                    object->InheritsFrom(query.className.c_str()) == WBEM_S_NO_ERROR);
+    VariantClear(&className);
+    for (const auto& condition : query.conditions) {
+        if (!matches) {
+            break;
+        }
+        VARIANT value;
+        VariantInit(&value);
+        if (FAILED(object->Get(condition.property.c_str(), 0, &value, nullptr, nullptr))) {
+            return false;
+        }
+        std::wstring text;
+        if (value.vt == VT_BOOL) {
+            text = value.boolVal ? L"TRUE" : L"FALSE";
+        } else if (value.vt != VT_NULL && SUCCEEDED(VariantChangeType(&value, &value, 0, VT_BSTR))) {
+            text = value.bstrVal != nullptr ? value.bstrVal : L"";
+        }
+        VariantClear(&value);
+        matches = (_wcsicmp(text.c_str(), condition.value.c_str()) == 0) == condition.equal;
+    }
+    return matches;
+}
+
+Namespace& Namespace::Get() {
+    static Namespace* instance = new Namespace();  // lives as long as the process
+    return *instance;
+}
+
+HRESULT Namespace::Load() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return LoadLocked();
+}
+
+std::wstring Namespace::LoadError() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    LoadLocked();
+    return m_loadError;
+}
+
+HRESULT Namespace::LoadLocked() {
+    if (m_loaded) {
+        return m_loadResult;
+    }
+    m_loaded = true;
+    m_loadResult = WBEM_E_INITIALIZATION_FAILURE;
+    const std::wstring path = MofPath();
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        m_loadError = L"cannot open the MOF " + path;
+        return m_loadResult;
+    }
+    std::string text;
+    char buffer[4096];
+    DWORD read = 0;
+    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        text.append(buffer, read);
+    }
+    CloseHandle(file);
+    const mof::ReadResult mof = mof::Read(text);
+    if (!mof.error.empty()) {
+        m_loadError = path + L": " + Widen(mof.error);
+        return m_loadResult;
+    }
+
+    // The system classes the provider relies on.
+    const std::vector<std::wstring> systemRoot = {L"__SystemClass"};
+    m_classes.push_back(SystemClass(L"__ExtendedStatus", {L"__NotifyStatus", L"__SystemClass"},
+                                    {{L"Description", CIM_STRING},
+                                     {L"Operation", CIM_STRING},
+                                     {L"ParameterInfo", CIM_STRING},
+                                     {L"ProviderName", CIM_STRING},
+                                     {L"StatusCode", CIM_UINT32}}));
+    m_classes.push_back(SystemClass(L"__Event", systemRoot, {{L"TIME_CREATED", CIM_UINT64}}));
+    m_classes.push_back(SystemClass(L"__ExtrinsicEvent", {L"__Event", L"__SystemClass"}, {{L"TIME_CREATED", CIM_UINT64}}));
+
+    for (const mof::Class& declared : mof.document.classes) {
+        auto definition = std::make_shared<ClassDefinition>();
+        definition->name = Widen(declared.name);
+        definition->provider = Widen(declared.provider);
+        if (!declared.superclass.empty()) {
+            if (auto super = FindClass(Widen(declared.superclass))) {
+                definition->ancestors.push_back(super->name);
+                definition->ancestors.insert(definition->ancestors.end(), super->ancestors.begin(),
+                                             super->ancestors.end());
+                definition->properties = super->properties;
+            } else {
+                m_loadError = L"class " + definition->name + L" derives from the unknown " + Widen(declared.superclass);
+                return m_loadResult;
+            }
+        }
+        for (const mof::Property& property : declared.properties) {
+            definition->properties.push_back({Widen(property.name), CimType(property.type), property.key});
+        }
+        for (const mof::Method& method : declared.methods) {
+            MethodDefinition defined;
+            defined.name = Widen(method.name);
+            auto in = std::make_shared<ClassDefinition>();
+            auto out = std::make_shared<ClassDefinition>();
+            in->name = out->name = L"__PARAMETERS";
+            out->properties.push_back({L"ReturnValue", CimType(method.returnType)});
+            for (const mof::Parameter& parameter : method.parameters) {
+                (parameter.in ? in : out)->properties.push_back({Widen(parameter.name), CimType(parameter.type)});
+            }
+            if (!in->properties.empty()) {
+                defined.in = in;
+            }
+            defined.out = out;
+            definition->methods.push_back(defined);
+        }
+        m_classes.push_back(definition);
+    }
+    for (const mof::Instance& instance : mof.document.instances) {
+        if (instance.className == "__Win32Provider") {
+            const auto clsid = instance.values.find("ClsId");
+            if (clsid == instance.values.end() ||
+                FAILED(CLSIDFromString(Widen(clsid->second.text).c_str(), &m_providerClsid))) {
+                m_loadError = L"the provider registration has no valid ClsId";
+                return m_loadResult;
+            }
+        }
+    }
+    m_loadResult = WBEM_S_NO_ERROR;
+    return m_loadResult;
+}
+
+std::shared_ptr<const ClassDefinition> Namespace::FindClass(const std::wstring& name) {
+    for (const auto& definition : m_classes) {
+        if (_wcsicmp(definition->name.c_str(), name.c_str()) == 0) {
+            return definition;
+        }
+    }
+    return nullptr;
+}
+
+bool Namespace::ProviderLoaded() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_provider != nullptr;
+}
+
+HRESULT Namespace::Provider(IWbemServices** provider_out) {
+    *provider_out = nullptr;
+    static std::mutex loading;  // one load at a time; the namespace lock stays free for the provider's calls
+    std::lock_guard<std::mutex> loadGuard(loading);
+    CLSID clsid;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const HRESULT hr = LoadLocked();
+        if (FAILED(hr)) {
+            return hr;
+        }
+        if (m_provider != nullptr) {
+            m_provider->AddRef();
+            *provider_out = m_provider;
+            return WBEM_S_NO_ERROR;
+        }
+        clsid = m_providerClsid;
+    }
+    IWbemProviderInit* init = nullptr;
+    HRESULT hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemProviderInit,
+                                  reinterpret_cast<void**>(&init));
+    if (FAILED(hr)) {
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    IWbemServices* services = nullptr;
+    CreateServices(IID_IWbemServices, reinterpret_cast<void**>(&services));
+    auto* initSink = new InitSink();
+    hr = init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
+    services->Release();
+    const HRESULT status = initSink->status;
+    initSink->Release();
+    IWbemServices* provider = nullptr;
+    if (SUCCEEDED(hr) && status == WBEM_S_INITIALIZED) {
+        hr = init->QueryInterface(IID_IWbemServices, reinterpret_cast<void**>(&provider));
+    } else {
+        hr = WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    init->Release();
+    if (FAILED(hr)) {
+        return hr;
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_provider = provider;  // kept for the life of the process, as the provider host keeps it
+    m_provider->AddRef();
+    *provider_out = m_provider;
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
+    Query query;
+    if (sink == nullptr || !ParseQuery(text, query)) {
+        return WBEM_E_INVALID_QUERY;
+    }
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        LoadLocked();
+        const auto definition = FindClass(query.className);
+        if (!definition) {
+            return WBEM_E_INVALID_CLASS;
+        }
+        bool isEvent = false;
+        for (const auto& ancestor : definition->ancestors) {
+            isEvent = isEvent || ancestor == L"__Event";
+        }
+        if (!isEvent) {
+            return WBEM_E_NOT_EVENT_CLASS;
+        }
+    }
+    IWbemServices* provider = nullptr;
+    HRESULT hr = Provider(&provider);
+    if (FAILED(hr)) {
+        return hr;
+    }
+    bool provideEvents = false;
+    ULONG id;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_eventsProvided) {
+            m_eventsProvided = true;
+            provideEvents = true;
+            m_eventSink = new ProviderEventSink();
+        }
+        id = m_nextQueryId++;
+        sink->AddRef();
+        m_subscriptions.push_back({id, text, query, sink});
+    }
+    if (provideEvents) {
+        IWbemEventProvider* events = nullptr;
+        if (SUCCEEDED(provider->QueryInterface(IID_IWbemEventProvider, reinterpret_cast<void**>(&events)))) {
+            events->ProvideEvents(m_eventSink, 0);
+            events->Release();
+        }
+    }
+    IWbemEventProviderQuerySink* querySink = nullptr;
+    if (SUCCEEDED(provider->QueryInterface(IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&querySink)))) {
+        querySink->NewQuery(id, const_cast<LPWSTR>(L"WQL"), const_cast<LPWSTR>(text));
+        querySink->Release();
+    }
+    provider->Release();
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::Unsubscribe(IWbemObjectSink* sink) {
+    std::vector<Subscription> cancelled;
+    IWbemServices* provider = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
+            if (it->sink == sink) {
+                cancelled.push_back(*it);
+                it = m_subscriptions.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        provider = m_provider;
+        if (provider != nullptr) {
+            provider->AddRef();
+        }
+    }
+    if (cancelled.empty()) {
+        if (provider != nullptr) {
+            provider->Release();
+        }
+        return WBEM_E_NOT_FOUND;
+    }
+    IWbemEventProviderQuerySink* querySink = nullptr;
+    if (provider != nullptr &&
+        SUCCEEDED(provider->QueryInterface(IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&querySink)))) {
+        for (const auto& subscription : cancelled) {
+            querySink->CancelQuery(subscription.id);
+        }
+        querySink->Release();
+    }
+    for (auto& subscription : cancelled) {
+        subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);
+        subscription.sink->Release();
+    }
+    if (provider != nullptr) {
+        provider->Release();
+    }
+    return WBEM_S_NO_ERROR;
+}
+
+void Namespace::DeliverEvent(IWbemClassObject* event) {
+    std::vector<IWbemObjectSink*> sinks;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const auto& subscription : m_subscriptions) {
+            if (MatchesQuery(event, subscription.query)) {
+                subscription.sink->AddRef();
+                sinks.push_back(subscription.sink);
+            }
+        }
+    }
+    for (auto* sink : sinks) {
+        sink->Indicate(1, &event);
+        sink->Release();
+    }
+}
+
+size_t Namespace::SubscriptionCount() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_subscriptions.size();
+}
+
+}  // namespace dorwex::emulator::wmi

@@ -1,0 +1,94 @@
+// Result carriers of the emulated WMI service: a sink that collects what a provider indicates, the
+// enumerators handed to clients, and the error object behind a failed synchronous call.
+#pragma once
+
+#include <windows.h>
+#include <wbemcli.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "emulator/common/com_object.h"
+
+namespace dorwex::emulator::wmi {
+
+// Collects the objects and the final status of one asynchronous provider call.
+class CollectingSink final : public ComObject<IWbemObjectSink> {
+public:
+    ~CollectingSink() override;
+    HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override;
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG lFlags, HRESULT hResult, BSTR strParam,
+                                        IWbemClassObject* pObjParam) override;
+
+    // The objects indicated so far, each with a reference for the caller.
+    std::vector<IWbemClassObject*> TakeObjects();
+    bool Completed();
+    HRESULT Status();
+    // The status object of SetStatus (an __ExtendedStatus), with a reference for the caller, or null.
+    IWbemClassObject* TakeStatusObject();
+
+private:
+    std::mutex m_lock;
+    std::vector<IWbemClassObject*> m_objects;
+    bool m_completed = false;
+    HRESULT m_status = WBEM_S_NO_ERROR;
+    IWbemClassObject* m_statusObject = nullptr;
+};
+
+// A client's enumerator: a fixed list, or a queue that keeps receiving (event queries).
+class ObjectEnumerator final : public ComObject<IEnumWbemClassObject> {
+public:
+    explicit ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open = false);  // takes the references
+    ~ObjectEnumerator() override;
+
+    // Adds an object to an open enumerator (references are taken by the enumerator itself).
+    void Push(IWbemClassObject* object);
+    void Close();
+
+    HRESULT STDMETHODCALLTYPE Reset() override;
+    HRESULT STDMETHODCALLTYPE Next(LONG lTimeout, ULONG uCount, IWbemClassObject** apObjects,
+                                   ULONG* puReturned) override;
+    HRESULT STDMETHODCALLTYPE NextAsync(ULONG uCount, IWbemObjectSink* pSink) override;
+    HRESULT STDMETHODCALLTYPE Clone(IEnumWbemClassObject** ppEnum) override;
+    HRESULT STDMETHODCALLTYPE Skip(LONG lTimeout, ULONG nCount) override;
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_arrived;
+    std::deque<IWbemClassObject*> m_objects;
+    bool m_open;
+};
+
+// Forwards indications to an open enumerator: the sink of a semi-synchronous event query.
+class EnumeratorSink final : public ComObject<IWbemObjectSink> {
+public:
+    explicit EnumeratorSink(ObjectEnumerator* enumerator);
+    ~EnumeratorSink() override;
+    HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override;
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG lFlags, HRESULT hResult, BSTR strParam,
+                                        IWbemClassObject* pObjParam) override;
+
+private:
+    ObjectEnumerator* m_enumerator;
+};
+
+// The COM error object of a failed synchronous call: IErrorInfo with the status object behind it, which
+// clients reach by asking it for IWbemClassObject, as on Windows.
+class StatusErrorInfo final : public ComObject<IErrorInfo> {
+public:
+    explicit StatusErrorInfo(IWbemClassObject* status);  // takes a reference of its own
+    ~StatusErrorInfo() override;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+    HRESULT STDMETHODCALLTYPE GetGUID(GUID* pGUID) override;
+    HRESULT STDMETHODCALLTYPE GetSource(BSTR* pBstrSource) override;
+    HRESULT STDMETHODCALLTYPE GetDescription(BSTR* pBstrDescription) override;
+    HRESULT STDMETHODCALLTYPE GetHelpFile(BSTR* pBstrHelpFile) override;
+    HRESULT STDMETHODCALLTYPE GetHelpContext(DWORD* pdwHelpContext) override;
+
+private:
+    IWbemClassObject* m_status;
+};
+
+}  // namespace dorwex::emulator::wmi
