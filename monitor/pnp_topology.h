@@ -16,6 +16,7 @@ public:
     struct NodeEntry {
         std::wstring wstringInstanceId;
         std::wstring wstringDevicePath;
+        std::wstring wstringPhysicalName;  // SPDRP_PHYSICAL_DEVICE_OBJECT_NAME
         std::wstring wstringDriveLetter;
         std::wstring wstringSerialNumber;
         LONG longDiskNumber = -1;

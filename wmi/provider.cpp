@@ -1,7 +1,30 @@
+// The provider object: COM identity, initialisation, the instance operations and event registration.
 #include "provider.h"
 
+#include "../device/wpd_object.h"
+#include "../monitor/wpd_collection.h"
+#include "../monitor/wpd_core.h"
 #include "module.h"
+#include "object_path.h"
+#include "schema.h"
 #include "trace.h"
+
+namespace {
+
+// One BSTR for a schema name, for the calls that take BSTRs.
+class Name {
+public:
+    explicit Name(const wchar_t* pwcharText_in) : m_bstr(SysAllocString(pwcharText_in)) {}
+    ~Name() { SysFreeString(m_bstr); }
+    Name(const Name&) = delete;
+    Name& operator=(const Name&) = delete;
+    operator BSTR() const { return m_bstr; }
+
+private:
+    BSTR m_bstr;
+};
+
+}  // namespace
 
 CDorWEXWPDWMI::CDorWEXWPDWMI() {
     Trace(L"CDorWEXWPDWMI::CDorWEXWPDWMI");
@@ -9,6 +32,16 @@ CDorWEXWPDWMI::CDorWEXWPDWMI() {
 
 CDorWEXWPDWMI::~CDorWEXWPDWMI() {
     Trace(L"CDorWEXWPDWMI::~CDorWEXWPDWMI");
+    if (m_pIWbemObjectSink != nullptr) {
+        for (ULONG l_ulongIndex = 0; l_ulongIndex < m_ulongIWbemObjectSinkCount; ++l_ulongIndex) {
+            m_pIWbemObjectSink->Release();
+        }
+    }
+    m_QueryMap.clear();
+    // The core outlives provider objects; it must not call into this one any more.
+    if (m_pCore != nullptr && m_pCore->GetOwner() == this) {
+        m_pCore->SetOwner(nullptr);
+    }
     InterlockedDecrement(&g_longInstanceCountOfDorWEXWMIWPDClass);
 }
 
@@ -17,16 +50,36 @@ STDMETHODIMP CDorWEXWPDWMI::QueryInterface(REFIID riid, void** ppv) {
         return E_POINTER;
     }
     *ppv = nullptr;
-    if (!IsEqualIID(riid, IID_IUnknown)) {
+    const wchar_t* l_pwcharTrace = nullptr;
+    if (IsEqualIID(riid, IID_IWbemServices)) {
+        *ppv = static_cast<IWbemServices*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemServices";
+    } else if (IsEqualIID(riid, IID_IWbemPropertyProvider)) {
+        // There is no property provider; this answer is what WMI has always been given.
+        *ppv = static_cast<IWbemProviderInit*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemPropertyProvider";
+    } else if (IsEqualIID(riid, IID_IWbemEventProvider)) {
+        *ppv = static_cast<IWbemEventProvider*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemEventProvider";
+    } else if (IsEqualIID(riid, IID_IWbemEventProviderQuerySink)) {
+        *ppv = static_cast<IWbemEventProviderQuerySink*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemEventProviderQuerySink";
+    } else if (IsEqualIID(riid, IID_IWbemProviderInit)) {
+        *ppv = static_cast<IWbemProviderInit*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemProviderInit";
+    } else if (IsEqualIID(riid, IID_IUnknown)) {
+        *ppv = static_cast<IWbemProviderInit*>(this);
+        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IUnknown";
+    }
+    if (*ppv == nullptr) {
         if (GetTraceLevel() > 1) {
             Trace(L"CDorWEXWPDWMI::QueryInterface, E_NOINTERFACE");
         }
         return E_NOINTERFACE;
     }
-    *ppv = static_cast<IUnknown*>(this);
     AddRef();
     if (GetTraceLevel() > 1) {
-        Trace(L"CDorWEXWPDWMI::QueryInterface, IID_IUnknown");
+        Trace(l_pwcharTrace);
     }
     return S_OK;
 }
@@ -44,7 +97,331 @@ STDMETHODIMP_(ULONG) CDorWEXWPDWMI::Release() {
     if (l_longCount == 0) {
         // WMI unloads provider objects freely; the core they share is left running.
         Trace(L"CDorWEXWPDWMI::Release, wmi UNLOAD is occurring\n");
+        if (m_pIWbemServices != nullptr) {
+            m_pIWbemServices->Release();
+            m_pIWbemServices = nullptr;
+        }
         delete this;
     }
     return static_cast<ULONG>(l_longCount);
+}
+
+STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* pNamespace, IWbemContext*,
+                                       IWbemProviderInitSink* pInitSink) {
+    Trace(L"CDorWEXWPDWMI::Initialize");
+    if (pNamespace != nullptr) {
+        pNamespace->AddRef();
+        m_pIWbemServices = pNamespace;
+    }
+    if (pInitSink != nullptr) {
+        pInitSink->SetStatus(pNamespace != nullptr ? static_cast<LONG>(WBEM_S_INITIALIZED) : static_cast<LONG>(WBEM_E_FAILED), 0);
+    }
+    try {
+        if (g_pCDorWEXWMIWPDCore != nullptr) {
+            m_pCore = g_pCDorWEXWMIWPDCore;
+            Trace(L"CDorWEXWMIWPDCore::ReInitialize");
+            InterlockedExchange(&g_longShuttingDown, 0);
+            m_pCore->SetOwner(this);
+        } else {
+            m_pCore = new CDorWEXWMIWPDCore(this);
+            g_pCDorWEXWMIWPDCore = m_pCore;
+            m_pCore->Initialize();
+        }
+    } catch (...) {
+        // Out of memory: WMI was told the provider is ready; without a core it answers with nothing.
+    }
+    return WBEM_S_NO_ERROR;
+}
+
+// Every operation the provider does not serve.
+#define DORWEX_NOT_SUPPORTED return WBEM_E_NOT_SUPPORTED
+STDMETHODIMP CDorWEXWPDWMI::OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::CancelAsyncCall(IWbemObjectSink*) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::QueryObjectSink(LONG, IWbemObjectSink**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                  IEnumWbemClassObject**) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                       IWbemObjectSink*) {
+    DORWEX_NOT_SUPPORTED;
+}
+STDMETHODIMP CDorWEXWPDWMI::ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                       IWbemClassObject**, IWbemCallResult**) {
+    DORWEX_NOT_SUPPORTED;
+}
+#undef DORWEX_NOT_SUPPORTED
+
+STDMETHODIMP CDorWEXWPDWMI::PutInstance(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx, IWbemCallResult**) {
+    Trace(L"CDorWEXWPDWMI::PutInstance");
+    return PutWPDInstance(pInst, lFlags, pCtx);
+}
+
+// The response handler is not called: WMI takes the returned value.
+STDMETHODIMP CDorWEXWPDWMI::PutInstanceAsync(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx,
+                                             IWbemObjectSink*) {
+    Trace(L"CDorWEXWPDWMI::PutInstanceAsync");
+    return PutWPDInstance(pInst, lFlags, pCtx);
+}
+
+STDMETHODIMP CDorWEXWPDWMI::DeleteInstance(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
+                                           IWbemCallResult**) {
+    Trace(L"CDorWEXWPDWMI::DeleteInstance enter.\n");
+    return DeleteWPDInstance(strObjectPath, lFlags, pCtx);
+}
+
+STDMETHODIMP CDorWEXWPDWMI::DeleteInstanceAsync(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
+                                                IWbemObjectSink*) {
+    Trace(L"CDorWEXWPDWMI::DeleteInstanceAsync enter.\n");
+    return DeleteWPDInstance(strObjectPath, lFlags, pCtx);
+}
+
+HRESULT CDorWEXWPDWMI::PutWPDInstance(IWbemClassObject* pInstance_in, LONG, IWbemContext* pIWbemContext_in) {
+    Trace(L"CDorWEXWPDWMI::PutWPDInstance");
+    if (pInstance_in == nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    _variant_t l_variant_tId;
+    const HRESULT l_HRESULTGet = pInstance_in->Get(dorwex::schema::kKeyProperty, 0, &l_variant_tId, nullptr, nullptr);
+    if (FAILED(l_HRESULTGet)) {
+        return l_HRESULTGet;
+    }
+    const wchar_t* l_pTCHARWPDId =
+        l_variant_tId.vt == VT_BSTR && l_variant_tId.bstrVal != nullptr ? l_variant_tId.bstrVal : nullptr;
+    if (l_pTCHARWPDId == nullptr) {
+        Trace(L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == NULL.\n");
+        return l_HRESULTGet;
+    }
+    if (_wcsicmp(l_pTCHARWPDId, dorwex::schema::kInternalId) == 0) {
+        Trace(L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == _INTERNAL.\n");
+        return l_HRESULTGet;
+    }
+    if (pIWbemContext_in == nullptr) {
+        Trace(L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(2).\n");
+        return E_ACCESSDENIED;
+    }
+    _variant_t l_variant_tToken;
+    const HRESULT l_HRESULTValue = pIWbemContext_in->GetValue(dorwex::schema::kContextWPDProp, 0, &l_variant_tToken);
+    const wchar_t* l_pwcharToken = SUCCEEDED(l_HRESULTValue) && l_variant_tToken.vt == VT_BSTR &&
+                                           l_variant_tToken.bstrVal != nullptr
+                                       ? l_variant_tToken.bstrVal
+                                       : L"";
+    if (wcscmp(l_pwcharToken, dorwex::schema::kTokenWPD) == 0) {
+        Trace(L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.\n");
+        HRESULT l_HRESULT = E_FAIL;
+        if (m_pCore != nullptr && m_pCore->GetCollection() != nullptr) {
+            l_HRESULT = m_pCore->GetCollection()->AddWPD(l_pTCHARWPDId);
+        }
+        Trace(FAILED(l_HRESULT) ? L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection.\n"
+                                : L"CDorWEXWPDWMI::PutWPDInstance, device inserted into collection.\n");
+        return l_HRESULT;
+    }
+    if (wcscmp(l_pwcharToken, dorwex::schema::kTokenNonWPD) == 0) {
+        Trace(L"CDorWEXWPDWMI::PutWPDInstance, g_bstr_tIWbemContext2Value.");
+        return l_HRESULTValue;
+    }
+    Trace(L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1).\n");
+    return E_ACCESSDENIED;
+}
+
+HRESULT CDorWEXWPDWMI::DeleteWPDInstance(const BSTR bstrObjectPath_in, LONG, IWbemContext* pIWbemContext_in) {
+    Trace(L"CDorWEXWPDWMI::DeleteWPDInstance enter.\n");
+    IWbemClassObject* l_pInstance = nullptr;
+    if (FAILED(CreateWMIInstanceForWin32ext_WPD(&l_pInstance, pIWbemContext_in)) || l_pInstance == nullptr) {
+        return E_FAIL;
+    }
+    HRESULT l_HRESULT = GetInstanceByPath(bstrObjectPath_in, l_pInstance);
+    if (SUCCEEDED(l_HRESULT)) {
+        _variant_t l_variant_tId;
+        l_HRESULT = l_pInstance->Get(dorwex::schema::kKeyProperty, 0, &l_variant_tId, nullptr, nullptr);
+        if (FAILED(l_HRESULT) || l_variant_tId.vt != VT_BSTR || m_pCore == nullptr ||
+            m_pCore->GetCollection() == nullptr) {
+            l_HRESULT = E_FAIL;
+        } else {
+            l_HRESULT = m_pCore->GetCollection()->RemoveWPD(l_variant_tId.bstrVal);
+        }
+    } else {
+        l_HRESULT = E_FAIL;
+    }
+    l_pInstance->Release();
+    return l_HRESULT;
+}
+
+HRESULT CDorWEXWPDWMI::GetInstanceByPath(const BSTR bstrObjectPath_in, IWbemClassObject* pInstance_io) {
+    const auto l_ObjectPath = bstrObjectPath_in != nullptr ? dorwex::ParseObjectPath(bstrObjectPath_in) : std::nullopt;
+    if (!l_ObjectPath || l_ObjectPath->keys.empty()) {
+        return WBEM_E_INVALID_OBJECT_PATH;
+    }
+    const std::wstring l_wstringId = l_ObjectPath->keys.front().ToText();
+    const auto l_pDevice =
+        m_pCore != nullptr && m_pCore->GetCollection() != nullptr
+            ? m_pCore->GetCollection()->FindWPDObjectById(l_wstringId.c_str())
+            : nullptr;
+    if (!l_pDevice) {
+        return WBEM_E_NOT_FOUND;
+    }
+    return FillWPDInstance(pInstance_io, *l_pDevice);
+}
+
+HRESULT CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD(IWbemClassObject** ppInstance_out,
+                                                        IWbemContext* pIWbemContext_in) {
+    Trace(L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD enter.\n");
+    *ppInstance_out = nullptr;
+    if (m_pIWbemServices == nullptr) {
+        return WBEM_E_FAILED;
+    }
+    IWbemClassObject* l_pClass = nullptr;
+    const Name l_Class(dorwex::schema::kClassWPD);
+    HRESULT l_HRESULT = m_pIWbemServices->GetObject(l_Class, 0, pIWbemContext_in, &l_pClass, nullptr);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    l_HRESULT = l_pClass->SpawnInstance(0, ppInstance_out);
+    l_pClass->Release();
+    return l_HRESULT;
+}
+
+HRESULT CDorWEXWPDWMI::GetIWbemClassObjectClassInstance(IWbemClassObject** ppClass_out,
+                                                        IWbemContext* pIWbemContext_in) {
+    const Name l_Class(dorwex::schema::kClassWPDEvent);
+    for (int l_intAttempt = 1; l_intAttempt <= 4; ++l_intAttempt) {
+        try {
+            return m_pIWbemServices->GetObject(l_Class, 0, pIWbemContext_in, ppClass_out, nullptr);
+        } catch (...) {
+            Trace(L"CDorWEXWPDWMI::GetIWbemClassObjectClassInstance: Calling WMI FAILED, retry attempt=%i",
+                  l_intAttempt);
+            Sleep(1000);
+        }
+    }
+    return E_FAIL;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::GetObjectAsync(const BSTR strObjectPath, LONG, IWbemContext*,
+                                           IWbemObjectSink* pResponseHandler) {
+    if (strObjectPath == nullptr || pResponseHandler == nullptr || m_pIWbemServices == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    // Any path gives one blank instance: what WMI has always been given here.
+    IWbemClassObject* l_pInstance = nullptr;
+    const HRESULT l_HRESULT = CreateWMIInstanceForWin32ext_WPD(&l_pInstance, nullptr);
+    if (SUCCEEDED(l_HRESULT) && l_pInstance != nullptr) {
+        pResponseHandler->Indicate(1, &l_pInstance);
+        l_pInstance->Release();
+    }
+    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULT, nullptr, nullptr);
+    return l_HRESULT;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, IWbemContext* pCtx,
+                                                    IWbemObjectSink* pResponseHandler) {
+    if (GetTraceLevel() > 1) {
+        Trace(L"CDorWEXWPDWMI::CreateInstanceEnumAsync");
+    }
+    if (pResponseHandler == nullptr || m_pIWbemServices == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    IWbemClassObject* l_pClass = nullptr;
+    HRESULT l_HRESULT = m_pIWbemServices->GetObject(strClass, 0, pCtx, &l_pClass, nullptr);
+    if (SUCCEEDED(l_HRESULT) && l_pClass != nullptr && m_pCore != nullptr && m_pCore->GetCollection() != nullptr) {
+        for (const auto& l_Entry : m_pCore->GetCollection()->Snapshot()) {
+            IWbemClassObject* l_pInstance = nullptr;
+            l_HRESULT = l_pClass->SpawnInstance(0, &l_pInstance);
+            if (SUCCEEDED(l_HRESULT) && l_Entry.second) {
+                try {
+                    l_HRESULT = FillWPDInstance(l_pInstance, *l_Entry.second);
+                } catch (const _com_error& l_com_error) {
+                    l_HRESULT = l_com_error.Error();
+                }
+                if (SUCCEEDED(l_HRESULT)) {
+                    pResponseHandler->Indicate(1, &l_pInstance);
+                }
+            }
+            if (l_pInstance != nullptr) {
+                l_pInstance->Release();
+            }
+        }
+    }
+    if (l_pClass != nullptr) {
+        l_pClass->Release();
+    }
+    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULT, nullptr, nullptr);
+    return l_HRESULT;
+}
+
+// A query yields no instances here; WMI answers queries by enumerating.
+STDMETHODIMP CDorWEXWPDWMI::ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                           IWbemObjectSink* pResponseHandler) {
+    if (pResponseHandler != nullptr) {
+        pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, WBEM_S_NO_ERROR, nullptr, nullptr);
+    }
+    return WBEM_S_NO_ERROR;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::ProvideEvents(IWbemObjectSink* pSink, LONG) {
+    if (pSink == nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    m_pIWbemObjectSink = pSink;  // an earlier sink keeps the references it was given
+    pSink->AddRef();
+    ++m_ulongIWbemObjectSinkCount;
+    return WBEM_S_NO_ERROR;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::NewQuery(ULONG dwId, WBEM_WSTR, WBEM_WSTR wszQuery) {
+    if (wszQuery == nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    Trace(L"CDorWEXWPDWMI::NewQuery %s\n", wszQuery);
+    std::lock_guard<std::mutex> l_guard(m_mutexQueries);
+    m_QueryMap[dwId] = wszQuery;
+    return WBEM_S_NO_ERROR;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::CancelQuery(ULONG dwId) {
+    std::lock_guard<std::mutex> l_guard(m_mutexQueries);
+    const auto l_Found = m_QueryMap.find(dwId);
+    if (l_Found == m_QueryMap.end()) {
+        return WBEM_S_NO_ERROR;
+    }
+    Trace(L"CDorWEXWPDWMI::CancelQuery %ld %s\n", dwId, l_Found->second.c_str());
+    m_QueryMap.erase(l_Found);
+    return WBEM_S_NO_ERROR;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::FindConsumer(IWbemClassObject*, IWbemUnboundObjectSink**) {
+    Trace(L"CDorWEXWPDWMI::FindConsumer");
+    return WBEM_S_NO_ERROR;
 }

@@ -1,0 +1,64 @@
+// Filling a Win32ext_WPD instance from a device object.
+#include <array>
+
+#include "../device/wpd_object.h"
+#include "provider.h"
+#include "schema.h"
+
+namespace {
+
+// A member text as a string value; a member that holds no string gives a null string.
+_variant_t Text(const _bstr_t& bstr_t_in) {
+    _variant_t l_variant_t;
+    l_variant_t.vt = VT_BSTR;
+    l_variant_t.bstrVal = bstr_t_in.length() == 0 && static_cast<const wchar_t*>(bstr_t_in) == nullptr
+                              ? nullptr
+                              : bstr_t_in.copy();
+    return l_variant_t;
+}
+
+_variant_t Text(const std::wstring& wstring_in) {
+    return _variant_t(wstring_in.c_str());
+}
+
+_variant_t Flag(bool bool_in) {
+    return _variant_t(bool_in ? VARIANT_TRUE : VARIANT_FALSE, VT_BOOL);
+}
+
+}  // namespace
+
+// All values are built before anything is put; a put that fails (a property the class lacks) is ignored.
+HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const CDorWEXWPDObject& device_in) {
+    const CDorWEXWPDObjectInWin32& l_Win32 = device_in.m_Win32;
+    std::array<_variant_t, dorwex::schema::kWPDPropertyCount> l_Values = {
+        Text(device_in.m_bstr_tDeviceId),
+        Text(device_in.m_bstr_tFriendlyName),
+        Text(device_in.m_bstr_tManufacturer),
+        Text(device_in.m_bstr_tDescription),
+        Text(device_in.m_bstr_tSerialNumber),
+        Text(device_in.m_bstr_tExtraProperties),
+        Flag(device_in.m_bFunctionalCategoryStorage),
+        Flag(device_in.m_bFunctionalCategoryStillImageCapture),
+        Flag(device_in.m_bFunctionalCategoryAudioCapture),
+        Flag(device_in.m_bFunctionalCategorySMS),
+        Flag(device_in.m_bFunctionalCategoryRenderingInformation),
+        Text(device_in.m_bstr_tDisk1Name),
+        Text(device_in.m_bstr_tDisk2Name),
+        Text(device_in.m_bstr_tDisk1ObjectId),
+        Text(device_in.m_bstr_tDisk2ObjectId),
+        Text(device_in.m_bstr_tDisk1PersistentUniqueId),
+        Text(device_in.m_bstr_tDisk2PersistentUniqueId),
+        Text(device_in.m_bstr_tDisk1Description),
+        Text(device_in.m_bstr_tDisk2Description),
+        Text(device_in.m_bstr_tWPDSerialNumber),
+        Text(device_in.m_bstr_tUSBSerialNumber),
+        Text(l_Win32.GetEntry(0).wstringDevicePath),
+        Text(l_Win32.GetEntry(2).wstringDevicePath),
+        Text(l_Win32.GetEntry(0).wstringPhysicalName),
+        Text(l_Win32.GetEntry(2).wstringPhysicalName),
+    };
+    for (size_t l_index = 0; l_index < l_Values.size(); ++l_index) {
+        pInstance_io->Put(dorwex::schema::kWPDProperties[l_index].name, 0, &l_Values[l_index], 0);
+    }
+    return S_OK;
+}

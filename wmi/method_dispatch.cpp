@@ -1,0 +1,269 @@
+// ExecMethodAsync: routing a method call to its handler, converting parameters, and handing the outcome
+// back as "ReturnValue" or as an __ExtendedStatus.
+#include "method_dispatch.h"
+
+#include <cwchar>
+
+#include "object_path.h"
+#include "provider.h"
+#include "schema.h"
+#include "trace.h"
+
+namespace {
+
+struct MethodHandler {
+    const wchar_t* pwcharName;
+    HRESULT (*pHandler)(DorWEXMethodCall&);
+};
+const MethodHandler kHandlers[] = {
+    {L"SetDebugLevel", MethodSetDebugLevel},
+    {L"GetProperty", MethodGetProperty},
+    {L"CopyFileFromDevice", MethodCopyFileFromDevice},
+    {L"MoveFileFromDevice", MethodMoveFileFromDevice},
+    {L"DeleteFileFromDevice", MethodDeleteFileFromDevice},
+    {L"EnumerateDevicePath", MethodEnumerateDevicePath},
+    {L"CreateFolderOnDevice", MethodCreateFolderOnDevice},
+    {L"RequestWriteToken", MethodRequestWriteToken},
+    {L"CopyFileToDevice", MethodCopyFileToDevice},
+    {L"EjectDevice", MethodEjectDevice},
+};
+
+std::wstring Format(const wchar_t* pwcharFormat_in, ...) {
+    wchar_t l_wcharText[1024];
+    va_list l_va_list;
+    va_start(l_va_list, pwcharFormat_in);
+    _vsnwprintf_s(l_wcharText, _countof(l_wcharText), _TRUNCATE, pwcharFormat_in, l_va_list);
+    va_end(l_va_list);
+    return l_wcharText;
+}
+
+// A released-on-exit COM reference.
+template <class T>
+struct Held {
+    T* p = nullptr;
+    ~Held() {
+        if (p != nullptr) {
+            p->Release();
+        }
+    }
+};
+
+}  // namespace
+
+DorWEXMethodCall::~DorWEXMethodCall() {
+    if (pExtendedStatus != nullptr) {
+        pExtendedStatus->Release();
+    }
+}
+
+void DorWEXMethodCall::SetReturnText(const wchar_t* pwcharText_in) {
+    boolHasReturnValue = true;
+    variant_tReturnValue = _variant_t(pwcharText_in != nullptr ? pwcharText_in : L"");
+}
+
+void DorWEXMethodCall::SetExtendedStatus(const wchar_t* pwcharOperation_in, const wchar_t* pwcharDescription_in) {
+    IWbemClassObject* l_pStatus =
+        CreateExtendedStatus(pProvider->GetNamespace(), pwcharOperation_in, pwcharDescription_in);
+    if (l_pStatus == nullptr) {
+        pErrorRecord = std::make_unique<DorWEXErrorRecord>(DorWEXErrorRecord{pwcharOperation_in, pwcharDescription_in});
+        return;
+    }
+    if (pExtendedStatus != nullptr) {
+        pExtendedStatus->Release();
+    }
+    pExtendedStatus = l_pStatus;
+}
+
+HRESULT ConvertParameter(DorWEXMethodCall& call_io, const VARIANT& variant_in, int intIndex_in,
+                         VARTYPE vartypeDesired_in, const wchar_t* pwcharMethodTraceName_in) {
+    const bool l_boolByReference = variant_in.vt == (VT_BYREF | VT_VARIANT) && variant_in.pvarVal != nullptr;
+    const VARIANT& l_VARIANT = l_boolByReference ? *variant_in.pvarVal : variant_in;
+    _variant_t& l_Slot = call_io.variant_tSlots[intIndex_in];
+    l_Slot.Clear();
+    switch (l_VARIANT.vt) {
+    case VT_I2:
+        l_Slot = Format(L"%i", l_VARIANT.iVal).c_str();
+        break;
+    case VT_I4:
+        l_Slot = Format(L"%i", l_VARIANT.lVal).c_str();
+        break;
+    case VT_R4:
+        l_Slot = Format(L"%g", static_cast<double>(l_VARIANT.fltVal)).c_str();
+        break;
+    case VT_R8:
+        l_Slot = Format(L"%g", l_VARIANT.dblVal).c_str();
+        break;
+    case VT_BSTR:
+        l_Slot = l_VARIANT;
+        break;
+    case VT_DISPATCH:
+        if (!l_boolByReference) {
+            l_Slot = l_VARIANT;
+            break;
+        }
+        [[fallthrough]];
+    case VT_BOOL:
+        if (l_VARIANT.vt == VT_BOOL) {
+            l_Slot = _variant_t(l_VARIANT.boolVal, VT_BOOL);
+            break;
+        }
+        [[fallthrough]];
+    default:
+        call_io.pErrorRecord = std::make_unique<DorWEXErrorRecord>(DorWEXErrorRecord{
+            pwcharMethodTraceName_in,
+            std::wstring(pwcharMethodTraceName_in) +
+                Format(L": Unknown variable (variant) type passed in:%i.  Desired variable type:%i.  Parameter index:%i",
+                       l_VARIANT.vt, vartypeDesired_in, intIndex_in)});
+        return E_FAIL;
+    }
+    if (l_Slot.vt != vartypeDesired_in) {
+        HRESULT l_HRESULT;
+        try {
+            l_HRESULT = VariantChangeType(&l_Slot, &l_Slot, 0, vartypeDesired_in);
+        } catch (...) {
+            l_HRESULT = E_FAIL;
+        }
+        if (FAILED(l_HRESULT)) {
+            call_io.pErrorRecord = std::make_unique<DorWEXErrorRecord>(DorWEXErrorRecord{
+                pwcharMethodTraceName_in,
+                std::wstring(pwcharMethodTraceName_in) +
+                    Format(L": Could not convert parameter %i to proper data type: %i", intIndex_in, vartypeDesired_in)});
+            return E_FAIL;
+        }
+    }
+    return S_OK;
+}
+
+IWbemClassObject* CreateExtendedStatus(IWbemServices* pIWbemServices_in, const wchar_t* pwcharOperation_in,
+                                       const wchar_t* pwcharDescription_in) {
+    if (pIWbemServices_in == nullptr) {
+        return nullptr;
+    }
+    Held<IWbemClassObject> l_Class;
+    IWbemClassObject* l_pStatus = nullptr;
+    _bstr_t l_bstr_tClass(dorwex::schema::kClassExtendedStatus);
+    if (FAILED(pIWbemServices_in->GetObject(l_bstr_tClass, 0, nullptr, &l_Class.p, nullptr)) || l_Class.p == nullptr ||
+        FAILED(l_Class.p->SpawnInstance(0, &l_pStatus))) {
+        return nullptr;
+    }
+    _variant_t l_Description(pwcharDescription_in != nullptr ? pwcharDescription_in : L"");
+    _variant_t l_Operation(pwcharOperation_in != nullptr ? pwcharOperation_in : L"");
+    _variant_t l_ProviderName(dorwex::schema::kProviderName);
+    _variant_t l_StatusCode(static_cast<long>(E_FAIL), VT_I4);
+    l_pStatus->Put(dorwex::schema::kStatusDescription, 0, &l_Description, 0);
+    l_pStatus->Put(dorwex::schema::kStatusOperation, 0, &l_Operation, 0);
+    l_pStatus->Put(dorwex::schema::kStatusProviderName, 0, &l_ProviderName, 0);
+    l_pStatus->Put(dorwex::schema::kStatusCode, 0, &l_StatusCode, CIM_UINT32);
+    return l_pStatus;
+}
+
+STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR strMethodName, LONG,
+                                            IWbemContext* pCtx, IWbemClassObject* pInParams,
+                                            IWbemObjectSink* pResponseHandler) {
+    Trace(L"CDorWEXWPDWMI::ExecMethodAsync enter.\n");
+    if (pResponseHandler == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    DorWEXMethodCall l_Call;
+    l_Call.pProvider = this;
+    l_Call.pInParams = pInParams;
+    l_Call.pContext = pCtx;
+    HRESULT l_HRESULT = WBEM_S_NO_ERROR;
+    try {
+        const auto l_ObjectPath = strObjectPath != nullptr ? dorwex::ParseObjectPath(strObjectPath) : std::nullopt;
+        if (l_ObjectPath && m_pIWbemServices != nullptr) {
+            Held<IWbemClassObject> l_Class;
+            _bstr_t l_bstr_tClass(l_ObjectPath->className.c_str());
+            l_HRESULT = m_pIWbemServices->GetObject(l_bstr_tClass, 0, pCtx, &l_Class.p, nullptr);
+            Held<IWbemClassObject> l_OutSignature;
+            Held<IWbemClassObject> l_OutParams;
+            if (SUCCEEDED(l_HRESULT) && l_Class.p != nullptr) {
+                l_HRESULT = l_Class.p->GetMethod(strMethodName, 0, nullptr, &l_OutSignature.p);
+            }
+            if (SUCCEEDED(l_HRESULT) && l_OutSignature.p != nullptr) {
+                l_HRESULT = l_OutSignature.p->SpawnInstance(0, &l_OutParams.p);
+            }
+            if (SUCCEEDED(l_HRESULT) && l_OutParams.p != nullptr) {
+                Trace(L"CDorWEXWPDWMI::ExecMethodAsync %s.\n", strMethodName);
+                for (const auto& l_Handler : kHandlers) {
+                    if (strMethodName != nullptr && wcscmp(strMethodName, l_Handler.pwcharName) == 0) {
+                        l_HRESULT = l_Handler.pHandler(l_Call);
+                        break;
+                    }
+                }
+                _variant_t l_ReturnValue;
+                if (l_Call.boolHasReturnValue) {
+                    l_ReturnValue = l_Call.variant_tReturnValue;
+                }
+                l_OutParams.p->Put(dorwex::schema::kReturnValue, 0, &l_ReturnValue, 0);
+                pResponseHandler->Indicate(1, &l_OutParams.p);
+            }
+        }
+    } catch (const _com_error& l_com_error) {
+        l_HRESULT = l_com_error.Error();
+    } catch (const std::bad_alloc&) {
+        l_HRESULT = E_OUTOFMEMORY;
+    }
+
+    // A failure described by an __ExtendedStatus always reaches the caller as E_FAIL.
+    HRESULT l_HRESULTStatus = l_HRESULT;
+    IWbemClassObject* l_pStatusObject = nullptr;
+    if (l_Call.pExtendedStatus != nullptr) {
+        l_HRESULTStatus = E_FAIL;
+        l_pStatusObject = l_Call.pExtendedStatus;
+        l_pStatusObject->AddRef();
+    } else if (l_Call.pErrorRecord) {
+        l_HRESULTStatus = E_FAIL;
+        l_pStatusObject = CreateExtendedStatus(m_pIWbemServices, l_Call.pErrorRecord->wstringOperation.c_str(),
+                                               l_Call.pErrorRecord->wstringDescription.c_str());
+    }
+    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULTStatus, nullptr, l_pStatusObject);
+    if (l_pStatusObject != nullptr) {
+        l_pStatusObject->Release();
+    }
+    return l_HRESULTStatus;
+}
+
+HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io) {
+    call_io.SetReturnText(L"");
+    if (call_io.pInParams == nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    _variant_t l_Value;
+    if (FAILED(call_io.pInParams->Get(L"uint32DebugLevel", 0, &l_Value, nullptr, nullptr)) || l_Value.vt == VT_NULL ||
+        l_Value.vt == VT_EMPTY) {
+        return WBEM_S_NO_ERROR;  // the level stays as it is
+    }
+    const HRESULT l_HRESULT =
+        ConvertParameter(call_io, l_Value, 0, VT_BSTR, L"CDorWEXWPDWMI::MethodSetDebugLevel");
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    const _variant_t& l_Text = call_io.variant_tSlots[0];
+    ULONG l_ulongLevel = 0;
+    if (l_Text.vt == VT_BSTR && l_Text.bstrVal != nullptr && l_Text.bstrVal[0] != L'\0' &&
+        wcscmp(l_Text.bstrVal, L"0") != 0) {
+        l_ulongLevel = static_cast<ULONG>(_wtoi(l_Text.bstrVal));
+        if (l_ulongLevel == 0) {
+            l_ulongLevel = 1;  // a text that is not a number switches tracing on
+        }
+    }
+    SetTraceLevel(l_ulongLevel);
+    Trace(L"CDorWEXWPDWMI::MethodSetDebugLevel, set to %i", static_cast<int>(l_ulongLevel));
+    return WBEM_S_NO_ERROR;
+}
+
+// The content, token and eject handlers do their work through the device operations; until those are in
+// place the methods are refused as not supported.
+#define DORWEX_CONTENT_HANDLER(Name) \
+    HRESULT Name(DorWEXMethodCall&) { return WBEM_E_NOT_SUPPORTED; }
+DORWEX_CONTENT_HANDLER(MethodGetProperty)
+DORWEX_CONTENT_HANDLER(MethodCopyFileFromDevice)
+DORWEX_CONTENT_HANDLER(MethodMoveFileFromDevice)
+DORWEX_CONTENT_HANDLER(MethodDeleteFileFromDevice)
+DORWEX_CONTENT_HANDLER(MethodEnumerateDevicePath)
+DORWEX_CONTENT_HANDLER(MethodCreateFolderOnDevice)
+DORWEX_CONTENT_HANDLER(MethodRequestWriteToken)
+DORWEX_CONTENT_HANDLER(MethodCopyFileToDevice)
+DORWEX_CONTENT_HANDLER(MethodEjectDevice)
+#undef DORWEX_CONTENT_HANDLER
