@@ -18,6 +18,7 @@ public:
         std::wstring wstringDevicePath;
         std::wstring wstringPhysicalName;  // SPDRP_PHYSICAL_DEVICE_OBJECT_NAME
         std::wstring wstringDriveLetter;
+        std::wstring wstringDiskDrive;  // a disk drive found on the same device: plain USB storage
         std::wstring wstringSerialNumber;
         LONG longDiskNumber = -1;
     };

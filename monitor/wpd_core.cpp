@@ -6,6 +6,7 @@
 #include "../device/com_memory.h"
 #include "../device/portable_device_api.h"
 #include "../wmi/module.h"
+#include "../wmi/provider.h"
 #include "../wmi/trace.h"
 #include "companion_processors.h"
 #include "wpd_collection.h"
@@ -29,6 +30,26 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
         m_pBlackBerryEventsProcessor.reset();
     }
     m_pCollection.reset();
+    for (auto& l_Entry : m_DiskMountMap) {
+        CoTaskMemFree(l_Entry.second);
+    }
+}
+
+HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
+                                     const wchar_t* pwcharObjectDeviceId_in,
+                                     const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
+                                     const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
+                                     const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
+                                     const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
+                                     const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) {
+    CDorWEXWPDWMI* l_pOwner = m_pOwner;
+    if (l_pOwner == nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    return l_pOwner->SendEvent(pwcharEventId_in, pwcharObjectId_in, pwcharObjectDeviceId_in,
+                               pwcharObjectDevicePersistentUniqueId_in, pwcharObjectParentId_in, pwcharObjectName_in,
+                               pwcharTargetPath_in, pwcharSourcePath_in, pwcharDeviceName_in,
+                               pwcharOriginalFileName_in, bstr_tEventText_in, pwcharPID_in);
 }
 
 int CDorWEXWMIWPDCore::Initialize() {

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 #include <comdef.h>
+#include <dbt.h>
 
 #include <map>
 #include <memory>
@@ -41,6 +42,19 @@ public:
     // The process a token was handed to, or 0.
     DWORD GetPidForWriteToken(const wchar_t* pwcharToken_in);
 
+    // Forwards an event to the provider the core currently publishes through; 0 when there is none.
+    HRESULT SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
+                      const wchar_t* pwcharObjectDeviceId_in, const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
+                      const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
+                      const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
+                      const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
+                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in);
+
+    // Disk mounts the listener recorded (its worker thread is the only writer): interface name -> a copy
+    // of the notification record, allocated with the COM task allocator.
+    std::map<std::wstring, DEV_BROADCAST_DEVICEINTERFACE_W*>& GetDiskMountMap() { return m_DiskMountMap; }
+    std::mutex& GetDiskMountLock() { return m_mutexDiskMounts; }
+
     CDorWEXWPDWMI* GetOwner() const { return m_pOwner; }
     void SetOwner(CDorWEXWPDWMI* pOwner_in) { m_pOwner = pOwner_in; }
     CDorWEXWPDCollection* GetCollection() const { return m_pCollection.get(); }
@@ -55,6 +69,8 @@ private:
 
     LONG m_longAppleMonitoring = 0;       // 1 while an Apple processor exists
     LONG m_longBlackBerryMonitoring = 0;  // 1 while a BlackBerry processor exists
+    std::map<std::wstring, DEV_BROADCAST_DEVICEINTERFACE_W*> m_DiskMountMap;
+    std::mutex m_mutexDiskMounts;
     std::unique_ptr<CDorWEXWMIThreadWPDEventsProcessor> m_pWPDEventsProcessor;
     std::unique_ptr<CDorWEXWMIThreadAppleEventsProcessor> m_pAppleEventsProcessor;
     std::unique_ptr<CDorWEXWMIThreadBlackBerryEventsProcessor> m_pBlackBerryEventsProcessor;

@@ -1,7 +1,14 @@
 #include "wpd_events_listener.h"
 
+#include <objbase.h>
+
+#include <cstring>
+
+#include "../wmi/module.h"
 #include "../wmi/trace.h"
 #include "../wmi/trace_helpers.h"
+#include "notification_names.h"
+#include "wpd_core.h"
 #include "wpd_events_processor.h"
 
 namespace {
@@ -10,6 +17,31 @@ constexpr wchar_t kWindowClassName[] = L"dorWEXWMIWPDHiddenWindowClass";
 
 // {6AC27878-A6FA-4155-BA85-F98F491D4F33}
 constexpr GUID kGUID_DEVINTERFACE_WPD = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
+// The second portable-device interface class, accepted like the first.
+// {80375827-83B8-4A51-B39B-905FEDD4F118}
+constexpr GUID kGUID_DEVINTERFACE_WPD_2 = {0x80375827, 0x83b8, 0x4a51, {0xb3, 0x9b, 0x90, 0x5f, 0xed, 0xd4, 0xf1, 0x18}};
+
+// A device-interface record of one of the two portable-device classes, or null.
+const DEV_BROADCAST_DEVICEINTERFACE_W* PortableDeviceRecord(LPARAM lParam_in) {
+    const auto* l_pHeader = reinterpret_cast<const DEV_BROADCAST_HDR*>(lParam_in);
+    if (l_pHeader == nullptr || l_pHeader->dbch_devicetype != DBT_DEVTYP_DEVICEINTERFACE) {
+        return nullptr;
+    }
+    const auto* l_pRecord = reinterpret_cast<const DEV_BROADCAST_DEVICEINTERFACE_W*>(l_pHeader);
+    return l_pRecord->dbcc_classguid == kGUID_DEVINTERFACE_WPD || l_pRecord->dbcc_classguid == kGUID_DEVINTERFACE_WPD_2
+               ? l_pRecord
+               : nullptr;
+}
+
+// The interface name of a record, bounded by the record's own size.
+std::wstring RecordName(const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in) {
+    const size_t l_sizeHeader = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
+    if (pRecord_in->dbcc_size <= l_sizeHeader) {
+        return {};
+    }
+    const size_t l_sizeChars = (pRecord_in->dbcc_size - l_sizeHeader) / sizeof(wchar_t);
+    return std::wstring(pRecord_in->dbcc_name, wcsnlen(pRecord_in->dbcc_name, l_sizeChars));
+}
 
 void TraceLastError(const wchar_t* pwcharFormat_in) {
     const DWORD l_dwordError = GetLastError();
@@ -145,12 +177,124 @@ LRESULT CALLBACK CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback(HWN
         InterlockedExchange(&g_longWindowClosing, 1);
         return l_LRESULT;
     }
-    case WM_DEVICECHANGE:
-        // Arrivals and removals are handed to the monitor thread by the device-notification handling of the
-        // WMI publication path; nothing else is of interest here.
+    case WM_DEVICECHANGE: {
+        auto* l_pListener =
+            reinterpret_cast<CDorWEXWMIWPDEventsListener*>(GetWindowLongPtrW(hwnd_in, GWLP_USERDATA));
+        if (l_pListener == nullptr) {
+            return TRUE;
+        }
+        if (wParam_in == DBT_DEVNODES_CHANGED || wParam_in == DBT_DEVICEARRIVAL) {
+            if (PortableDeviceRecord(lParam_in) != nullptr) {
+                l_pListener->ProcessWPDOnline(wParam_in, reinterpret_cast<const DEV_BROADCAST_HDR*>(lParam_in));
+            }
+            // The system sends DBT_DEVNODES_CHANGED without a record: one that carries a record was posted by
+            // the device's event callback, which allocated it for this window to free.
+            if (wParam_in == DBT_DEVNODES_CHANGED && lParam_in != 0) {
+                CoTaskMemFree(reinterpret_cast<void*>(lParam_in));
+            }
+        } else if (wParam_in == DBT_DEVICEREMOVECOMPLETE) {
+            if (const auto* l_pRecord = PortableDeviceRecord(lParam_in)) {
+                Trace(L"CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback, DBT_DEVICEREMOVECOMPLETE");
+                l_pListener->ProcessWPDOfflineEvent(l_pRecord);
+            }
+        }
         return TRUE;
+    }
     default:
         Trace(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, send message to default");
         return DefWindowProcW(hwnd_in, uintMessage_in, wParam_in, lParam_in);
     }
+}
+
+void CDorWEXWMIWPDEventsListener::ProcessWPDOnline(WPARAM wParam_in, const DEV_BROADCAST_HDR* pDEV_BROADCAST_HDR_in) {
+    Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDOnline\n");
+    if (pDEV_BROADCAST_HDR_in == nullptr) {
+        Trace(L"   lParam is NULL");
+        return;
+    }
+    switch (pDEV_BROADCAST_HDR_in->dbch_devicetype) {
+    case DBT_DEVTYP_OEM:
+        Trace(L"   DBT_DEVTYP_OEM, dropped");
+        return;
+    case DBT_DEVTYP_VOLUME:
+        Trace(L"   DBT_DEVTYP_VOLUME, dropped");
+        return;
+    case DBT_DEVTYP_PORT:
+        Trace(L"   DBT_DEVTYP_PORT, dropped");
+        return;
+    case DBT_DEVTYP_HANDLE:
+        Trace(L"   DBT_DEVTYP_HANDLE, dropped");
+        return;
+    case DBT_DEVTYP_DEVICEINTERFACE:
+        Trace(L"   DBT_DEVTYP_DEVICEINTERFACE, processing");
+        break;
+    default:
+        return;
+    }
+    const auto* l_pRecord = PortableDeviceRecord(reinterpret_cast<LPARAM>(pDEV_BROADCAST_HDR_in));
+    if (l_pRecord == nullptr) {
+        return;
+    }
+    const std::wstring l_wstringName = RecordName(l_pRecord);
+    if (wParam_in == DBT_DEVNODES_CHANGED) {
+        ProcessWPDDiskMount(l_wstringName.c_str(), l_pRecord);
+    }
+    HandleMultiFactorAuthenticationEvents(l_wstringName.c_str(), L"ONLINE");
+    Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDOnlineEvent");
+    SetPendingDevice(l_wstringName.c_str(), 1);
+}
+
+void CDorWEXWMIWPDEventsListener::ProcessWPDOfflineEvent(const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in) {
+    const std::wstring l_wstringName = RecordName(pRecord_in);
+    HandleMultiFactorAuthenticationEvents(l_wstringName.c_str(), L"OFFLINE");
+    Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDOfflineEvent");
+    SetPendingDevice(l_wstringName.c_str(), 0);
+}
+
+int CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount(const wchar_t* pwcharName_in,
+                                                     const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in) {
+    Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount\n");
+    if (g_longWindowClosing != 0 || g_longShuttingDown != 0 || m_pOwner == nullptr) {
+        return 0;
+    }
+    // The map keeps its own copy: the record that came with the message belongs to its sender.
+    auto* l_pCopy = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(pRecord_in->dbcc_size));
+    if (l_pCopy == nullptr) {
+        return 0;
+    }
+    std::memcpy(l_pCopy, pRecord_in, pRecord_in->dbcc_size);
+    std::lock_guard<std::mutex> l_guard(m_pOwner->GetDiskMountLock());
+    auto& l_DiskMountMap = m_pOwner->GetDiskMountMap();
+    const auto l_Found = l_DiskMountMap.find(pwcharName_in);
+    if (l_Found != l_DiskMountMap.end()) {
+        Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, removing previous entry.\n");
+        CoTaskMemFree(l_Found->second);
+        l_DiskMountMap.erase(l_Found);
+        Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, removed previous entry.\n");
+    }
+    l_DiskMountMap.emplace(pwcharName_in, l_pCopy);
+    Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, inserted new entry.\n");
+    return 0;
+}
+
+BOOL CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents(const wchar_t* pwcharName_in,
+                                                                        const wchar_t* pwcharState_in) {
+    Trace(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, enter: %s %s.\n", pwcharName_in,
+          pwcharState_in);
+    BOOL l_BOOLResult = FALSE;
+    // The event exists only while the surrounding service waits for it.
+    const std::wstring l_wstringEventName = dorwex::MultiFactorEventName(pwcharState_in, pwcharName_in);
+    HANDLE l_HANDLEEvent = OpenEventW(EVENT_ALL_ACCESS, FALSE, l_wstringEventName.c_str());
+    if (l_HANDLEEvent != nullptr) {
+        if (SetEvent(l_HANDLEEvent)) {
+            Trace(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, SetEvent succeeded\n");
+            l_BOOLResult = TRUE;
+        } else {
+            Trace(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, ERROR: SetEvent FAILED\n");
+        }
+        CloseHandle(l_HANDLEEvent);
+    }
+    Trace(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, return %s\n",
+          l_BOOLResult ? L"TRUE" : L"FALSE");
+    return l_BOOLResult;
 }

@@ -25,6 +25,13 @@ public:
     void DestroyWindowForListening();
     void DestroyWindowClassForListening();
 
+    // The online handler (arrivals, and disk mounts that the event callback reports), the removal handler,
+    // the disk-mount record and the service's named event. Each runs on the worker thread.
+    void ProcessWPDOnline(WPARAM wParam_in, const DEV_BROADCAST_HDR* pDEV_BROADCAST_HDR_in);
+    void ProcessWPDOfflineEvent(const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in);
+    int ProcessWPDDiskMount(const wchar_t* pwcharName_in, const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in);
+    BOOL HandleMultiFactorAuthenticationEvents(const wchar_t* pwcharName_in, const wchar_t* pwcharState_in);
+
     HWND GetWindow() const { return m_HWND; }
     CDorWEXWMIWPDCore* GetOwner() const { return m_pOwner; }
 

@@ -1,13 +1,66 @@
 #include "wpd_events_processor.h"
 
+#include <comdef.h>
+#include <wbemcli.h>
+
+#include <mutex>
+
 #include "../wmi/module.h"
+#include "../wmi/schema.h"
 #include "../wmi/trace.h"
+#include "pnp_topology.h"
 #include "wpd_events_listener.h"
 
 HANDLE g_HANDLEApplicationEvent = nullptr;
 volatile LONG g_longWindowClosing = 0;
 wchar_t g_wcharPendingDeviceName[512] = {};
 volatile LONG g_longPendingDeviceOnline = 0;
+
+namespace {
+
+std::mutex g_mutexPendingDevice;
+
+// {CB8555CC-9128-11D1-AD9B-00C04FD8FDFF}
+constexpr CLSID kCLSID_WbemAdministrativeLocator = {
+    0xcb8555cc, 0x9128, 0x11d1, {0xad, 0x9b, 0x00, 0xc0, 0x4f, 0xd8, 0xfd, 0xff}};
+
+// A released-on-exit COM reference.
+template <class T>
+struct Held {
+    T* p = nullptr;
+    ~Held() {
+        if (p != nullptr) {
+            p->Release();
+        }
+    }
+};
+
+// root\cimv2 through the administrative locator, as the provider's own publication connects.
+HRESULT ConnectToNamespace(IWbemServices** ppIWbemServices_out, bool& boolLocatorCreated_out) {
+    Held<IWbemLocator> l_Locator;
+    HRESULT l_HRESULT = CoCreateInstance(kCLSID_WbemAdministrativeLocator, nullptr, CLSCTX_INPROC_SERVER,
+                                         IID_IWbemLocator, reinterpret_cast<void**>(&l_Locator.p));
+    boolLocatorCreated_out = SUCCEEDED(l_HRESULT);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    const _bstr_t l_bstr_tNamespace(dorwex::schema::kNamespace);
+    return l_Locator.p->ConnectServer(l_bstr_tNamespace, nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT,
+                                      nullptr, nullptr, ppIWbemServices_out);
+}
+
+}  // namespace
+
+void SetPendingDevice(const wchar_t* pwcharName_in, LONG longOnline_in) {
+    {
+        std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
+        wcsncpy_s(g_wcharPendingDeviceName, _countof(g_wcharPendingDeviceName), pwcharName_in, _TRUNCATE);
+        g_longPendingDeviceOnline = longOnline_in;
+    }
+    if (g_HANDLEApplicationEvent != nullptr) {
+        SetEvent(g_HANDLEApplicationEvent);
+    }
+}
 
 CDorWEXWMIThreadWPDEventsProcessor::CDorWEXWMIThreadWPDEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
     : CDorWEXWMIThreadBase(pCore_in, WorkerThreadWPDEventsProcessor, THREAD_TYPE_WPD) {
@@ -70,10 +123,109 @@ int CDorWEXWMIThreadWPDEventsProcessor::Stop() {
     return 0;
 }
 
-// Publishing the pending arrival or removal into WMI belongs to the instance publication path, which is
-// not part of this processor yet; until it is, a signalled application event is only acknowledged.
 int CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent() {
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent");
+    wchar_t l_wcharName[1024];
+    LONG l_longOnline;
+    {
+        std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
+        wcsncpy_s(l_wcharName, _countof(l_wcharName), g_wcharPendingDeviceName, _TRUNCATE);
+        g_wcharPendingDeviceName[0] = L'\0';
+        l_longOnline = g_longPendingDeviceOnline;
+    }
+    try {
+        if (l_longOnline != 1) {
+            Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent");
+            OfflineEvent(l_wcharName);
+            return 0;
+        }
+        // A device whose Plug and Play view shows a disk drive is plain USB storage, not a portable device.
+        CDorWEXWPDObjectInWin32 l_Win32;
+        if (SUCCEEDED(l_Win32.ProcessDeviceNotification(l_wcharName, 1)) &&
+            (!l_Win32.GetEntry(0).wstringDiskDrive.empty() || !l_Win32.GetEntry(1).wstringDiskDrive.empty())) {
+            Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, FilterPureUSBDevice=TRUE");
+            return 0;
+        }
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OnlineEvent");
+        OnlineEvent(l_wcharName);
+    } catch (...) {
+        // Out of memory while building texts: the notification is lost, the monitor goes on.
+    }
     return 0;
+}
+
+HRESULT CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent(const wchar_t* pwcharName_in) {
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.\n");
+    Held<IWbemServices> l_Services;
+    bool l_boolLocator = false;
+    HRESULT l_HRESULT = ConnectToNamespace(&l_Services.p, l_boolLocator);
+    if (FAILED(l_HRESULT) || l_Services.p == nullptr) {
+        return l_HRESULT;
+    }
+    Held<IWbemClassObject> l_Class;
+    Held<IWbemClassObject> l_Instance;
+    const _bstr_t l_bstr_tClass(dorwex::schema::kClassWPD);
+    l_HRESULT = l_Services.p->GetObject(l_bstr_tClass, 0, nullptr, &l_Class.p, nullptr);
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = l_Class.p->SpawnInstance(0, &l_Instance.p);
+    }
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.\n");
+    _variant_t l_variant_tId(pwcharName_in);
+    l_HRESULT = l_Instance.p->Put(dorwex::schema::kKeyProperty, 0, &l_variant_tId, 0);
+    if (FAILED(l_HRESULT)) {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strIdfailed, HRESULT = 0x%08x.\n",
+              l_HRESULT);
+        return l_HRESULT;
+    }
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.\n");
+    Held<IWbemContext> l_Context;
+    l_HRESULT = CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemContext,
+                                 reinterpret_cast<void**>(&l_Context.p));
+    if (SUCCEEDED(l_HRESULT)) {
+        _variant_t l_variant_tToken(dorwex::schema::kTokenWPD);
+        l_HRESULT = l_Context.p->SetValue(dorwex::schema::kContextWPDProp, 0, &l_variant_tToken);
+    }
+    if (FAILED(l_HRESULT)) {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue failed, HRESULT = 0x%08x.\n",
+              l_HRESULT);
+        return l_HRESULT;
+    }
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.\n");
+    l_HRESULT = l_Services.p->PutInstance(l_Instance.p, 0, l_Context.p, nullptr);
+    if (FAILED(l_HRESULT)) {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context failed, HRESULT = "
+              L"0x%08x.\n",
+              l_HRESULT);
+    } else {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context succeeded.\n");
+    }
+    return l_HRESULT;
+}
+
+HRESULT CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent(const wchar_t* pwcharName_in) {
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, enter.\n");
+    Held<IWbemServices> l_Services;
+    bool l_boolLocator = false;
+    HRESULT l_HRESULT = ConnectToNamespace(&l_Services.p, l_boolLocator);
+    if (!l_boolLocator) {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, CoCreateInstance(CLSID_WbemAdministrativeLocator "
+              L"failed.\n");
+        return l_HRESULT;
+    }
+    if (l_Services.p == nullptr) {
+        Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, l_IWbemServices == NULL\n");
+        return l_HRESULT;
+    }
+    // Win32ext_WPD='<name>': the key is not named and the name is not escaped.
+    const std::wstring l_wstringPath = std::wstring(dorwex::schema::kClassWPD) + L"='" + pwcharName_in + L"'";
+    const _bstr_t l_bstr_tPath(l_wstringPath.c_str());
+    l_HRESULT = l_Services.p->DeleteInstance(l_bstr_tPath, 0, nullptr, nullptr);
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, %s, HRESULT = 0x%08x.\n",
+          l_wstringPath.c_str(), l_HRESULT);
+    return l_HRESULT;
 }
 
 DWORD WINAPI CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in) {

@@ -16,6 +16,10 @@ extern volatile LONG g_longWindowClosing;            // set once the hidden wind
 extern wchar_t g_wcharPendingDeviceName[512];        // interface name of the last notification
 extern volatile LONG g_longPendingDeviceOnline;      // 1 arrival, 0 removal
 
+// The listener hands a notification to the monitor thread: records the name and the online flag and
+// signals the application event. A second notification before the monitor takes the first replaces it.
+void SetPendingDevice(const wchar_t* pwcharName_in, LONG longOnline_in);
+
 class CDorWEXWMIThreadWPDEventsProcessor : public CDorWEXWMIThreadBase {
 public:
     // Creates the application event (manual-reset, not signalled), also published process-wide.
@@ -26,6 +30,11 @@ public:
     int ProcessApplicationEvent() override;
 
     static DWORD WINAPI WorkerThreadWPDEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);
+
+    // Publishes an arrived device as a Win32ext_WPD instance, or deletes the instance of a removed one,
+    // through WMI (which hands both back to the provider). Each returns the last HRESULT.
+    HRESULT OnlineEvent(const wchar_t* pwcharName_in);
+    HRESULT OfflineEvent(const wchar_t* pwcharName_in);
 
     CDorWEXWMIWPDEventsListener* GetListener() const { return m_pListener; }
 

@@ -1,8 +1,47 @@
 #include "wpd_object_events.h"
 
 #include <objbase.h>
+#include <dbt.h>
 
+#include <cstring>
+#include <string>
+
+#include "../device/com_memory.h"
 #include "../wmi/trace.h"
+#include "../wmi/trace_helpers.h"
+#include "wpd_core.h"
+#include "wpd_events_listener.h"
+#include "wpd_events_processor.h"
+
+namespace {
+
+// {6AC27878-A6FA-4155-BA85-F98F491D4F33}
+constexpr GUID kGUID_DEVINTERFACE_WPD = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
+
+const wchar_t* EventName(const GUID& event_in) {
+    if (event_in == WPD_EVENT_OBJECT_ADDED) {
+        return L"WPD_EVENT_OBJECT_ADDED";
+    }
+    if (event_in == WPD_EVENT_OBJECT_UPDATED) {
+        return L"WPD_EVENT_OBJECT_UPDATED";
+    }
+    if (event_in == WPD_EVENT_OBJECT_REMOVED) {
+        return L"WPD_EVENT_OBJECT_REMOVED";
+    }
+    if (event_in == WPD_EVENT_DEVICE_REMOVED) {
+        return L"WPD_EVENT_DEVICE_REMOVED";
+    }
+    return L"UNKNOWN";
+}
+
+// Windows 10 from build 16299 delivers every content event; older systems only additions.
+bool DeliversAllEvents() {
+    DorWEXOSVersion l_OSVersion{};
+    return ReadOSVersion(&l_OSVersion) != 0 && l_OSVersion.dwordMajorVersion == 10 &&
+           l_OSVersion.dwordBuildNumber >= 16299;
+}
+
+}  // namespace
 
 CDorWEXWPDObjectEvents::CDorWEXWPDObjectEvents(CDorWEXWMIWPDCore* pCore_in, CDorWEXWPDObject* pDevice_in)
     : m_pCore(pCore_in), m_pDevice(pDevice_in) {}
@@ -63,13 +102,105 @@ HRESULT CDorWEXWPDObjectEvents::UnRegister(IPortableDevice* pIPortableDevice_in)
     return l_HRESULT;
 }
 
-// Turning content events into WMI events belongs to the event delivery of the WMI side; here an event is
-// read far enough to know it is well formed.
 HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_in) {
     Trace(L"CDorWEXWPDObjectEvents::OnEvent enter.\n");
     if (pEventParameters_in == nullptr) {
         return E_POINTER;
     }
     GUID l_GUIDEvent{};
-    return pEventParameters_in->GetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, &l_GUIDEvent);
+    HRESULT l_HRESULT = pEventParameters_in->GetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, &l_GUIDEvent);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    try {
+        // Each part of the text is there only when its value could be read.
+        std::wstring l_wstringText;
+        const auto l_Read = [&](const PROPERTYKEY& key_in, CoTaskString& value_out, const wchar_t* pwcharLabel_in) {
+            l_HRESULT = pEventParameters_in->GetStringValue(key_in, &value_out);
+            if (SUCCEEDED(l_HRESULT) && value_out.Get() != nullptr && pwcharLabel_in != nullptr) {
+                l_wstringText += pwcharLabel_in;
+                l_wstringText += value_out.Get();
+            }
+        };
+        const auto l_Value = [](const CoTaskString& value_in) { return value_in.Get() != nullptr ? value_in.Get() : L""; };
+        CoTaskString l_ObjectId, l_ObjectName, l_OriginalFileName, l_ParentId, l_PnPDeviceId, l_PersistentUniqueId;
+        l_Read(WPD_OBJECT_ID, l_ObjectId, L"Object Id: ");
+        l_Read(WPD_OBJECT_NAME, l_ObjectName, L" Object Name: ");
+        l_Read(WPD_OBJECT_ORIGINAL_FILE_NAME, l_OriginalFileName, L" Original File Name: ");
+        l_Read(WPD_OBJECT_PARENT_ID, l_ParentId, L" Parent Id: ");
+        const wchar_t* l_pwcharEventName = EventName(l_GUIDEvent);
+        l_wstringText += L" Event: ";
+        l_wstringText += l_pwcharEventName;
+
+        GUID l_GUIDContentType{};
+        l_HRESULT = pEventParameters_in->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &l_GUIDContentType);
+        const bool l_boolContentType = SUCCEEDED(l_HRESULT);
+        const bool l_boolFunctionalObject = l_boolContentType && l_GUIDContentType == WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT;
+        const bool l_boolFolder = l_boolContentType && l_GUIDContentType == WPD_CONTENT_TYPE_FOLDER;
+        // A storage that has just come up on the device: its disk is published, not raised as an event.
+        const bool l_boolStorageArrival = l_boolFunctionalObject && wcscmp(l_Value(l_ParentId), L"DEVICE") == 0 &&
+                                          wcscmp(l_Value(l_ObjectId), L"s10001") == 0;
+        if (l_boolContentType) {
+            wchar_t l_wcharGUID[64];
+            StringFromGUID2(l_GUIDContentType, l_wcharGUID, 64);
+            l_wstringText += L" ContentType: ";
+            l_wstringText += l_wcharGUID;
+        }
+        l_Read(WPD_EVENT_PARAMETER_PNP_DEVICE_ID, l_PnPDeviceId, nullptr);
+        l_Read(WPD_OBJECT_PERSISTENT_UNIQUE_ID, l_PersistentUniqueId, L"Object Persistent Unique Id: ");
+
+        bool l_boolDeliver = l_boolStorageArrival || (!l_boolFolder && !l_boolFunctionalObject);
+        if (l_boolDeliver && !DeliversAllEvents()) {
+            Trace(L"CDorWEXWPDObjectEvents::OnEvent before suppress %s.\n", l_wstringText.c_str());
+            if (l_GUIDEvent != WPD_EVENT_OBJECT_ADDED) {
+                Trace(L"CDorWEXWPDObjectEvents::OnEvent WPD_EVENT_OBJECT_ADDED being suppressed.\n");
+                l_boolDeliver = false;
+            }
+        }
+        if (l_boolDeliver && !l_boolStorageArrival) {
+            Trace(L"CDorWEXWMIWPDCore::SendEvent enter.\n");
+            if (m_pCore != nullptr) {
+                // The target path of the parent comes with the object-path resolution of the device object;
+                // the event carries the parent's id until then.
+                m_pCore->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
+                                   l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName), L"",
+                                   L"", l_Value(l_PnPDeviceId), l_Value(l_OriginalFileName),
+                                   _bstr_t(l_wstringText.c_str()), L"");
+            }
+        } else if (l_boolDeliver && l_PnPDeviceId.Get() != nullptr && m_pCore != nullptr &&
+                   m_pCore->GetWPDEventsProcessor() != nullptr) {
+            PostDiskMount(l_PnPDeviceId.Get());
+        }
+        Trace(L"CDorWEXWPDObjectEvents::OnEvent, %s\n", l_wstringText.c_str());
+    } catch (...) {
+        return E_OUTOFMEMORY;
+    }
+    return l_HRESULT;
+}
+
+// Hands a storage arrival to the listener's window as a disk mount: the window's thread owns the
+// listener's state, and it frees the record.
+void CDorWEXWPDObjectEvents::PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) {
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessDiskMount, calling OnlineEvent");
+    CDorWEXWMIThreadWPDEventsProcessor* l_pProcessor = m_pCore->GetWPDEventsProcessor();
+    auto l_lock = l_pProcessor->LockListener();
+    CDorWEXWMIWPDEventsListener* l_pListener = l_pProcessor->GetListener();
+    if (l_pListener == nullptr || l_pListener->GetWindow() == nullptr) {
+        return;
+    }
+    const size_t l_sizeName = wcslen(pwcharPnPDeviceId_in) + 1;
+    const size_t l_sizeRecord = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + l_sizeName * sizeof(wchar_t);
+    auto* l_pRecord = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(l_sizeRecord));
+    if (l_pRecord == nullptr) {
+        return;
+    }
+    std::memset(l_pRecord, 0, l_sizeRecord);
+    l_pRecord->dbcc_size = static_cast<DWORD>(l_sizeRecord);
+    l_pRecord->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    l_pRecord->dbcc_classguid = kGUID_DEVINTERFACE_WPD;
+    std::memcpy(l_pRecord->dbcc_name, pwcharPnPDeviceId_in, l_sizeName * sizeof(wchar_t));
+    if (!PostMessageW(l_pListener->GetWindow(), WM_DEVICECHANGE, DBT_DEVNODES_CHANGED,
+                      reinterpret_cast<LPARAM>(l_pRecord))) {
+        CoTaskMemFree(l_pRecord);
+    }
 }

@@ -27,6 +27,7 @@ public:
 
 private:
     ~CDorWEXWPDObjectEvents();
+    void PostDiskMount(const wchar_t* pwcharPnPDeviceId_in);
 
     std::atomic<LONG> m_longRefCount{1};
     CDorWEXWMIWPDCore* m_pCore;
