@@ -25,10 +25,33 @@ echo "== a host loads the provider through COM, as the WMI service does"
 "$wine" "$bin/provider_host.exe" | tr -d '\r'
 
 echo
-echo "== the monitoring core on the emulated devices of emulator/samples"
-"$wine" regsvr32 /s "$("$wine" winepath -w "$bin/dorwex_wpd_emulator.dll" 2>/dev/null | tr -d '\r')"
-DORWEX_WPD_DEVICES=$("$wine" winepath -w "$root/emulator/samples" 2>/dev/null | tr -d '\r') \
-    "$wine" "$bin/device_probe.exe" | tr -d '\r'
+echo "== the emulated portable-device stack and WMI service take the place of what Wine lacks"
+winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
+"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_emulator.dll")"
+"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wmi_emulator.dll")"
+# The sample devices are copied, so that what the run writes onto them stays in the build tree.
+devices="$root/build/win/main-job-devices"
+rm -rf "$devices" && cp -r "$root/emulator/samples" "$devices"
+export DORWEX_WPD_DEVICES
+DORWEX_WPD_DEVICES=$(winpath "$devices")
+galaxy='\\?\usb#vid_04e8&pid_6860&mi_00#7&2a8f3e1&0&0000#{6ac27878-a6fa-4155-ba85-f98f491d4f33}'
+lumia='\\?\usb#vid_0421&pid_0661#lumia950#{6ac27878-a6fa-4155-ba85-f98f491d4f33}'
+
+echo
+echo "== the monitoring core on its own: what it makes of each sample device"
+"$wine" "$bin/device_probe.exe" | tr -d '\r'
+
+echo
+echo "== a WMI client: list the devices, watch an event, call a method, see a device leave"
+"$wine" "$bin/wmi_client.exe" \
+    list Win32ext_WPD strId strFriendlyName strManufacturer strDisk1Name strDisk2Name \; \
+    subscribe "SELECT * FROM Win32ext_WPDEvent" \; \
+    wpd-put "$galaxy" s10001 hello.txt \; \
+    wait 3 \; \
+    call Win32ext_WPD SetDebugLevel uint32DebugLevel=#0 \; \
+    call Win32ext_WPD SetDebugLevel uint32DebugLevel=#5 \; \
+    simulate-removal "$lumia" \; \
+    list Win32ext_WPD strFriendlyName | tr -d '\r'
 
 echo
 echo "== the same module code at trace level 1, as DebugView shows it"
