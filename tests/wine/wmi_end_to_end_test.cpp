@@ -5,6 +5,7 @@
 #include <comdef.h>
 #include <dbt.h>
 #include <wbemcli.h>
+#include <wbemprov.h>
 #include <wrl/client.h>
 
 #include <functional>
@@ -298,6 +299,106 @@ TEST(WmiEndToEnd, MethodOutcomes) {
     EXPECT_TRUE(returnValue.vt == VT_NULL || returnValue.vt == VT_EMPTY);
     EXPECT_EQ(services->ExecMethod(path, _bstr_t(L"NoSuchMethod"), 0, nullptr, in.Get(), nullptr, nullptr),
               WBEM_E_NOT_FOUND);
+}
+
+}  // namespace
+
+namespace {
+
+// Collects what a provider call indicates and how it completes.
+class RecordingSink : public IWbemObjectSink, public IWbemProviderInitSink {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IWbemObjectSink) {
+            *ppv = static_cast<IWbemObjectSink*>(this);
+        } else if (riid == IID_IWbemProviderInitSink) {
+            *ppv = static_cast<IWbemProviderInitSink*>(this);
+        } else {
+            *ppv = nullptr;
+            return E_NOINTERFACE;
+        }
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) override {
+        for (LONG i = 0; i < count; ++i) {
+            indicated.emplace_back(objects[i]);
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG flags, HRESULT result, BSTR, IWbemClassObject*) override {
+        ++completions;
+        status = result;
+        lastFlags = flags;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG initStatus, LONG) override {
+        initResult = initStatus;
+        return S_OK;
+    }
+    ULONG refs = 1;
+    std::vector<ComPtr<IWbemClassObject>> indicated;
+    int completions = 0;
+    HRESULT status = S_FALSE;
+    LONG lastFlags = -1;
+    LONG initResult = -1;
+};
+
+// {5C2F4E1A-7B3D-4E8A-9D61-2A4F0B7C3E91}
+constexpr CLSID kProviderClsid = {0x5c2f4e1a, 0x7b3d, 0x4e8a, {0x9d, 0x61, 0x2a, 0x4f, 0x0b, 0x7c, 0x3e, 0x91}};
+
+// Runs last: a second provider object becomes the one the core publishes through.
+TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
+    ComPtr<IWbemProviderInit> init;
+    ASSERT_EQ(CoCreateInstance(kProviderClsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&init)), S_OK);
+    ComPtr<IUnknown> unknown;
+    ComPtr<IWbemProviderInit> asPropertyProvider;
+    ASSERT_EQ(init.As(&unknown), S_OK);
+    EXPECT_EQ(static_cast<void*>(unknown.Get()), static_cast<void*>(init.Get()));
+    ASSERT_EQ(init->QueryInterface(IID_IWbemPropertyProvider, reinterpret_cast<void**>(asPropertyProvider.GetAddressOf())),
+              S_OK);
+    EXPECT_EQ(asPropertyProvider.Get(), init.Get()) << "answered with the IWbemProviderInit table";
+    ComPtr<IWbemEventConsumerProvider> consumer;
+    EXPECT_EQ(init.As(&consumer), E_NOINTERFACE);
+    ComPtr<IWbemServices> provider;
+    ASSERT_EQ(init.As(&provider), S_OK);
+
+    RecordingSink sink;
+    EXPECT_EQ(provider->ExecQueryAsync(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPD"), 0, nullptr, &sink),
+              S_OK);
+    EXPECT_EQ(sink.completions, 1);
+    EXPECT_EQ(sink.status, S_OK);
+    EXPECT_TRUE(sink.indicated.empty()) << "a query yields no instances";
+    EXPECT_EQ(provider->GetObjectAsync(nullptr, 0, nullptr, &sink), WBEM_E_INVALID_PARAMETER);
+    EXPECT_EQ(provider->ExecQuery(nullptr, nullptr, 0, nullptr, nullptr), WBEM_E_NOT_SUPPORTED);
+
+    // Without namespace services WMI is told the initialisation failed; the call itself succeeds.
+    RecordingSink initSink;
+    EXPECT_EQ(init->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, &initSink), S_OK);
+    EXPECT_EQ(initSink.initResult, WBEM_E_FAILED);
+
+    // With them, it re-attaches to the running core and answers from the same devices.
+    ComPtr<IWbemProviderInit> second;
+    ASSERT_EQ(CoCreateInstance(kProviderClsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&second)), S_OK);
+    auto services = Connect();
+    RecordingSink secondInit;
+    EXPECT_EQ(second->Initialize(nullptr, 0, nullptr, nullptr, services.Get(), nullptr, &secondInit), S_OK);
+    EXPECT_EQ(secondInit.initResult, WBEM_S_INITIALIZED);
+    ComPtr<IWbemServices> secondServices;
+    ASSERT_EQ(second.As(&secondServices), S_OK);
+    RecordingSink enumeration;
+    EXPECT_EQ(secondServices->CreateInstanceEnumAsync(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &enumeration), S_OK);
+    EXPECT_EQ(enumeration.completions, 1);
+    ASSERT_EQ(enumeration.indicated.size(), 1u);
+    EXPECT_EQ(Text(enumeration.indicated[0].Get(), L"strSerialNumber"), L"ATT1");
+
+    // Any path gives one blank instance.
+    RecordingSink object;
+    EXPECT_EQ(secondServices->GetObjectAsync(_bstr_t(L"Win32ext_WPD.strId=\"x\""), 0, nullptr, &object), S_OK);
+    ASSERT_EQ(object.indicated.size(), 1u);
+    EXPECT_EQ(Text(object.indicated[0].Get(), L"strId"), L"<none>");
 }
 
 }  // namespace
