@@ -1,6 +1,7 @@
 #include "wpd_events_processor.h"
 
 #include <comdef.h>
+#include <wrl/client.h>
 #include <wbemcli.h>
 
 #include <mutex>
@@ -24,28 +25,17 @@ std::mutex g_mutexPendingDevice;
 constexpr CLSID kCLSID_WbemAdministrativeLocator = {
     0xcb8555cc, 0x9128, 0x11d1, {0xad, 0x9b, 0x00, 0xc0, 0x4f, 0xd8, 0xfd, 0xff}};
 
-// A released-on-exit COM reference.
-template <class T>
-struct Held {
-    T* p = nullptr;
-    ~Held() {
-        if (p != nullptr) {
-            p->Release();
-        }
-    }
-};
-
 // root\cimv2 through the administrative locator, as the provider's own publication connects.
 HRESULT ConnectToNamespace(IWbemServices** ppIWbemServices_out, bool& boolLocatorCreated_out) {
-    Held<IWbemLocator> l_Locator;
+    Microsoft::WRL::ComPtr<IWbemLocator> l_Locator;
     HRESULT l_HRESULT = CoCreateInstance(kCLSID_WbemAdministrativeLocator, nullptr, CLSCTX_INPROC_SERVER,
-                                         IID_IWbemLocator, reinterpret_cast<void**>(&l_Locator.p));
+                                         IID_IWbemLocator, reinterpret_cast<void**>(l_Locator.ReleaseAndGetAddressOf()));
     boolLocatorCreated_out = SUCCEEDED(l_HRESULT);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
     const _bstr_t l_bstr_tNamespace(dorwex::schema::kNamespace);
-    return l_Locator.p->ConnectServer(l_bstr_tNamespace, nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT,
+    return l_Locator->ConnectServer(l_bstr_tNamespace, nullptr, nullptr, nullptr, WBEM_FLAG_CONNECT_USE_MAX_WAIT,
                                       nullptr, nullptr, ppIWbemServices_out);
 }
 
@@ -156,37 +146,37 @@ int CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent() {
 
 HRESULT CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent(const wchar_t* pwcharName_in) {
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.\n");
-    Held<IWbemServices> l_Services;
+    Microsoft::WRL::ComPtr<IWbemServices> l_Services;
     bool l_boolLocator = false;
-    HRESULT l_HRESULT = ConnectToNamespace(&l_Services.p, l_boolLocator);
-    if (FAILED(l_HRESULT) || l_Services.p == nullptr) {
+    HRESULT l_HRESULT = ConnectToNamespace(l_Services.ReleaseAndGetAddressOf(), l_boolLocator);
+    if (FAILED(l_HRESULT) || l_Services.Get() == nullptr) {
         return l_HRESULT;
     }
-    Held<IWbemClassObject> l_Class;
-    Held<IWbemClassObject> l_Instance;
+    Microsoft::WRL::ComPtr<IWbemClassObject> l_Class;
+    Microsoft::WRL::ComPtr<IWbemClassObject> l_Instance;
     const _bstr_t l_bstr_tClass(dorwex::schema::kClassWPD);
-    l_HRESULT = l_Services.p->GetObject(l_bstr_tClass, 0, nullptr, &l_Class.p, nullptr);
+    l_HRESULT = l_Services->GetObject(l_bstr_tClass, 0, nullptr, l_Class.ReleaseAndGetAddressOf(), nullptr);
     if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_Class.p->SpawnInstance(0, &l_Instance.p);
+        l_HRESULT = l_Class->SpawnInstance(0, l_Instance.ReleaseAndGetAddressOf());
     }
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.\n");
     _variant_t l_variant_tId(pwcharName_in);
-    l_HRESULT = l_Instance.p->Put(dorwex::schema::kKeyProperty, 0, &l_variant_tId, 0);
+    l_HRESULT = l_Instance->Put(dorwex::schema::kKeyProperty, 0, &l_variant_tId, 0);
     if (FAILED(l_HRESULT)) {
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strIdfailed, HRESULT = 0x%08x.\n",
               l_HRESULT);
         return l_HRESULT;
     }
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.\n");
-    Held<IWbemContext> l_Context;
+    Microsoft::WRL::ComPtr<IWbemContext> l_Context;
     l_HRESULT = CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemContext,
-                                 reinterpret_cast<void**>(&l_Context.p));
+                                 reinterpret_cast<void**>(l_Context.ReleaseAndGetAddressOf()));
     if (SUCCEEDED(l_HRESULT)) {
         _variant_t l_variant_tToken(dorwex::schema::kTokenWPD);
-        l_HRESULT = l_Context.p->SetValue(dorwex::schema::kContextWPDProp, 0, &l_variant_tToken);
+        l_HRESULT = l_Context->SetValue(dorwex::schema::kContextWPDProp, 0, &l_variant_tToken);
     }
     if (FAILED(l_HRESULT)) {
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue failed, HRESULT = 0x%08x.\n",
@@ -194,7 +184,7 @@ HRESULT CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent(const wchar_t* pwcharNam
         return l_HRESULT;
     }
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.\n");
-    l_HRESULT = l_Services.p->PutInstance(l_Instance.p, 0, l_Context.p, nullptr);
+    l_HRESULT = l_Services->PutInstance(l_Instance.Get(), 0, l_Context.Get(), nullptr);
     if (FAILED(l_HRESULT)) {
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context failed, HRESULT = "
               L"0x%08x.\n",
@@ -207,22 +197,22 @@ HRESULT CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent(const wchar_t* pwcharNam
 
 HRESULT CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent(const wchar_t* pwcharName_in) {
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, enter.\n");
-    Held<IWbemServices> l_Services;
+    Microsoft::WRL::ComPtr<IWbemServices> l_Services;
     bool l_boolLocator = false;
-    HRESULT l_HRESULT = ConnectToNamespace(&l_Services.p, l_boolLocator);
+    HRESULT l_HRESULT = ConnectToNamespace(l_Services.ReleaseAndGetAddressOf(), l_boolLocator);
     if (!l_boolLocator) {
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, CoCreateInstance(CLSID_WbemAdministrativeLocator "
               L"failed.\n");
         return l_HRESULT;
     }
-    if (l_Services.p == nullptr) {
+    if (l_Services.Get() == nullptr) {
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, l_IWbemServices == NULL\n");
         return l_HRESULT;
     }
     // Win32ext_WPD='<name>': the key is not named and the name is not escaped.
     const std::wstring l_wstringPath = std::wstring(dorwex::schema::kClassWPD) + L"='" + pwcharName_in + L"'";
     const _bstr_t l_bstr_tPath(l_wstringPath.c_str());
-    l_HRESULT = l_Services.p->DeleteInstance(l_bstr_tPath, 0, nullptr, nullptr);
+    l_HRESULT = l_Services->DeleteInstance(l_bstr_tPath, 0, nullptr, nullptr);
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, %s, HRESULT = 0x%08x.\n",
           l_wstringPath.c_str(), l_HRESULT);
     return l_HRESULT;

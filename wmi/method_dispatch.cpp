@@ -2,6 +2,8 @@
 // back as "ReturnValue" or as an __ExtendedStatus.
 #include "method_dispatch.h"
 
+#include <wrl/client.h>
+
 #include <cwchar>
 
 #include "object_path.h"
@@ -36,17 +38,6 @@ std::wstring Format(const wchar_t* pwcharFormat_in, ...) {
     va_end(l_va_list);
     return l_wcharText;
 }
-
-// A released-on-exit COM reference.
-template <class T>
-struct Held {
-    T* p = nullptr;
-    ~Held() {
-        if (p != nullptr) {
-            p->Release();
-        }
-    }
-};
 
 }  // namespace
 
@@ -139,11 +130,11 @@ IWbemClassObject* CreateExtendedStatus(IWbemServices* pIWbemServices_in, const w
     if (pIWbemServices_in == nullptr) {
         return nullptr;
     }
-    Held<IWbemClassObject> l_Class;
+    Microsoft::WRL::ComPtr<IWbemClassObject> l_Class;
     IWbemClassObject* l_pStatus = nullptr;
     _bstr_t l_bstr_tClass(dorwex::schema::kClassExtendedStatus);
-    if (FAILED(pIWbemServices_in->GetObject(l_bstr_tClass, 0, nullptr, &l_Class.p, nullptr)) || l_Class.p == nullptr ||
-        FAILED(l_Class.p->SpawnInstance(0, &l_pStatus))) {
+    if (FAILED(pIWbemServices_in->GetObject(l_bstr_tClass, 0, nullptr, l_Class.ReleaseAndGetAddressOf(), nullptr)) || l_Class.Get() == nullptr ||
+        FAILED(l_Class->SpawnInstance(0, &l_pStatus))) {
         return nullptr;
     }
     _variant_t l_Description(pwcharDescription_in != nullptr ? pwcharDescription_in : L"");
@@ -172,18 +163,18 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
     try {
         const auto l_ObjectPath = strObjectPath != nullptr ? dorwex::ParseObjectPath(strObjectPath) : std::nullopt;
         if (l_ObjectPath && m_pIWbemServices != nullptr) {
-            Held<IWbemClassObject> l_Class;
+            Microsoft::WRL::ComPtr<IWbemClassObject> l_Class;
             _bstr_t l_bstr_tClass(l_ObjectPath->className.c_str());
-            l_HRESULT = m_pIWbemServices->GetObject(l_bstr_tClass, 0, pCtx, &l_Class.p, nullptr);
-            Held<IWbemClassObject> l_OutSignature;
-            Held<IWbemClassObject> l_OutParams;
-            if (SUCCEEDED(l_HRESULT) && l_Class.p != nullptr) {
-                l_HRESULT = l_Class.p->GetMethod(strMethodName, 0, nullptr, &l_OutSignature.p);
+            l_HRESULT = m_pIWbemServices->GetObject(l_bstr_tClass, 0, pCtx, l_Class.ReleaseAndGetAddressOf(), nullptr);
+            Microsoft::WRL::ComPtr<IWbemClassObject> l_OutSignature;
+            Microsoft::WRL::ComPtr<IWbemClassObject> l_OutParams;
+            if (SUCCEEDED(l_HRESULT) && l_Class.Get() != nullptr) {
+                l_HRESULT = l_Class->GetMethod(strMethodName, 0, nullptr, l_OutSignature.ReleaseAndGetAddressOf());
             }
-            if (SUCCEEDED(l_HRESULT) && l_OutSignature.p != nullptr) {
-                l_HRESULT = l_OutSignature.p->SpawnInstance(0, &l_OutParams.p);
+            if (SUCCEEDED(l_HRESULT) && l_OutSignature.Get() != nullptr) {
+                l_HRESULT = l_OutSignature->SpawnInstance(0, l_OutParams.ReleaseAndGetAddressOf());
             }
-            if (SUCCEEDED(l_HRESULT) && l_OutParams.p != nullptr) {
+            if (SUCCEEDED(l_HRESULT) && l_OutParams.Get() != nullptr) {
                 Trace(L"CDorWEXWPDWMI::ExecMethodAsync %s.\n", strMethodName);
                 for (const auto& l_Handler : kHandlers) {
                     if (strMethodName != nullptr && wcscmp(strMethodName, l_Handler.pwcharName) == 0) {
@@ -195,8 +186,8 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
                 if (l_Call.boolHasReturnValue) {
                     l_ReturnValue = l_Call.variant_tReturnValue;
                 }
-                l_OutParams.p->Put(dorwex::schema::kReturnValue, 0, &l_ReturnValue, 0);
-                pResponseHandler->Indicate(1, &l_OutParams.p);
+                l_OutParams->Put(dorwex::schema::kReturnValue, 0, &l_ReturnValue, 0);
+                pResponseHandler->Indicate(1, l_OutParams.GetAddressOf());
             }
         }
     } catch (const _com_error& l_com_error) {

@@ -4,11 +4,13 @@
 
 #include <cstring>
 #include <mutex>
+#include <iterator>
 #include <string>
 
 #include "collections.h"
 #include "control.h"
 #include "emulated_api.h"
+#include "emulator/common/com_server.h"
 #include "monitor/write_token_hook.h"
 
 namespace dorwex::emulator {
@@ -69,11 +71,6 @@ HRESULT CreateSimple(REFIID riid, void** ppv) {
     return CreateComObject<T>(riid, ppv);
 }
 
-struct ServedClass {
-    const CLSID* clsid;
-    HRESULT (*create)(REFIID, void**);
-    const wchar_t* description;
-};
 const ServedClass kClasses[] = {
     {&CLSID_PortableDeviceManager, CreatePortableDeviceManager, L"Emulated PortableDeviceManager"},
     {&CLSID_PortableDevice, CreatePortableDevice, L"Emulated PortableDevice"},
@@ -85,40 +82,6 @@ const ServedClass kClasses[] = {
      L"Emulated PortableDevicePropVariantCollection"},
     {&CLSID_DorWEXPidHook, CreatePidHook, L"Emulated security-service PID hook"},
 };
-
-class ClassFactory final : public ComObject<IClassFactory> {
-public:
-    explicit ClassFactory(HRESULT (*create)(REFIID, void**)) : m_create(create) {}
-    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
-        if (ppv == nullptr) {
-            return E_POINTER;
-        }
-        *ppv = nullptr;
-        if (outer != nullptr) {
-            return CLASS_E_NOAGGREGATION;
-        }
-        try {
-            return m_create(riid, ppv);
-        } catch (...) {
-            return E_OUTOFMEMORY;
-        }
-    }
-    HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
-
-private:
-    HRESULT (*m_create)(REFIID, void**);
-};
-
-std::wstring ClassKey(const CLSID& clsid) {
-    wchar_t text[64];
-    StringFromGUID2(clsid, text, 64);
-    return std::wstring(L"Software\\Classes\\CLSID\\") + text;
-}
-
-LSTATUS SetString(HKEY key, const wchar_t* name, const std::wstring& value) {
-    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
 
 std::shared_ptr<EmulatedDevice> Device(LPCWSTR id) {
     return id == nullptr ? nullptr : EmulatorState::Get().Find(id);
@@ -147,16 +110,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
 }
 
 extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {
-    if (ppv == nullptr) {
-        return E_POINTER;
-    }
-    *ppv = nullptr;
-    for (const auto& served : kClasses) {
-        if (clsid == *served.clsid) {
-            return CreateComObject<ClassFactory>(riid, ppv, served.create);
-        }
-    }
-    return CLASS_E_CLASSNOTAVAILABLE;
+    return GetServedClassObject(kClasses, std::size(kClasses), clsid, riid, ppv);
 }
 
 // The emulator stays loaded once used: its devices and subscriptions live in the process.
@@ -165,35 +119,11 @@ extern "C" HRESULT WINAPI DllCanUnloadNow() {
 }
 
 extern "C" HRESULT WINAPI DllRegisterServer() {
-    wchar_t path[MAX_PATH];
-    if (GetModuleFileNameW(g_module, path, MAX_PATH) == 0) {
-        return HRESULT_FROM_WIN32(GetLastError());
-    }
-    for (const auto& served : kClasses) {
-        HKEY classKey = nullptr;
-        LSTATUS status = RegCreateKeyW(HKEY_LOCAL_MACHINE, ClassKey(*served.clsid).c_str(), &classKey);
-        if (status != ERROR_SUCCESS) {
-            return HRESULT_FROM_WIN32(status);
-        }
-        SetString(classKey, nullptr, served.description);
-        HKEY serverKey = nullptr;
-        status = RegCreateKeyW(classKey, L"InprocServer32", &serverKey);
-        RegCloseKey(classKey);
-        if (status != ERROR_SUCCESS) {
-            return HRESULT_FROM_WIN32(status);
-        }
-        SetString(serverKey, nullptr, path);
-        SetString(serverKey, L"ThreadingModel", L"Both");
-        RegCloseKey(serverKey);
-    }
-    return S_OK;
+    return RegisterServedClasses(g_module, kClasses, std::size(kClasses));
 }
 
 extern "C" HRESULT WINAPI DllUnregisterServer() {
-    for (const auto& served : kClasses) {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, ClassKey(*served.clsid).c_str());
-    }
-    return S_OK;
+    return UnregisterServedClasses(kClasses, std::size(kClasses));
 }
 
 // --- Control functions ----------------------------------------------------------------------------
