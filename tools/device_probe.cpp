@@ -45,6 +45,7 @@ int wmain(int argc, wchar_t** argv) {
     }
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     auto* provider = new CDorWEXWPDWMI();
+    provider->AddRef();  // as the class factory hands it out
     int exitCode = 0;
     {
         CDorWEXWMIWPDCore core(provider);

@@ -10,6 +10,7 @@
 
 #include "support/test_trace_sink.h"
 #include "wmi/module.h"
+#include "wmi/provider.h"
 #include "wmi/provider_clsid.h"
 
 namespace {
@@ -197,6 +198,59 @@ TEST(ProviderObject, QueryInterfaceAndAddRefTraceOnlyAboveLevelOne) {
     }
     EXPECT_EQ(provider->Release(), 0u);
     factory->Release();
+}
+
+}  // namespace
+
+namespace {
+
+template <class I>
+I* As(IUnknown* object) {
+    I* result = nullptr;
+    object->QueryInterface(__uuidof(I), reinterpret_cast<void**>(&result));
+    return result;
+}
+
+TEST(ProviderObject, EventQueriesAndEventsWithoutConsumers) {
+    IClassFactory* factory = nullptr;
+    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
+              S_OK);
+    IWbemEventProviderQuerySink* queries = nullptr;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&queries)),
+              S_OK);
+    factory->Release();
+    {
+        TraceCapture trace(1);
+        // The same id twice keeps one entry, with the newer text.
+        queries->NewQuery(7, const_cast<LPWSTR>(L"WQL"), const_cast<LPWSTR>(L"select * from Win32ext_WPDEvent"));
+        queries->NewQuery(7, const_cast<LPWSTR>(L"WQL"),
+                          const_cast<LPWSTR>(L"select * from Win32ext_WPDEvent where strEventId = 'x'"));
+        EXPECT_EQ(queries->CancelQuery(7), S_OK);
+        EXPECT_EQ(queries->CancelQuery(7), S_OK) << "an unknown id is no error";
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDWMI::CancelQuery"),
+                  std::vector<std::wstring>{
+                      L"CDorWEXWPDWMI::CancelQuery 7 select * from Win32ext_WPDEvent where strEventId = 'x'"});
+        EXPECT_TRUE(trace.Has(L"CDorWEXWPDWMI::NewQuery select * from Win32ext_WPDEvent\n"));
+
+        // Without a consumer and without WMI's services an event is dropped, and that is no error.
+        IWbemServices* services = As<IWbemServices>(queries);
+        auto* provider = static_cast<CDorWEXWPDWMI*>(services);
+        trace.Clear();
+        EXPECT_EQ(provider->SendEvent(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                      nullptr, _bstr_t(), nullptr),
+                  S_OK);
+        EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{
+                                     L"CDorWEXWPDWMI::SendEvent enter.\r\n",
+                                     L"CDorWEXWPDWMI::SendEvent, ERROR: m_pIWbemObjectSink == NULL.\r\n",
+                                     L"CDorWEXWPDWMI::SendEvent, ERROR: m_pIWbemServices == NULL.\r\n",
+                                 }));
+        // A put without an instance does nothing; a put from a client without context is refused.
+        EXPECT_EQ(services->PutInstance(nullptr, 0, nullptr, nullptr), S_OK);
+        EXPECT_EQ(services->DeleteInstance(nullptr, 0, nullptr, nullptr), E_FAIL);
+        EXPECT_EQ(services->OpenNamespace(nullptr, 0, nullptr, nullptr, nullptr), WBEM_E_NOT_SUPPORTED);
+        services->Release();
+    }
+    EXPECT_EQ(queries->Release(), 0u);
 }
 
 }  // namespace

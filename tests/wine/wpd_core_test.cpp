@@ -24,6 +24,7 @@ TEST_F(Core, InitializeAddsAttachedDevicesOnceAndStartsTheWPDProcessor) {
     emulator.Attach(PhoneSpec("usb#attached2", "HP Inc.", "A2"));
     emulator.Attach(PhoneSpec("usb#stick", "IronKey", "A3"));
     auto* provider = new CDorWEXWPDWMI();
+    provider->AddRef();  // as the class factory hands it out
     TraceCapture trace(1);
     {
         CDorWEXWMIWPDCore core(provider);
