@@ -6,6 +6,7 @@
 #include <unknwn.h>
 
 #include <cstddef>
+#include <iterator>
 
 namespace dorwex::emulator {
 
@@ -20,3 +21,25 @@ HRESULT RegisterServedClasses(HMODULE module, const ServedClass* classes, size_t
 HRESULT UnregisterServedClasses(const ServedClass* classes, size_t count);
 
 }  // namespace dorwex::emulator
+
+// The module entry and the four COM exports of an emulator that serves the classes of the given array. An
+// emulator stays loaded once used: its state lives as long as the process.
+#define DORWEX_EMULATOR_COM_SERVER(classes)                                                   \
+    static HMODULE g_dorwexEmulatorModule = nullptr;                                        \
+    extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {                \
+        if (reason == DLL_PROCESS_ATTACH) {                                                   \
+            g_dorwexEmulatorModule = instance;                                                \
+            DisableThreadLibraryCalls(instance);                                              \
+        }                                                                                     \
+        return TRUE;                                                                          \
+    }                                                                                         \
+    extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {    \
+        return dorwex::emulator::GetServedClassObject(classes, std::size(classes), clsid, riid, ppv); \
+    }                                                                                         \
+    extern "C" HRESULT WINAPI DllCanUnloadNow() { return S_FALSE; }                           \
+    extern "C" HRESULT WINAPI DllRegisterServer() {                                           \
+        return dorwex::emulator::RegisterServedClasses(g_dorwexEmulatorModule, classes, std::size(classes)); \
+    }                                                                                         \
+    extern "C" HRESULT WINAPI DllUnregisterServer() {                                         \
+        return dorwex::emulator::UnregisterServedClasses(classes, std::size(classes));        \
+    }

@@ -17,8 +17,6 @@ namespace dorwex::emulator::wmi {
 
 namespace {
 
-HMODULE g_module = nullptr;
-
 // {CB8555CC-9128-11D1-AD9B-00C04FD8FDFF}
 constexpr CLSID kCLSID_WbemAdministrativeLocator = {
     0xcb8555cc, 0x9128, 0x11d1, {0xad, 0x9b, 0x00, 0xc0, 0x4f, 0xd8, 0xfd, 0xff}};
@@ -69,32 +67,7 @@ const ServedClass kClasses[] = {
 using namespace dorwex::emulator;
 using namespace dorwex::emulator::wmi;
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        g_module = instance;
-        DisableThreadLibraryCalls(instance);
-    }
-    return TRUE;
-}
-
-extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {
-    return GetServedClassObject(kClasses, std::size(kClasses), clsid, riid, ppv);
-}
-
-// The namespace and the provider it loaded live as long as the process.
-extern "C" HRESULT WINAPI DllCanUnloadNow() {
-    return S_FALSE;
-}
-
-extern "C" HRESULT WINAPI DllRegisterServer() {
-    return RegisterServedClasses(g_module, kClasses, std::size(kClasses));
-}
-
-// Wine's own WMI takes the class ids back when it is re-registered (wineboot -u); removing ours leaves them
-// unregistered until then.
-extern "C" HRESULT WINAPI DllUnregisterServer() {
-    return UnregisterServedClasses(kClasses, std::size(kClasses));
-}
+DORWEX_EMULATOR_COM_SERVER(kClasses)
 
 // --- Control functions ----------------------------------------------------------------------------
 

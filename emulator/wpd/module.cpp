@@ -17,8 +17,6 @@ namespace dorwex::emulator {
 
 namespace {
 
-HMODULE g_module = nullptr;
-
 // The write-token hook double: answers the Hook call with a result tests choose and records the call.
 struct HookRecord {
     std::mutex lock;
@@ -101,30 +99,7 @@ DWORD CopyText(const std::wstring& text, LPWSTR buffer, DWORD chars) {
 
 using namespace dorwex::emulator;
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        g_module = instance;
-        DisableThreadLibraryCalls(instance);
-    }
-    return TRUE;
-}
-
-extern "C" HRESULT WINAPI DllGetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {
-    return GetServedClassObject(kClasses, std::size(kClasses), clsid, riid, ppv);
-}
-
-// The emulator stays loaded once used: its devices and subscriptions live in the process.
-extern "C" HRESULT WINAPI DllCanUnloadNow() {
-    return S_FALSE;
-}
-
-extern "C" HRESULT WINAPI DllRegisterServer() {
-    return RegisterServedClasses(g_module, kClasses, std::size(kClasses));
-}
-
-extern "C" HRESULT WINAPI DllUnregisterServer() {
-    return UnregisterServedClasses(kClasses, std::size(kClasses));
-}
+DORWEX_EMULATOR_COM_SERVER(kClasses)
 
 // --- Control functions ----------------------------------------------------------------------------
 
