@@ -16,7 +16,7 @@
 class CDorWEXWMIWPDCore;
 class CDorWEXWPDObjectEvents;
 
-class CDorWEXWPDObject {
+class CDorWEXWPDObject : public std::enable_shared_from_this<CDorWEXWPDObject> {
 public:
     using Manufacturer = dorwex::Manufacturer;
 
@@ -37,6 +37,36 @@ public:
     HRESULT GetAdditionalProperties();
     HRESULT GetFunctionalCategories();
     void FinalizeSerialNumbersToUse();
+
+    // What a storage path names on the device (first component a storage name, then object names).
+    // Lookup modes: 1 the file to copy from the device, 2 the file to move, 3 the object to delete, 4 the
+    // folder to create a folder in, 5 the folder to list, 6 the folder to copy a file into.
+    enum LookupMode { LOOKUP_COPY_FROM = 1, LOOKUP_MOVE = 2, LOOKUP_DELETE = 3, LOOKUP_CREATE_FOLDER = 4,
+                      LOOKUP_LIST = 5, LOOKUP_COPY_TO = 6 };
+    // The root object id of the storage the path names (the first storage for an unknown name), or null.
+    _bstr_t GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in) const;
+    // The object id the path names for the mode, or null.
+    _bstr_t FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in);
+    // Storage name and folder names down to the object: "Phone\DCIM\a.jpg"; "DEVICE" for the root.
+    _bstr_t GetObjectTargetPath(const wchar_t* pwcharObjectId_in);
+
+    // Content operations; each chooses its variant by the manufacturer class.
+    _bstr_t EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
+    _bstr_t GetStorageObjectProperty(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharPropertyName_in);
+    _bstr_t CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
+                             const wchar_t* pwcharWriteToken_in, DWORD dwordProcessId_in);
+    HRESULT CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    // 1 when the object was deleted, else 0.
+    int DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in);
+    HRESULT DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pTCHARDeviceId_in,
+                            bool boolRedirected_in = false);
+    HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
+    // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
+    int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+
+    // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size.
+    static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
+                              ULONGLONG* pulonglongBytesWritten_out);
 
     _bstr_t m_bstr_tDeviceId;
     _bstr_t m_bstr_tDeviceObjectId;
@@ -82,6 +112,13 @@ private:
                      int intStorageIndex_in);
     HRESULT ReadStorages(IPortableDevicePropVariantCollection* pIPortableDevicePropVariantCollection_in);
     HRESULT ReadAppleIdentity();
+    _bstr_t EnumerateDevicePath1(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
+    _bstr_t CopyFileToDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in);
+    HRESULT CopyFileFromDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    HRESULT CreateFolderOnDevice1(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
+    HRESULT DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectId_in);
+    // The target folder of a copy or a new folder: the path's folder, or the root of its storage.
+    _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);
     // hresultRunning_in is what InitializeWPD had so far; it stays the result when the device is no BlackBerry.
     HRESULT ReadBlackBerryIdentity(HRESULT hresultRunning_in);
 };

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "../device/com_memory.h"
+#include "../device/wpd_object.h"
 #include "../wmi/trace.h"
 #include "../wmi/trace_helpers.h"
 #include "wpd_core.h"
@@ -44,7 +45,11 @@ bool DeliversAllEvents() {
 }  // namespace
 
 CDorWEXWPDObjectEvents::CDorWEXWPDObjectEvents(CDorWEXWMIWPDCore* pCore_in, CDorWEXWPDObject* pDevice_in)
-    : m_pCore(pCore_in), m_pDevice(pDevice_in) {}
+    : m_pCore(pCore_in) {
+    if (pDevice_in != nullptr) {
+        m_pDevice = pDevice_in->weak_from_this();
+    }
+}
 
 CDorWEXWPDObjectEvents::~CDorWEXWPDObjectEvents() {
     Trace(L"CDorWEXWPDObjectEvents::~CDorWEXWPDObjectEvents");
@@ -160,10 +165,16 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
         if (l_boolDeliver && !l_boolStorageArrival) {
             Trace(L"CDorWEXWMIWPDCore::SendEvent enter.\n");
             if (m_pCore != nullptr) {
-                // The target path of the parent comes with the object-path resolution of the device object;
-                // the event carries the parent's id until then.
+                // The folder the object is in, as a storage path, when the device is still there to ask.
+                _bstr_t l_bstr_tTargetPath(L"");
+                if (l_ParentId.Get() != nullptr && l_ParentId.Get()[0] != L'\0') {
+                    if (const auto l_pDevice = m_pDevice.lock()) {
+                        l_bstr_tTargetPath = l_pDevice->GetObjectTargetPath(l_ParentId.Get());
+                    }
+                }
                 m_pCore->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
-                                   l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName), L"",
+                                   l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName),
+                                   l_bstr_tTargetPath.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tTargetPath),
                                    L"", l_Value(l_PnPDeviceId), l_Value(l_OriginalFileName),
                                    _bstr_t(l_wstringText.c_str()), L"");
             }

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <memory>
 
 #include "../device/portable_device_api.h"
 
@@ -31,6 +32,6 @@ private:
 
     std::atomic<LONG> m_longRefCount{1};
     CDorWEXWMIWPDCore* m_pCore;
-    CDorWEXWPDObject* m_pDevice;  // not owned
+    std::weak_ptr<CDorWEXWPDObject> m_pDevice;  // the device may go while an event is still on its way
     LPWSTR m_pwcharCookie = nullptr;
 };

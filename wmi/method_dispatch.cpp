@@ -244,17 +244,3 @@ HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io) {
     return WBEM_S_NO_ERROR;
 }
 
-// The content, token and eject handlers do their work through the device operations; until those are in
-// place the methods are refused as not supported.
-#define DORWEX_CONTENT_HANDLER(Name) \
-    HRESULT Name(DorWEXMethodCall&) { return WBEM_E_NOT_SUPPORTED; }
-DORWEX_CONTENT_HANDLER(MethodGetProperty)
-DORWEX_CONTENT_HANDLER(MethodCopyFileFromDevice)
-DORWEX_CONTENT_HANDLER(MethodMoveFileFromDevice)
-DORWEX_CONTENT_HANDLER(MethodDeleteFileFromDevice)
-DORWEX_CONTENT_HANDLER(MethodEnumerateDevicePath)
-DORWEX_CONTENT_HANDLER(MethodCreateFolderOnDevice)
-DORWEX_CONTENT_HANDLER(MethodRequestWriteToken)
-DORWEX_CONTENT_HANDLER(MethodCopyFileToDevice)
-DORWEX_CONTENT_HANDLER(MethodEjectDevice)
-#undef DORWEX_CONTENT_HANDLER

@@ -21,6 +21,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 WpdEmulator* g_emulator = nullptr;
+EmulatedDeviceSpec g_attached;  // the device present from the start, with storages Phone and Card
 
 std::wstring ProgramDirectory() {
     wchar_t path[MAX_PATH] = {};
@@ -46,7 +47,8 @@ public:
         Register(L"dorwex_wmi_emulator.dll");
         g_emulator = new WpdEmulator();
         // Attached before the provider starts: added by its start-up.
-        g_emulator->Attach(PhoneSpec("usb#vid_04e8&pid_6860#attached", "SAMSUNG Electronics", "ATT1", 2));
+        g_attached = PhoneSpec("usb#vid_04e8&pid_6860#attached", "SAMSUNG Electronics", "ATT1", 2);
+        g_emulator->Attach(g_attached);
     }
     void TearDown() override {
         delete g_emulator;
@@ -399,6 +401,290 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     EXPECT_EQ(secondServices->GetObjectAsync(_bstr_t(L"Win32ext_WPD.strId=\"x\""), 0, nullptr, &object), S_OK);
     ASSERT_EQ(object.indicated.size(), 1u);
     EXPECT_EQ(Text(object.indicated[0].Get(), L"strId"), L"<none>");
+}
+
+}  // namespace
+
+namespace {
+
+// One method call through WMI: the status, "ReturnValue", and the __ExtendedStatus description on failure.
+struct Outcome {
+    HRESULT status = S_OK;
+    std::wstring returnValue;
+    std::wstring description;
+};
+
+using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
+
+// Parameters the method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out.
+Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1) {
+    Outcome outcome;
+    auto services = Connect();
+    ComPtr<IWbemClassObject> wpdClass;
+    services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
+    ComPtr<IWbemClassObject> inSignature;
+    ComPtr<IWbemClassObject> in;
+    wpdClass->GetMethod(method, 0, &inSignature, nullptr);
+    if (inSignature) {
+        inSignature->SpawnInstance(0, &in);
+        for (const auto& parameter : parameters) {
+            const HRESULT put = in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
+            EXPECT_TRUE(put == S_OK || put == WBEM_E_NOT_FOUND);
+        }
+    }
+    ComPtr<IWbemContext> context;
+    if (clientPid >= 0) {
+        CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context));
+        _variant_t pid(static_cast<long>(clientPid), VT_I4);
+        pid.vt = VT_UI4;
+        context->SetValue(L"dorWEXWPDClientPID", 0, &pid);
+    }
+    ComPtr<IWbemClassObject> out;
+    outcome.status = services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &out,
+                                          nullptr);
+    if (out) {
+        outcome.returnValue = Text(out.Get(), L"ReturnValue");
+    }
+    ComPtr<IErrorInfo> error;
+    ComPtr<IWbemClassObject> status;
+    if (FAILED(outcome.status) && GetErrorInfo(0, &error) == S_OK && SUCCEEDED(error.As(&status))) {
+        outcome.description = Text(status.Get(), L"Description");
+    }
+    return outcome;
+}
+
+const wchar_t kDevice[] = L"usb#vid_04e8&pid_6860#attached";
+
+std::wstring Phone() {
+    return g_emulator->StorageDirectory(g_attached, 0);
+}
+
+std::wstring Card() {
+    return g_emulator->StorageDirectory(g_attached, 1);
+}
+
+std::string ReadAll(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return "<missing>";
+    }
+    std::string content;
+    char buffer[65536];
+    DWORD read = 0;
+    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        content.append(buffer, read);
+    }
+    CloseHandle(file);
+    return content;
+}
+
+bool Exists(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring LocalTemp(const std::wstring& name) {
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    return std::wstring(temp) + L"dorwex-local-" + std::to_wstring(GetCurrentProcessId()) + L"-" + name;
+}
+
+// Ids of the listing's entries by name: "name@id@KIND~...".
+std::wstring IdIn(const std::wstring& listing, const std::wstring& name) {
+    const size_t at = listing.find(name + L"@");
+    if (at == std::wstring::npos) {
+        return L"";
+    }
+    const size_t start = at + name.size() + 1;
+    return listing.substr(start, listing.find(L'@', start) - start);
+}
+
+TEST(WmiContent, ListingAndProperties) {
+    CreateDirectoryW((Phone() + L"\\DCIM").c_str(), nullptr);
+    g_emulator->WriteFile(Phone() + L"\\DCIM\\a.jpg", "jpeg");
+    g_emulator->WriteFile(Phone() + L"\\notes.txt", "0123456789");
+    const std::wstring unicode = L"F\u00f6to \u5199\u771f \U0001F600.txt";
+    g_emulator->WriteFile(Phone() + L"\\" + unicode, "unicode");
+
+    Outcome all = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"phone")},
+                                                      {L"strObjectDeviceId", _variant_t(kDevice)}});
+    ASSERT_EQ(all.status, S_OK);
+    const std::wstring dcim = IdIn(all.returnValue, L"DCIM");
+    const std::wstring notes = IdIn(all.returnValue, L"notes.txt");
+    EXPECT_EQ(all.returnValue, L"DCIM@" + dcim + L"@DIR~" + unicode + L"@" + IdIn(all.returnValue, unicode) +
+                                   L"@FILE~notes.txt@" + notes + L"@FILE~");
+    Outcome folders = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                          {L"strObjectDeviceId", _variant_t(kDevice)},
+                                                          {L"uint32ContentType", _variant_t(1L, VT_I4)}});
+    EXPECT_EQ(folders.returnValue, L"DCIM@" + dcim + L"@DIR~");
+    Outcome files = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"PHONE\\dcim")},
+                                                        {L"strObjectDeviceId", _variant_t(kDevice)},
+                                                        {L"uint32ContentType", _variant_t(L"2")}});
+    EXPECT_EQ(files.returnValue.substr(0, 6), L"a.jpg@");
+    EXPECT_EQ(files.returnValue.substr(files.returnValue.size() - 6), L"@FILE~");
+
+    const auto property = [](const wchar_t* path, const wchar_t* name) {
+        return CallMethod(L"GetProperty", {{L"strObjectStoragePath", _variant_t(path)},
+                                           {L"strPropertyName", _variant_t(name)},
+                                           {L"strObjectDeviceId", _variant_t(kDevice)}})
+            .returnValue;
+    };
+    EXPECT_EQ(property(L"Phone\\notes.txt", L"WPD_OBJECT_SIZE"), L"10");
+    EXPECT_EQ(property(L"Phone\\notes.txt", L"ObjectId"), notes);
+    EXPECT_EQ(property(L"Phone\\DCIM", L"WPD_OBJECT_CONTENT_TYPE"), L"{27E2E392-A111-48E0-AB0C-E17705A05F85}");
+    EXPECT_EQ(property(L"Phone\\nothing.txt", L"WPD_OBJECT_SIZE"), L"");
+    EXPECT_EQ(property(L"Phone\\notes.txt", L"strObjectDeviceId"), Upper(kDevice));
+
+    // A device the lookup cannot find: E_FAIL and the reason, for every method that looks for one.
+    Outcome missing = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Nowhere\\x")},
+                                                          {L"strObjectDeviceId", _variant_t(L"usb#nobody")}});
+    EXPECT_EQ(missing.status, E_FAIL);
+    EXPECT_EQ(missing.description, L"Device not found");
+}
+
+TEST(WmiContent, CopiesFromTheDevice) {
+    std::string large(200 * 1024 + 17, '\0');
+    for (size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>(i * 31 + 7);
+    }
+    g_emulator->WriteFile(Phone() + L"\\large.bin", large);
+    g_emulator->WriteFile(Card() + L"\\empty.txt", "");
+    const std::wstring unicode = L"\u00e9t\u00e9 \U0001F4F7.jpg";
+    g_emulator->WriteFile(Card() + L"\\" + unicode, "summer");
+
+    const auto copy = [](const std::wstring& path, const std::wstring& local) {
+        return CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(path.c_str())},
+                                                  {L"strLocalFileName", _variant_t(local.c_str())},
+                                                  {L"strObjectDeviceId", _variant_t(kDevice)}});
+    };
+    Outcome outcome = copy(L"Phone\\large.bin", LocalTemp(L"large.bin"));
+    EXPECT_EQ(outcome.returnValue, L"1");
+    EXPECT_TRUE(ReadAll(LocalTemp(L"large.bin")) == large) << "larger than the 64 KiB optimal buffer";
+    EXPECT_EQ(copy(L"card\\EMPTY.TXT", LocalTemp(L"empty.txt")).returnValue, L"1");
+    EXPECT_EQ(ReadAll(LocalTemp(L"empty.txt")), "");
+    EXPECT_EQ(copy(L"Card\\" + unicode, LocalTemp(unicode)).returnValue, L"1");
+    EXPECT_EQ(ReadAll(LocalTemp(unicode)), "summer");
+    EXPECT_EQ(copy(L"Phone\\missing.bin", LocalTemp(L"missing.bin")).returnValue, L"0");
+    EXPECT_EQ(copy(L"Phone", LocalTemp(L"storage.bin")).returnValue, L"0") << "a storage is not a file";
+    EXPECT_EQ(copy(L"Phone\\large.bin", L"Q:\\no\\such\\folder\\x.bin").returnValue, L"0");
+    for (const auto* name : {L"large.bin", L"empty.txt"}) {
+        DeleteFileW(LocalTemp(name).c_str());
+    }
+    DeleteFileW(LocalTemp(unicode).c_str());
+}
+
+TEST(WmiContent, WriteTokensGateCopiesToTheDevice) {
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    Outcome refused = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self + 4, VT_I4)}}, self);
+    EXPECT_EQ(refused.status, E_FAIL);
+    EXPECT_EQ(refused.description, L"Invalid PID specified when requesting a write token.");
+    Outcome noContext = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}});
+    EXPECT_EQ(noContext.description, L"Invalid PID specified when requesting a write token.");
+    Outcome notANumber = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(L"twelve")}}, self);
+    EXPECT_EQ(notANumber.description,
+              L"CDorWEXWPDWMI::MethodRequestWriteToken: Could not convert parameter 0 to proper data type: 23");
+
+    // The process id may come as text.
+    const std::wstring first =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(std::to_wstring(self).c_str())}}, self)
+            .returnValue;
+    ASSERT_EQ(first.size(), 36u);
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    ASSERT_EQ(token.size(), 36u);
+
+    const std::wstring local = LocalTemp(L"upload.txt");
+    const std::wstring uploaded = local.substr(local.find_last_of(L'\\') + 1);  // the device keeps the file's name
+    g_emulator->WriteFile(local, "uploaded");
+    const auto copy = [&](const wchar_t* path, const std::wstring& file, const _variant_t& writeToken, LONG pid) {
+        Parameters parameters = {{L"strObjectStoragePath", _variant_t(path)},
+                                 {L"strFileToCopy", _variant_t(file.c_str())},
+                                 {L"strObjectDeviceId", _variant_t(kDevice)}};
+        if (writeToken.vt != VT_EMPTY) {
+            parameters.push_back({L"strWriteToken", writeToken});
+        }
+        return CallMethod(L"CopyFileToDevice", parameters, pid);
+    };
+    EXPECT_EQ(copy(L"Phone", local, _variant_t(), self).description, L"Write token not specified.");
+    EXPECT_EQ(copy(L"Phone", local, _variant_t(L""), self).description, L"Write token not found");
+    EXPECT_EQ(copy(L"Phone", local, _variant_t(first.c_str()), self).description, L"Write token not found")
+        << "a second request dropped the first token";
+    EXPECT_EQ(copy(L"Phone", local, _variant_t(token.c_str()), self + 4).description, L"Write token not found")
+        << "the token belongs to another process";
+
+    const _variant_t good(token.c_str());
+    Outcome copied = copy(L"Phone\\DCIM", local, good, self);
+    EXPECT_EQ(copied.status, S_OK);
+    EXPECT_EQ(copied.returnValue, L"1");
+    EXPECT_EQ(ReadAll(Phone() + L"\\DCIM\\" + uploaded), "uploaded");
+    EXPECT_EQ(copy(L"Card\\no\\such\\folder", local, good, self).returnValue, L"1");
+    EXPECT_EQ(ReadAll(Card() + L"\\" + uploaded), "uploaded") << "an unresolved folder falls back to the storage root";
+    const std::wstring unicode = LocalTemp(L"\u0444\u043e\u0442\u043e \U0001F600.txt");
+    g_emulator->WriteFile(unicode, "");
+    EXPECT_EQ(copy(L"Phone", unicode, good, self).returnValue, L"1");
+    EXPECT_EQ(ReadAll(Phone() + L"\\" + unicode.substr(unicode.find_last_of(L'\\') + 1)), "") << "empty, with its name";
+    EXPECT_EQ(copy(L"Phone", LocalTemp(L"never-written.txt"), good, self).returnValue,
+              L"Could not create stream for source file, reason=3");
+    EXPECT_EQ(copy(L"Phone\\DCIM", local, good, self).returnValue,
+              L"Could not create properties and data for target file, reason=5")
+        << "the device refuses a second file of that name in the same folder";
+    DeleteFileW(local.c_str());
+    DeleteFileW(unicode.c_str());
+}
+
+TEST(WmiContent, DeleteMoveAndFolders) {
+    const auto call = [](const wchar_t* method, Parameters parameters) {
+        parameters.push_back({L"strObjectDeviceId", _variant_t(kDevice)});
+        return CallMethod(method, parameters).returnValue;
+    };
+    EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")},
+                                             {L"strNewFolderName", _variant_t(L"Neu \u00fc")}}),
+              L"1");
+    EXPECT_TRUE(Exists(Phone() + L"\\DCIM\\Neu \u00fc"));
+    EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Card\\not\\there")},
+                                             {L"strNewFolderName", _variant_t(L"Landed")}}),
+              L"1");
+    EXPECT_TRUE(Exists(Card() + L"\\Landed")) << "an unresolved parent falls back to the storage root";
+    EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")}}), L"0")
+        << "no folder name";
+
+    g_emulator->WriteFile(Phone() + L"\\DCIM\\Neu \u00fc\\inside.txt", "x");
+    EXPECT_EQ(call(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"phone\\dcim\\NEU \u00dc")}}), L"1");
+    EXPECT_FALSE(Exists(Phone() + L"\\DCIM\\Neu \u00fc")) << "a folder goes with its content";
+    EXPECT_EQ(call(L"DeleteFileFromDevice", {}), L"0") << "no path";
+    EXPECT_EQ(call(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\gone.txt")}}), L"0");
+
+    g_emulator->WriteFile(Phone() + L"\\moved.txt", "moving");
+    const std::wstring local = LocalTemp(L"moved.txt");
+    EXPECT_EQ(call(L"MoveFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\moved.txt")},
+                                           {L"strLocalFileName", _variant_t(local.c_str())}}),
+              L"1");
+    EXPECT_EQ(ReadAll(local), "moving");
+    EXPECT_FALSE(Exists(Phone() + L"\\moved.txt"));
+    DeleteFileW(local.c_str());
+}
+
+TEST(WmiContent, BadInputNeverCrashes) {
+    const std::wstring longPath = L"Phone\\" + std::wstring(40000, L'n');
+    const std::wstring mediumPath = L"Card\\" + std::wstring(300, L'm') + L"\\x.txt";
+    for (const std::wstring& path : {longPath, mediumPath, std::wstring(L""), std::wstring(L"\\\\\\"),
+                                     std::wstring(L"Phone\\..\\..\\Windows"), std::wstring(L":*?<>|")}) {
+        for (const wchar_t* method :
+             {L"EnumerateDevicePath", L"GetProperty", L"CopyFileFromDevice", L"MoveFileFromDevice",
+              L"DeleteFileFromDevice", L"CreateFolderOnDevice"}) {
+            SCOPED_TRACE(std::wstring(method) + L" " + path.substr(0, 40));
+            Outcome outcome = CallMethod(method, {{L"strObjectStoragePath", _variant_t(path.c_str())},
+                                                  {L"strObjectDeviceId", _variant_t(kDevice)},
+                                                  {L"strPropertyName", _variant_t(path.c_str())},
+                                                  {L"strLocalFileName", _variant_t(path.c_str())},
+                                                  {L"strNewFolderName", _variant_t(path.c_str())}});
+            EXPECT_EQ(outcome.status, S_OK);
+            // A path whose storage name is unknown or empty reads in the first storage: listings may show it.
+            const bool listing = wcscmp(method, L"EnumerateDevicePath") == 0 || wcscmp(method, L"GetProperty") == 0;
+            EXPECT_TRUE(listing || outcome.returnValue == L"0") << outcome.returnValue.substr(0, 60);
+        }
+    }
+    EXPECT_EQ(CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}}).description,
+              L"Device not found");
 }
 
 }  // namespace

@@ -1,0 +1,307 @@
+// The handlers of the methods that act on a device: each outer handler reads and converts its parameters
+// and makes the "ReturnValue" text; each inner handler finds the device and calls its operation.
+#include <optional>
+#include <string>
+
+#include "../device/wpd_object.h"
+#include "../monitor/wpd_collection.h"
+#include "../monitor/wpd_core.h"
+#include "method_dispatch.h"
+#include "provider.h"
+#include "schema.h"
+#include "trace.h"
+
+namespace {
+
+// Process ids and numbers are converted to this type (VT_UINT); a slot that ends as VT_I4 is taken too.
+constexpr VARTYPE kNumberType = VT_UINT;
+
+using Text = std::optional<std::wstring>;  // a parameter that was not given is null, not empty
+
+const wchar_t* Pointer(const Text& text_in) {
+    return text_in ? text_in->c_str() : nullptr;
+}
+
+// Reads one input parameter as text into slot 0; a missing or null parameter gives a null text.
+HRESULT ReadText(DorWEXMethodCall& call_io, const wchar_t* pwcharName_in, const wchar_t* pwcharTraceName_in,
+                 Text& text_out) {
+    text_out.reset();
+    _variant_t l_Value;
+    if (call_io.pInParams == nullptr ||
+        FAILED(call_io.pInParams->Get(pwcharName_in, 0, &l_Value, nullptr, nullptr)) || l_Value.vt == VT_NULL ||
+        l_Value.vt == VT_EMPTY) {
+        return S_OK;
+    }
+    const HRESULT l_HRESULT = ConvertParameter(call_io, l_Value, 0, VT_BSTR, pwcharTraceName_in);
+    if (SUCCEEDED(l_HRESULT)) {
+        const BSTR l_bstr = call_io.variant_tSlots[0].bstrVal;
+        text_out = std::wstring(l_bstr != nullptr ? l_bstr : L"");
+    }
+    return l_HRESULT;
+}
+
+// Converts a number (a parameter or a context value) through slot intIndex_in; missing gives nothing.
+HRESULT ReadNumber(DorWEXMethodCall& call_io, const VARIANT& value_in, int intIndex_in,
+                   const wchar_t* pwcharTraceName_in, std::optional<ULONG>& number_out) {
+    number_out.reset();
+    if (value_in.vt == VT_NULL || value_in.vt == VT_EMPTY) {
+        return S_OK;
+    }
+    const HRESULT l_HRESULT = ConvertParameter(call_io, value_in, intIndex_in, kNumberType, pwcharTraceName_in);
+    if (SUCCEEDED(l_HRESULT)) {
+        const _variant_t& l_Slot = call_io.variant_tSlots[intIndex_in];
+        number_out = l_Slot.vt == VT_I4 ? static_cast<ULONG>(l_Slot.lVal) : l_Slot.uintVal;
+    }
+    return l_HRESULT;
+}
+
+// The caller's process id from the context: an unsigned 32-bit value as clients put it (VT_UI4), or any
+// value that converts to one. Absent or not a number gives nothing.
+HRESULT ReadContextProcessId(DorWEXMethodCall& call_io, const wchar_t*, std::optional<ULONG>& processId_out) {
+    processId_out.reset();
+    _variant_t l_Value;
+    if (call_io.pContext == nullptr ||
+        FAILED(call_io.pContext->GetValue(dorwex::schema::kContextClientPID, 0, &l_Value))) {
+        return S_OK;
+    }
+    if (SUCCEEDED(VariantChangeType(&l_Value, &l_Value, 0, VT_UI4))) {
+        processId_out = l_Value.ulVal;
+    }
+    return S_OK;
+}
+
+// The device a method means, or null after recording "Device not found" for the inner handler.
+CDorWEXWPDCollection::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wchar_t* pwcharInnerName_in,
+                                           const Text& deviceId_in, const Text& storagePath_in) {
+    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
+    CDorWEXWPDCollection::DevicePtr l_pDevice;
+    if (l_pCore != nullptr && l_pCore->GetCollection() != nullptr) {
+        l_pDevice = l_pCore->GetCollection()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in));
+    }
+    if (!l_pDevice) {
+        call_io.SetExtendedStatus(pwcharInnerName_in, L"Device not found");
+    }
+    return l_pDevice;
+}
+
+void TraceEnter(const wchar_t* pwcharName_in) {
+    Trace(L"%s enter.\n", pwcharName_in);
+}
+
+// Reads the named text parameters, in order, into texts_out; stops at the first that fails to convert.
+template <size_t N>
+HRESULT ReadTexts(DorWEXMethodCall& call_io, const wchar_t* const (&names_in)[N], const wchar_t* pwcharTraceName_in,
+                  Text (&texts_out)[N]) {
+    for (size_t l_index = 0; l_index < N; ++l_index) {
+        const HRESULT l_HRESULT = ReadText(call_io, names_in[l_index], pwcharTraceName_in, texts_out[l_index]);
+        if (FAILED(l_HRESULT)) {
+            return l_HRESULT;
+        }
+    }
+    return S_OK;
+}
+
+void SetOneOrZero(DorWEXMethodCall& call_io, int intResult_in) {
+    call_io.SetReturnText(intResult_in == 1 ? L"1" : L"0");
+}
+
+}  // namespace
+
+HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodGetProperty";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodGetProperty2";
+    TraceEnter(kOuter);
+    Text l_Texts[3];
+    const HRESULT l_HRESULT =
+        ReadTexts(call_io, {L"strObjectStoragePath", L"strPropertyName", L"strObjectDeviceId"}, kOuter, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    _bstr_t l_bstr_tValue;
+    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[2], l_Texts[0])) {
+        l_bstr_tValue = l_pDevice->GetStorageObjectProperty(Pointer(l_Texts[0]), Pointer(l_Texts[1]));
+    }
+    call_io.SetReturnText(l_bstr_tValue.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tValue));
+    return S_OK;
+}
+
+// Copy and move from the device share their parameters; only the device work differs.
+static HRESULT CopyOrMoveFromDevice(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in,
+                                    const wchar_t* pwcharInner_in, bool boolMove_in) {
+    TraceEnter(pwcharOuter_in);
+    Text l_Texts[3];
+    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"},
+                                        pwcharOuter_in, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(pwcharInner_in);
+    int l_intResult = 0;
+    if (const auto l_pDevice = FindDevice(call_io, pwcharInner_in, l_Texts[2], l_Texts[0])) {
+        if (boolMove_in) {
+            l_intResult = l_pDevice->MoveFileFromDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]));
+        } else {
+            l_intResult = SUCCEEDED(l_pDevice->CopyFileFromDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]))) ? 1 : 0;
+        }
+    }
+    SetOneOrZero(call_io, l_intResult);
+    return S_OK;
+}
+
+HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
+    return CopyOrMoveFromDevice(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
+                                L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", false);
+}
+
+HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
+    return CopyOrMoveFromDevice(call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice",
+                                L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", true);
+}
+
+HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodDeleteFileFromDevice";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2";
+    TraceEnter(kOuter);
+    Text l_Texts[2];
+    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strObjectDeviceId"}, kOuter, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    int l_intResult = 0;
+    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
+        l_intResult = l_pDevice->DeleteFileFromDevice(Pointer(l_Texts[0]), l_pDevice->m_bstr_tDeviceId);
+    }
+    SetOneOrZero(call_io, l_intResult);
+    return S_OK;
+}
+
+HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodEnumerateDevicePath";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodEnumerateDevicePath2";
+    TraceEnter(kOuter);
+    Text l_Texts[2];
+    HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strObjectDeviceId"}, kOuter, l_Texts);
+    std::optional<ULONG> l_ContentType;
+    if (SUCCEEDED(l_HRESULT) && call_io.pInParams != nullptr) {
+        _variant_t l_Value;
+        if (SUCCEEDED(call_io.pInParams->Get(L"uint32ContentType", 0, &l_Value, nullptr, nullptr))) {
+            l_HRESULT = ReadNumber(call_io, l_Value, 1, kOuter, l_ContentType);
+        }
+    }
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    _bstr_t l_bstr_tListing;
+    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
+        l_bstr_tListing = l_pDevice->EnumerateDevicePath(Pointer(l_Texts[0]), l_ContentType.value_or(0));
+    }
+    call_io.SetReturnText(l_bstr_tListing.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tListing));
+    return S_OK;
+}
+
+HRESULT MethodCreateFolderOnDevice(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodCreateFolderOnDevice";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2";
+    TraceEnter(kOuter);
+    Text l_Texts[3];
+    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strNewFolderName", L"strObjectDeviceId"},
+                                        kOuter, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    int l_intResult = 0;
+    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[2], l_Texts[0])) {
+        l_intResult = SUCCEEDED(l_pDevice->CreateFolderOnDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]))) ? 1 : 0;
+    }
+    SetOneOrZero(call_io, l_intResult);
+    return S_OK;
+}
+
+HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodRequestWriteToken";
+    TraceEnter(kOuter);
+    std::optional<ULONG> l_ProcessId;
+    std::optional<ULONG> l_ClientProcessId;
+    HRESULT l_HRESULT = S_OK;
+    if (call_io.pInParams != nullptr) {
+        _variant_t l_Value;
+        if (SUCCEEDED(call_io.pInParams->Get(L"uint32ProcessId", 0, &l_Value, nullptr, nullptr))) {
+            l_HRESULT = ReadNumber(call_io, l_Value, 0, kOuter, l_ProcessId);
+        }
+    }
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = ReadContextProcessId(call_io, kOuter, l_ClientProcessId);
+    }
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    // A token is only for the calling process itself.
+    if (!l_ProcessId || !l_ClientProcessId || *l_ProcessId != *l_ClientProcessId) {
+        call_io.SetExtendedStatus(kOuter, L"Invalid PID specified when requesting a write token.");
+        return S_OK;
+    }
+    Trace(L"CDorWEXWPDWMI::MethodRequestWriteToken2 enter.\n");
+    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
+    const _bstr_t l_bstr_tToken = l_pCore != nullptr ? l_pCore->RequestWPDWriteToken(*l_ProcessId) : _bstr_t(L"");
+    call_io.SetReturnText(l_bstr_tToken.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tToken));
+    return S_OK;
+}
+
+HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodCopyFileToDevice";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCopyFileToDevice2";
+    TraceEnter(kOuter);
+    Text l_Texts[4];
+    const HRESULT l_HRESULT = ReadTexts(
+        call_io, {L"strObjectStoragePath", L"strFileToCopy", L"strWriteToken", L"strObjectDeviceId"}, kOuter, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[3], l_Texts[0]);
+    if (!l_pDevice) {
+        call_io.SetReturnText(L"");
+        return S_OK;
+    }
+    // The write-token gate: a token the core issued to the calling process.
+    std::optional<ULONG> l_ClientProcessId;
+    const HRESULT l_HRESULTContext = ReadContextProcessId(call_io, kOuter, l_ClientProcessId);
+    if (FAILED(l_HRESULTContext)) {
+        return l_HRESULTContext;
+    }
+    if (!l_Texts[2]) {
+        call_io.SetExtendedStatus(kInner, L"Write token not specified.");
+        return S_OK;
+    }
+    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
+    const DWORD l_dwordTokenProcessId = l_pCore != nullptr ? l_pCore->GetPidForWriteToken(l_Texts[2]->c_str()) : 0;
+    if (l_dwordTokenProcessId == 0 || !l_ClientProcessId || l_dwordTokenProcessId != *l_ClientProcessId) {
+        call_io.SetExtendedStatus(kInner, L"Write token not found");
+        return S_OK;
+    }
+    const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
+                                                               Pointer(l_Texts[2]), l_dwordTokenProcessId);
+    call_io.SetReturnText(l_bstr_tResult.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tResult));
+    return S_OK;
+}
+
+// Ejecting goes through the device's place in the Plug and Play tree, which the device object does not
+// hold yet: the device is found and the answer is "0".
+HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
+    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodEjectDevice";
+    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodEjectDevice2";
+    TraceEnter(kOuter);
+    Text l_Texts[1];
+    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectDeviceId"}, kOuter, l_Texts);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    TraceEnter(kInner);
+    FindDevice(call_io, kInner, l_Texts[0], Text());
+    SetOneOrZero(call_io, 0);
+    return S_OK;
+}
