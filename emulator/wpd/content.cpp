@@ -1,6 +1,7 @@
 // IPortableDeviceContent and what it hands out: object enumerators, properties, resources and the streams
 // that read and write objects. Objects are the files and folders of the storages' directories.
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 
 #include "collections.h"
@@ -112,8 +113,18 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
+        // Runs of zeros are skipped rather than written, so that a device file of many gigabytes of zeros
+        // stays sparse on the test machine; Commit sets the file's end.
         DWORD written = 0;
-        if (!WriteFile(m_file, pv, cb, &written, nullptr)) {
+        const auto* bytes = static_cast<const BYTE*>(pv);
+        if (cb > 0 && bytes[0] == 0 && std::memcmp(bytes, bytes + 1, cb - 1) == 0) {
+            LARGE_INTEGER distance;
+            distance.QuadPart = cb;
+            if (!SetFilePointerEx(m_file, distance, nullptr, FILE_CURRENT)) {
+                return LastError();
+            }
+            written = cb;
+        } else if (!WriteFile(m_file, pv, cb, &written, nullptr)) {
             return LastError();
         }
         if (pcbWritten != nullptr) {
@@ -151,6 +162,7 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
+        SetEndOfFile(m_file);  // the end of the data, also after a final run of zeros
         CloseHandle(m_file);
         m_file = INVALID_HANDLE_VALUE;
         if (!MoveFileW(m_temporaryPath.c_str(), m_targetPath.c_str())) {

@@ -22,6 +22,7 @@ namespace {
 
 WpdEmulator* g_emulator = nullptr;
 EmulatedDeviceSpec g_attached;  // the device present from the start, with storages Phone and Card
+std::wstring g_faultyPhone;     // the storage directory of a device that fails commits and deletes
 
 std::wstring ProgramDirectory() {
     wchar_t path[MAX_PATH] = {};
@@ -49,6 +50,11 @@ public:
         // Attached before the provider starts: added by its start-up.
         g_attached = PhoneSpec("usb#vid_04e8&pid_6860#attached", "SAMSUNG Electronics", "ATT1", 2);
         g_emulator->Attach(g_attached);
+        // A device that refuses to commit uploads and to delete anything.
+        EmulatedDeviceSpec faulty = PhoneSpec("usb#vid_04e8&pid_6860#faulty", "SAMSUNG Electronics", "FLT1");
+        faulty.faultLines = {"Commit = 0x8007001F", "Delete = 0x80070005"};
+        g_emulator->Attach(faulty);
+        g_faultyPhone = g_emulator->StorageDirectory(faulty, 0);
     }
     void TearDown() override {
         delete g_emulator;
@@ -126,6 +132,7 @@ std::wstring Upper(std::wstring text) {
 TEST(WmiEndToEnd, AttachedDeviceIsAnInstanceWithItsProperties) {
     auto services = Connect();
     ASSERT_TRUE(services);
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 2u);
     const auto devices = Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'att1'");
     ASSERT_EQ(devices.size(), 1u);
     IWbemClassObject* device = devices[0].Get();
@@ -190,7 +197,7 @@ TEST(WmiEndToEnd, ClientPutWithoutTheTokenIsRefused) {
     _variant_t internal(L"_internal");
     instance->Put(L"strId", 0, &internal, 0);
     EXPECT_EQ(services->PutInstance(instance.Get(), 0, nullptr, nullptr), S_OK);
-    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u) << "only the attached device";
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 2u) << "only the attached devices";
 
     // A delete needs no token but must name a device the provider has.
     EXPECT_EQ(services->DeleteInstance(_bstr_t(L"Win32ext_WPD.strId=\"usb#nobody\""), 0, nullptr, nullptr), E_FAIL);
@@ -393,7 +400,7 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     RecordingSink enumeration;
     EXPECT_EQ(secondServices->CreateInstanceEnumAsync(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &enumeration), S_OK);
     EXPECT_EQ(enumeration.completions, 1);
-    ASSERT_EQ(enumeration.indicated.size(), 1u);
+    ASSERT_EQ(enumeration.indicated.size(), 2u);
     EXPECT_EQ(Text(enumeration.indicated[0].Get(), L"strSerialNumber"), L"ATT1");
 
     // Any path gives one blank instance.
@@ -685,6 +692,117 @@ TEST(WmiContent, BadInputNeverCrashes) {
     }
     EXPECT_EQ(CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}}).description,
               L"Device not found");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(WmiContent, DeviceFailuresReachTheCaller) {
+    const wchar_t faulty[] = L"usb#vid_04e8&pid_6860#faulty";
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring local = LocalTemp(L"refused.txt");
+    g_emulator->WriteFile(local, "refused");
+    Outcome upload = CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                      {L"strFileToCopy", _variant_t(local.c_str())},
+                                                      {L"strWriteToken", _variant_t(token.c_str())},
+                                                      {L"strObjectDeviceId", _variant_t(faulty)}},
+                                self);
+    EXPECT_EQ(upload.returnValue, L"Commit failed, reason=8");
+
+    // The copy succeeded, the delete did not: the move still reports success and the file stays.
+    g_emulator->WriteFile(g_faultyPhone + L"\\keep.txt", "kept");
+    Outcome move = CallMethod(L"MoveFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\keep.txt")},
+                                                      {L"strLocalFileName", _variant_t(local.c_str())},
+                                                      {L"strObjectDeviceId", _variant_t(faulty)}});
+    EXPECT_EQ(move.returnValue, L"1");
+    EXPECT_EQ(ReadAll(local), "kept");
+    EXPECT_TRUE(Exists(g_faultyPhone + L"\\keep.txt"));
+    Outcome erase = CallMethod(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\keep.txt")},
+                                                         {L"strObjectDeviceId", _variant_t(faulty)}});
+    EXPECT_EQ(erase.returnValue, L"0");
+    DeleteFileW(local.c_str());
+}
+
+}  // namespace
+
+namespace {
+
+// A sparse file of 4 GiB and 4 KiB with a marker byte at each of the given offsets.
+constexpr ULONGLONG kLargeSize = (4ull << 30) + 4096;
+const ULONGLONG kMarkers[] = {0, (4ull << 30) - 1, 4ull << 30, kLargeSize - 1};
+
+bool MakeSparse(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    LARGE_INTEGER size;
+    size.QuadPart = static_cast<LONGLONG>(kLargeSize);
+    bool ok = SetFilePointerEx(file, size, nullptr, FILE_BEGIN) && SetEndOfFile(file);
+    BYTE marker = 1;
+    for (ULONGLONG offset : kMarkers) {
+        LARGE_INTEGER at;
+        at.QuadPart = static_cast<LONGLONG>(offset);
+        DWORD written = 0;
+        ok = ok && SetFilePointerEx(file, at, nullptr, FILE_BEGIN) && WriteFile(file, &marker, 1, &written, nullptr);
+        ++marker;
+    }
+    CloseHandle(file);
+    return ok;
+}
+
+// The size and the marker bytes of a file, as text: "4294971392:1,2,3,4".
+std::string Fingerprint(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return "<missing>";
+    }
+    LARGE_INTEGER size{};
+    GetFileSizeEx(file, &size);
+    std::string text = std::to_string(size.QuadPart) + ":";
+    for (ULONGLONG offset : kMarkers) {
+        LARGE_INTEGER at;
+        at.QuadPart = static_cast<LONGLONG>(offset);
+        BYTE value = 0;
+        DWORD read = 0;
+        SetFilePointerEx(file, at, nullptr, FILE_BEGIN);
+        ReadFile(file, &value, 1, &read, nullptr);
+        text += std::to_string(value) + ",";
+    }
+    CloseHandle(file);
+    return text;
+}
+
+TEST(WmiContent, FilesOver4GiBAreCopiedWholeBothWays) {
+    const std::wstring source = LocalTemp(L"large-source.bin");
+    ASSERT_TRUE(MakeSparse(source));
+    const std::string expected = std::to_string(kLargeSize) + ":1,2,3,4,";
+    ASSERT_EQ(Fingerprint(source), expected);
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    Outcome upload = CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t(L"Card")},
+                                                      {L"strFileToCopy", _variant_t(source.c_str())},
+                                                      {L"strWriteToken", _variant_t(token.c_str())},
+                                                      {L"strObjectDeviceId", _variant_t(kDevice)}},
+                                self);
+    EXPECT_EQ(upload.returnValue, L"1");
+    const std::wstring onDevice = Card() + source.substr(source.find_last_of(L'\\'));
+    EXPECT_EQ(Fingerprint(onDevice), expected);
+    DeleteFileW(source.c_str());
+
+    const std::wstring back = LocalTemp(L"large-back.bin");
+    Outcome download = CallMethod(L"CopyFileFromDevice",
+                                  {{L"strObjectStoragePath", _variant_t((L"Card" + source.substr(source.find_last_of(L'\\'))).c_str())},
+                                   {L"strLocalFileName", _variant_t(back.c_str())},
+                                   {L"strObjectDeviceId", _variant_t(kDevice)}});
+    EXPECT_EQ(download.returnValue, L"1");
+    EXPECT_EQ(Fingerprint(back), expected);
+    DeleteFileW(back.c_str());
+    DeleteFileW(onDevice.c_str());
 }
 
 }  // namespace
