@@ -12,7 +12,7 @@ namespace dorwex::emulator {
 
 namespace {
 
-constexpr DWORD kOptimalBufferSize = 65536;
+constexpr DWORD kOptimalBufferSize = 262144;  // what MTP devices commonly report
 
 HRESULT LastError() {
     return HRESULT_FROM_WIN32(GetLastError());

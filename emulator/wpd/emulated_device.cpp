@@ -180,7 +180,7 @@ void EmulatedDevice::Forget(const std::wstring& objectId) {
     m_objects.erase(it);
 }
 
-HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object) {
+HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object, bool withRelations) {
     object = ObjectInfo{};
     object.id = objectId;
     if (objectId == WPD_DEVICE_OBJECT_ID) {
@@ -220,6 +220,9 @@ HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object)
     object.name = FileName(location.second);
     object.storage = location.first;
     object.size = (static_cast<ULONGLONG>(attributes.nFileSizeHigh) << 32) | attributes.nFileSizeLow;
+    if (!withRelations) {
+        return S_OK;
+    }
     const std::wstring storageRoot = StoragePath(location.first);
     const std::wstring parent = ParentPath(location.second);
     const StorageDescription& storage = m_description.storages[static_cast<size_t>(location.first)];
@@ -269,8 +272,20 @@ std::vector<std::wstring> EmulatedDevice::Children(const std::wstring& parentId)
 
 HRESULT EmulatedDevice::ReadProperties(const std::wstring& objectId, IPortableDeviceKeyCollection* keys,
                                        IPortableDeviceValues* values) {
+    // Parent and persistent unique id cost a walk of the id table; most reads do not want them.
+    bool withRelations = keys == nullptr;
+    if (keys != nullptr) {
+        DWORD count = 0;
+        keys->GetCount(&count);
+        for (DWORD i = 0; i < count && !withRelations; ++i) {
+            PROPERTYKEY key{};
+            keys->GetAt(i, &key);
+            withRelations = key.fmtid == WPD_OBJECT_PARENT_ID.fmtid &&
+                            (key.pid == WPD_OBJECT_PARENT_ID.pid || key.pid == WPD_OBJECT_PERSISTENT_UNIQUE_ID.pid);
+        }
+    }
     ObjectInfo object;
-    HRESULT hr = Lookup(objectId, object);
+    HRESULT hr = Lookup(objectId, object, withRelations);
     if (FAILED(hr)) {
         return hr;
     }
@@ -280,8 +295,10 @@ HRESULT EmulatedDevice::ReadProperties(const std::wstring& objectId, IPortableDe
     }
     PropertySet set(all);
     set.String(WPD_OBJECT_ID, object.id);
-    set.String(WPD_OBJECT_PERSISTENT_UNIQUE_ID, object.persistentUniqueId);
-    set.String(WPD_OBJECT_PARENT_ID, object.parentId);
+    if (withRelations) {
+        set.String(WPD_OBJECT_PERSISTENT_UNIQUE_ID, object.persistentUniqueId);
+        set.String(WPD_OBJECT_PARENT_ID, object.parentId);
+    }
     switch (object.kind) {
     case ObjectKind::DeviceRoot:
         set.String(WPD_OBJECT_NAME, object.name);

@@ -47,7 +47,9 @@ public:
     ULONG CallCount(const std::string& call);
 
     // Objects. Ids are stable for the life of the process.
-    HRESULT Lookup(const std::wstring& objectId, ObjectInfo& object_out);
+    // withRelations false leaves the parent id and the persistent unique id of files and folders out, which
+    // listings do not ask for.
+    HRESULT Lookup(const std::wstring& objectId, ObjectInfo& object_out, bool withRelations = true);
     std::vector<std::wstring> Children(const std::wstring& parentId);
     // Properties of an object in PROPVARIANT form, appended to values (all of them when keys is null).
     HRESULT ReadProperties(const std::wstring& objectId, IPortableDeviceKeyCollection* keys,

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds, registers the provider and the emulators in the test prefix, and runs the content benchmark:
+#   tools/benchmark.sh [megabytes] [entries]
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+"$root/tools/build.sh" >/dev/null
+. "$root/tools/wine/env.sh"
+prefix="$root/build/win/wineprefix"
+bin="$root/build/win/bin"
+bash "$root/tools/wine/prefix.sh" up "$prefix" >/dev/null
+trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
+dorwex_wine_environment "$prefix"
+wine=$(dorwex_find_wine)
+for dll in dorwex_wpd_provider dorwex_wpd_emulator dorwex_wmi_emulator; do
+    "$wine" regsvr32 /s "$("$wine" winepath -w "$bin/$dll.dll" 2>/dev/null | tr -d '\r')"
+done
+"$wine" "$bin/benchmark_content.exe" "$@" | tr -d '\r'
