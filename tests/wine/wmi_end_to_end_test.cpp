@@ -246,6 +246,23 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
                   L"WPD_EVENT_OBJECT_ADDED ContentType: {0085E0A6-8D34-45D7-BC5C-447E59C73D48}Object Persistent "
                   L"Unique Id: {PUID-ATT1-1}\\photo.jpg");
 
+    EXPECT_EQ(Text(event, L"strTargetPath"), L"Phone") << "the folder the object is in, as a storage path";
+
+    // Names in any script arrive as they are.
+    const std::wstring unicode = L"\u0444\u043e\u0442\u043e \u5199\u771f \U0001F600.jpg";
+    ComPtr<IPortableDeviceValues> second;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&second));
+    second->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    second->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, unicode.c_str());
+    ComPtr<IStream> secondData;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(second.Get(), &secondData, nullptr, nullptr), S_OK);
+    ASSERT_EQ(secondData->Commit(0), S_OK);
+    ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
+    ComPtr<IWbemClassObject> unicodeEvent(event);
+    event->Release();
+    EXPECT_EQ(Text(event, L"strObjectName"), unicode);
+    EXPECT_NE(Text(event, L"strEventText").find(L"Original File Name: " + unicode), std::wstring::npos);
+
     // Before Windows 10 1709 only additions are raised: the removal is suppressed.
     ComPtr<IPortableDevicePropVariantCollection> ids;
     CoCreateInstance(CLSID_PortableDevicePropVariantCollection, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&ids));
