@@ -105,76 +105,70 @@ void SetOneOrZero(DorWEXMethodCall& call_io, int intResult_in) {
     call_io.SetReturnText(intResult_in == 1 ? L"1" : L"0");
 }
 
-}  // namespace
-
-HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
-    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodGetProperty";
-    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodGetProperty2";
-    TraceEnter(kOuter);
-    Text l_Texts[3];
-    const HRESULT l_HRESULT =
-        ReadTexts(call_io, {L"strObjectStoragePath", L"strPropertyName", L"strObjectDeviceId"}, kOuter, l_Texts);
-    if (FAILED(l_HRESULT)) {
-        return l_HRESULT;
-    }
-    TraceEnter(kInner);
-    _bstr_t l_bstr_tValue;
-    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[2], l_Texts[0])) {
-        l_bstr_tValue = l_pDevice->GetStorageObjectProperty(Pointer(l_Texts[0]), Pointer(l_Texts[1]));
-    }
-    call_io.SetReturnText(l_bstr_tValue.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tValue));
-    return S_OK;
-}
-
-// Copy and move from the device share their parameters; only the device work differs.
-static HRESULT CopyOrMoveFromDevice(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in,
-                                    const wchar_t* pwcharInner_in, bool boolMove_in) {
+// The shape of the methods that act on one device: the outer handler reads its text parameters in order
+// (the storage path first, the device id last), the inner handler finds the device and hands it to work_in,
+// which makes the "ReturnValue". Without a device, answerIfMissing_in is the "ReturnValue".
+template <size_t N, class Work>
+HRESULT DeviceMethod(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in, const wchar_t* pwcharInner_in,
+                     const wchar_t* const (&names_in)[N], const wchar_t* pwcharAnswerIfMissing_in, Work work_in) {
     TraceEnter(pwcharOuter_in);
-    Text l_Texts[3];
-    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"},
-                                        pwcharOuter_in, l_Texts);
+    Text l_Texts[N];
+    const HRESULT l_HRESULT = ReadTexts(call_io, names_in, pwcharOuter_in, l_Texts);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
     TraceEnter(pwcharInner_in);
-    int l_intResult = 0;
-    if (const auto l_pDevice = FindDevice(call_io, pwcharInner_in, l_Texts[2], l_Texts[0])) {
-        if (boolMove_in) {
-            l_intResult = l_pDevice->MoveFileFromDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]));
-        } else {
-            l_intResult = SUCCEEDED(l_pDevice->CopyFileFromDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]))) ? 1 : 0;
-        }
+    if (const auto l_pDevice = FindDevice(call_io, pwcharInner_in, l_Texts[N - 1], l_Texts[0])) {
+        work_in(*l_pDevice, l_Texts);
+    } else {
+        call_io.SetReturnText(pwcharAnswerIfMissing_in);
     }
-    SetOneOrZero(call_io, l_intResult);
     return S_OK;
+}
+
+}  // namespace
+
+HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
+    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodGetProperty", L"CDorWEXWPDWMI::MethodGetProperty2",
+                        {L"strObjectStoragePath", L"strPropertyName", L"strObjectDeviceId"}, L"",
+                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            const _bstr_t l_bstr_tValue =
+                                device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
+                            call_io.SetReturnText(l_bstr_tValue.length() == 0
+                                                      ? L""
+                                                      : static_cast<const wchar_t*>(l_bstr_tValue));
+                        });
 }
 
 HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
-    return CopyOrMoveFromDevice(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
-                                L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", false);
+    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
+                        L"CDorWEXWPDWMI::MethodCopyFileFromDevice2",
+                        {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
+                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            SetOneOrZero(call_io, SUCCEEDED(device_in.CopyFileFromDevice(Pointer(texts_in[0]),
+                                                                                         Pointer(texts_in[1])))
+                                                      ? 1
+                                                      : 0);
+                        });
 }
 
 HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
-    return CopyOrMoveFromDevice(call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice",
-                                L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", true);
+    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice",
+                        L"CDorWEXWPDWMI::MethodMoveFileFromDevice2",
+                        {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
+                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            SetOneOrZero(call_io,
+                                         device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
+                        });
 }
 
 HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
-    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodDeleteFileFromDevice";
-    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2";
-    TraceEnter(kOuter);
-    Text l_Texts[2];
-    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strObjectDeviceId"}, kOuter, l_Texts);
-    if (FAILED(l_HRESULT)) {
-        return l_HRESULT;
-    }
-    TraceEnter(kInner);
-    int l_intResult = 0;
-    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
-        l_intResult = l_pDevice->DeleteFileFromDevice(Pointer(l_Texts[0]), l_pDevice->m_bstr_tDeviceId);
-    }
-    SetOneOrZero(call_io, l_intResult);
-    return S_OK;
+    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice",
+                        L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", {L"strObjectStoragePath", L"strObjectDeviceId"},
+                        L"0", [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[2]) {
+                            SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]),
+                                                                                 device_in.m_bstr_tDeviceId));
+                        });
 }
 
 HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
@@ -203,22 +197,15 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
 }
 
 HRESULT MethodCreateFolderOnDevice(DorWEXMethodCall& call_io) {
-    constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodCreateFolderOnDevice";
-    constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2";
-    TraceEnter(kOuter);
-    Text l_Texts[3];
-    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strNewFolderName", L"strObjectDeviceId"},
-                                        kOuter, l_Texts);
-    if (FAILED(l_HRESULT)) {
-        return l_HRESULT;
-    }
-    TraceEnter(kInner);
-    int l_intResult = 0;
-    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[2], l_Texts[0])) {
-        l_intResult = SUCCEEDED(l_pDevice->CreateFolderOnDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]))) ? 1 : 0;
-    }
-    SetOneOrZero(call_io, l_intResult);
-    return S_OK;
+    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice",
+                        L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2",
+                        {L"strObjectStoragePath", L"strNewFolderName", L"strObjectDeviceId"}, L"0",
+                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            SetOneOrZero(call_io, SUCCEEDED(device_in.CreateFolderOnDevice(Pointer(texts_in[0]),
+                                                                                           Pointer(texts_in[1])))
+                                                      ? 1
+                                                      : 0);
+                        });
 }
 
 HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
