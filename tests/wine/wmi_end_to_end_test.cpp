@@ -262,6 +262,7 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
     event->Release();
     EXPECT_EQ(Text(event, L"strObjectName"), unicode);
     EXPECT_NE(Text(event, L"strEventText").find(L"Original File Name: " + unicode), std::wstring::npos);
+    const std::wstring unicodeId = Text(event, L"strObjectId");
 
     // Before Windows 10 1709 only additions are raised: the removal is suppressed.
     ComPtr<IPortableDevicePropVariantCollection> ids;
@@ -270,6 +271,8 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
     PropVariantInit(&idValue);
     idValue.vt = VT_LPWSTR;
     idValue.pwszVal = const_cast<LPWSTR>(objectId.c_str());
+    ids->Add(&idValue);
+    idValue.pwszVal = const_cast<LPWSTR>(unicodeId.c_str());
     ids->Add(&idValue);
     ASSERT_EQ(content->Delete(PORTABLE_DEVICE_DELETE_NO_RECURSION, ids.Get(), nullptr), S_OK);
     ASSERT_TRUE(g_emulator->WaitForEvents(5000));
