@@ -57,36 +57,41 @@ CDorWEXWMIWPDEventsListener::CDorWEXWMIWPDEventsListener(CDorWEXWMIWPDCore* pOwn
 HRESULT CDorWEXWMIWPDEventsListener::CreateWindowForListening(CDorWEXWMIThreadWPDEventsProcessor* pProcessor_in) {
     m_pProcessor = pProcessor_in;
     Trace(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening");
-    {
-        auto l_lock = pProcessor_in->LockListener();
-        if (pProcessor_in->IsStopping()) {
-            return S_OK;  // a Stop has begun: no window, so nothing to wait for
-        }
-        HINSTANCE l_HINSTANCE = GetModuleHandleW(nullptr);
-        WNDCLASSEXW l_WNDCLASSEXW{};
-        l_WNDCLASSEXW.cbSize = sizeof(l_WNDCLASSEXW);
-        l_WNDCLASSEXW.style = CS_VREDRAW | CS_HREDRAW | CS_OWNDC;
-        l_WNDCLASSEXW.lpfnWndProc = dorWEXWMIWPDWindowProcCallback;
-        l_WNDCLASSEXW.cbWndExtra = 8;
-        l_WNDCLASSEXW.hInstance = l_HINSTANCE;
-        l_WNDCLASSEXW.hIcon = LoadIconW(nullptr, IDI_APPLICATION);
-        l_WNDCLASSEXW.hIconSm = LoadIconW(nullptr, IDI_APPLICATION);
-        l_WNDCLASSEXW.hCursor = LoadCursorW(nullptr, IDC_ARROW);
-        l_WNDCLASSEXW.hbrBackground = CreateSolidBrush(RGB(0xC0, 0xC0, 0xC0));
-        l_WNDCLASSEXW.lpszClassName = kWindowClassName;
-        // A class left registered by a worker that died is still good to use.
-        const bool l_boolRegistered =
-            RegisterClassExW(&l_WNDCLASSEXW) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-        if (l_boolRegistered) {
-            m_HWND = CreateWindowExW(WS_EX_APPWINDOW | WS_EX_CLIENTEDGE, kWindowClassName, L"dorWEX14",
-                                     WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, 640, 480, nullptr, nullptr, l_HINSTANCE,
-                                     nullptr);
-            if (m_HWND != nullptr) {
-                SetWindowLongPtrW(m_HWND, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
-            } else {
-                TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, CreateWindowEx FAILED %x: "
-                               L"%s.\n");
+    // No lock is held while the window is made: making it may load system libraries, and a module that is
+    // being unloaded holds the loader lock while it stops this processor. The stopping flag is checked
+    // before and after instead; a Stop that begins in between finds the window, or the worker finds the flag.
+    if (pProcessor_in->IsStopping()) {
+        return S_OK;  // a Stop has begun: no window, so nothing to wait for
+    }
+    HINSTANCE l_HINSTANCE = GetModuleHandleW(nullptr);
+    WNDCLASSEXW l_WNDCLASSEXW{};
+    l_WNDCLASSEXW.cbSize = sizeof(l_WNDCLASSEXW);
+    l_WNDCLASSEXW.style = CS_VREDRAW | CS_HREDRAW | CS_OWNDC;
+    l_WNDCLASSEXW.lpfnWndProc = dorWEXWMIWPDWindowProcCallback;
+    l_WNDCLASSEXW.cbWndExtra = 8;
+    l_WNDCLASSEXW.hInstance = l_HINSTANCE;
+    l_WNDCLASSEXW.hIcon = LoadIconW(nullptr, IDI_APPLICATION);
+    l_WNDCLASSEXW.hIconSm = LoadIconW(nullptr, IDI_APPLICATION);
+    l_WNDCLASSEXW.hCursor = LoadCursorW(nullptr, IDC_ARROW);
+    l_WNDCLASSEXW.hbrBackground = CreateSolidBrush(RGB(0xC0, 0xC0, 0xC0));
+    l_WNDCLASSEXW.lpszClassName = kWindowClassName;
+    // A class left registered by a worker that died is still good to use.
+    const bool l_boolRegistered =
+        RegisterClassExW(&l_WNDCLASSEXW) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
+    if (l_boolRegistered) {
+        HWND l_HWND = CreateWindowExW(WS_EX_APPWINDOW | WS_EX_CLIENTEDGE, kWindowClassName, L"dorWEX14",
+                                      WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, 640, 480, nullptr, nullptr, l_HINSTANCE,
+                                      nullptr);
+        if (l_HWND != nullptr) {
+            SetWindowLongPtrW(l_HWND, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+            m_HWND = l_HWND;
+            if (pProcessor_in->IsStopping()) {
+                m_HWND = nullptr;
+                DestroyWindow(l_HWND);
+                return S_OK;
             }
+        } else {
+            TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, CreateWindowEx FAILED %x: %s.\n");
         }
     }
     return ListenForWPDEvents();
@@ -150,10 +155,11 @@ void CDorWEXWMIWPDEventsListener::UnregisterWithOSToReceiveEvents() {
 }
 
 void CDorWEXWMIWPDEventsListener::DestroyWindowForListening() {
-    if (m_HWND != nullptr && IsWindow(m_HWND)) {
+    const HWND l_HWND = m_HWND;
+    if (l_HWND != nullptr && IsWindow(l_HWND)) {
         // From the stopping thread this fails (a window belongs to its thread); WM_CLOSE, posted before,
         // destroys it on its own thread.
-        if (!DestroyWindow(m_HWND)) {
+        if (!DestroyWindow(l_HWND)) {
             TraceLastError(L"CDorWEXWMIWPDEventsListener::DestroyWindowForListening, DestroyWindow FAILED %x: %s.\n");
         }
     }

@@ -5,6 +5,8 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <atomic>
+
 class CDorWEXWMIWPDCore;
 class CDorWEXWMIThreadWPDEventsProcessor;
 
@@ -41,7 +43,7 @@ public:
 private:
     HDEVNOTIFY m_HDEVNOTIFYWPD = nullptr;
     HDEVNOTIFY m_HDEVNOTIFYWCEUSBS = nullptr;  // only ever unregistered
-    HWND m_HWND = nullptr;
+    std::atomic<HWND> m_HWND{nullptr};  // read by a stopping thread
     CDorWEXWMIWPDCore* m_pOwner;
     DEV_BROADCAST_DEVICEINTERFACE_W m_DEV_BROADCAST_DEVICEINTERFACEFilter{};
     CDorWEXWMIThreadWPDEventsProcessor* m_pProcessor = nullptr;

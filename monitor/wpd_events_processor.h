@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "thread_base.h"
@@ -38,15 +39,15 @@ public:
 
     CDorWEXWMIWPDEventsListener* GetListener() const { return m_pListener; }
 
-    // The worker creates the window while holding this lock and only if no Stop has begun, so a Stop never
-    // misses a window that is about to appear.
+    // Guards the listener pointer, which a restarted worker replaces. Held only for short calls.
     std::unique_lock<std::mutex> LockListener() { return std::unique_lock<std::mutex>(m_mutexListener); }
-    bool IsStopping() const { return m_boolStopping; }
+    // Set from the start of a Stop to its end: a worker makes no window (or gives up the one it made).
+    bool IsStopping() const { return m_boolStopping.load(); }
 
 private:
     void ReplaceListener(CDorWEXWMIWPDEventsListener* pListener_in);
 
     CDorWEXWMIWPDEventsListener* m_pListener = nullptr;
     std::mutex m_mutexListener;
-    bool m_boolStopping = false;
+    std::atomic<bool> m_boolStopping{false};
 };

@@ -52,7 +52,7 @@ public:
         g_emulator->Attach(g_attached);
         // A device that refuses to commit uploads and to delete anything.
         EmulatedDeviceSpec faulty = PhoneSpec("usb#vid_04e8&pid_6860#faulty", "SAMSUNG Electronics", "FLT1");
-        faulty.faultLines = {"Commit = 0x8007001F", "Delete = 0x80070005"};
+        faulty.faultLines = {"Write = 0x8007001F x 1", "Commit = 0x8007001F", "Delete = 0x80070005"};
         g_emulator->Attach(faulty);
         g_faultyPhone = g_emulator->StorageDirectory(faulty, 0);
     }
@@ -156,11 +156,12 @@ TEST(WmiEndToEnd, AttachedDeviceIsAnInstanceWithItsProperties) {
 
 TEST(WmiEndToEnd, ArrivalPublishesTheDeviceAndRemovalDeletesIt) {
     auto services = Connect();
+    const std::wstring query = L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'ARR1'";
+    // The provider is running before the device is plugged in (the first query loads it).
+    EXPECT_TRUE(Query(services.Get(), query).empty());
     const std::string id = "\\\\?\\usb#vid_0421&pid_0661#arrived#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
     EmulatedDeviceSpec spec = PhoneSpec(id, "NOKIA", "ARR1");
     g_emulator->Attach(spec);
-    const std::wstring query = L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'ARR1'";
-    EXPECT_TRUE(Query(services.Get(), query).empty());
 
     Notify(DBT_DEVICEARRIVAL, Wide(id));
     ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).size() == 1; }));
@@ -730,6 +731,12 @@ TEST(WmiContent, DeviceFailuresReachTheCaller) {
                                                       {L"strWriteToken", _variant_t(token.c_str())},
                                                       {L"strObjectDeviceId", _variant_t(faulty)}},
                                 self);
+    EXPECT_EQ(upload.returnValue, L"StreamCopy failed, reason=7") << "the first write fails";
+    upload = CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                              {L"strFileToCopy", _variant_t(local.c_str())},
+                                              {L"strWriteToken", _variant_t(token.c_str())},
+                                              {L"strObjectDeviceId", _variant_t(faulty)}},
+                         self);
     EXPECT_EQ(upload.returnValue, L"Commit failed, reason=8");
 
     // The copy succeeded, the delete did not: the move still reports success and the file stays.
@@ -823,6 +830,47 @@ TEST(WmiContent, FilesOver4GiBAreCopiedWholeBothWays) {
     EXPECT_EQ(Fingerprint(back), expected);
     DeleteFileW(back.c_str());
     DeleteFileW(onDevice.c_str());
+}
+
+}  // namespace
+
+namespace {
+
+// The tracker file is found by name anywhere in its storage, wherever the path puts it.
+TEST(WmiContent, TrackerFileIsFoundWhereverTheDeviceKeepsIt) {
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    const std::wstring folder = std::wstring(temp) + L"dorwex-tracker-" + std::to_wstring(self);
+    CreateDirectoryW(folder.c_str(), nullptr);
+    const std::wstring tracker = folder + L"\\dorWEXDeviceTracker.bin";
+    g_emulator->WriteFile(tracker, "tracker");
+    CreateDirectoryW((Card() + L"\\System").c_str(), nullptr);
+    EXPECT_EQ(CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t(L"Card\\System")},
+                                               {L"strFileToCopy", _variant_t(tracker.c_str())},
+                                               {L"strWriteToken", _variant_t(token.c_str())},
+                                               {L"strObjectDeviceId", _variant_t(kDevice)}},
+                         self)
+                  .returnValue,
+              L"1");
+    const std::wstring local = LocalTemp(L"tracker-back.bin");
+    EXPECT_EQ(CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Card\\dorWEXDeviceTracker.bin")},
+                                                 {L"strLocalFileName", _variant_t(local.c_str())},
+                                                 {L"strObjectDeviceId", _variant_t(kDevice)}})
+                  .returnValue,
+              L"1");
+    EXPECT_EQ(ReadAll(local), "tracker");
+    EXPECT_EQ(CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Card\\other.bin")},
+                                                 {L"strLocalFileName", _variant_t(local.c_str())},
+                                                 {L"strObjectDeviceId", _variant_t(kDevice)}})
+                  .returnValue,
+              L"0")
+        << "only the tracker file is looked for elsewhere";
+    DeleteFileW(local.c_str());
+    DeleteFileW(tracker.c_str());
+    RemoveDirectoryW(folder.c_str());
 }
 
 }  // namespace
