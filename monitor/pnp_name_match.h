@@ -1,0 +1,17 @@
+// Whether a device node's instance id and a device-interface name denote the same device. Pure logic, no
+// Windows headers.
+//
+// Both texts are upper-cased (ASCII letters), every "#" and every "\" becomes "~", and the shorter is looked
+// for in the longer: an interface name such as \\?\USB#VID_04E8&PID_6860#R58M#{6ac27878-...} contains the
+// instance id USB\VID_04E8&PID_6860\R58M once both are written alike.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace dorwex {
+
+std::wstring NormalizeDeviceName(std::wstring_view name);
+bool DeviceNamesMatch(std::wstring_view instanceId, std::wstring_view interfaceName);
+
+}  // namespace dorwex
