@@ -4,6 +4,12 @@
 #include <windows.h>
 #include <objbase.h>
 #include <propidl.h>
+#include <comdef.h>
+
+// The text of a _bstr_t, the empty text for a null one (length 0 means unknown everywhere).
+inline const wchar_t* BstrText(const _bstr_t& bstr_t_in) {
+    return bstr_t_in.length() == 0 ? L"" : static_cast<const wchar_t*>(bstr_t_in);
+}
 
 // A string allocated with CoTaskMemAlloc, freed when the owner goes.
 class CoTaskString {

@@ -34,10 +34,6 @@ HRESULT FetchManagerText(IPortableDeviceManager* pIPortableDeviceManager_in, Man
     return l_HRESULT;
 }
 
-const wchar_t* Text(const _bstr_t& bstr_t_in) {
-    return bstr_t_in.length() == 0 ? L"" : static_cast<const wchar_t*>(bstr_t_in);
-}
-
 // How each surveyed device property is read and traced.
 enum class PropertyType { String, UInt32, UInt64 };
 struct SurveyedProperty {
@@ -153,7 +149,7 @@ HRESULT CDorWEXWPDObject::GetManufacturer() {
             break;
         }
     }
-    Trace(L"CDorWEXWPDObject::GetManufacturer, %x: %s.\n", l_HRESULT, Text(m_bstr_tManufacturer));
+    Trace(L"CDorWEXWPDObject::GetManufacturer, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tManufacturer));
     return l_HRESULT;
 }
 
@@ -161,7 +157,7 @@ HRESULT CDorWEXWPDObject::GetFriendlyName() {
     const HRESULT l_HRESULT = FetchManagerText(m_pIPortableDeviceManager.Get(),
                                                &IPortableDeviceManager::GetDeviceFriendlyName, m_bstr_tDeviceId,
                                                m_bstr_tFriendlyName);
-    Trace(L"CDorWEXWPDObject::GetFriendlyName, %x: %s.\n", l_HRESULT, Text(m_bstr_tFriendlyName));
+    Trace(L"CDorWEXWPDObject::GetFriendlyName, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tFriendlyName));
     return l_HRESULT;
 }
 
@@ -170,7 +166,7 @@ HRESULT CDorWEXWPDObject::GetDescription() {
     const HRESULT l_HRESULT = FetchManagerText(m_pIPortableDeviceManager.Get(),
                                                &IPortableDeviceManager::GetDeviceManufacturer, m_bstr_tDeviceId,
                                                m_bstr_tDescription);
-    Trace(L"CDorWEXWPDObject::GetDescription, %x: %s.\n", l_HRESULT, Text(m_bstr_tDescription));
+    Trace(L"CDorWEXWPDObject::GetDescription, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tDescription));
     return l_HRESULT;
 }
 
@@ -387,7 +383,7 @@ void CDorWEXWPDObject::ReadStorage(IPortableDeviceProperties* pIPortableDevicePr
     // Object id, name, description, file system and capacity of every storage, one line each.
     wchar_t l_wcharSummary[1024];
     _snwprintf_s(l_wcharSummary, _countof(l_wcharSummary), _TRUNCATE, L"%s %s %s %s %s\n", pwcharObjectId_in,
-                 Text(l_bstr_tName), Text(l_bstr_tDescription), Text(l_bstr_tFileSystem),
+                 BstrText(l_bstr_tName), BstrText(l_bstr_tDescription), BstrText(l_bstr_tFileSystem),
                  std::to_wstring(l_ulonglongCapacity).c_str());
     m_bstr_tExtraProperties += l_wcharSummary;
 }

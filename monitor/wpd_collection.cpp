@@ -1,3 +1,4 @@
+#include "../device/com_memory.h"
 #include "wpd_collection.h"
 
 #include <cwchar>
@@ -29,7 +30,7 @@ bool NonEmpty(const _bstr_t& bstr_t_in) {
 
 // Case-blind equality of a member text with what the caller holds.
 bool SameText(const _bstr_t& bstr_t_in, const wchar_t* pwcharText_in) {
-    return _wcsicmp(bstr_t_in.length() == 0 ? L"" : static_cast<const wchar_t*>(bstr_t_in), pwcharText_in) == 0;
+    return _wcsicmp(BstrText(bstr_t_in), pwcharText_in) == 0;
 }
 
 bool SameText(const std::wstring& wstring_in, const wchar_t* pwcharText_in) {

@@ -15,8 +15,6 @@ namespace {
 
 constexpr wchar_t kWindowClassName[] = L"dorWEXWMIWPDHiddenWindowClass";
 
-// {6AC27878-A6FA-4155-BA85-F98F491D4F33}
-constexpr GUID kGUID_DEVINTERFACE_WPD = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
 // The second portable-device interface class, accepted like the first.
 // {80375827-83B8-4A51-B39B-905FEDD4F118}
 constexpr GUID kGUID_DEVINTERFACE_WPD_2 = {0x80375827, 0x83b8, 0x4a51, {0xb3, 0x9b, 0x90, 0x5f, 0xed, 0xd4, 0xf1, 0x18}};

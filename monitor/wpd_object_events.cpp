@@ -16,8 +16,6 @@
 
 namespace {
 
-// {6AC27878-A6FA-4155-BA85-F98F491D4F33}
-constexpr GUID kGUID_DEVINTERFACE_WPD = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
 
 const wchar_t* EventName(const GUID& event_in) {
     if (event_in == WPD_EVENT_OBJECT_ADDED) {
@@ -174,7 +172,7 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
                 }
                 m_pCore->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
                                    l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName),
-                                   l_bstr_tTargetPath.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tTargetPath),
+                                   BstrText(l_bstr_tTargetPath),
                                    L"", l_Value(l_PnPDeviceId), l_Value(l_OriginalFileName),
                                    _bstr_t(l_wstringText.c_str()), L"");
             }

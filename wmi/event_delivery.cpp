@@ -1,6 +1,7 @@
 // Raising Win32ext_WPDEvent to WMI's event sink.
 #include <array>
 
+#include "../device/com_memory.h"
 #include "provider.h"
 #include "schema.h"
 #include "trace.h"
@@ -50,7 +51,7 @@ HRESULT CDorWEXWPDWMI::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t*
         l_Text(pwcharSourcePath_in),
         l_Text(pwcharDeviceName_in),
         l_Text(pwcharOriginalFileName_in),
-        l_Text(bstr_tEventText_in.length() == 0 ? L"" : static_cast<const wchar_t*>(bstr_tEventText_in)),
+        l_Text(BstrText(bstr_tEventText_in)),
         l_Text(pwcharPID_in),
     };
     for (size_t l_index = 0; l_index < l_Values.size(); ++l_index) {

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "../device/com_memory.h"
 #include "../device/wpd_object.h"
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
@@ -134,9 +135,7 @@ HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
                         [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
                             const _bstr_t l_bstr_tValue =
                                 device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
-                            call_io.SetReturnText(l_bstr_tValue.length() == 0
-                                                      ? L""
-                                                      : static_cast<const wchar_t*>(l_bstr_tValue));
+                            call_io.SetReturnText(BstrText(l_bstr_tValue));
                         });
 }
 
@@ -192,7 +191,7 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
     if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
         l_bstr_tListing = l_pDevice->EnumerateDevicePath(Pointer(l_Texts[0]), l_ContentType.value_or(0));
     }
-    call_io.SetReturnText(l_bstr_tListing.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tListing));
+    call_io.SetReturnText(BstrText(l_bstr_tListing));
     return S_OK;
 }
 
@@ -234,7 +233,7 @@ HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
     Trace(L"CDorWEXWPDWMI::MethodRequestWriteToken2 enter.\n");
     CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
     const _bstr_t l_bstr_tToken = l_pCore != nullptr ? l_pCore->RequestWPDWriteToken(*l_ProcessId) : _bstr_t(L"");
-    call_io.SetReturnText(l_bstr_tToken.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tToken));
+    call_io.SetReturnText(BstrText(l_bstr_tToken));
     return S_OK;
 }
 
@@ -272,7 +271,7 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
     }
     const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
                                                                Pointer(l_Texts[2]), l_dwordTokenProcessId);
-    call_io.SetReturnText(l_bstr_tResult.length() == 0 ? L"" : static_cast<const wchar_t*>(l_bstr_tResult));
+    call_io.SetReturnText(BstrText(l_bstr_tResult));
     return S_OK;
 }
 
