@@ -27,3 +27,40 @@ bool DeviceNamesMatch(std::wstring_view instanceId, std::wstring_view interfaceN
 }
 
 }  // namespace dorwex
+
+namespace dorwex {
+
+std::wstring SerialNumberFromInstanceId(std::wstring_view instanceId) {
+    const size_t firstSeparator = instanceId.find(L'\\');
+    const size_t lastSeparator = instanceId.rfind(L'\\');
+    if (firstSeparator == std::wstring_view::npos || firstSeparator == lastSeparator) {
+        return std::wstring();  // an enumerator and a device part at the least, then the serial
+    }
+    const std::wstring_view last = instanceId.substr(lastSeparator + 1);
+    if (last.empty() || last.find(L'&') != std::wstring_view::npos) {
+        return std::wstring();
+    }
+    return std::wstring(last);
+}
+
+int PortFromLocationText(std::wstring_view locationText) {
+    const size_t open = locationText.rfind(L'(');
+    const size_t close = locationText.rfind(L')');
+    if (open == std::wstring_view::npos || close == std::wstring_view::npos || close <= open + 1) {
+        return 0;
+    }
+    long port = 0;
+    for (size_t i = open + 1; i < close; ++i) {
+        const wchar_t c = locationText[i];
+        if (c == L' ' && port == 0) {
+            continue;
+        }
+        if (c < L'0' || c > L'9' || port > 0xFFFF) {
+            return 0;
+        }
+        port = port * 10 + (c - L'0');
+    }
+    return static_cast<int>(port);
+}
+
+}  // namespace dorwex

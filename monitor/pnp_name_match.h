@@ -15,3 +15,15 @@ std::wstring NormalizeDeviceName(std::wstring_view name);
 bool DeviceNamesMatch(std::wstring_view instanceId, std::wstring_view interfaceName);
 
 }  // namespace dorwex
+
+namespace dorwex {
+
+// The serial number a USB device node carries as the last part of its instance id
+// (USB\VID_04E8&PID_6860\R58M123 gives R58M123). A last part holding "&" was made up by the system for a
+// device without a serial number, or is the interface number of a composite device's function: empty then.
+std::wstring SerialNumberFromInstanceId(std::wstring_view instanceId);
+
+// The port number a location text names between its last "(" and its last ")"; 0 when there is none.
+int PortFromLocationText(std::wstring_view locationText);
+
+}  // namespace dorwex

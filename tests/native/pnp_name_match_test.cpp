@@ -18,4 +18,34 @@ TEST(DeviceNamesMatch, CaseSeparatorsAndInterfaceSuffixDoNotMatter) {
     EXPECT_EQ(dorwex::NormalizeDeviceName(L"a#b\\c"), L"A~B~C");
 }
 
+TEST(SerialNumberFromInstanceId, OnlyARealSerialNumber) {
+    const struct {
+        const wchar_t* instanceId;
+        const wchar_t* serial;
+    } cases[] = {
+        {L"USB\\VID_04E8&PID_6860\\R58M12345", L"R58M12345"},
+        {L"USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000", L""},  // a composite function: made-up id
+        {L"USB\\VID_0951&PID_1666\\5&1B2C3D4&0&2", L""},           // no serial number on the device
+        {L"USB\\VID_0951&PID_1666\\", L""},
+        {L"USB\\VID_0951&PID_1666", L""},
+        {L"R58M12345", L""},
+        {L"", L""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(dorwex::SerialNumberFromInstanceId(c.instanceId), c.serial) << c.instanceId;
+    }
+}
+
+TEST(PortFromLocationText, NumberInTheLastParentheses) {
+    EXPECT_EQ(dorwex::PortFromLocationText(L"USB Composite Device (3)"), 3);
+    EXPECT_EQ(dorwex::PortFromLocationText(L"Hub (2) port (14)"), 14);
+    EXPECT_EQ(dorwex::PortFromLocationText(L"( 7)"), 7);
+    EXPECT_EQ(dorwex::PortFromLocationText(L"Port_#0003.Hub_#0002"), 0) << "no parentheses";
+    EXPECT_EQ(dorwex::PortFromLocationText(L"()"), 0);
+    EXPECT_EQ(dorwex::PortFromLocationText(L"(x3)"), 0);
+    EXPECT_EQ(dorwex::PortFromLocationText(L")3("), 0);
+    EXPECT_EQ(dorwex::PortFromLocationText(L"(99999999999999999999)"), 0) << "no overflow";
+    EXPECT_EQ(dorwex::PortFromLocationText(L""), 0);
+}
+
 }  // namespace
