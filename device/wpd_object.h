@@ -27,6 +27,10 @@ public:
 
     // Opens the device and fills the identity; a null id returns S_OK and does nothing.
     HRESULT InitializeWPD(const wchar_t* pwcharDeviceId_in);
+    // Prepares an object for one eject: the device id, the manager and the Plug and Play view; no session.
+    HRESULT InitializeForEject(const wchar_t* pwcharDeviceId_in);
+    // 1 when the device was ejected and stayed away, or came back and was disabled; 0 otherwise.
+    LONG EjectDevice();
     // Unregisters the event callback and closes the session.
     void Terminate();
 
@@ -112,6 +116,9 @@ private:
                      int intStorageIndex_in);
     HRESULT ReadStorages(IPortableDevicePropVariantCollection* pIPortableDevicePropVariantCollection_in);
     HRESULT ReadAppleIdentity();
+    LONG EjectDeviceWPD(const wchar_t* pwcharDeviceId_in);
+    LONG EjectDeviceApple(const wchar_t* pwcharDeviceId_in);
+    LONG EjectDeviceBlackBerry(const wchar_t* pwcharDeviceId_in);
     _bstr_t EnumerateDevicePath1(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
     _bstr_t CopyFileToDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in);
     HRESULT CopyFileFromDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);

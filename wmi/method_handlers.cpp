@@ -275,8 +275,8 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
     return S_OK;
 }
 
-// Ejecting goes through the device's place in the Plug and Play tree, which the device object does not
-// hold yet: the device is found and the answer is "0".
+// Ejecting uses an object of its own for the device: the device in the collection is dropped while the
+// eject runs, and the eject must not reach into its session.
 HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     constexpr wchar_t kOuter[] = L"CDorWEXWPDWMI::MethodEjectDevice";
     constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodEjectDevice2";
@@ -287,7 +287,21 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
         return l_HRESULT;
     }
     TraceEnter(kInner);
-    FindDevice(call_io, kInner, l_Texts[0], Text());
-    SetOneOrZero(call_io, 0);
+    const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[0], Text());
+    if (!l_pDevice) {
+        return S_OK;
+    }
+    const _bstr_t l_bstr_tDeviceId = l_pDevice->m_bstr_tDeviceId;
+    CDorWEXWPDObject l_EjectObject(call_io.pProvider->GetCore());
+    LONG l_longResult = 0;
+    if (SUCCEEDED(l_EjectObject.InitializeForEject(l_bstr_tDeviceId))) {
+        l_EjectObject.GetManufacturer();
+        // A BlackBerry is known as one from its property record, which only the attached device read.
+        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+            l_EjectObject.m_eManufacturer = CDorWEXWPDObject::Manufacturer::BLACKBERRY;
+        }
+        l_longResult = l_EjectObject.EjectDevice();
+    }
+    SetOneOrZero(call_io, l_longResult);
     return S_OK;
 }
