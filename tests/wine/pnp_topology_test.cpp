@@ -1,0 +1,411 @@
+// The Plug and Play view and ejecting a device, against a Plug and Play tree double: a phone behind a hub, a
+// USB stick with a drive letter, and ejects that succeed, are vetoed, or see the device come back.
+#include <gtest/gtest.h>
+
+#include "device/wpd_object.h"
+#include "monitor/pnp_topology.h"
+#include "monitor/wpd_collection.h"
+#include "monitor/wpd_core.h"
+#include "monitor/wpd_events_processor.h"
+#include "support/pnp_tree_double.h"
+#include "support/test_trace_sink.h"
+#include "support/wpd_emulator.h"
+#include "wmi/module.h"
+
+namespace {
+
+using Node = PnpTreeDouble::Node;
+
+// A phone as Windows shows it: host controller, root hub (6 ports), the phone's USB device on port 3 with
+// its serial number, and the phone's portable-device function below it.
+constexpr wchar_t kPhoneUSB[] = L"USB\\VID_04E8&PID_6860\\R58M12345";
+constexpr wchar_t kPhoneFunction[] = L"USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000";
+constexpr char kPhoneWPDId[] = "\\\\?\\usb#vid_04e8&pid_6860&mi_00#7&2a8f3e1&0&0000#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+
+// A USB stick: its disk drive and the volume on it, seen through WPD.
+constexpr wchar_t kStickDisk[] = L"USBSTOR\\DISK&VEN_KINGSTON&PROD_DT&REV_PMAP\\60A44C413A8C&0";
+constexpr wchar_t kStickVolume[] =
+    L"STORAGE\\VOLUME\\_??_USBSTOR#DISK&VEN_KINGSTON&PROD_DT&REV_PMAP#60A44C413A8C&0#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}";
+constexpr wchar_t kStickWPDName[] =
+    L"\\\\?\\STORAGE#VOLUME#_??_USBSTOR#DISK&VEN_KINGSTON&PROD_DT&REV_PMAP#60A44C413A8C&0#{53f56307-b6bf-11d0-94f2-"
+    L"00a0c91efb8b}#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+
+struct PhoneTree {
+    int controller = -1, hub = -1, usb = -1, function = -1;
+};
+
+PhoneTree AddPhone(PnpTreeDouble& pnp, const std::wstring& location = L"USB Composite Device (3)") {
+    PhoneTree tree;
+    tree.controller = pnp.AddHostController(L"PCI\\VEN_8086&DEV_A36D\\3&11583659&0&A0");
+    tree.hub = pnp.AddHub(tree.controller, L"USB\\ROOT_HUB30\\4&1F3B2A0&0&0", 6);
+    Node usb;
+    usb.instanceId = kPhoneUSB;
+    usb.setupClass = pnp_classes::kUSB;
+    usb.parent = tree.hub;
+    usb.port = 3;
+    usb.properties[SPDRP_LOCATION_INFORMATION] = location;
+    usb.properties[SPDRP_PHYSICAL_DEVICE_OBJECT_NAME] = L"\\Device\\USBPDO-7";
+    usb.interfaces.push_back({pnp_classes::kUSBDeviceInterface, L"\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{a5dcbf10}"});
+    tree.usb = pnp.Add(usb);
+    Node function;
+    function.instanceId = kPhoneFunction;
+    function.setupClass = pnp_classes::kWPD;
+    function.parent = tree.usb;
+    function.properties[SPDRP_PHYSICAL_DEVICE_OBJECT_NAME] = L"\\Device\\USBPDO-8";
+    function.properties[SPDRP_FRIENDLYNAME] = L"Galaxy S9";
+    function.interfaces.push_back({pnp_classes::kWPDInterface, Wide(kPhoneWPDId)});
+    tree.function = pnp.Add(function);
+    return tree;
+}
+
+void AddStick(PnpTreeDouble& pnp, LONG diskNumber) {
+    const int controller = pnp.AddHostController(L"PCI\\VEN_8086&DEV_A36D\\3&11583659&0&A0");
+    const int hub = pnp.AddHub(controller, L"USB\\ROOT_HUB30\\4&1F3B2A0&0&0", 6);
+    Node usb;
+    usb.instanceId = L"USB\\VID_0951&PID_1666\\60A44C413A8C";
+    usb.setupClass = pnp_classes::kUSB;
+    usb.parent = hub;
+    usb.port = 1;
+    const int usbIndex = pnp.Add(usb);
+    Node disk;
+    disk.instanceId = kStickDisk;
+    disk.setupClass = pnp_classes::kDiskDrive;
+    disk.parent = usbIndex;
+    disk.diskNumber = diskNumber;
+    disk.interfaces.push_back({pnp_classes::kDiskInterface, L"\\\\?\\usbstor#disk&ven_kingston#60a44c413a8c&0#{53f56307}"});
+    const int diskIndex = pnp.Add(disk);
+    Node volume;
+    volume.instanceId = kStickVolume;
+    volume.setupClass = pnp_classes::kVolume;
+    volume.parent = diskIndex;
+    volume.diskNumber = diskNumber;
+    volume.interfaces.push_back({pnp_classes::kWPDInterface, kStickWPDName});
+    pnp.Add(volume);
+}
+
+TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
+    PnpTreeDouble pnp;
+    AddPhone(pnp);
+    TraceCapture trace(1);
+    CDorWEXWPDObjectInWin32 view;
+    EXPECT_EQ(view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1), S_OK);
+
+    EXPECT_EQ(view.GetEntry(0).wstringInstanceId, kPhoneFunction) << "matched across case, # and the suffix";
+    EXPECT_EQ(view.GetEntry(0).wstringDevicePath, Wide(kPhoneWPDId));
+    EXPECT_EQ(view.GetEntry(0).wstringType, L"GUID_DEVINTERFACE_WPD");
+    EXPECT_EQ(view.GetEntry(0).Property(SPDRP_FRIENDLYNAME), L"Galaxy S9");
+    EXPECT_EQ(view.GetEntry(2).wstringInstanceId, kPhoneUSB) << "the composite device's USB node";
+    EXPECT_EQ(view.GetEntry(2).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME), L"\\Device\\USBPDO-7");
+    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 3);
+    EXPECT_EQ(view.GetEntry(2).intTotalPortsOnHub, 6);
+    EXPECT_EQ(view.GetEntry(2).intActivePortsOnHub, 1);
+    EXPECT_EQ(view.GetEntry(2).longNumberOfOpenPipes, 3) << "read from the hub for the device's port";
+    EXPECT_TRUE(view.GetEntry(1).wstringInstanceId.empty()) << "no disk drive on a phone";
+    EXPECT_EQ(view.GetUSBSerialNumber(), L"R58M12345");
+    EXPECT_EQ(view.GetDeviceSerialNumber(), L"") << "the function's id was made up by the system";
+
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + Wide(kPhoneWPDId) + L"\n"));
+    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON ") +
+                          kPhoneFunction + L"\n"));
+    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, Parent "
+                                       L"USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for ") +
+                          kPhoneUSB + L" = 6.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port 3\n"));
+    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice InstanceId2=<") +
+                          kPhoneUSB + L">"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice USBHubPortNumber=3"));
+    EXPECT_EQ(pnp.OpenLists(), 0u);
+    EXPECT_EQ(pnp.OpenHandles(), 0u);
+}
+
+TEST(PnpView, PortComesFromCountingTheHubsChildrenWhenTheLocationNamesNone) {
+    PnpTreeDouble pnp;
+    const PhoneTree tree = AddPhone(pnp, L"Port_#0003.Hub_#0001");
+    Node other;  // a keyboard on the same hub, listed before the phone
+    other.instanceId = L"USB\\VID_046D&PID_C31C\\5&1&0&1";
+    other.parent = tree.hub;
+    other.port = 1;
+    pnp.Add(other);
+    TraceCapture trace(1);
+    CDorWEXWPDObjectInWin32 view;
+    view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
+    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 1) << "the phone is the hub's first child";
+    EXPECT_EQ(view.GetEntry(2).intActivePortsOnHub, 2);
+
+    // A hub whose port count cannot be read gives no port at all.
+    pnp.At(tree.hub).hubPorts = 0;
+    trace.Clear();
+    view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
+    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, could not determine port for device.\n"));
+}
+
+TEST(PnpView, StickVolumeHasItsDiskDriveDiskNumberAndLetter) {
+    PnpTreeDouble pnp;
+    AddStick(pnp, 2);
+    pnp.SetDrive(L'C', 0);
+    pnp.SetDrive(L'E', 2);
+    TraceCapture trace(1);
+    CDorWEXWPDObjectInWin32 view;
+    EXPECT_EQ(view.ProcessDeviceNotification(kStickWPDName, 1), S_OK);
+    EXPECT_EQ(view.GetEntry(1).wstringDiskDrive, kStickDisk) << "the disk drive's id is part of the volume name";
+    EXPECT_EQ(view.GetEntry(1).longDiskNumber, 2);
+    EXPECT_EQ(view.GetEntry(1).wstringDriveLetter, L"E:\\");
+    EXPECT_TRUE(view.GetEntry(0).wstringInstanceId.empty()) << "a disk was found: the name is not looked up further";
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Drive letter: <E:\\> "
+                          L"Drive number: <2>\n"));
+    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_"
+                                       L"DISK: MATCHED ON ") +
+                          kStickDisk + L" Match count=1\n"));
+
+    // The volume itself, when the disk drive is not listed: its disk is on no drive letter.
+    pnp.At(3).present = false;
+    trace.Clear();
+    CDorWEXWPDObjectInWin32 volumeView;
+    volumeView.ProcessDeviceNotification(kStickWPDName, 1);
+    EXPECT_EQ(volumeView.GetEntry(0).wstringInstanceId, kStickVolume);
+    EXPECT_EQ(volumeView.GetEntry(0).longDiskNumber, 2);
+    EXPECT_EQ(volumeView.GetEntry(0).wstringDiskDrive, L"\\\\.\\PhysicalDrive2");
+    EXPECT_EQ(volumeView.GetEntry(0).wstringDriveLetter, L"E:\\");
+
+    pnp.SetDrive(L'E', 0);
+    trace.Clear();
+    CDorWEXWPDObjectInWin32 noLetter;
+    noLetter.ProcessDeviceNotification(kStickWPDName, 1);
+    EXPECT_TRUE(noLetter.GetEntry(0).wstringDriveLetter.empty());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Reached end of drive list before "
+                          L"reaching l_VOLUME_DISK_EXTENTS.Extents->DiskNumber:list: C:\\ E:\\  DiskNumber: 2\n"));
+    EXPECT_EQ(pnp.OpenLists(), 0u);
+    EXPECT_EQ(pnp.OpenHandles(), 0u);
+}
+
+TEST(PnpView, FailingCallsAreTracedAndLeaveTheEntriesEmpty) {
+    EXPECT_EQ(CDorWEXWPDObjectInWin32().ProcessDeviceNotification(nullptr, 1), E_FAIL);
+    {
+        PnpTreeDouble pnp;
+        AddStick(pnp, 1);
+        pnp.Fail("SetupDiGetClassDevsW");
+        TraceCapture trace(1);
+        CDorWEXWPDObjectInWin32 view;
+        EXPECT_EQ(view.ProcessDeviceNotification(kStickWPDName, 1), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+        EXPECT_TRUE(view.GetEntry(1).wstringDiskDrive.empty()) << "nothing found: read as not plain storage";
+        EXPECT_TRUE(view.GetEntry(0).wstringInstanceId.empty());
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_DISK: "
+                                     L"SetupDiGetClassDevs FAILED 5: ").size(), 1u);
+        EXPECT_EQ(pnp.OpenLists(), 0u);
+    }
+    {
+        PnpTreeDouble pnp;
+        AddStick(pnp, 1);
+        pnp.SetDrive(L'E', 1);
+        pnp.Fail("CreateFileW");
+        TraceCapture trace(1);
+        CDorWEXWPDObjectInWin32 view;
+        view.ProcessDeviceNotification(kStickWPDName, 1);
+        EXPECT_EQ(view.GetEntry(1).wstringDiskDrive, kStickDisk) << "the node is found all the same";
+        EXPECT_EQ(view.GetEntry(1).longDiskNumber, -1);
+        EXPECT_TRUE(view.GetEntry(1).wstringDriveLetter.empty());
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectInWin32::ProcessDeviceInterfaces2, DevicePath: "
+                                     L"\\\\?\\usbstor#disk&ven_kingston#60a44c413a8c&0#{53f56307} FAILED mapping "
+                                     L"into Win32: CreateFile FAILED 2: ").size(), 1u);
+        EXPECT_EQ(pnp.OpenLists(), 0u);
+        EXPECT_EQ(pnp.OpenHandles(), 0u);
+    }
+}
+
+TEST(PnpView, PlainUSBStorageIsNotPublishedButAPhoneIs) {
+    WpdEmulator emulator;
+    PnpTreeDouble pnp;
+    AddStick(pnp, 1);
+    AddPhone(pnp);
+    CDorWEXWMIWPDCore core;
+    CDorWEXWMIThreadWPDEventsProcessor processor(&core);
+    TraceCapture trace(1);
+    SetPendingDevice(kStickWPDName, 1);
+    processor.ProcessApplicationEvent();
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, FilterPureUSBDevice=TRUE"));
+    EXPECT_FALSE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OnlineEvent"));
+
+    trace.Clear();
+    SetPendingDevice(Wide(kPhoneWPDId).c_str(), 1);
+    processor.ProcessApplicationEvent();
+    EXPECT_FALSE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, FilterPureUSBDevice=TRUE"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OnlineEvent"));
+}
+
+TEST(PnpView, TheDeviceTakesItsUSBSerialNumberAndIsFoundByItsUSBNode) {
+    WpdEmulator emulator;
+    PnpTreeDouble pnp;
+    AddPhone(pnp);
+    EmulatedDeviceSpec spec = PhoneSpec(kPhoneWPDId, "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL");
+    emulator.Attach(spec);
+    TraceCapture trace(1);
+    CDorWEXWMIWPDCore core;
+    CDorWEXWPDCollection devices(&core);
+    ASSERT_EQ(devices.AddWPD(Wide(kPhoneWPDId).c_str()), S_OK);
+    const auto device = devices.FindWPDObject(kPhoneUSB, nullptr);
+    ASSERT_TRUE(device) << "found through the instance id of its USB node";
+    EXPECT_EQ(std::wstring(device->m_bstr_tUSBSerialNumber), L"R58M12345");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:R58M12345\n"));
+    EXPECT_TRUE(devices.FindWPDObject(kPhoneFunction, nullptr)) << "and through the node of the function";
+    devices.RemoveWPD(Wide(kPhoneWPDId).c_str());
+}
+
+// Ejecting: a device known to the core's collection, ejected through a separate object as the method does.
+class Eject : public testing::Test {
+protected:
+    void SetUp() override {
+        InterlockedExchange(&g_longOSVersionCode, 100);
+        tree = AddPhone(pnp);
+        emulator.Attach(PhoneSpec(kPhoneWPDId, "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL"));
+        core.Initialize();  // without a provider: monitoring only, the collection starts empty
+        ASSERT_EQ(core.GetCollection()->AddWPD(Wide(kPhoneWPDId).c_str()), S_OK);
+        ASSERT_TRUE(core.GetCollection()->FindWPDObjectById(Wide(kPhoneWPDId).c_str()));
+        pnp.onComeBack = [this](int) { core.GetCollection()->AddWPD(Wide(kPhoneWPDId).c_str()); };
+    }
+    void TearDown() override {
+        InterlockedExchange(&g_longOSVersionCode, savedVersion);
+        EXPECT_EQ(pnp.OpenLists(), 0u);
+        EXPECT_EQ(pnp.OpenHandles(), 0u);
+    }
+    LONG EjectPhone(CDorWEXWMIWPDCore* owner) {
+        CDorWEXWPDObject device(owner);
+        if (FAILED(device.InitializeForEject(Wide(kPhoneWPDId).c_str()))) {
+            return -1;
+        }
+        device.GetManufacturer();
+        return device.EjectDevice();
+    }
+    bool Known() { return core.GetCollection()->FindWPDObjectById(Wide(kPhoneWPDId).c_str()) != nullptr; }
+
+    const LONG savedVersion = g_longOSVersionCode;
+    WpdEmulator emulator;
+    PnpTreeDouble pnp;
+    PhoneTree tree;
+    CDorWEXWMIWPDCore core;
+    TraceCapture trace{1};
+};
+
+TEST_F(Eject, ACompositeDevicesUSBParentIsEjectedAndTheDeviceDropped) {
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1);
+    EXPECT_EQ(pnp.At(tree.function).ejectRequests, 0);
+    EXPECT_EQ(pnp.At(tree.hub).ejectRequests, 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDevice enter.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject parent succeeded.\n"));
+    EXPECT_FALSE(Known());
+    EXPECT_EQ(pnp.VirtualTimeMs(), 5000u) << "ten looks, 500 ms apart";
+    EXPECT_FALSE(pnp.At(tree.function).disabled);
+}
+
+TEST_F(Eject, ADeviceWhoseParentIsAHubIsEjectedItselfNeverTheHub) {
+    pnp.At(tree.function).parent = tree.hub;  // a single-function phone straight on the hub
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_EQ(pnp.At(tree.hub).ejectRequests, 0);
+    EXPECT_EQ(pnp.At(tree.function).ejectRequests, 1);
+    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::IsHubOrController, Parent at distance 1 for ") +
+                          Wide(kPhoneWPDId) + L" is a hub or controller.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD parent is hub or controller.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject device(1) succeeded.\n"));
+}
+
+TEST_F(Eject, VetoedRequestsFallThroughTheThreeAttempts) {
+    pnp.At(tree.function).parent = tree.hub;
+    pnp.At(tree.function).ejectAnswers = {CR_REMOVE_VETOED};
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject device(2) succeeded.\n"));
+
+    core.GetCollection()->AddWPD(Wide(kPhoneWPDId).c_str());
+    pnp.At(tree.function).present = true;
+    pnp.At(tree.function).ejectAnswers = {CR_REMOVE_VETOED, CR_REMOVE_VETOED};
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_EQ(pnp.At(tree.function).removeRequests, 1);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject device(3) succeeded.\n"));
+
+    core.GetCollection()->AddWPD(Wide(kPhoneWPDId).c_str());
+    pnp.At(tree.function).present = true;
+    pnp.At(tree.function).ejectAnswers = {CR_REMOVE_VETOED, CR_REMOVE_VETOED};
+    pnp.At(tree.function).removeAnswers = {CR_REMOVE_VETOED};
+    EXPECT_EQ(EjectPhone(&core), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject device(3) failed.\n"));
+    EXPECT_TRUE(Known()) << "a device that would not leave stays known";
+}
+
+TEST_F(Eject, ADeviceThatComesBackWithinFiveSecondsIsDisabled) {
+    pnp.At(tree.function).comesBackAfterMs = 1200;
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD device is remounting, performing disable.\n"));
+    EXPECT_TRUE(pnp.At(tree.function).disabled);
+    EXPECT_FALSE(Known()) << "dropped once more after the disable";
+    EXPECT_EQ(pnp.VirtualTimeMs(), 1500u) << "the watch ends with the disable";
+}
+
+TEST_F(Eject, ADeviceThatComesBackLaterIsNotDisabled) {
+    pnp.At(tree.function).comesBackAfterMs = 6000;
+    EXPECT_EQ(EjectPhone(&core), 1);
+    EXPECT_FALSE(pnp.At(tree.function).disabled);
+    EXPECT_FALSE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD device is remounting, performing disable.\n"));
+}
+
+TEST_F(Eject, EveryFailureAnswersZero) {
+    pnp.At(tree.function).comesBackAfterMs = 500;
+    pnp.Fail("SetupDiCallClassInstaller");
+    EXPECT_EQ(EjectPhone(&core), 0) << "the disable failed";
+    core.GetCollection()->AddWPD(Wide(kPhoneWPDId).c_str());
+    pnp.At(tree.function).comesBackAfterMs = 0;
+
+    pnp.At(tree.usb).present = true;
+    pnp.At(tree.function).present = true;
+    EXPECT_EQ(EjectPhone(nullptr), 0) << "ejected, but without a collection nothing watched it";
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 2);
+
+    for (const char* call : {"SetupDiClassGuidsFromNameExW", "SetupDiGetClassDevsExW",
+                             "SetupDiGetDeviceInfoListDetailW", "CM_Get_Device_ID_ExW"}) {
+        pnp.At(tree.usb).present = true;
+        pnp.At(tree.function).present = true;
+        PnpTreeDouble::Node& usb = pnp.At(tree.usb);
+        const int before = usb.ejectRequests;
+        pnp.Fail(call);
+        EXPECT_EQ(EjectPhone(&core), 0) << call;
+        EXPECT_EQ(usb.ejectRequests, before) << call;
+    }
+}
+
+TEST_F(Eject, AnIdThatNamesNoNodeEjectsNothing) {
+    CDorWEXWPDObject device(&core);
+    ASSERT_EQ(device.InitializeForEject(L"\\\\?\\usb#vid_ffff&pid_0001#nobody#{6ac27878}"), S_OK);
+    EXPECT_EQ(device.EjectDevice(), 0);
+    // Without "#" the id is compared as it is: a node whose id it holds unchanged still matches.
+    CDorWEXWPDObject plain(&core);
+    ASSERT_EQ(plain.InitializeForEject(L"prefix USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000 suffix"), S_OK);
+    EXPECT_EQ(plain.EjectDevice(), 1);
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1);
+}
+
+TEST_F(Eject, AnAppleDeviceTakesTheApplePathBeforeWindows8) {
+    for (LONG version : {61L, 62L}) {
+        pnp.At(tree.usb).present = true;
+        pnp.At(tree.function).present = true;
+        InterlockedExchange(&g_longOSVersionCode, version);
+        CDorWEXWPDObject device(&core);
+        ASSERT_EQ(device.InitializeForEject(Wide(kPhoneWPDId).c_str()), S_OK);
+        device.m_eManufacturer = dorwex::Manufacturer::APPLE;
+        trace.Clear();
+        EXPECT_EQ(device.EjectDevice(), 1) << version;
+        EXPECT_EQ(trace.Has(L"CDorWEXWPDObject::EjectDeviceApple enter.\n"), version == 61) << version;
+    }
+    EXPECT_EQ(pnp.At(tree.function).ejectRequests, 1) << "the Apple path ejects the device node itself";
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1) << "the WPD path ejects the USB parent";
+}
+
+TEST_F(Eject, ABlackBerryEjectsItsParent) {
+    CDorWEXWPDObject device(&core);
+    ASSERT_EQ(device.InitializeForEject(Wide(kPhoneWPDId).c_str()), S_OK);
+    device.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY;
+    EXPECT_EQ(device.EjectDevice(), 1);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceBlackBerry enter.\n"));
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1);
+    EXPECT_EQ(pnp.At(tree.function).ejectRequests, 0);
+}
+
+}  // namespace
