@@ -14,6 +14,7 @@
 
 #include "device/com_memory.h"
 #include "device/portable_device_api.h"
+#include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
 
 using Microsoft::WRL::ComPtr;
@@ -23,23 +24,6 @@ namespace {
 WpdEmulator* g_emulator = nullptr;
 EmulatedDeviceSpec g_attached;  // the device present from the start, with storages Phone and Card
 std::wstring g_faultyPhone;     // the storage directory of a device that fails commits and deletes
-
-std::wstring ProgramDirectory() {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring directory(path);
-    return directory.substr(0, directory.find_last_of(L'\\'));
-}
-
-// Registers a COM server of the build in the prefix, as regsvr32 does.
-void Register(const wchar_t* dll) {
-    HMODULE module = LoadLibraryW((ProgramDirectory() + L"\\" + dll).c_str());
-    ASSERT_NE(module, nullptr) << "cannot load " << std::string(dll, dll + wcslen(dll));
-    auto* registerServer = reinterpret_cast<HRESULT(WINAPI*)()>(
-        reinterpret_cast<void*>(GetProcAddress(module, "DllRegisterServer")));
-    ASSERT_NE(registerServer, nullptr);
-    ASSERT_EQ(registerServer(), S_OK);
-}
 
 class Environment : public testing::Environment {
 public:
@@ -62,40 +46,6 @@ public:
     }
 };
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new Environment);
-
-ComPtr<IWbemServices> Connect() {
-    ComPtr<IWbemLocator> locator;
-    EXPECT_EQ(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&locator)), S_OK);
-    ComPtr<IWbemServices> services;
-    if (locator) {
-        EXPECT_EQ(locator->ConnectServer(_bstr_t(L"ROOT\\CIMV2"), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                         &services),
-                  S_OK);
-    }
-    return services;
-}
-
-std::vector<ComPtr<IWbemClassObject>> Query(IWbemServices* services, const std::wstring& wql) {
-    std::vector<ComPtr<IWbemClassObject>> objects;
-    ComPtr<IEnumWbemClassObject> enumerator;
-    EXPECT_EQ(services->ExecQuery(_bstr_t(L"WQL"), _bstr_t(wql.c_str()), WBEM_FLAG_FORWARD_ONLY, nullptr, &enumerator),
-              S_OK);
-    IWbemClassObject* object = nullptr;
-    ULONG returned = 0;
-    while (enumerator && enumerator->Next(WBEM_INFINITE, 1, &object, &returned) == S_OK && returned == 1) {
-        objects.emplace_back(object);
-        object->Release();
-    }
-    return objects;
-}
-
-std::wstring Text(IWbemClassObject* object, const wchar_t* name) {
-    _variant_t value;
-    if (FAILED(object->Get(name, 0, &value, nullptr, nullptr)) || value.vt != VT_BSTR || value.bstrVal == nullptr) {
-        return L"<none>";
-    }
-    return value.bstrVal;
-}
 
 bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 10000) {
     const DWORD start = GetTickCount();
@@ -436,51 +386,6 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
 namespace {
 
 // One method call through WMI: the status, "ReturnValue", and the __ExtendedStatus description on failure.
-struct Outcome {
-    HRESULT status = S_OK;
-    std::wstring returnValue;
-    std::wstring description;
-};
-
-using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
-
-// Parameters the method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out.
-Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1) {
-    Outcome outcome;
-    auto services = Connect();
-    ComPtr<IWbemClassObject> wpdClass;
-    services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
-    ComPtr<IWbemClassObject> inSignature;
-    ComPtr<IWbemClassObject> in;
-    wpdClass->GetMethod(method, 0, &inSignature, nullptr);
-    if (inSignature) {
-        inSignature->SpawnInstance(0, &in);
-        for (const auto& parameter : parameters) {
-            const HRESULT put = in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
-            EXPECT_TRUE(put == S_OK || put == static_cast<HRESULT>(WBEM_E_NOT_FOUND));
-        }
-    }
-    ComPtr<IWbemContext> context;
-    if (clientPid >= 0) {
-        CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context));
-        _variant_t pid(static_cast<long>(clientPid), VT_I4);
-        pid.vt = VT_UI4;
-        context->SetValue(L"dorWEXWPDClientPID", 0, &pid);
-    }
-    ComPtr<IWbemClassObject> out;
-    outcome.status = services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &out,
-                                          nullptr);
-    if (out) {
-        outcome.returnValue = Text(out.Get(), L"ReturnValue");
-    }
-    ComPtr<IErrorInfo> error;
-    ComPtr<IWbemClassObject> status;
-    if (FAILED(outcome.status) && GetErrorInfo(0, &error) == S_OK && SUCCEEDED(error.As(&status))) {
-        outcome.description = Text(status.Get(), L"Description");
-    }
-    return outcome;
-}
-
 const wchar_t kDevice[] = L"usb#vid_04e8&pid_6860#attached";
 
 std::wstring Phone() {
@@ -713,6 +618,10 @@ TEST(WmiContent, BadInputNeverCrashes) {
     }
     EXPECT_EQ(CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}}).description,
               L"Device not found");
+    // The prefix's own Plug and Play tree has no node for an emulated device: nothing to eject, "0".
+    const Outcome eject = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(kDevice)}});
+    EXPECT_EQ(eject.status, S_OK);
+    EXPECT_EQ(eject.returnValue, L"0");
 }
 
 }  // namespace

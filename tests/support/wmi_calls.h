@@ -1,0 +1,32 @@
+// What the WMI test programs do as a management client: register a COM server of the build, connect to
+// the (emulated) WMI service, query, read properties and call methods of Win32ext_WPD.
+#pragma once
+
+#include <comdef.h>
+#include <wbemcli.h>
+#include <wrl/client.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+std::wstring ProgramDirectory();
+// Registers a COM server built next to the test program, as regsvr32 does.
+void Register(const wchar_t* dll);
+
+Microsoft::WRL::ComPtr<IWbemServices> Connect();
+std::vector<Microsoft::WRL::ComPtr<IWbemClassObject>> Query(IWbemServices* services, const std::wstring& wql);
+// A text property, or "<none>".
+std::wstring Text(IWbemClassObject* object, const wchar_t* name);
+
+struct Outcome {
+    HRESULT status = S_OK;
+    std::wstring returnValue;
+    std::wstring description;
+};
+
+using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
+
+// Calls a method of Win32ext_WPD; a client process id >= 0 goes into the call's context. Parameters the
+// method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out.
+Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
