@@ -6,6 +6,7 @@
 #include <string>
 
 #include "../monitor/pnp_api.h"
+#include "../monitor/pnp_guids.h"
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
 #include "../wmi/module.h"
@@ -13,9 +14,8 @@
 
 namespace {
 
-// The class the BlackBerry's device node belongs to: the portable devices' setup class
-// {EEC5AD98-8080-425F-922A-DABF3DE3F69A}.
-constexpr GUID kGUID_DEVCLASS_BLACKBERRY = {0xeec5ad98, 0x8080, 0x425f, {0x92, 0x2a, 0xda, 0xbf, 0x3d, 0xe3, 0xf6, 0x9a}};
+// The class the BlackBerry's device node belongs to: the portable devices' setup class.
+const GUID& kGUID_DEVCLASS_BLACKBERRY = kGUID_DEVCLASS_WPD;
 
 constexpr int kRemountLooks = 10;
 constexpr DWORD kRemountPauseMs = 500;

@@ -8,21 +8,12 @@
 #include "../wmi/trace.h"
 #include "../wmi/trace_helpers.h"
 #include "pnp_api.h"
+#include "pnp_guids.h"
 #include "pnp_name_match.h"
 
 namespace {
 
 constexpr wchar_t kClass[] = L"CDorWEXWPDObjectInWin32";
-
-constexpr GUID kGUID_DEVCLASS_DISKDRIVE = {0x4d36e967, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}};
-constexpr GUID kGUID_DEVINTERFACE_DISK = {0x53f56307, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
-constexpr GUID kGUID_DEVCLASS_USB = {0x36fc9e60, 0xc465, 0x11cf, {0x80, 0x56, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}};
-constexpr GUID kGUID_DEVINTERFACE_USB_DEVICE = {0xa5dcbf10, 0x6530, 0x11d2, {0x90, 0x1f, 0x00, 0xc0, 0x4f, 0xb9, 0x51, 0xed}};
-constexpr GUID kGUID_DEVINTERFACE_USB_HUB = {0xf18a0e88, 0xc30c, 0x11d0, {0x88, 0x15, 0x00, 0xa0, 0xc9, 0x06, 0xbe, 0xd8}};
-constexpr GUID kGUID_DEVINTERFACE_USB_HOST_CONTROLLER = {0x3abf6f2d, 0x71c4, 0x462a, {0x8a, 0x92, 0x1e, 0x68, 0x61, 0xe6, 0xaf, 0x27}};
-// The portable-device setup class and the second portable-device interface class.
-constexpr GUID kGUID_DEVCLASS_WPD = {0x17fdd8f0, 0x53df, 0x406f, {0x82, 0x87, 0x8c, 0x38, 0xf6, 0xfc, 0x9b, 0xcc}};
-constexpr GUID kGUID_DEVINTERFACE_WPD_SECOND = {0x80375827, 0x83b8, 0x4a51, {0xb3, 0x9b, 0x90, 0x5f, 0xed, 0xd4, 0xf1, 0x18}};
 
 // Interface classes the traces name.
 const struct {
@@ -31,14 +22,14 @@ const struct {
 } kKnownClasses[] = {
     {kGUID_DEVINTERFACE_DISK, L"GUID_DEVINTERFACE_DISK"},
     {kGUID_DEVINTERFACE_USB_DEVICE, L"GUID_DEVINTERFACE_USB_DEVICE"},
-    {{0x6bdd1fc6, 0x810f, 0x11d0, {0xbe, 0xc7, 0x08, 0x00, 0x2b, 0xe2, 0x09, 0x2f}}, L"GUID_DEVCLASS_IMAGE"},
+    {kGUID_DEVCLASS_IMAGE, L"GUID_DEVCLASS_IMAGE"},
     {kGUID_DEVINTERFACE_USB_HUB, L"GUID_DEVINTERFACE_USB_HUB"},
     {kGUID_DEVINTERFACE_USB_HOST_CONTROLLER, L"GUID_DEVINTERFACE_USB_HOST_CONTROLLER"},
-    {{0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}}, L"GUID_DEVINTERFACE_WPD"},
-    {kGUID_DEVINTERFACE_WPD_SECOND, L"GUID_DEVINTERFACE_WPD_AUDIO"},
-    {{0x2accfe60, 0xc130, 0x11d2, {0xb0, 0x82, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}}, L"StoragePortClassGuid"},
-    {{0x7f108a28, 0x9833, 0x4b3b, {0xb7, 0x80, 0x2c, 0x6b, 0x5f, 0xa5, 0xc0, 0x62}}, L"HiddenVolumeClassGuid"},
-    {{0x4d36e978, 0xe325, 0x11ce, {0xbf, 0xc1, 0x08, 0x00, 0x2b, 0xe1, 0x03, 0x18}}, L"GUID_SERENUM_BUS_ENUMERATOR"},
+    {kGUID_DEVINTERFACE_WPD, L"GUID_DEVINTERFACE_WPD"},
+    {kGUID_DEVINTERFACE_WPD_2, L"GUID_DEVINTERFACE_WPD_AUDIO"},
+    {kStoragePortClassGuid, L"StoragePortClassGuid"},
+    {kHiddenVolumeClassGuid, L"HiddenVolumeClassGuid"},
+    {kGUID_SERENUM_BUS_ENUMERATOR, L"GUID_SERENUM_BUS_ENUMERATOR"},
 };
 
 std::wstring GuidText(const GUID& guid_in) {
@@ -141,6 +132,28 @@ std::wstring RegistryPropertyText(DEVINST devinst_in, DWORD dwordSPDRP_in) {
     }
 }
 
+// Calls found_in(devinfo, instanceId) for each node of the list whose instance id matches the name; stops
+// when it returns false.
+template <typename Found>
+void ForEachMatchingNode(HDEVINFO hdevinfo_in, const std::wstring& wstringName_in, Found found_in) {
+    const DorWEXPnpApi& l_Api = PnpApi();
+    SP_DEVINFO_DATA l_DeviceInfo = {};
+    l_DeviceInfo.cbSize = sizeof(l_DeviceInfo);
+    for (DWORD l_dwordIndex = 0; l_Api.pSetupDiEnumDeviceInfo(hdevinfo_in, l_dwordIndex, &l_DeviceInfo);
+         ++l_dwordIndex) {
+        wchar_t l_wcharInstanceId[520] = {};
+        if (!l_Api.pSetupDiGetDeviceInstanceIdW(hdevinfo_in, &l_DeviceInfo, l_wcharInstanceId,
+                                                _countof(l_wcharInstanceId), nullptr)) {
+            continue;
+        }
+        l_wcharInstanceId[_countof(l_wcharInstanceId) - 1] = L'\0';
+        if (dorwex::DeviceNamesMatch(l_wcharInstanceId, wstringName_in) &&
+            !found_in(l_DeviceInfo.DevInst, static_cast<const wchar_t*>(l_wcharInstanceId))) {
+            return;
+        }
+    }
+}
+
 bool IsVolume(const CDorWEXWPDObjectInWin32::NodeEntry& entry_in) {
     return _wcsnicmp(entry_in.wstringInstanceId.c_str(), L"STORAGE\\VOLUME", 14) == 0;
 }
@@ -170,7 +183,7 @@ HRESULT CDorWEXWPDObjectInWin32::ProcessDeviceNotification(const wchar_t* pwchar
                 ProcessImmediateParent2(0);
             }
         } else {
-            l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_WPD, kGUID_DEVINTERFACE_WPD_SECOND, 3);
+            l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_WPD_LOOKUP, kGUID_DEVINTERFACE_WPD_2, 3);
             ProcessDeviceInterfaces2(3);
             if (!m_NodeEntries[3].wstringInstanceId.empty()) {
                 ProcessImmediateParent2(3);
@@ -190,22 +203,10 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccName(const wchar_t* pwch
               l_dwordError, ErrorText(l_dwordError).c_str());
         return HRESULT_FROM_WIN32(l_dwordError);
     }
-    SP_DEVINFO_DATA l_DeviceInfo = {};
-    l_DeviceInfo.cbSize = sizeof(l_DeviceInfo);
-    for (DWORD l_dwordIndex = 0; l_Api.pSetupDiEnumDeviceInfo(l_List.Get(), l_dwordIndex, &l_DeviceInfo);
-         ++l_dwordIndex) {
-        wchar_t l_wcharInstanceId[520] = {};
-        if (!l_Api.pSetupDiGetDeviceInstanceIdW(l_List.Get(), &l_DeviceInfo, l_wcharInstanceId,
-                                                _countof(l_wcharInstanceId), nullptr)) {
-            continue;
-        }
-        l_wcharInstanceId[_countof(l_wcharInstanceId) - 1] = L'\0';
-        if (!dorwex::DeviceNamesMatch(l_wcharInstanceId, pwcharName_in)) {
-            continue;
-        }
+    ForEachMatchingNode(l_List.Get(), pwcharName_in, [&](DEVINST devinst_in, const wchar_t* pwcharInstanceId_in) {
         Trace(L"=============================================================");
-        Trace(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON %s\n", l_wcharInstanceId);
-        ReadNode(l_DeviceInfo.DevInst, l_wcharInstanceId, 0);
+        Trace(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON %s\n", pwcharInstanceId_in);
+        ReadNode(devinst_in, pwcharInstanceId_in, 0);
         // The notification name is the path of the interface that reported the device.
         NodeEntry& l_Entry = m_NodeEntries[0];
         l_Entry.wstringDevicePath = pwcharName_in;
@@ -214,10 +215,10 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccName(const wchar_t* pwch
         if (l_pwcharBrace != nullptr && SUCCEEDED(CLSIDFromString(l_pwcharBrace, &l_guidInterface))) {
             l_Entry.wstringType = ClassName(l_guidInterface);
         }
-        SetDeviceInstanceIdUsingPnpAPI(l_DeviceInfo.DevInst, 0);
+        SetDeviceInstanceIdUsingPnpAPI(devinst_in, 0);
         ProcessDeviceInterfaces2(0);
-        return S_OK;
-    }
+        return false;  // the first node that matches is the device's
+    });
     return S_OK;
 }
 
@@ -234,31 +235,20 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDevice(const GUID& gu
         return HRESULT_FROM_WIN32(l_dwordError);
     }
     int l_intMatches = 0;
-    SP_DEVINFO_DATA l_DeviceInfo = {};
-    l_DeviceInfo.cbSize = sizeof(l_DeviceInfo);
-    for (DWORD l_dwordIndex = 0; l_Api.pSetupDiEnumDeviceInfo(l_List.Get(), l_dwordIndex, &l_DeviceInfo);
-         ++l_dwordIndex) {
-        wchar_t l_wcharInstanceId[520] = {};
-        if (!l_Api.pSetupDiGetDeviceInstanceIdW(l_List.Get(), &l_DeviceInfo, l_wcharInstanceId,
-                                                _countof(l_wcharInstanceId), nullptr)) {
-            continue;
-        }
-        l_wcharInstanceId[_countof(l_wcharInstanceId) - 1] = L'\0';
-        if (!dorwex::DeviceNamesMatch(l_wcharInstanceId, m_wstringName)) {
-            continue;
-        }
+    ForEachMatchingNode(l_List.Get(), m_wstringName, [&](DEVINST devinst_in, const wchar_t* pwcharInstanceId_in) {
         Trace(L"=============================================================");
         Trace(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDevice%s: MATCHED ON %s Match count=%i\n",
-              l_wstringClass.c_str(), l_wcharInstanceId, ++l_intMatches);
-        ReadNode(l_DeviceInfo.DevInst, l_wcharInstanceId, intEntry_in);
+              l_wstringClass.c_str(), pwcharInstanceId_in, ++l_intMatches);
+        ReadNode(devinst_in, pwcharInstanceId_in, intEntry_in);
         NodeEntry& l_Entry = m_NodeEntries[intEntry_in];
-        l_Entry.wstringDevicePath = InterfacePath(guidInterfaceClass_in, l_wcharInstanceId);
+        l_Entry.wstringDevicePath = InterfacePath(guidInterfaceClass_in, pwcharInstanceId_in);
         l_Entry.wstringType = l_wstringClass;
         if (IsEqualGUID(guidSetupClass_in, kGUID_DEVCLASS_DISKDRIVE)) {
-            l_Entry.wstringDiskDrive = l_wcharInstanceId;
+            l_Entry.wstringDiskDrive = pwcharInstanceId_in;
         }
-        SetDeviceInstanceIdUsingPnpAPI(l_DeviceInfo.DevInst, intEntry_in);
-    }
+        SetDeviceInstanceIdUsingPnpAPI(devinst_in, intEntry_in);
+        return true;
+    });
     return S_OK;
 }
 

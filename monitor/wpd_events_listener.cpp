@@ -15,9 +15,6 @@ namespace {
 
 constexpr wchar_t kWindowClassName[] = L"dorWEXWMIWPDHiddenWindowClass";
 
-// The second portable-device interface class, accepted like the first.
-// {80375827-83B8-4A51-B39B-905FEDD4F118}
-constexpr GUID kGUID_DEVINTERFACE_WPD_2 = {0x80375827, 0x83b8, 0x4a51, {0xb3, 0x9b, 0x90, 0x5f, 0xed, 0xd4, 0xf1, 0x18}};
 
 // A device-interface record of one of the two portable-device classes, or null.
 const DEV_BROADCAST_DEVICEINTERFACE_W* PortableDeviceRecord(LPARAM lParam_in) {

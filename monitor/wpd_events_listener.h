@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-// The portable-device interface class {6AC27878-A6FA-4155-BA85-F98F491D4F33}.
-inline constexpr GUID kGUID_DEVINTERFACE_WPD = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
+#include "pnp_guids.h"
+
 
 class CDorWEXWMIWPDCore;
 class CDorWEXWMIThreadWPDEventsProcessor;

@@ -331,14 +331,14 @@ WINBOOL WINAPI PnpTreeDouble::CallClassInstaller(DI_FUNCTION function, HDEVINFO 
 
 // --- Configuration manager ---
 
-CONFIGRET WINAPI PnpTreeDouble::GetDeviceIdExW(DEVINST devinst, PWSTR buffer, ULONG chars, ULONG, HMACHINE) {
-    PnpTreeDouble& self = *s_pCurrent;
-    std::lock_guard<std::mutex> guard(self.m_mutex);
-    if (self.Failing("CM_Get_Device_ID_ExW")) {
-        return CR_REGISTRY_ERROR;
+CONFIGRET WINAPI PnpTreeDouble::GetDeviceIdExW(DEVINST devinst, PWSTR buffer, ULONG chars, ULONG flags, HMACHINE) {
+    {
+        std::lock_guard<std::mutex> guard(s_pCurrent->m_mutex);
+        if (s_pCurrent->Failing("CM_Get_Device_ID_ExW")) {
+            return CR_REGISTRY_ERROR;
+        }
     }
-    const Node* node = self.NodeOf(devinst);
-    return node == nullptr ? CR_INVALID_DEVNODE : CopyId(node->instanceId, buffer, chars);
+    return GetDeviceIdW(devinst, buffer, chars, flags);
 }
 
 CONFIGRET WINAPI PnpTreeDouble::GetDeviceIdW(DEVINST devinst, PWSTR buffer, ULONG chars, ULONG) {
