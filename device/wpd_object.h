@@ -31,6 +31,9 @@ public:
     HRESULT InitializeForEject(const wchar_t* pwcharDeviceId_in);
     // 1 when the device was ejected and stayed away, or came back and was disabled; 0 otherwise.
     LONG EjectDevice();
+    // Raises the object-added event of a file written through a companion channel; 1 when it was sent.
+    int SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pwcharFileName_in,
+                              const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in);
     // Unregisters the event callback and closes the session.
     void Terminate();
 

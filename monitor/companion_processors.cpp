@@ -1,5 +1,8 @@
 #include "companion_processors.h"
 
+#include <memory>
+
+#include "../channels/apple_named_pipe.h"
 #include "../wmi/trace.h"
 
 CDorWEXWMIThreadCompanionProcessor::CDorWEXWMIThreadCompanionProcessor(CDorWEXWMIWPDCore* pCore_in,
@@ -32,7 +35,15 @@ CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorW
 
 DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in) {
     Trace(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor");
-    WaitForTerminate(pCDorWEXWMIThreadBase_in);
+    auto* l_pProcessor = static_cast<CDorWEXWMIThreadAppleEventsProcessor*>(
+        static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
+    try {
+        CDorWEXWMIAppleEventsListener l_Listener(l_pProcessor->GetOwner());
+        l_Listener.ListenForAppleEvents(l_pProcessor);
+    } catch (...) {
+        // Out of memory: the worker ends and its monitor starts it again.
+    }
+    Trace(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down...\n");
     return 0;
 }
 

@@ -1,6 +1,6 @@
 // The processors of the Apple and BlackBerry companion channels. The core starts one when the first
 // device of its kind arrives and stops it when the last one leaves. Their workers serve the companion
-// pipes; until a pipe server is attached a worker just waits for its stop.
+// pipes (the BlackBerry worker, until its pipe server comes, just waits for its stop).
 #pragma once
 
 #include "thread_base.h"

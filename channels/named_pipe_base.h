@@ -1,0 +1,63 @@
+// The server of a companion pipe: a security descriptor that lets the companion service (any user) write,
+// four overlapped message-mode instances on one name, and a single-threaded loop that accepts clients,
+// reads their messages and hands each one to ProcessData. The loop ends when the owning processor's stop
+// event (events[4]) is signalled.
+#pragma once
+
+#include <windows.h>
+
+class CDorWEXWMIWPDCore;
+
+class CDorWEXWMIWPDNamedPipeBase {
+public:
+    static constexpr DWORD kInstances = 4;
+    static constexpr DWORD kBufferSize = 8192;
+
+    enum PipeState : DWORD { CONNECTING_STATE = 0, READING_STATE = 1, WRITING_STATE = 2 };
+
+    struct PipeInstance {
+        OVERLAPPED overlapped;
+        HANDLE pipe;
+        BYTE request[kBufferSize];  // a message of UTF-16 text; not terminated when it fills the buffer
+        DWORD bytesRead;
+        BYTE reply[kBufferSize];
+        DWORD bytesToWrite;
+        DWORD state;
+        BOOL pendingIO;
+    };
+
+    CDorWEXWMIWPDNamedPipeBase(CDorWEXWMIWPDCore* pCore_in, HANDLE handleStopEvent_in);
+    ~CDorWEXWMIWPDNamedPipeBase();
+    CDorWEXWMIWPDNamedPipeBase(const CDorWEXWMIWPDNamedPipeBase&) = delete;
+    CDorWEXWMIWPDNamedPipeBase& operator=(const CDorWEXWMIWPDNamedPipeBase&) = delete;
+
+    // Receives a copy of the instance whose request holds the message just read.
+    virtual int ProcessData(PipeInstance instance_in) = 0;
+
+    // The security descriptor chain: the process owner's SID, then Everyone's, then the descriptor.
+    BOOL GetInternalProcessOwnerSID(SECURITY_DESCRIPTOR* pDescriptor_io);
+    BOOL GetExternalProcessOwnerSID(SECURITY_DESCRIPTOR* pDescriptor_io, PSID pSIDInternal_in);
+    BOOL CreateSecurityDescriptor(SECURITY_DESCRIPTOR* pDescriptor_io, PSID pSIDInternal_in, PSID pSIDExternal_in);
+
+    BOOL SetupNamedPipe(SECURITY_DESCRIPTOR* pDescriptor_in, const wchar_t* pwcharPipeName_in);
+    BOOL ConnectToNewClient(HANDLE handlePipe_in, OVERLAPPED* pOverlapped_in);
+    int ProcessPipe();
+    void DisconnectAndReconnect(DWORD dwordInstance_in);
+    void ClosePipe();
+
+    // Raises a write event for the device the collection finds by key and path, if any.
+    void SimulateWPDWriteEvent(const wchar_t* pwcharDeviceKey_in, const wchar_t* pwcharPath_in,
+                               const wchar_t* pwcharLocalFileName_in, DWORD dwordProcessId_in);
+
+    // The listener's whole run: descriptor, set-up, loop, close. Returns E_FAIL (after tracing
+    // pwcharSetupFailure_in) when the pipe cannot be set up.
+    HRESULT Serve(const wchar_t* pwcharPipeName_in, const wchar_t* pwcharSetupFailure_in);
+
+protected:
+    CDorWEXWMIWPDCore* m_pCore;
+
+private:
+    PipeInstance m_Instances[kInstances];
+    PACL m_pACL = nullptr;  // process heap
+    HANDLE m_Events[kInstances + 1];
+};

@@ -1,0 +1,61 @@
+// The write event of a file written through a companion channel: WPD never sees such a write, so the
+// device raises the event a WPD object-added notification would have raised.
+#include "wpd_object.h"
+
+#include <string>
+
+#include "../monitor/wpd_core.h"
+#include "../wmi/trace.h"
+#include "com_memory.h"
+
+namespace {
+
+// WPD_EVENT_OBJECT_ADDED as text.
+constexpr wchar_t kObjectAddedEventId[] = L"{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}";
+
+}  // namespace
+
+int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pwcharFileName_in,
+                                            const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in) {
+    Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent enter.");
+    if (pTCHARObjectStoragePath_in == nullptr) {
+        Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: pTCHARObjectStoragePath_in == NULL.\n");
+        return 0;
+    }
+    _bstr_t l_bstr_tDeviceAbsolutePath(pTCHARObjectStoragePath_in);
+    if (m_eManufacturer == Manufacturer::APPLE) {
+        // Only the Apple companion knows where a storage path lies on the device; the provider does not
+        // talk to it yet, so an Apple write raises no event.
+        Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: m_IdorWEXWPDAppleCOMPtr == NULL.\n");
+        return 0;
+    }
+    if (l_bstr_tDeviceAbsolutePath.length() == 0) {
+        Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: l_bstr_tDeviceAbsolutePath.length()==0.\n");
+        return 0;
+    }
+    const wchar_t* l_pwcharFileName = pwcharFileName_in != nullptr ? pwcharFileName_in : L"";
+    const wchar_t* l_pwcharObjectInfo = pwcharObjectInfo_in != nullptr ? pwcharObjectInfo_in : L"";
+    std::wstring l_wstringText = L"Object Id: ";
+    l_wstringText += l_pwcharFileName;
+    l_wstringText += L" Object Name: ";
+    l_wstringText += l_pwcharFileName;
+    l_wstringText += L" Original File Name: ";
+    l_wstringText += l_pwcharFileName;
+    l_wstringText += L" Parent Id: ";
+    l_wstringText += pTCHARObjectStoragePath_in;
+    l_wstringText += L" Event: WPD_EVENT_OBJECT_ADDED";
+    l_wstringText += L"Object Persistent Unique Id: ";
+    l_wstringText += l_pwcharObjectInfo;
+    const std::wstring l_wstringNumber = std::to_wstring(dwordNumber_in);
+
+    Trace(L"CDorWEXWMIWPDCore::SendEvent enter.\n");
+    if (m_pCore == nullptr) {
+        return 0;
+    }
+    // The writer's process id (what the companion reported) goes into the event as its process.
+    m_pCore->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(m_bstr_tDeviceId), l_pwcharObjectInfo,
+                       pTCHARObjectStoragePath_in, l_pwcharFileName, BstrText(l_bstr_tDeviceAbsolutePath),
+                       BstrText(m_bstr_tDisk1Name), BstrText(m_bstr_tFriendlyName), l_pwcharFileName,
+                       _bstr_t(l_wstringText.c_str()), l_wstringNumber.c_str());
+    return 1;
+}

@@ -1,0 +1,230 @@
+// The companion pipe server with real pipe clients: its security descriptor, four instances and a fifth
+// client waiting, zero-length and buffer-filling messages, stop while every instance waits, and the Apple
+// channel's write reports.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "channels/apple_named_pipe.h"
+#include "monitor/wpd_collection.h"
+#include "monitor/wpd_core.h"
+#include "support/test_trace_sink.h"
+#include "support/wpd_emulator.h"
+
+namespace {
+
+constexpr wchar_t kTestPipe[] = L"\\\\.\\pipe\\dorWEXTestPipe";
+
+// A server that keeps every message it is handed.
+class RecordingPipe : public CDorWEXWMIWPDNamedPipeBase {
+public:
+    using CDorWEXWMIWPDNamedPipeBase::CDorWEXWMIWPDNamedPipeBase;
+    int ProcessData(PipeInstance instance_in) override {
+        const auto* text = reinterpret_cast<const wchar_t*>(instance_in.request);
+        std::lock_guard<std::mutex> guard(mutex);
+        messages.emplace_back(text, wcsnlen(text, kBufferSize / sizeof(wchar_t)));
+        return 0;
+    }
+    size_t Count() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return messages.size();
+    }
+    std::mutex mutex;
+    std::vector<std::wstring> messages;
+};
+
+// The server on its own thread, stopped through its stop event as the processor stops it.
+template <typename Pipe>
+class Server {
+public:
+    explicit Server(const wchar_t* name, CDorWEXWMIWPDCore* core = nullptr)
+        : stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pipe(core, stop) {
+        thread = std::thread([this, name] { result = pipe.Serve(name, L"set-up failed\n"); });
+    }
+    ~Server() {
+        SetEvent(stop);
+        thread.join();
+        CloseHandle(stop);
+    }
+    HANDLE stop;
+    Pipe pipe;
+    std::atomic<HRESULT> result{S_FALSE};
+    std::thread thread;
+};
+
+HANDLE Connect(const wchar_t* name, DWORD waitMs = 5000) {
+    const DWORD start = GetTickCount();
+    for (;;) {
+        HANDLE client = CreateFileW(name, GENERIC_WRITE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (client != INVALID_HANDLE_VALUE) {
+            DWORD mode = PIPE_READMODE_MESSAGE;
+            SetNamedPipeHandleState(client, &mode, nullptr, nullptr);
+            return client;
+        }
+        if (GetTickCount() - start > waitMs) {
+            return INVALID_HANDLE_VALUE;
+        }
+        Sleep(10);
+    }
+}
+
+bool Send(HANDLE client, const void* data, DWORD bytes) {
+    DWORD written = 0;
+    return WriteFile(client, data, bytes, &written, nullptr) && written == bytes;
+}
+
+bool Send(HANDLE client, const std::wstring& text) {
+    return Send(client, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 5000) {
+    const DWORD start = GetTickCount();
+    while (!condition()) {
+        if (GetTickCount() - start > milliseconds) {
+            return false;
+        }
+        Sleep(5);
+    }
+    return true;
+}
+
+TEST(NamedPipe, DescriptorGrantsTheOwnerAllAndEveryoneAllButOwnershipAndDacl) {
+    RecordingPipe pipe(nullptr, nullptr);
+    SECURITY_DESCRIPTOR descriptor = {};
+    ASSERT_TRUE(pipe.GetInternalProcessOwnerSID(&descriptor));
+    BOOL present = FALSE, defaulted = TRUE;
+    PACL acl = nullptr;
+    ASSERT_TRUE(GetSecurityDescriptorDacl(&descriptor, &present, &acl, &defaulted));
+    EXPECT_TRUE(present);
+    EXPECT_FALSE(defaulted);
+    ASSERT_NE(acl, nullptr);
+    EXPECT_EQ(acl->AceCount, 2);
+    EXPECT_EQ(acl->AclRevision, ACL_REVISION);
+
+    ACCESS_ALLOWED_ACE* owner = nullptr;
+    ACCESS_ALLOWED_ACE* everyone = nullptr;
+    ASSERT_TRUE(GetAce(acl, 0, reinterpret_cast<void**>(&owner)));
+    ASSERT_TRUE(GetAce(acl, 1, reinterpret_cast<void**>(&everyone)));
+    EXPECT_EQ(owner->Mask, 0x101FFFFFu);
+    EXPECT_EQ(everyone->Mask, 0x1013FFFFu);
+    EXPECT_EQ(everyone->Mask & (WRITE_DAC | WRITE_OWNER), 0u);
+    SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
+    PSID worldSid = nullptr;
+    ASSERT_TRUE(AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &worldSid));
+    EXPECT_TRUE(EqualSid(&everyone->SidStart, worldSid));
+    const DWORD expectedSize =
+        (8 + 2 * 8 + GetLengthSid(&owner->SidStart) + GetLengthSid(worldSid) + 3) & ~static_cast<DWORD>(3);
+    EXPECT_EQ(acl->AclSize, expectedSize) << "header, two entries and both SIDs, aligned to 4";
+    FreeSid(worldSid);
+}
+
+TEST(NamedPipe, FourClientsAtOnceAndAFifthWhenOneLeaves) {
+    TraceCapture trace(1);
+    Server<RecordingPipe> server(kTestPipe);
+    HANDLE clients[4];
+    for (auto& client : clients) {
+        client = Connect(kTestPipe);
+        ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    }
+    EXPECT_EQ(CreateFileW(kTestPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY)) << "four instances, all taken";
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(Send(clients[i], L"message " + std::to_wstring(i)));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 4; }));
+
+    CloseHandle(clients[0]);  // its instance is re-armed for the next client
+    HANDLE fifth = Connect(kTestPipe);
+    ASSERT_NE(fifth, INVALID_HANDLE_VALUE);
+    EXPECT_TRUE(Send(fifth, L"fifth"));
+    ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 5; }));
+    EXPECT_EQ(server.pipe.messages.back(), L"fifth");
+    for (int i = 1; i < 4; ++i) {
+        CloseHandle(clients[i]);
+    }
+    CloseHandle(fifth);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, for \\\\.\\pipe\\dorWEXTestPipe succeeded.\n"));
+}
+
+TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
+    Server<RecordingPipe> server(kTestPipe);
+    HANDLE client = Connect(kTestPipe);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    ASSERT_TRUE(Send(client, "", 0));
+    // The server drops the connection without handing anything on.
+    EXPECT_TRUE(WaitUntil([&] { return !Send(client, L"after"); }));
+    EXPECT_EQ(server.pipe.Count(), 0u);
+    CloseHandle(client);
+
+    // 8192 bytes of text without a terminator: read whole, not a character beyond.
+    client = Connect(kTestPipe);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    const std::wstring full(CDorWEXWMIWPDNamedPipeBase::kBufferSize / sizeof(wchar_t), L'x');
+    ASSERT_TRUE(Send(client, full.c_str(), CDorWEXWMIWPDNamedPipeBase::kBufferSize));
+    ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 1; }));
+    EXPECT_EQ(server.pipe.messages[0], full);
+
+    // A larger message does not fit the instance's buffer: the client is dropped.
+    const std::wstring tooLong(CDorWEXWMIWPDNamedPipeBase::kBufferSize, L'y');
+    Send(client, tooLong);
+    EXPECT_TRUE(WaitUntil([&] { return !Send(client, L"after"); }));
+    EXPECT_EQ(server.pipe.Count(), 1u);
+    CloseHandle(client);
+}
+
+TEST(NamedPipe, StopWhileEveryInstanceWaitsClosesThePipe) {
+    TraceCapture trace(1);
+    {
+        Server<RecordingPipe> server(kTestPipe);
+        ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered..."); }));
+    }
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, request to stop received..."));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ClosePipe: exit."));
+    EXPECT_EQ(CreateFileW(kTestPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND)) << "the name is gone with the server";
+}
+
+TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
+    WpdEmulator emulator;
+    emulator.Attach(PhoneSpec("usb#vid_04e8&pid_6860#pipe", "SAMSUNG Electronics Co., Ltd.", "SERIAL77"));
+    CDorWEXWMIWPDCore core;
+    ASSERT_EQ(core.Initialize(), 1);
+    ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_04e8&pid_6860#pipe"), S_OK);
+    TraceCapture trace(1);
+    Server<CDorWEXWMIAppleNamedPipe> server(kDorWEXApplePipeName, &core);
+    HANDLE client = Connect(kDorWEXApplePipeName);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+
+    const struct {
+        const wchar_t* message;
+        const wchar_t* expected;
+    } cases[] = {
+        {L"Event^write~SerialNumber^SERIAL77", L"CDorWEXWMIAppleNamedPipe::ProcessData1, ERROR: write != WRITE.\n"},
+        {L"Event^WRITE~SerialNumber^SERIAL77~ClientPid^1", L"CDorWEXWMIAppleNamedPipe::ProcessData1, ERROR: invalid packet.\n"},
+        {L"~~Event^WRITE~~SerialNumber^SERIAL77~strPID^1~TargetPath^Phone\\DCIM~LocalFileName^C:\\a.jpg~"
+         L"ClientPid^4712~WriteToken^T~extra^field",
+         L"CDorWEXWPDObject::SimulateWPDWriteEvent enter."},
+    };
+    for (const auto& c : cases) {
+        trace.Clear();
+        ASSERT_TRUE(Send(client, c.message));
+        EXPECT_TRUE(WaitUntil([&] { return trace.Has(c.expected); })) << c.message;
+    }
+    EXPECT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n"); }));
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIAppleNamedPipe::ProcessData1.\n"), 1u) << "one report, one parse";
+
+    // A device the collection does not know: nothing is raised.
+    trace.Clear();
+    ASSERT_TRUE(Send(client, L"Event^WRITE~SerialNumber^NOBODY~strPID^1~TargetPath^Elsewhere\\x"));
+    ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent enter."); }));
+    Sleep(50);
+    EXPECT_FALSE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent enter."));
+    CloseHandle(client);
+    core.GetCollection()->RemoveWPD(L"usb#vid_04e8&pid_6860#pipe");
+}
+
+}  // namespace
