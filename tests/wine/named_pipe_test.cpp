@@ -227,4 +227,28 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     core.GetCollection()->RemoveWPD(L"usb#vid_04e8&pid_6860#pipe");
 }
 
+TEST(ApplePipe, ServedFromTheFirstAppleDeviceToTheLast) {
+    WpdEmulator emulator;
+    emulator.Attach(PhoneSpec("usb#vid_05ac&pid_12a8#first", "Apple Inc.", "A1"));
+    emulator.Attach(PhoneSpec("usb#vid_05ac&pid_12a8#second", "Apple Inc.", "A2"));
+    CDorWEXWMIWPDCore core;
+    ASSERT_EQ(core.Initialize(), 1);
+    const auto pipeExists = [] {
+        HANDLE client = CreateFileW(kDorWEXApplePipeName, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (client == INVALID_HANDLE_VALUE) {
+            return GetLastError() == ERROR_PIPE_BUSY;
+        }
+        CloseHandle(client);
+        return true;
+    };
+    EXPECT_FALSE(pipeExists()) << "no Apple device yet";
+    ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_05ac&pid_12a8#first"), S_OK);
+    EXPECT_TRUE(WaitUntil(pipeExists));
+    ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_05ac&pid_12a8#second"), S_OK);
+    core.GetCollection()->RemoveWPD(L"usb#vid_05ac&pid_12a8#first");
+    EXPECT_TRUE(pipeExists()) << "one Apple device is left";
+    core.GetCollection()->RemoveWPD(L"usb#vid_05ac&pid_12a8#second");
+    EXPECT_TRUE(WaitUntil([&] { return !pipeExists(); })) << "gone with the last Apple device";
+}
+
 }  // namespace
