@@ -16,6 +16,7 @@
 #include "monitor/wpd_events_processor.h"
 #include "monitor/wpd_object_events.h"
 #include "support/test_trace_sink.h"
+#include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 #include "wmi/module.h"
 
@@ -25,17 +26,6 @@ namespace {
 
 constexpr GUID kWPDInterface = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
 constexpr GUID kDiskInterface = {0x53f56307, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
-
-bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 10000) {
-    const DWORD start = GetTickCount();
-    while (!condition()) {
-        if (GetTickCount() - start > milliseconds) {
-            return false;
-        }
-        Sleep(10);
-    }
-    return true;
-}
 
 // A device-interface record as the system builds it, in task memory (a posted mount record is freed by the
 // window).

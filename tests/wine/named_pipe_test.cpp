@@ -13,6 +13,7 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/test_trace_sink.h"
+#include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
 namespace {
@@ -79,17 +80,6 @@ bool Send(HANDLE client, const void* data, DWORD bytes) {
 
 bool Send(HANDLE client, const std::wstring& text) {
     return Send(client, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-}
-
-bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 5000) {
-    const DWORD start = GetTickCount();
-    while (!condition()) {
-        if (GetTickCount() - start > milliseconds) {
-            return false;
-        }
-        Sleep(5);
-    }
-    return true;
 }
 
 TEST(NamedPipe, DescriptorGrantsTheOwnerAllAndEveryoneAllButOwnershipAndDacl) {

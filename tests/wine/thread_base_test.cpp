@@ -8,20 +8,10 @@
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
+#include "support/wait_until.h"
 #include "wmi/module.h"
 
 namespace {
-
-bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 5000) {
-    const DWORD start = GetTickCount();
-    while (!condition()) {
-        if (GetTickCount() - start > milliseconds) {
-            return false;
-        }
-        Sleep(5);
-    }
-    return true;
-}
 
 // A processor whose worker dies twice before it stays up, and whose application handler can be held.
 class TestProcessor : public CDorWEXWMIThreadBase {

@@ -14,6 +14,7 @@
 
 #include "device/com_memory.h"
 #include "device/portable_device_api.h"
+#include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
 
@@ -46,17 +47,6 @@ public:
     }
 };
 const auto* const g_environment = testing::AddGlobalTestEnvironment(new Environment);
-
-bool WaitUntil(const std::function<bool()>& condition, DWORD milliseconds = 10000) {
-    const DWORD start = GetTickCount();
-    while (!condition()) {
-        if (GetTickCount() - start > milliseconds) {
-            return false;
-        }
-        Sleep(20);
-    }
-    return true;
-}
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.
 void Notify(WPARAM change, const std::wstring& interfaceName) {
