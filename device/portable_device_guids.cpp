@@ -4,3 +4,4 @@
 
 #include "portable_device_api.h"
 #include "../monitor/write_token_hook.h"
+#include "apple_companion.h"

@@ -10,6 +10,8 @@ namespace dorwex::emulator {
 
 HRESULT CreatePortableDeviceManager(REFIID riid, void** ppv);
 HRESULT CreatePortableDevice(REFIID riid, void** ppv);
+// The Apple companion object of the security service, over the emulated devices.
+HRESULT CreateAppleCompanion(REFIID riid, void** ppv);
 HRESULT CreateContent(const std::shared_ptr<EmulatedDevice>& device, IPortableDeviceContent** content_out);
 
 // The error every call on a device gives once the device has gone.

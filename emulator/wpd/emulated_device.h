@@ -73,9 +73,10 @@ public:
 
     std::wstring DevicePropertyText(const std::string& name);
     std::uint32_t ShortRead() const { return m_description.shortRead; }
+    // The directory that backs a storage.
+    std::wstring StoragePath(int storage) const;
 
 private:
-    std::wstring StoragePath(int storage) const;
 
     DeviceDescription m_description;
     std::wstring m_baseDirectory;

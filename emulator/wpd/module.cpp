@@ -10,6 +10,7 @@
 #include "collections.h"
 #include "control.h"
 #include "emulated_api.h"
+#include "device/apple_companion.h"
 #include "emulator/common/com_server.h"
 #include "monitor/write_token_hook.h"
 
@@ -70,6 +71,7 @@ HRESULT CreateSimple(REFIID riid, void** ppv) {
 }
 
 const ServedClass kClasses[] = {
+    {&CLSID_DorWEXWPDApple, CreateAppleCompanion, L"Emulated Apple companion"},
     {&CLSID_PortableDeviceManager, CreatePortableDeviceManager, L"Emulated PortableDeviceManager"},
     {&CLSID_PortableDevice, CreatePortableDevice, L"Emulated PortableDevice"},
     {&CLSID_PortableDeviceFTM, CreatePortableDevice, L"Emulated PortableDeviceFTM"},
