@@ -182,16 +182,6 @@ void CDorWEXWPDObject::FinalizeSerialNumbersToUse() {
               L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n");
 }
 
-// An Apple device shows one storage under a fixed name. Its further identity (serial number, Bluetooth,
-// Ethernet and Wi-Fi addresses) comes from the Apple companion object, which the Apple channel provides;
-// without it the identity WPD reported stands.
-HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
-    if (m_bstr_tDisk1Name.length() == 0 || wcscmp(m_bstr_tDisk1Name, L"Internal Storage") != 0) {
-        m_bstr_tDisk1Name = L"Internal Storage";
-    }
-    return S_OK;
-}
-
 // A device that WPD could not open, or that named no maker, is taken for a BlackBerry when its device
 // properties carry the BlackBerry record (PIN, IMEI, the address of its storage share).
 HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {

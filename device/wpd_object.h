@@ -7,8 +7,10 @@
 #include <wrl/client.h>
 
 #include <memory>
+#include <mutex>
 
 #include "../monitor/pnp_topology.h"
+#include "apple_companion.h"
 #include "companion_record.h"
 #include "manufacturer_class.h"
 #include "portable_device_api.h"
@@ -31,6 +33,8 @@ public:
     HRESULT InitializeForEject(const wchar_t* pwcharDeviceId_in);
     // 1 when the device was ejected and stayed away, or came back and was disabled; 0 otherwise.
     LONG EjectDevice();
+    // The Apple companion object, created on first use; a new reference for the caller.
+    HRESULT GetAppleCOMObject(IdorWEXWPDApple** ppIdorWEXWPDApple_out);
     // Raises the object-added event of a file written through a companion channel; 1 when it was sent.
     int SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pwcharFileName_in,
                               const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in);
@@ -100,13 +104,17 @@ public:
     _bstr_t m_bstr_tUSBSerialNumber;
     _bstr_t m_bstr_tDiskText3;
     _bstr_t m_bstr_tDiskText4;
+    // What the Apple companion tells of an Apple device.
+    _bstr_t m_bstr_tBluetoothAddress;
+    _bstr_t m_bstr_tEthernetAddress;
+    _bstr_t m_bstr_tWiFiAddress;
     Microsoft::WRL::ComPtr<IPortableDeviceManager> m_pIPortableDeviceManager;
     Microsoft::WRL::ComPtr<IPortableDevice> m_pIPortableDevice;
     Microsoft::WRL::ComPtr<IPortableDeviceValues> m_pIPortableDeviceValuesClientInfo;
     CDorWEXWMIWPDCore* m_pCore;
     CDorWEXWPDObjectEvents* m_pEvents = nullptr;  // owns one reference
     CDorWEXWPDObjectInWin32 m_Win32;
-    Microsoft::WRL::ComPtr<IUnknown> m_IdorWEXWPDAppleCOMPtr;
+    Microsoft::WRL::ComPtr<IdorWEXWPDApple> m_IdorWEXWPDAppleCOMPtr;  // guarded by m_mutexApple
     std::unique_ptr<dorwex::CompanionRecord> m_pCompanionRecord;
     LONG m_longReserved = 0;
 
@@ -119,6 +127,18 @@ private:
                      int intStorageIndex_in);
     HRESULT ReadStorages(IPortableDevicePropVariantCollection* pIPortableDevicePropVariantCollection_in);
     HRESULT ReadAppleIdentity();
+    // The companion if it was created, without creating it.
+    Microsoft::WRL::ComPtr<IdorWEXWPDApple> AppleCompanion();
+    _bstr_t EnumerateDevicePath2(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
+    _bstr_t CopyFileToDevice2(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pTCHARstrFileToCopy_in,
+                              const wchar_t* pTCHARWriteToken_in);
+    HRESULT CopyFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    int DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in);
+    HRESULT CreateFolderOnDevice2(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
+    int MoveFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    // False after tracing why when the companion gives no text for the path.
+    bool GetAppleDeviceAbsolutePath(const wchar_t* pwcharObjectStoragePath_in, _bstr_t& bstr_tDeviceAbsolutePath_out);
+    std::mutex m_mutexApple;
     LONG EjectDeviceWPD(const wchar_t* pwcharDeviceId_in);
     LONG EjectDeviceApple(const wchar_t* pwcharDeviceId_in);
     LONG EjectDeviceBlackBerry(const wchar_t* pwcharDeviceId_in);

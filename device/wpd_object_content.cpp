@@ -249,9 +249,7 @@ _bstr_t CDorWEXWPDObject::EnumerateDevicePath(const wchar_t* pwcharObjectStorage
         Trace(L"CDorWEXWPDObject::EnumerateDevicePath3 enter.\n");
         return _bstr_t(L"");
     case Manufacturer::APPLE:
-        // The Apple companion lists the device's folders.
-        Trace(L"CDorWEXWPDObject::EnumerateDevicePath2 enter.\n");
-        return _bstr_t(L"");
+        return EnumerateDevicePath2(pwcharObjectStoragePath_in, ulongContentType_in);
     default:
         return EnumerateDevicePath1(pwcharObjectStoragePath_in, ulongContentType_in);
     }
@@ -428,13 +426,7 @@ _bstr_t CDorWEXWPDObject::CopyFileToDevice(const wchar_t* pwcharObjectStoragePat
         Trace(L"CDorWEXWPDObject::CopyFileToDevice3 enter.\n");
         return _bstr_t(L"0");
     case Manufacturer::APPLE:
-        Trace(L"CDorWEXWPDObject::CopyFileToDevice2 enter.\n");
-        if (!m_IdorWEXWPDAppleCOMPtr) {
-            Trace(L"CDorWEXWPDObject::CopyFileToDevice2 ERROR m_IdorWEXWPDAppleCOMPtr == NULL.\n");
-        } else if (pwcharWriteToken_in == nullptr) {
-            Trace(L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARWriteToken_in == NULL.\n");
-        }
-        return _bstr_t(L"0");
+        return CopyFileToDevice2(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
     default:
         return CopyFileToDevice1(pwcharObjectStoragePath_in, pwcharFileToCopy_in);
     }
@@ -522,8 +514,7 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice(const wchar_t* pwcharObjectStorageP
         Trace(L"CDorWEXWPDObject::CopyFileFromDevice3 enter.\n");
         return E_FAIL;  // the BlackBerry share copies the file
     case Manufacturer::APPLE:
-        Trace(L"CDorWEXWPDObject::CopyFileFromDevice2 enter.\n");
-        return E_FAIL;  // the Apple companion copies the file
+        return CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     default:
         Trace(L"CDorWEXWPDObject::CopyFileFromDevice1 enter.\n");
         return CopyFileFromDevice1(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
@@ -576,8 +567,7 @@ int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePat
         Trace(L"CDorWEXWPDObject::DeleteFileFromDevice3 enter.\n");  // the BlackBerry share deletes the file
         Trace(L"CDorWEXWPDObject::DeleteFileFromDevice3 %s=%s", pwcharObjectStoragePath_in, L"FALSE");
     } else if (m_eManufacturer == Manufacturer::APPLE) {
-        Trace(L"CDorWEXWPDObject::DeleteFileFromDevice2 enter.\n");  // the Apple companion deletes the file
-        Trace(L"CDorWEXWPDObject::DeleteFileFromDevice2 %s=%s", pwcharObjectStoragePath_in, L"FALSE");
+        l_intResult = DeleteFileFromDevice2(pwcharObjectStoragePath_in);
     } else {
         Trace(L"CDorWEXWPDObject::DeleteFileFromDevice1 enter.\n");
         const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
@@ -607,7 +597,11 @@ HRESULT CDorWEXWPDObject::DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath
             return E_FAIL;
         }
         if (m_eManufacturer == Manufacturer::APPLE) {
-            return S_OK;  // the Apple companion deletes; its answer is not passed on
+            Microsoft::WRL::ComPtr<IdorWEXWPDApple> l_pApple;
+            if (SUCCEEDED(GetAppleCOMObject(l_pApple.GetAddressOf()))) {
+                DeleteFileFromDevice2(pTCHARObjectStoragePath_in);
+            }
+            return S_OK;  // the companion's answer is not passed on
         }
         return DeleteWPDObjectThroughWPD(pTCHARObjectStoragePath_in);
     }
@@ -675,8 +669,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice(const wchar_t* pwcharParentPath_i
         Trace(L"CDorWEXWPDObject::CreateFolderOnDevice3 enter.\n");  // the BlackBerry share creates it
         return E_FAIL;
     case Manufacturer::APPLE:
-        Trace(L"CDorWEXWPDObject::CreateFolderOnDevice2 enter.\n");  // the Apple companion creates it
-        return E_FAIL;
+        return CreateFolderOnDevice2(pwcharParentPath_in, pwcharFolderName_in);
     default:
         return CreateFolderOnDevice1(pwcharParentPath_in, pwcharFolderName_in);
     }
@@ -723,8 +716,11 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice1(const wchar_t* pwcharParentPath_
 
 int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
                                          const wchar_t* pwcharLocalFileName_in) {
-    if (m_eManufacturer == Manufacturer::APPLE || m_eManufacturer == Manufacturer::BLACKBERRY) {
-        return 0;  // moved by the companion channels
+    if (m_eManufacturer == Manufacturer::APPLE) {
+        return MoveFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
+    }
+    if (m_eManufacturer == Manufacturer::BLACKBERRY) {
+        return 0;  // moved through the BlackBerry's share
     }
     const _bstr_t l_bstr_tObject =
         pwcharObjectStoragePath_in != nullptr ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE) : _bstr_t();

@@ -23,10 +23,9 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
         return 0;
     }
     _bstr_t l_bstr_tDeviceAbsolutePath(pTCHARObjectStoragePath_in);
-    if (m_eManufacturer == Manufacturer::APPLE) {
-        // Only the Apple companion knows where a storage path lies on the device; the provider does not
-        // talk to it yet, so an Apple write raises no event.
-        Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: m_IdorWEXWPDAppleCOMPtr == NULL.\n");
+    // Only the Apple companion knows where a storage path lies on an Apple device.
+    if (m_eManufacturer == Manufacturer::APPLE &&
+        !GetAppleDeviceAbsolutePath(pTCHARObjectStoragePath_in, l_bstr_tDeviceAbsolutePath)) {
         return 0;
     }
     if (l_bstr_tDeviceAbsolutePath.length() == 0) {

@@ -1,0 +1,154 @@
+// An Apple device through the emulated Apple companion: identity, listing, copies both ways, delete,
+// folders, move, the write event's device path, and the companion's failures.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "device/wpd_object.h"
+#include "support/test_trace_sink.h"
+#include "support/wpd_emulator.h"
+
+namespace {
+
+std::wstring Text(const _bstr_t& text) {
+    return text.length() == 0 ? std::wstring() : std::wstring(static_cast<const wchar_t*>(text));
+}
+
+bool Exists(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string Content(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    std::string content;
+    char buffer[256];
+    DWORD read = 0;
+    while (file != INVALID_HANDLE_VALUE && ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        content.append(buffer, read);
+    }
+    if (file != INVALID_HANDLE_VALUE) {
+        CloseHandle(file);
+    }
+    return content;
+}
+
+class AppleDevice : public testing::Test {
+protected:
+    void SetUp() override {
+        spec.id = "usb#vid_05ac&pid_12a8#apple";
+        spec.manufacturer = "Apple Inc.";
+        spec.friendlyName = "iPhone";
+        spec.deviceLines = {"WPD_DEVICE_SERIAL_NUMBER = 00008030-AB"};
+        spec.registryLines = {"BluetoothAddress = 11:22:33:44:55:66", "WiFiAddress = 66:55:44:33:22:11"};
+        spec.storages = {{"s10001", "Internal Storage", "{PUID-APPLE}", "Flash"}};
+        emulator.Attach(spec);
+        storage = emulator.StorageDirectory(spec, 0);
+        local = emulator.Directory() + L"\\local";
+        CreateDirectoryW(local.c_str(), nullptr);
+    }
+    void Open(CDorWEXWPDObject& device) { ASSERT_EQ(device.InitializeWPD(L"usb#vid_05ac&pid_12a8#apple"), S_OK); }
+
+    WpdEmulator emulator;
+    EmulatedDeviceSpec spec;
+    std::wstring storage;
+    std::wstring local;
+};
+
+TEST_F(AppleDevice, TheCompanionTellsTheIdentity) {
+    TraceCapture trace(1);
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    EXPECT_EQ(device.m_eManufacturer, dorwex::Manufacturer::APPLE);
+    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"00008030-AB");
+    EXPECT_EQ(Text(device.m_bstr_tBluetoothAddress), L"11:22:33:44:55:66");
+    EXPECT_EQ(Text(device.m_bstr_tWiFiAddress), L"66:55:44:33:22:11");
+    EXPECT_EQ(Text(device.m_bstr_tEthernetAddress), L"") << "one the device does not have";
+    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Internal Storage");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAppleCOMObject SUCCESSFULLY created.\n"));
+
+    IdorWEXWPDApple* again = nullptr;
+    ASSERT_EQ(device.GetAppleCOMObject(&again), S_OK);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAppleCOMObject already exists.\n"));
+    again->Release();
+}
+
+TEST_F(AppleDevice, ContentGoesThroughTheCompanion) {
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    emulator.WriteFile(storage + L"\\notes.txt", "notes");
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    TraceCapture trace(1);
+
+    const std::wstring listing = Text(device.EnumerateDevicePath(L"Internal Storage", 0));
+    EXPECT_NE(listing.find(L"DCIM@DCIM@DIR~"), std::wstring::npos) << listing;
+    EXPECT_NE(listing.find(L"notes.txt@notes.txt@FILE~"), std::wstring::npos) << listing;
+    EXPECT_EQ(Text(device.EnumerateDevicePath(L"Internal Storage\\DCIM", 2)), L"a.jpg@DCIM\\a.jpg@FILE~");
+    EXPECT_EQ(Text(device.EnumerateDevicePath(L"Internal Storage", 1)), L"DCIM@DCIM@DIR~");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EnumerateDevicePath2 enter.\n"));
+
+    EXPECT_EQ(device.CopyFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", (local + L"\\a.jpg").c_str()), S_OK);
+    EXPECT_EQ(Content(local + L"\\a.jpg"), "jpeg");
+    EXPECT_EQ(device.CopyFileFromDevice(L"Internal Storage\\missing.jpg", (local + L"\\m.jpg").c_str()), E_FAIL);
+
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage\\DCIM", (local + L"\\up.txt").c_str(), L"TOKEN", 1)),
+              L"1");
+    EXPECT_EQ(Content(storage + L"\\DCIM\\up.txt"), "uploaded");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 calling COM.\n"));
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), nullptr, 1)), L"0");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARWriteToken_in == NULL.\n"));
+
+    EXPECT_EQ(device.CreateFolderOnDevice(L"Internal Storage\\DCIM", L"Holiday"), S_OK);
+    EXPECT_NE(GetFileAttributesW((storage + L"\\DCIM\\Holiday").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+    EXPECT_TRUE(FAILED(device.CreateFolderOnDevice(L"Internal Storage", L"..\\outside"))) << "the companion refuses";
+    EXPECT_FALSE(Exists(storage + L"\\..\\outside"));
+
+    EXPECT_EQ(device.DeleteFileFromDevice(L"Internal Storage\\DCIM\\up.txt", L"usb#vid_05ac&pid_12a8#apple"), 1);
+    EXPECT_FALSE(Exists(storage + L"\\DCIM\\up.txt"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\up.txt=TRUE"));
+
+    EXPECT_EQ(device.MoveFileFromDevice(L"Internal Storage\\notes.txt", (local + L"\\notes.txt").c_str()), 1);
+    EXPECT_EQ(Content(local + L"\\notes.txt"), "notes");
+    EXPECT_FALSE(Exists(storage + L"\\notes.txt"));
+    EXPECT_EQ(device.MoveFileFromDevice(L"Internal Storage\\notes.txt", (local + L"\\n2.txt").c_str()), 0);
+}
+
+TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
+    spec.faultLines = {"AppleCopyFileToDevice = 0x80070005", "AppleDeleteFileFromDevice = 0x80070005"};
+    emulator.Attach(spec);
+    emulator.WriteFile(storage + L"\\keep.txt", "kept");
+    emulator.WriteFile(local + L"\\up.txt", "x");
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    TraceCapture trace(1);
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), L"T", 1)), L"0");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 COM Error.\n"));
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::CopyFileToDevice2 0x80070005: ").size(), 1u);
+    EXPECT_EQ(device.DeleteFileFromDevice(L"Internal Storage\\keep.txt", nullptr), 0);
+    EXPECT_TRUE(Exists(storage + L"\\keep.txt"));
+    // The WPD-level delete of an Apple object reports success whatever the companion did.
+    EXPECT_EQ(device.DeleteWPDObject(L"Internal Storage\\keep.txt", L"usb#vid_05ac&pid_12a8#apple"), S_OK);
+}
+
+TEST_F(AppleDevice, WriteEventCarriesTheDevicePathTheCompanionGives) {
+    spec.faultLines = {"AppleGetDeviceAbsolutePath = 0x80004005 x 1"};  // the first answer is no text
+    emulator.Attach(spec);
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    TraceCapture trace(1);
+    EXPECT_EQ(device.SimulateWPDWriteEvent(nullptr, L"a.jpg", L"", 1), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: pTCHARObjectStoragePath_in == NULL.\n"));
+
+    trace.Clear();
+    EXPECT_EQ(device.SimulateWPDWriteEvent(L"Internal Storage\\DCIM", L"a.jpg", L"", 4712), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: l_variant_tDeviceAbsolutePath.vt != VT_BSTR.\n"));
+    EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n")) << "no text, no event";
+
+    trace.Clear();
+    device.SimulateWPDWriteEvent(L"Internal Storage\\DCIM", L"a.jpg", L"", 4712);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n")) << "sent, to a core if there is one";
+}
+
+}  // namespace
