@@ -773,3 +773,91 @@ TEST(WmiContent, TrackerFileIsFoundWhereverTheDeviceKeepsIt) {
 }
 
 }  // namespace
+
+namespace {
+
+// An Apple device: its content goes through the Apple companion, and the companion's write reports on the
+// Apple pipe reach subscribed consumers as write events.
+TEST(WmiApple, CompanionContentAndPipeWriteReports) {
+    auto services = Connect();
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider runs before the device comes
+    const std::string id = "\\\\?\\usb#vid_05ac&pid_12a8#wmiapple#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    EmulatedDeviceSpec spec;
+    spec.id = id;
+    spec.manufacturer = "Apple Inc.";
+    spec.friendlyName = "Apple iPhone";
+    spec.deviceLines = {"WPD_DEVICE_SERIAL_NUMBER = APPLE-WMI-1"};
+    spec.storages = {{"s10001", "Internal Storage", "{PUID-APPLE-WMI}", "Flash"}};
+    g_emulator->Attach(spec);
+    const std::wstring storage = g_emulator->StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    g_emulator->WriteFile(storage + L"\\DCIM\\IMG_0001.jpg", "jpeg");
+
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    const std::wstring query = L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'APPLE-WMI-1'";
+    ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).size() == 1; }));
+    EXPECT_EQ(Text(Query(services.Get(), query).front().Get(), L"strDisk1Name"), L"Internal Storage");
+
+    const Outcome listing = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\DCIM")},
+                                                                {L"strObjectDeviceId", _variant_t(Wide(id).c_str())},
+                                                                {L"uint32ContentType", _variant_t(0L, VT_I4)}});
+    EXPECT_EQ(listing.returnValue, L"IMG_0001.jpg@DCIM\\IMG_0001.jpg@FILE~");
+
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring local = LocalTemp(L"apple-upload.txt");
+    g_emulator->WriteFile(local, "to the iPhone");
+    const Outcome upload = CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\DCIM")},
+                                                            {L"strFileToCopy", _variant_t(local.c_str())},
+                                                            {L"strWriteToken", _variant_t(token.c_str())},
+                                                            {L"strObjectDeviceId", _variant_t(Wide(id).c_str())}},
+                                      self);
+    EXPECT_EQ(upload.returnValue, L"1");
+    const std::wstring uploaded = local.substr(local.find_last_of(L'\\') + 1);
+    EXPECT_NE(GetFileAttributesW((storage + L"\\DCIM\\" + uploaded).c_str()), INVALID_FILE_ATTRIBUTES);
+
+    // The companion service reports the write on the Apple pipe; a consumer receives the write event.
+    ComPtr<IEnumWbemClassObject> events;
+    ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
+                                              WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events),
+              S_OK);
+    HANDLE pipe = INVALID_HANDLE_VALUE;
+    ASSERT_TRUE(WaitUntil([&] {
+        pipe = CreateFileW(L"\\\\.\\pipe\\dorWEXApplePipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        return pipe != INVALID_HANDLE_VALUE;
+    }));
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
+    const std::wstring report = L"Event^WRITE~SerialNumber^APPLE-WMI-1~strPID^" + std::to_wstring(self) +
+                                L"~TargetPath^Internal Storage\\DCIM~LocalFileName^" + local + L"~ClientPid^" +
+                                std::to_wstring(self) + L"~WriteToken^" + token;
+    DWORD written = 0;
+    ASSERT_TRUE(WriteFile(pipe, report.c_str(), static_cast<DWORD>((report.size() + 1) * sizeof(wchar_t)), &written,
+                          nullptr));
+    IWbemClassObject* event = nullptr;
+    ULONG returned = 0;
+    ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
+    ComPtr<IWbemClassObject> received(event);
+    event->Release();
+    EXPECT_EQ(Text(event, L"strEventId"), L"{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}");
+    EXPECT_EQ(Upper(Text(event, L"strObjectDeviceId")), Upper(Wide(id)));
+    EXPECT_EQ(Text(event, L"strTargetPath"), L"/private/var/mobile/Media/DCIM") << "the device's own path";
+    EXPECT_EQ(Text(event, L"strDeviceName"), L"Apple iPhone");
+    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(self));
+    EXPECT_NE(Text(event, L"strEventText").find(L" Event: WPD_EVENT_OBJECT_ADDED"), std::wstring::npos);
+    CloseHandle(pipe);
+
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).empty(); }));
+    EXPECT_TRUE(WaitUntil([&] {
+        HANDLE gone = CreateFileW(L"\\\\.\\pipe\\dorWEXApplePipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (gone != INVALID_HANDLE_VALUE) {
+            CloseHandle(gone);
+            return false;
+        }
+        return GetLastError() == ERROR_FILE_NOT_FOUND;
+    })) << "the pipe is gone with the last Apple device";
+}
+
+}  // namespace
