@@ -3,6 +3,8 @@
 #include <rpc.h>
 #include <wrl/client.h>
 
+#include <algorithm>
+
 #include "../device/com_memory.h"
 #include "../device/portable_device_api.h"
 #include "../wmi/module.h"
@@ -16,6 +18,9 @@
 using Microsoft::WRL::ComPtr;
 
 CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner_in) {
+    if (pOwner_in != nullptr) {
+        m_Providers.push_back(pOwner_in);
+    }
     Trace(L"CDorWEXWMIWPDCore::CDorWEXWMIWPDCore");
     m_pCollection = std::make_unique<CDorWEXWPDCollection>(this);
 }
@@ -32,6 +37,20 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
     m_pCollection.reset();
     for (auto& l_Entry : m_DiskMountMap) {
         CoTaskMemFree(l_Entry.second);
+    }
+}
+
+void CDorWEXWMIWPDCore::AttachProvider(CDorWEXWPDWMI* pProvider_in) {
+    std::lock_guard<std::mutex> l_guard(m_mutexProviders);
+    m_Providers.push_back(pProvider_in);
+    m_pOwner = pProvider_in;
+}
+
+void CDorWEXWMIWPDCore::DetachProvider(CDorWEXWPDWMI* pProvider_in) {
+    std::lock_guard<std::mutex> l_guard(m_mutexProviders);
+    m_Providers.erase(std::remove(m_Providers.begin(), m_Providers.end(), pProvider_in), m_Providers.end());
+    if (m_pOwner == pProvider_in) {
+        m_pOwner = m_Providers.empty() ? nullptr : m_Providers.back();
     }
 }
 

@@ -6,10 +6,12 @@
 #include <comdef.h>
 #include <dbt.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class CDorWEXWPDWMI;
 class CDorWEXWPDCollection;
@@ -57,6 +59,10 @@ public:
 
     CDorWEXWPDWMI* GetOwner() const { return m_pOwner; }
     void SetOwner(CDorWEXWPDWMI* pOwner_in) { m_pOwner = pOwner_in; }
+    // Provider objects re-attach to the running core; the newest one is the one it publishes through. When
+    // that one goes, the newest of those still alive takes over.
+    void AttachProvider(CDorWEXWPDWMI* pProvider_in);
+    void DetachProvider(CDorWEXWPDWMI* pProvider_in);
     CDorWEXWPDCollection* GetCollection() const { return m_pCollection.get(); }
     CDorWEXWMIThreadWPDEventsProcessor* GetWPDEventsProcessor() const { return m_pWPDEventsProcessor.get(); }
     CDorWEXWMIThreadAppleEventsProcessor* GetAppleEventsProcessor() const { return m_pAppleEventsProcessor.get(); }
@@ -74,7 +80,9 @@ private:
     std::unique_ptr<CDorWEXWMIThreadWPDEventsProcessor> m_pWPDEventsProcessor;
     std::unique_ptr<CDorWEXWMIThreadAppleEventsProcessor> m_pAppleEventsProcessor;
     std::unique_ptr<CDorWEXWMIThreadBlackBerryEventsProcessor> m_pBlackBerryEventsProcessor;
-    CDorWEXWPDWMI* m_pOwner;
+    std::atomic<CDorWEXWPDWMI*> m_pOwner;
+    std::mutex m_mutexProviders;
+    std::vector<CDorWEXWPDWMI*> m_Providers;  // attached provider objects, oldest first
     std::unique_ptr<CDorWEXWPDCollection> m_pCollection;
     // Starting and stopping companion processors happens on whichever thread adds or removes a device.
     std::mutex m_mutexCompanions;

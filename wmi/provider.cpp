@@ -39,8 +39,8 @@ CDorWEXWPDWMI::~CDorWEXWPDWMI() {
     }
     m_QueryMap.clear();
     // The core outlives provider objects; it must not call into this one any more.
-    if (m_pCore != nullptr && m_pCore->GetOwner() == this) {
-        m_pCore->SetOwner(nullptr);
+    if (m_pCore != nullptr) {
+        m_pCore->DetachProvider(this);
     }
     InterlockedDecrement(&g_longInstanceCountOfDorWEXWMIWPDClass);
 }
@@ -121,7 +121,7 @@ STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServic
             m_pCore = g_pCDorWEXWMIWPDCore;
             Trace(L"CDorWEXWMIWPDCore::ReInitialize");
             InterlockedExchange(&g_longShuttingDown, 0);
-            m_pCore->SetOwner(this);
+            m_pCore->AttachProvider(this);
         } else {
             m_pCore = new CDorWEXWMIWPDCore(this);
             g_pCDorWEXWMIWPDCore = m_pCore;
