@@ -3,6 +3,7 @@
 // channel's write reports.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -138,6 +139,40 @@ TEST(NamedPipe, FourClientsAtOnceAndAFifthWhenOneLeaves) {
     }
     CloseHandle(fifth);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, for \\\\.\\pipe\\dorWEXTestPipe succeeded.\n"));
+}
+
+// The companion's writer as its own process, beside a client of this process that stays connected.
+TEST(NamedPipe, AnotherProcessWritesWhileAClientHereIsConnected) {
+    Server<RecordingPipe> server(kTestPipe);
+    HANDLE here = Connect(kTestPipe);
+    ASSERT_NE(here, INVALID_HANDLE_VALUE);
+    ASSERT_TRUE(Send(here, L"from this process"));
+
+    wchar_t program[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring client(program);
+    client = client.substr(0, client.find_last_of(L'\\')) + L"\\pipe_client.exe";
+    std::wstring command = L"\"" + client + L"\" " + kTestPipe + L" \"from another process\" 3";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process = {};
+    ASSERT_TRUE(CreateProcessW(client.c_str(), &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                               &process));
+    ASSERT_EQ(WaitForSingleObject(process.hProcess, 20000), WAIT_OBJECT_0);
+    DWORD exitCode = 1;
+    GetExitCodeProcess(process.hProcess, &exitCode);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    EXPECT_EQ(exitCode, 0u);
+
+    ASSERT_TRUE(Send(here, L"still here"));
+    ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 5; }));
+    std::lock_guard<std::mutex> guard(server.pipe.mutex);
+    EXPECT_EQ(std::count(server.pipe.messages.begin(), server.pipe.messages.end(), L"from another process"), 3);
+    EXPECT_EQ(server.pipe.messages.front(), L"from this process");
+    EXPECT_EQ(std::count(server.pipe.messages.begin(), server.pipe.messages.end(), L"still here"), 1)
+        << "the connection held here was served all along";
+    CloseHandle(here);
 }
 
 TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
