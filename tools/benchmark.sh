@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds, registers the provider and the emulators in the test prefix, and runs the content benchmark:
-#   tools/benchmark.sh [megabytes] [entries]
+# Builds, registers the provider and the emulators in the test prefix, and runs the content benchmark and
+# the companion pipe benchmark:
+#   tools/benchmark.sh [megabytes] [entries] [messages per pipe client]
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$root/tools/build.sh" >/dev/null
@@ -14,4 +15,6 @@ wine=$(dorwex_find_wine)
 for dll in dorwex_wpd_provider dorwex_wpd_emulator dorwex_wmi_emulator; do
     "$wine" regsvr32 /s "$("$wine" winepath -w "$bin/$dll.dll" 2>/dev/null | tr -d '\r')"
 done
-"$wine" "$bin/benchmark_content.exe" "$@" | tr -d '\r'
+"$wine" "$bin/benchmark_content.exe" "${@:1:2}" | tr -d '\r'
+echo
+"$wine" "$bin/benchmark_pipe.exe" "${3:-20000}" | tr -d '\r'
