@@ -33,6 +33,30 @@ void CDorWEXWMIThreadCompanionProcessor::WaitForTerminate(LPVOID pCDorWEXWMIThre
 CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
     : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadAppleEventsProcessor, THREAD_TYPE_APPLE) {}
 
+int CDorWEXWMIThreadAppleEventsProcessor::Stop() {
+    if (GetThreadType() == THREAD_TYPE_WPD) {
+        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor\n");
+    }
+    SignalTerminate();
+    const bool l_boolApple = GetThreadType() == THREAD_TYPE_APPLE;
+    if (l_boolApple) {
+        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, waiting "
+              L"for child thread to terminate...\n");
+    }
+    // Bounded, unlike the wait of the pipe's own design: a stop at module unload runs under the loader
+    // lock, and a worker that needs the lock to end would otherwise never be waited out.
+    WaitForThreads(5000);
+    if (l_boolApple) {
+        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, child "
+              L"thread is terminated!!!!\n");
+    }
+    CloseThreadHandles();
+    if (l_boolApple) {
+        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor exiting\n");
+    }
+    return 0;
+}
+
 DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in) {
     Trace(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor");
     auto* l_pProcessor = static_cast<CDorWEXWMIThreadAppleEventsProcessor*>(

@@ -272,8 +272,14 @@ TEST(ApplePipe, ServedFromTheFirstAppleDeviceToTheLast) {
     ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_05ac&pid_12a8#second"), S_OK);
     core.GetCollection()->RemoveWPD(L"usb#vid_05ac&pid_12a8#first");
     EXPECT_TRUE(pipeExists()) << "one Apple device is left";
+    TraceCapture trace(1);
     core.GetCollection()->RemoveWPD(L"usb#vid_05ac&pid_12a8#second");
     EXPECT_TRUE(WaitUntil([&] { return !pipeExists(); })) << "gone with the last Apple device";
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring..."));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, request to stop received..."));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, "
+                          L"child thread is terminated!!!!\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...\n"));
 }
 
 }  // namespace

@@ -817,6 +817,31 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
     const std::wstring uploaded = local.substr(local.find_last_of(L'\\') + 1);
     EXPECT_NE(GetFileAttributesW((storage + L"\\DCIM\\" + uploaded).c_str()), INVALID_FILE_ATTRIBUTES);
 
+    const std::wstring device = Wide(id);
+    const std::wstring fetched = LocalTemp(L"apple-fetched.jpg");
+    EXPECT_EQ(CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\DCIM\\IMG_0001.jpg")},
+                                                 {L"strLocalFileName", _variant_t(fetched.c_str())},
+                                                 {L"strObjectDeviceId", _variant_t(device.c_str())}})
+                  .returnValue,
+              L"1");
+    EXPECT_EQ(CallMethod(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage")},
+                                                   {L"strNewFolderName", _variant_t(L"Holiday")},
+                                                   {L"strObjectDeviceId", _variant_t(device.c_str())}})
+                  .returnValue,
+              L"1");
+    EXPECT_NE(GetFileAttributesW((storage + L"\\Holiday").c_str()) & FILE_ATTRIBUTE_DIRECTORY, 0u);
+    const std::wstring moved = LocalTemp(L"apple-moved.jpg");
+    EXPECT_EQ(CallMethod(L"MoveFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\DCIM\\IMG_0001.jpg")},
+                                                 {L"strLocalFileName", _variant_t(moved.c_str())},
+                                                 {L"strObjectDeviceId", _variant_t(device.c_str())}})
+                  .returnValue,
+              L"1");
+    EXPECT_EQ(GetFileAttributesW((storage + L"\\DCIM\\IMG_0001.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(CallMethod(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\DCIM\\IMG_0001.jpg")},
+                                                   {L"strObjectDeviceId", _variant_t(device.c_str())}})
+                  .returnValue,
+              L"0") << "already moved off the device";
+
     // The companion service reports the write on the Apple pipe; a consumer receives the write event.
     ComPtr<IEnumWbemClassObject> events;
     ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
