@@ -77,6 +77,14 @@ bool Resolve(BSTR serialNumber, BSTR storagePath, Place& place) {
     return false;
 }
 
+// The place a call works on, and the failure its [fault] entry asks for: S_OK when the call goes ahead.
+HRESULT Prepare(BSTR serialNumber, BSTR storagePath, VARIANT* result, const char* call, Place& place) {
+    if (result == nullptr || !Resolve(serialNumber, storagePath, place)) {
+        return E_INVALIDARG;
+    }
+    return place.device->Fault(call);
+}
+
 std::wstring FileNameOf(const std::wstring& path) {
     const size_t separator = path.find_last_of(L"\\/");
     return separator == std::wstring::npos ? path : path.substr(separator + 1);
@@ -86,11 +94,9 @@ class AppleCompanion final : public ComObject<IdorWEXWPDApple> {
 public:
     HRESULT STDMETHODCALLTYPE GetIdentityValue(BSTR serialNumber, BSTR name, VARIANT* result) override {
         Place place;
-        if (result == nullptr || !Resolve(serialNumber, nullptr, place)) {
-            return E_INVALIDARG;
-        }
-        if (const HRESULT fault = place.device->Fault("AppleGetIdentityValue"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, nullptr, result, "AppleGetIdentityValue", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         const std::wstring which = Text(name);
         return SetText(result, which == L"SerialNumber" ? Text(serialNumber)
@@ -100,11 +106,12 @@ public:
     HRESULT STDMETHODCALLTYPE CopyFileToDevice(BSTR serialNumber, BSTR storagePath, BSTR localFile, BSTR writeToken,
                                                VARIANT* result) override {
         Place place;
-        if (result == nullptr || !Resolve(serialNumber, storagePath, place) || Text(writeToken).empty()) {
+        if (Text(writeToken).empty()) {
             return E_INVALIDARG;
         }
-        if (const HRESULT fault = place.device->Fault("AppleCopyFileToDevice"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, storagePath, result, "AppleCopyFileToDevice", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         const std::wstring target = place.local + L"\\" + FileNameOf(Text(localFile));
         SetNumber(result, CopyFileW(Text(localFile).c_str(), target.c_str(), TRUE) ? 1 : 0);
@@ -114,11 +121,9 @@ public:
     HRESULT STDMETHODCALLTYPE CopyFileFromDevice(BSTR serialNumber, BSTR storagePath, BSTR localFile,
                                                  VARIANT* result) override {
         Place place;
-        if (result == nullptr || !Resolve(serialNumber, storagePath, place)) {
-            return E_INVALIDARG;
-        }
-        if (const HRESULT fault = place.device->Fault("AppleCopyFileFromDevice"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, storagePath, result, "AppleCopyFileFromDevice", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         VariantInit(result);
         result->vt = VT_BOOL;
@@ -128,11 +133,9 @@ public:
 
     HRESULT STDMETHODCALLTYPE DeleteFileFromDevice(BSTR serialNumber, BSTR storagePath, VARIANT* result) override {
         Place place;
-        if (result == nullptr || !Resolve(serialNumber, storagePath, place)) {
-            return E_INVALIDARG;
-        }
-        if (const HRESULT fault = place.device->Fault("AppleDeleteFileFromDevice"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, storagePath, result, "AppleDeleteFileFromDevice", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         SetNumber(result, DeleteFileW(place.local.c_str()) ? 1 : 0);
         return S_OK;
@@ -142,12 +145,12 @@ public:
                                                    VARIANT* result) override {
         Place place;
         const std::wstring name = Text(folderName);
-        if (result == nullptr || !Resolve(serialNumber, parentPath, place) || name.empty() ||
-            name.find_first_of(L"\\/") != std::wstring::npos || name == L"..") {
+        if (name.empty() || name.find_first_of(L"\\/") != std::wstring::npos || name == L"..") {
             return E_INVALIDARG;
         }
-        if (const HRESULT fault = place.device->Fault("AppleCreateFolderOnDevice"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, parentPath, result, "AppleCreateFolderOnDevice", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         SetNumber(result, CreateDirectoryW((place.local + L"\\" + name).c_str(), nullptr) ? 1 : 0);
         return S_OK;
@@ -156,11 +159,9 @@ public:
     HRESULT STDMETHODCALLTYPE EnumerateDevicePath(BSTR serialNumber, BSTR storagePath, ULONG contentType,
                                                   VARIANT* result) override {
         Place place;
-        if (result == nullptr || !Resolve(serialNumber, storagePath, place)) {
-            return E_INVALIDARG;
-        }
-        if (const HRESULT fault = place.device->Fault("AppleEnumerateDevicePath"); FAILED(fault)) {
-            return fault;
+        if (const HRESULT prepared = Prepare(serialNumber, storagePath, result, "AppleEnumerateDevicePath", place);
+            FAILED(prepared)) {
+            return prepared;
         }
         std::wstring listing;
         WIN32_FIND_DATAW found = {};
