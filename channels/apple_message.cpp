@@ -3,19 +3,21 @@
 #include <algorithm>
 #include <limits>
 
+#include "tokenizer.h"
+
 namespace dorwex {
 
 AppleReportStatus ParseAppleWriteReport(std::wstring_view message, AppleWriteReport& report) {
     report = AppleWriteReport{};
     size_t index = 0;
     bool invalid = false;
-    ForEachToken(message, L'~', [&](std::wstring_view field) {
+    ForEachToken(message, L"~", [&](std::wstring_view field) {
         if (invalid) {
             return false;
         }
         std::wstring_view parts[2];
         size_t count = 0;
-        ForEachToken(field, L'^', [&](std::wstring_view part) {
+        ForEachToken(field, L"^", [&](std::wstring_view part) {
             parts[count++] = part;
             return count < 2;
         });

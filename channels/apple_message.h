@@ -7,7 +7,6 @@
 // names above in that order; fields after the seventh are ignored, missing ones leave their values empty.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
@@ -34,25 +33,5 @@ AppleReportStatus ParseAppleWriteReport(std::wstring_view message, AppleWriteRep
 // The C runtime's atol on a decimal text: leading blanks, an optional sign, digits up to the first
 // non-digit; 0 when there are none; clamped to the 32-bit range.
 std::int32_t DecimalTextToLong(std::wstring_view text);
-
-// Splits text at runs of the separator, skipping leading ones, as wcstok does. Calls token(view) for each
-// token in turn until it returns false.
-template <typename TokenFunction>
-void ForEachToken(std::wstring_view text, wchar_t separator, TokenFunction token) {
-    size_t position = 0;
-    while (position < text.size()) {
-        while (position < text.size() && text[position] == separator) {
-            ++position;
-        }
-        if (position == text.size()) {
-            return;
-        }
-        const size_t end = std::min(text.find(separator, position), text.size());
-        if (!token(text.substr(position, end - position))) {
-            return;
-        }
-        position = end;
-    }
-}
 
 }  // namespace dorwex
