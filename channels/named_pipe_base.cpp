@@ -343,7 +343,9 @@ HRESULT CDorWEXWMIWPDNamedPipeBase::Serve(const wchar_t* pwcharPipeName_in, cons
         // ends; the worker ends with success and its monitor starts it again.
         Trace(L"CDorWEXWMIWPDNamedPipeBase::Initialize, ERROR: GetNamedPipeSecurityDescriptor failed.\n");
     } else if (!SetupNamedPipe(&l_SecurityDescriptor, pwcharPipeName_in)) {
-        Trace(pwcharSetupFailure_in);
+        if (pwcharSetupFailure_in != nullptr) {
+            Trace(pwcharSetupFailure_in);
+        }
         ClosePipe();
         return E_FAIL;
     }

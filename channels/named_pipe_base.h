@@ -50,7 +50,7 @@ public:
                                const wchar_t* pwcharLocalFileName_in, DWORD dwordProcessId_in);
 
     // The listener's whole run: descriptor, set-up, loop, close. Returns E_FAIL (after tracing
-    // pwcharSetupFailure_in) when the pipe cannot be set up.
+    // pwcharSetupFailure_in, when given) when the pipe cannot be set up.
     HRESULT Serve(const wchar_t* pwcharPipeName_in, const wchar_t* pwcharSetupFailure_in);
 
 protected:

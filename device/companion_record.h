@@ -16,6 +16,7 @@ public:
         return it == m_values.end() ? nullptr : &it->second;
     }
     bool Empty() const { return m_values.empty(); }
+    const std::map<std::wstring, std::wstring>& Values() const { return m_values; }
 
 private:
     std::map<std::wstring, std::wstring> m_values;

@@ -2,6 +2,7 @@
 // numbers it publishes, and Terminate.
 #include "wpd_object.h"
 
+#include "../channels/blackberry_share.h"
 #include "../monitor/wpd_object_events.h"
 #include "../wmi/trace.h"
 #include "com_memory.h"
@@ -218,6 +219,10 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
     }
     m_bstr_tDisk1ObjectId = L"s1001";
     m_bstr_tDisk1Description = L"Flash Memory";
+    // The share access, connected when the companion sends the share's credentials.
+    m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
+    m_pCDorWEXBlackBerry->m_wstringShareName = BstrText(m_bstr_tDisk1Name);
+    m_pCDorWEXBlackBerry->m_mapProperties = m_pCompanionRecord->Values();
     return S_OK;
 }
 

@@ -15,6 +15,7 @@
 #include "manufacturer_class.h"
 #include "portable_device_api.h"
 
+class CDorWEXBlackBerry;
 class CDorWEXWMIWPDCore;
 class CDorWEXWPDObjectEvents;
 
@@ -116,6 +117,7 @@ public:
     CDorWEXWPDObjectInWin32 m_Win32;
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> m_IdorWEXWPDAppleCOMPtr;  // guarded by m_mutexApple
     std::unique_ptr<dorwex::CompanionRecord> m_pCompanionRecord;
+    std::unique_ptr<CDorWEXBlackBerry> m_pCDorWEXBlackBerry;  // a BlackBerry's share access
     LONG m_longReserved = 0;
 
 private:
@@ -139,6 +141,13 @@ private:
     // False after tracing why when the companion gives no text for the path.
     bool GetAppleDeviceAbsolutePath(const wchar_t* pwcharObjectStoragePath_in, _bstr_t& bstr_tDeviceAbsolutePath_out);
     std::mutex m_mutexApple;
+    _bstr_t EnumerateDevicePath3(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
+    _bstr_t CopyFileToDevice3(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
+                              const wchar_t* pwcharWriteToken_in);
+    HRESULT CopyFileFromDevice3(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    int DeleteFileFromDevice3(const wchar_t* pwcharObjectStoragePath_in);
+    HRESULT CreateFolderOnDevice3(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
+    int MoveFileFromDevice3(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
     LONG EjectDeviceWPD(const wchar_t* pwcharDeviceId_in);
     LONG EjectDeviceApple(const wchar_t* pwcharDeviceId_in);
     LONG EjectDeviceBlackBerry(const wchar_t* pwcharDeviceId_in);

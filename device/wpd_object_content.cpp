@@ -11,6 +11,7 @@
 
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
+#include "../channels/blackberry_share.h"
 #include "../wmi/trace.h"
 #include "com_memory.h"
 #include "storage_path.h"
@@ -245,9 +246,7 @@ _bstr_t CDorWEXWPDObject::EnumerateDevicePath(const wchar_t* pwcharObjectStorage
     Trace(L"CDorWEXWPDObject::EnumerateDevicePath enter.\n");
     switch (m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
-        // The BlackBerry share lists its folders itself.
-        Trace(L"CDorWEXWPDObject::EnumerateDevicePath3 enter.\n");
-        return _bstr_t(L"");
+        return EnumerateDevicePath3(pwcharObjectStoragePath_in, ulongContentType_in);
     case Manufacturer::APPLE:
         return EnumerateDevicePath2(pwcharObjectStoragePath_in, ulongContentType_in);
     default:
@@ -305,8 +304,13 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
     if (SameName(pwcharPropertyName_in, L"strObjectDeviceId")) {
         return m_bstr_tDeviceId;
     }
-    if (m_eManufacturer == Manufacturer::APPLE || m_eManufacturer == Manufacturer::BLACKBERRY) {
-        return _bstr_t(L"");  // answered by the companion channels
+    if (m_eManufacturer == Manufacturer::BLACKBERRY) {
+        return m_pCDorWEXBlackBerry
+                   ? _bstr_t(m_pCDorWEXBlackBerry->GetProperty(pwcharObjectStoragePath_in, pwcharPropertyName_in).c_str())
+                   : _bstr_t(L"");
+    }
+    if (m_eManufacturer == Manufacturer::APPLE) {
+        return _bstr_t(L"");  // the Apple companion has no object properties to ask for
     }
     _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
     if (l_bstr_tObject.length() == 0) {
@@ -422,9 +426,7 @@ _bstr_t CDorWEXWPDObject::CopyFileToDevice(const wchar_t* pwcharObjectStoragePat
     Trace(L"CDorWEXWPDObject::CopyFileToDevice enter.\n");
     switch (m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
-        // The BlackBerry share copies the file.
-        Trace(L"CDorWEXWPDObject::CopyFileToDevice3 enter.\n");
-        return _bstr_t(L"0");
+        return CopyFileToDevice3(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
     case Manufacturer::APPLE:
         return CopyFileToDevice2(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
     default:
@@ -511,8 +513,7 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice(const wchar_t* pwcharObjectStorageP
     Trace(L"CDorWEXWPDObject::CopyFileFromDevice enter.\n");
     switch (m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
-        Trace(L"CDorWEXWPDObject::CopyFileFromDevice3 enter.\n");
-        return E_FAIL;  // the BlackBerry share copies the file
+        return CopyFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     case Manufacturer::APPLE:
         return CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     default:
@@ -564,8 +565,7 @@ int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePat
     }
     int l_intResult = 0;
     if (m_eManufacturer == Manufacturer::BLACKBERRY) {
-        Trace(L"CDorWEXWPDObject::DeleteFileFromDevice3 enter.\n");  // the BlackBerry share deletes the file
-        Trace(L"CDorWEXWPDObject::DeleteFileFromDevice3 %s=%s", pwcharObjectStoragePath_in, L"FALSE");
+        l_intResult = DeleteFileFromDevice3(pwcharObjectStoragePath_in);
     } else if (m_eManufacturer == Manufacturer::APPLE) {
         l_intResult = DeleteFileFromDevice2(pwcharObjectStoragePath_in);
     } else {
@@ -666,8 +666,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice(const wchar_t* pwcharParentPath_i
     Trace(L"CDorWEXWPDObject::CreateFolderOnDevice enter.\n");
     switch (m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
-        Trace(L"CDorWEXWPDObject::CreateFolderOnDevice3 enter.\n");  // the BlackBerry share creates it
-        return E_FAIL;
+        return CreateFolderOnDevice3(pwcharParentPath_in, pwcharFolderName_in);
     case Manufacturer::APPLE:
         return CreateFolderOnDevice2(pwcharParentPath_in, pwcharFolderName_in);
     default:
@@ -720,7 +719,7 @@ int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_
         return MoveFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
     if (m_eManufacturer == Manufacturer::BLACKBERRY) {
-        return 0;  // moved through the BlackBerry's share
+        return MoveFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
     const _bstr_t l_bstr_tObject =
         pwcharObjectStoragePath_in != nullptr ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE) : _bstr_t();

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "../channels/apple_named_pipe.h"
+#include "../channels/blackberry_named_pipe.h"
 #include "../wmi/trace.h"
 
 CDorWEXWMIThreadCompanionProcessor::CDorWEXWMIThreadCompanionProcessor(CDorWEXWMIWPDCore* pCore_in,
@@ -25,36 +26,35 @@ int CDorWEXWMIThreadCompanionProcessor::ProcessApplicationEvent() {
     return 0;
 }
 
-void CDorWEXWMIThreadCompanionProcessor::WaitForTerminate(LPVOID pCDorWEXWMIThreadBase_in) {
-    auto* l_pProcessor = static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in);
-    WaitForSingleObject(l_pProcessor->GetTerminateEvent(), INFINITE);
+int CDorWEXWMIThreadCompanionProcessor::StopTraced(const wchar_t* pwcharTraceName_in, LONG longTypeTraced_in) {
+    SignalTerminate();
+    const bool l_boolTraced = GetThreadType() == longTypeTraced_in;
+    if (l_boolTraced) {
+        Trace(L"%s, waiting for child thread to terminate...\n", pwcharTraceName_in);
+    }
+    // Bounded, unlike the wait of the pipe's own design: a stop at module unload runs under the loader
+    // lock, and a worker that needs the lock to end would otherwise never be waited out.
+    WaitForThreads(5000);
+    if (l_boolTraced) {
+        Trace(L"%s, child thread is terminated!!!!\n", pwcharTraceName_in);
+    }
+    CloseThreadHandles();
+    if (l_boolTraced) {
+        Trace(L"%s exiting\n", pwcharTraceName_in);
+    }
+    return 0;
 }
 
 CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
     : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadAppleEventsProcessor, THREAD_TYPE_APPLE) {}
 
 int CDorWEXWMIThreadAppleEventsProcessor::Stop() {
+    // The first line is traced for the WPD type only, which this processor never has.
     if (GetThreadType() == THREAD_TYPE_WPD) {
         Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor\n");
     }
-    SignalTerminate();
-    const bool l_boolApple = GetThreadType() == THREAD_TYPE_APPLE;
-    if (l_boolApple) {
-        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, waiting "
-              L"for child thread to terminate...\n");
-    }
-    // Bounded, unlike the wait of the pipe's own design: a stop at module unload runs under the loader
-    // lock, and a worker that needs the lock to end would otherwise never be waited out.
-    WaitForThreads(5000);
-    if (l_boolApple) {
-        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, child "
-              L"thread is terminated!!!!\n");
-    }
-    CloseThreadHandles();
-    if (l_boolApple) {
-        Trace(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor exiting\n");
-    }
-    return 0;
+    return StopTraced(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor",
+                      THREAD_TYPE_APPLE);
 }
 
 DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in) {
@@ -72,11 +72,32 @@ DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProces
 }
 
 CDorWEXWMIThreadBlackBerryEventsProcessor::CDorWEXWMIThreadBlackBerryEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
-    : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadBlackBerryEventsProcessor, THREAD_TYPE_BLACKBERRY) {}
+    : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadBlackBerryEventsProcessor, THREAD_TYPE_BLACKBERRY),
+      m_pListener(std::make_unique<CDorWEXWMIBlackBerryEventsListener>(pCore_in)) {}
+
+CDorWEXWMIThreadBlackBerryEventsProcessor::~CDorWEXWMIThreadBlackBerryEventsProcessor() {
+    // The worker uses the listener: it ends first.
+    StopAndCloseApplicationEvent();
+}
+
+int CDorWEXWMIThreadBlackBerryEventsProcessor::Stop() {
+    if (GetThreadType() == THREAD_TYPE_BLACKBERRY) {
+        Trace(L"CDorWEXWMIThreadBlackBerryEventsProcessor::Stop: TheMonitorThreadForThreadBlackBerryEventsProcessor\n");
+    }
+    return StopTraced(L"CDorWEXWMIThreadBlackBerryEventsProcessor::Stop: TheMonitorThreadForThreadBlackBerryEventsProcessor",
+                      THREAD_TYPE_BLACKBERRY);
+}
 
 DWORD WINAPI CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor(
     LPVOID pCDorWEXWMIThreadBase_in) {
     Trace(L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor");
-    WaitForTerminate(pCDorWEXWMIThreadBase_in);
+    auto* l_pProcessor = static_cast<CDorWEXWMIThreadBlackBerryEventsProcessor*>(
+        static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
+    try {
+        l_pProcessor->m_pListener->ListenForBlackBerryEvents(l_pProcessor);
+    } catch (...) {
+        // Out of memory: the worker ends and its monitor starts it again.
+    }
+    Trace(L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor shutting down...\n");
     return 0;
 }

@@ -1,9 +1,13 @@
 // The processors of the Apple and BlackBerry companion channels. The core starts one when the first
 // device of its kind arrives and stops it when the last one leaves. Their workers serve the companion
-// pipes (the BlackBerry worker, until its pipe server comes, just waits for its stop).
+// pipes.
 #pragma once
 
+#include <memory>
+
 #include "thread_base.h"
+
+class CDorWEXWMIBlackBerryEventsListener;
 
 // What the two companion processors have in common.
 class CDorWEXWMIThreadCompanionProcessor : public CDorWEXWMIThreadBase {
@@ -15,8 +19,10 @@ public:
     int ProcessApplicationEvent() override;
 
 protected:
-    // The body of a worker without its pipe server.
-    static void WaitForTerminate(LPVOID pCDorWEXWMIThreadBase_in);
+    // Ends the pipe loop through the terminate event, waits for the worker and closes the handles, tracing
+    // each step with the processor's own texts (traceName_in: "CDorWEXWMIThreadAppleEventsProcessor::Stop:
+    // TheMonitorThreadForThreadAppleEventsProcessor", traced when the type is typeTraced_in).
+    int StopTraced(const wchar_t* pwcharTraceName_in, LONG longTypeTraced_in);
 };
 
 class CDorWEXWMIThreadAppleEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {
@@ -30,5 +36,14 @@ public:
 class CDorWEXWMIThreadBlackBerryEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {
 public:
     explicit CDorWEXWMIThreadBlackBerryEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
+    ~CDorWEXWMIThreadBlackBerryEventsProcessor() override;
+    int Stop() override;
     static DWORD WINAPI WorkerThreadBlackBerryEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);
+
+    // The listener with the list of watched BlackBerry shares. It lives as long as the processor, so the
+    // list survives a restart of the worker.
+    CDorWEXWMIBlackBerryEventsListener* GetListener() const { return m_pListener.get(); }
+
+private:
+    std::unique_ptr<CDorWEXWMIBlackBerryEventsListener> m_pListener;
 };

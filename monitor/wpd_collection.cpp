@@ -152,6 +152,9 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     if (l_boolSameSerialNumber) {
         Trace(L"CDorWEXWPDCollection::ProcessDiskMount");
         if (l_pReplaced) {
+            if (l_pReplaced->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+                m_pCore->RemoveBlackBerryFromMonitoring(l_pReplaced.get());
+            }
             l_pReplaced->Terminate();
         } else {
             l_pDevice->Terminate();  // not kept: its session and callback go with it
@@ -189,6 +192,9 @@ int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
             l_boolStopBlackBerry = m_longBlackBerryCount-- == 1;
         }
     }
+    if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+        m_pCore->RemoveBlackBerryFromMonitoring(l_pDevice.get());
+    }
     l_pDevice->Terminate();
     if (l_boolStopApple && m_pCore != nullptr) {
         Trace(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
@@ -222,6 +228,10 @@ void CDorWEXWPDCollection::SetDeviceTypeCounter(const DevicePtr& pDevice_in) {
     if (l_boolStartBlackBerry && m_pCore != nullptr) {
         Trace(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring...");
         m_pCore->StartBlackBerryMonitoring();
+    }
+    // The BlackBerry processor keeps its list of watched shares from its start on.
+    if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+        m_pCore->AddBlackBerryToMonitoring(pDevice_in.get());
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "../channels/blackberry_named_pipe.h"
 #include "../device/com_memory.h"
 #include "../device/portable_device_api.h"
 #include "../wmi/module.h"
@@ -147,6 +148,22 @@ int CDorWEXWMIWPDCore::StartBlackBerryMonitoring() {
     m_longBlackBerryMonitoring = 1;
     StartCompanion(this, m_pBlackBerryEventsProcessor);
     return 1;
+}
+
+int CDorWEXWMIWPDCore::AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in) {
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+    if (!m_pBlackBerryEventsProcessor || m_pBlackBerryEventsProcessor->GetListener() == nullptr) {
+        return 0;
+    }
+    return m_pBlackBerryEventsProcessor->GetListener()->AddBlackBerryToMonitoring(pDevice_in);
+}
+
+int CDorWEXWMIWPDCore::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pDevice_in) {
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+    if (!m_pBlackBerryEventsProcessor || m_pBlackBerryEventsProcessor->GetListener() == nullptr) {
+        return 0;
+    }
+    return m_pBlackBerryEventsProcessor->GetListener()->RemoveBlackBerryFromMonitoring(pDevice_in);
 }
 
 int CDorWEXWMIWPDCore::StopAppleMonitoring() {

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+class CDorWEXWPDObject;
 class CDorWEXWPDWMI;
 class CDorWEXWPDCollection;
 class CDorWEXWMIThreadWPDEventsProcessor;
@@ -35,6 +36,9 @@ public:
     int StartBlackBerryMonitoring();
     int StopAppleMonitoring();
     int StopBlackBerryMonitoring();
+    // The list of watched BlackBerry shares, kept by the BlackBerry processor's listener; 0 without one.
+    int AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in);
+    int RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pDevice_in);
     bool HasAppleMonitoring() const { return m_longAppleMonitoring != 0; }
     bool HasBlackBerryMonitoring() const { return m_longBlackBerryMonitoring != 0; }
 
