@@ -1,0 +1,397 @@
+// A BlackBerry: its share access on directories of the prefix, the network-connection calls answered by a
+// double behind the WNet table, and the BlackBerry pipe with real pipe clients: credentials, the
+// already-connected test, the try limit, file-write reports and the monitoring list.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <oleauto.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "channels/blackberry_named_pipe.h"
+#include "channels/blackberry_share.h"
+#include "channels/wnet_api.h"
+#include "device/wpd_object.h"
+#include "monitor/companion_processors.h"
+#include "monitor/wpd_collection.h"
+#include "monitor/wpd_core.h"
+#include "support/test_trace_sink.h"
+#include "support/wait_until.h"
+#include "support/wpd_emulator.h"
+
+namespace {
+
+// Network connections: every call recorded, results chosen by the test (in turn, then NO_ERROR).
+class WNetDouble {
+public:
+    struct Connect {
+        std::wstring remote, user, password;
+        DWORD type, flags;
+        bool localName;
+    };
+    WNetDouble() {
+        s_current = this;
+        m_previous = SetWNetApi(&kTable);
+    }
+    ~WNetDouble() {
+        SetWNetApi(m_previous);
+        s_current = nullptr;
+    }
+    std::vector<Connect> Connects() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_connects;
+    }
+    std::vector<std::wstring> Cancels() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_cancels;
+    }
+    void Answer(std::vector<DWORD> results) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_results = std::move(results);
+    }
+    DWORD lastErrorResult = NO_ERROR;
+
+private:
+    static DWORD WINAPI Add(LPNETRESOURCEW resource, LPCWSTR password, LPCWSTR user, DWORD flags) {
+        WNetDouble& self = *s_current;
+        std::lock_guard<std::mutex> guard(self.m_lock);
+        self.m_connects.push_back({resource->lpRemoteName ? resource->lpRemoteName : L"", user ? user : L"",
+                                   password ? password : L"", resource->dwType, flags, resource->lpLocalName != nullptr});
+        if (self.m_results.empty()) {
+            return NO_ERROR;
+        }
+        const DWORD result = self.m_results.front();
+        self.m_results.erase(self.m_results.begin());
+        return result;
+    }
+    static DWORD WINAPI Cancel(LPCWSTR name, DWORD flags, WINBOOL force) {
+        WNetDouble& self = *s_current;
+        std::lock_guard<std::mutex> guard(self.m_lock);
+        self.m_cancels.push_back(std::wstring(name) + L"|" + std::to_wstring(flags) + L"|" + std::to_wstring(force));
+        return NO_ERROR;
+    }
+    static DWORD WINAPI LastError(LPDWORD error, LPWSTR text, DWORD textSize, LPWSTR provider, DWORD providerSize) {
+        *error = 1326;
+        wcsncpy_s(text, textSize, L"bad password at the device", _TRUNCATE);
+        wcsncpy_s(provider, providerSize, L"Emulated Network", _TRUNCATE);
+        return s_current->lastErrorResult;
+    }
+    static inline WNetDouble* s_current = nullptr;
+    static inline const DorWEXWNetApi kTable = {Add, Cancel, LastError};
+    const DorWEXWNetApi* m_previous = nullptr;
+    std::mutex m_lock;
+    std::vector<Connect> m_connects;
+    std::vector<std::wstring> m_cancels;
+    std::vector<DWORD> m_results;
+};
+
+std::string Content(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    std::string content;
+    char buffer[256];
+    DWORD read = 0;
+    while (file != INVALID_HANDLE_VALUE && ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        content.append(buffer, read);
+    }
+    if (file != INVALID_HANDLE_VALUE) {
+        CloseHandle(file);
+    }
+    return content;
+}
+
+std::wstring ErrorSource() {
+    IErrorInfo* info = nullptr;
+    if (GetErrorInfo(0, &info) != S_OK || info == nullptr) {
+        return L"<none>";
+    }
+    BSTR source = nullptr;
+    info->GetSource(&source);
+    std::wstring text = source != nullptr ? source : L"";
+    SysFreeString(source);
+    info->Release();
+    return text;
+}
+
+class BlackBerryShare : public testing::Test {
+protected:
+    void SetUp() override {
+        share = emulator.Directory() + L"\\share";
+        local = emulator.Directory() + L"\\local";
+        CreateDirectoryW(share.c_str(), nullptr);
+        CreateDirectoryW(local.c_str(), nullptr);
+    }
+    WpdEmulator emulator;  // for its scratch directory
+    WNetDouble wnet;
+    std::wstring share, local;
+};
+
+TEST_F(BlackBerryShare, FileOperationsOnTheSharesPaths) {
+    CDorWEXBlackBerry access;
+    access.m_dwordConnectionWaitMs = 300;
+    emulator.WriteFile(share + L"\\a.jpg", "jpeg");
+    CreateDirectoryW((share + L"\\music").c_str(), nullptr);
+
+    TraceCapture trace(1);
+    EXPECT_FALSE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()))
+        << "no credentials yet: the copy waits for the connection, then gives up";
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::CopyFileFromDevice TIMED OUT waiting for connection to device.\n"));
+
+    EXPECT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret"), 0u);
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 0 NO ERROR\n"));
+    EXPECT_TRUE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()));
+    EXPECT_EQ(Content(local + L"\\a.jpg"), "jpeg") << "a local path is used as it is";
+
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    EXPECT_TRUE(access.CopyFileToDevice((share + L"\\music").c_str(), (local + L"\\up.txt").c_str()));
+    EXPECT_EQ(Content(share + L"\\music\\up.txt"), "uploaded") << "into the folder, under the file's name";
+    EXPECT_FALSE(access.CopyFileToDevice((share + L"\\nowhere\\x.txt").c_str(), (local + L"\\up.txt").c_str()));
+    EXPECT_EQ(ErrorSource(), L"CDorWEXBlackBerry::CopyFileToDevice");
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: ").size(), 1u);
+
+    EXPECT_EQ(access.EnumerateDevicePath(share.c_str(), 0), L"a.jpg@NA@FILE~music@NA@DIR");
+    EXPECT_EQ(access.EnumerateDevicePath(share.c_str(), 1), L"music@NA@DIR");
+    EXPECT_EQ(access.EnumerateDevicePath(share.c_str(), 2), L"a.jpg@NA@FILE");
+    EXPECT_EQ(access.EnumerateDevicePath((share + L"\\missing").c_str(), 0), L"");
+
+    EXPECT_TRUE(access.CreateFolderOnDevice((share + L"\\new").c_str()));
+    EXPECT_FALSE(access.CreateFolderOnDevice((share + L"\\new").c_str())) << "it is there already";
+    EXPECT_EQ(ErrorSource(), L"CDorWEXBlackBerry::CreateFolderOnDevice");
+    EXPECT_TRUE(access.DeleteFileFromDevice((share + L"\\new").c_str())) << "a folder is removed as a folder";
+    EXPECT_TRUE(access.DeleteFileFromDevice((share + L"\\a.jpg").c_str()));
+    EXPECT_FALSE(access.DeleteFileFromDevice((share + L"\\a.jpg").c_str()));
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete file failed 2: ").size(), 1u);
+    EXPECT_EQ(ErrorSource(), L"CDorWEXBlackBerry::DeleteFileFromDevice");
+
+    access.m_mapProperties = {{L"BBPIN", L"2A3B4C5D"}, {L"IMEI", L"35"}};
+    EXPECT_EQ(access.GetProperty(nullptr, L"allproperties"), L"BBPIN^2A3B4C5D~IMEI^35");
+    EXPECT_EQ(access.GetProperty(share.c_str(), L"ObjectId"), share);
+    EXPECT_EQ(access.GetProperty((share + L"\\gone").c_str(), L"ObjectId"), L"");
+    EXPECT_EQ(access.GetProperty(nullptr, L"IMEI"), L"35");
+    EXPECT_EQ(access.GetProperty(nullptr, L"imei"), L"") << "other names are looked up exactly";
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::GetProperty property imei not found.\n"));
+}
+
+TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
+    CDorWEXBlackBerry access;
+    access.m_wstringShareName = L"\\\\10.0.0.1\\media";
+    TraceCapture trace(1);
+    access.DisconnectFromDevice();
+    EXPECT_TRUE(wnet.Cancels().empty()) << "never connected: nothing to cancel";
+
+    wnet.Answer({53, 2202, 1231, 1208, 1208});
+    wnet.lastErrorResult = ERROR_NO_NETWORK;
+    for (int i = 0; i < 4; ++i) {
+        access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret");
+    }
+    wnet.lastErrorResult = NO_ERROR;
+    access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret");
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 53 ERROR_BAD_NETPATH: "
+                          L"<\\\\10.0.0.1\\media> The network path was not found..\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 2202 ERROR_BAD_USERNAME: The "
+                          L"specified user name is not valid.  Userid: BlackBerry\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 1231 Use FormatMessage to obtain "
+                          L"the message string for the returned error.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 1208 ERROR_EXTENDED_ERROR: A "
+                          L"network - specific error occurred.  Call to WNetGetLastError function did not return "
+                          L"NO_ERROR.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 1208 ERROR_EXTENDED_ERROR: A "
+                          L"network - specific error occurred.  Call to WNetGetLastError returned: Error: bad password "
+                          L"at the device" L"Provider Name: Emulated Network\n"));
+    EXPECT_EQ(access.m_longConnected, 0);
+    EXPECT_EQ(WaitForSingleObject(access.m_HANDLEEventConnected, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+
+    const auto connects = wnet.Connects();
+    ASSERT_EQ(connects.size(), 5u);
+    EXPECT_EQ(connects[0].remote, L"\\\\10.0.0.1\\media");
+    EXPECT_EQ(connects[0].type, static_cast<DWORD>(RESOURCETYPE_DISK));
+    EXPECT_EQ(connects[0].flags, static_cast<DWORD>(CONNECT_TEMPORARY)) << "never remembered, never a drive";
+    EXPECT_FALSE(connects[0].localName);
+
+    EXPECT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret"), 0u);
+    EXPECT_EQ(WaitForSingleObject(access.m_HANDLEEventConnected, 0), WAIT_OBJECT_0);
+    access.DisconnectFromDevice();
+    ASSERT_EQ(wnet.Cancels().size(), 1u);
+    EXPECT_EQ(wnet.Cancels()[0], L"\\\\10.0.0.1\\media|1|1") << "update profile, forced";
+    EXPECT_EQ(access.m_longConnected, 0);
+    for (const auto& line : trace.Lines()) {
+        EXPECT_EQ(line.find(L"secret"), std::wstring::npos) << "no password in a trace: " << std::string(line.begin(), line.end());
+    }
+}
+
+TEST(BlackBerryMonitoring, ListKeyedByShareName) {
+    WNetDouble wnet;
+    CDorWEXWMIBlackBerryEventsListener listener(nullptr);
+    CDorWEXWPDObject first(nullptr), again(nullptr), upper(nullptr), bare(nullptr), unnamed(nullptr);
+    for (CDorWEXWPDObject* device : {&first, &again, &bare}) {
+        device->m_bstr_tDisk1Name = L"\\\\10.0.0.1\\media";
+    }
+    upper.m_bstr_tDisk1Name = L"\\\\10.0.0.1\\MEDIA";
+    first.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
+    again.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
+    upper.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
+    TraceCapture trace(1);
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(nullptr), 0);
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(&unnamed), 0);
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(&first), 1);
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(&again), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, \\\\10.0.0.1\\media already in "
+                          L"m_mapOfUNCToDiskProperties, skipping add operation\n"));
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(&upper), 1) << "keys differing in case are two entries";
+    EXPECT_EQ(listener.MonitoredCount(), 2u);
+
+    // Removing the first entry: never connected, so nothing is cancelled.
+    EXPECT_EQ(listener.RemoveBlackBerryFromMonitoring(&again), 1) << "the entry goes by its share name";
+    EXPECT_TRUE(wnet.Cancels().empty());
+    EXPECT_EQ(listener.RemoveBlackBerryFromMonitoring(&first), 0);
+
+    // A device without share access is listed all the same, and removed without a disconnect.
+    EXPECT_EQ(listener.AddBlackBerryToMonitoring(&bare), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
+                          L"l_pDiskProperties->pCDorWEXBlackBerry == NULL\n"));
+    EXPECT_EQ(listener.MonitoredCount(), 2u);
+    EXPECT_EQ(listener.RemoveBlackBerryFromMonitoring(&bare), 1);
+
+    // A connected share is disconnected when its device leaves the list.
+    upper.m_pCDorWEXBlackBerry->m_wstringShareName = L"\\\\10.0.0.1\\MEDIA";
+    upper.m_pCDorWEXBlackBerry->ConnectToDevice(L"\\\\10.0.0.1\\MEDIA", L"u", L"p");
+    EXPECT_EQ(listener.RemoveBlackBerryFromMonitoring(&upper), 1);
+    ASSERT_EQ(wnet.Cancels().size(), 1u);
+    EXPECT_EQ(listener.MonitoredCount(), 0u);
+}
+
+// A BlackBerry the emulated stack cannot open, known by its property record.
+EmulatedDeviceSpec BlackBerrySpec() {
+    EmulatedDeviceSpec spec;
+    spec.id = "usb#vid_0fca&pid_8004#bb";
+    spec.categories = "";
+    spec.registryLines = {"BBPIN = 2A3B4C5D", "IMEI = 356938035643809", "DHCPServer = 10.0.0.1"};
+    spec.faultLines = {"Open = 0x80070005"};
+    return spec;
+}
+
+HANDLE Connect(const wchar_t* name) {
+    for (int attempt = 0; attempt < 500; ++attempt) {
+        HANDLE client = CreateFileW(name, GENERIC_WRITE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (client != INVALID_HANDLE_VALUE) {
+            DWORD mode = PIPE_READMODE_MESSAGE;
+            SetNamedPipeHandleState(client, &mode, nullptr, nullptr);
+            return client;
+        }
+        Sleep(10);
+    }
+    return INVALID_HANDLE_VALUE;
+}
+
+bool Send(HANDLE client, const std::wstring& text) {
+    DWORD written = 0;
+    const DWORD bytes = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+    return WriteFile(client, text.c_str(), bytes, &written, nullptr) && written == bytes;
+}
+
+class BlackBerryPipe : public testing::Test {
+protected:
+    void SetUp() override {
+        emulator.Attach(BlackBerrySpec());
+        ASSERT_EQ(core.Initialize(), 1);
+        ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_0fca&pid_8004#bb"), S_OK);
+        device = core.GetCollection()->FindWPDObjectById(L"usb#vid_0fca&pid_8004#bb");
+        ASSERT_TRUE(device);
+        ASSERT_EQ(device->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
+        client = Connect(kDorWEXBlackBerryPipeName);
+        ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    }
+    void TearDown() override {
+        if (client != INVALID_HANDLE_VALUE) {
+            CloseHandle(client);
+        }
+        device.reset();
+        core.GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#bb");
+    }
+    // Sends a message and waits until the pipe worker has handled it.
+    void Exchange(const std::wstring& message, const std::wstring& handled) {
+        const size_t before = trace.Count(handled);
+        ASSERT_TRUE(Send(client, message));
+        ASSERT_TRUE(WaitUntil([&] { return trace.Count(handled) > before; })) << std::string(message.begin(), message.end());
+    }
+    CDorWEXWMIBlackBerryEventsListener* Listener() {
+        return core.GetBlackBerryEventsProcessor() ? core.GetBlackBerryEventsProcessor()->GetListener() : nullptr;
+    }
+
+    WpdEmulator emulator;
+    WNetDouble wnet;
+    TraceCapture trace{1};
+    CDorWEXWMIWPDCore core;
+    CDorWEXWPDCollection::DevicePtr device;
+    HANDLE client = INVALID_HANDLE_VALUE;
+};
+
+const wchar_t kCredentials[] = L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*bbuser*secret";
+const wchar_t kDecided[] = L"CDorWEXWMIBlackBerryNamedPipe::ProcessData2 enter.\n";
+
+TEST_F(BlackBerryPipe, CredentialsConnectOnceAndTheSameCredentialsDoNotReconnect) {
+    ASSERT_NE(Listener(), nullptr);
+    EXPECT_EQ(Listener()->MonitoredCount(), 1u) << "the device's share is watched";
+    EXPECT_EQ(std::wstring(device->m_bstr_tDisk1Name), L"\\\\10.0.0.1\\media");
+
+    Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
+    ASSERT_TRUE(WaitUntil([&] { return wnet.Connects().size() == 1; }));
+    EXPECT_EQ(wnet.Connects()[0].user, L"bbuser");
+    EXPECT_EQ(wnet.Connects()[0].password, L"secret");
+    Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: TRUE\n");
+    Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*BBUSER*secret", L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
+    EXPECT_TRUE(WaitUntil([&] { return wnet.Connects().size() == 2; })) << "a user name differing in case is other credentials";
+
+    // A share the device did not name: its SD card, the second storage.
+    Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\sdcard*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials enter.");
+    EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Name), L"\\\\10.0.0.1\\sdcard");
+    EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Description), L"SD Card in BB device");
+    Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\DTM*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::FilterShare, filtering \\DTM\n");
+    EXPECT_EQ(wnet.Connects().size(), 3u) << "a filtered share is not connected";
+
+    for (const auto& line : trace.Lines()) {
+        EXPECT_EQ(line.find(L"secret"), std::wstring::npos) << "no password in a trace";
+    }
+    // The device leaves: its share is disconnected and no longer watched.
+    core.GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#bb");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring removed \\\\10.0.0.1\\media\n"));
+    EXPECT_EQ(wnet.Cancels().size(), 1u);
+}
+
+// The record keeps the last credentials that connected; failures with other credentials count against it.
+// After exactly ten, the stored credentials are skipped once, then tried again.
+TEST_F(BlackBerryPipe, TheTryLimitSkipsExactlyOnceAtTen) {
+    std::vector<DWORD> answers(1, NO_ERROR);
+    answers.insert(answers.end(), 10, 1326);
+    wnet.Answer(answers);
+    Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
+    const std::wstring wrong = L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*bbuser*wrong";
+    for (int i = 0; i < 10; ++i) {
+        Exchange(wrong, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
+    }
+    ASSERT_TRUE(WaitUntil([&] { return wnet.Connects().size() == 11; }));
+    Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: TRUE\n");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: tried to connect to \\\\10.0.0.1\\media "
+                          L"10 times without success, will not try anymore.\n"));
+    EXPECT_EQ(wnet.Connects().size(), 11u) << "that message is skipped";
+    Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
+    EXPECT_TRUE(WaitUntil([&] { return wnet.Connects().size() == 12; })) << "and the next one is tried again";
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: tried to connect to \\\\10.0.0.1\\media "
+                          L"10 times without success, will not try anymore.\n"),
+              1u);
+}
+
+TEST_F(BlackBerryPipe, FileWriteReportRaisesTheWriteEventWithoutALocalFileName) {
+    Exchange(L"BlackBerryFileWrite*x*\\\\10.0.0.1\\media\\a.jpg*y*BLACKBERRY_2A3B4C5D",
+             L"CDorWEXWPDObject::SimulateWPDWriteEvent enter.");
+    EXPECT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n"); }));
+    // Copies from the device wait for the share, which credentials connect.
+    device->m_pCDorWEXBlackBerry->m_dwordConnectionWaitMs = 100;
+    EXPECT_EQ(device->CopyFileFromDevice(L"\\\\10.0.0.1\\media\\a.jpg", (emulator.Directory() + L"\\x.jpg").c_str()), E_FAIL);
+    EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::CopyFileFromDevice TIMED OUT waiting for connection to device.\n"));
+    EXPECT_EQ(std::wstring(device->EnumerateDevicePath(L"\\\\10.0.0.1\\media", 0)), L"") << "no share behind it here";
+    EXPECT_EQ(std::wstring(device->GetStorageObjectProperty(L"\\\\10.0.0.1\\media", L"BBPIN")), L"2A3B4C5D");
+}
+
+}  // namespace

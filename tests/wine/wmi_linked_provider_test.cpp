@@ -1,0 +1,152 @@
+// The provider as a management client sees it, with the doubles behind the provider's function tables: the
+// emulated WMI service loads the provider code of this program (its class factory is registered here), so
+// the Plug and Play tree double and the network-connection double stand behind it. "EjectDevice", and the
+// BlackBerry channel's write reports.
+#include <gtest/gtest.h>
+
+#include "support/pnp_tree_double.h"
+#include "support/wmi_calls.h"
+#include "support/wpd_emulator.h"
+#include "monitor/wpd_collection.h"
+#include "monitor/wpd_core.h"
+#include "wmi/class_factory.h"
+#include "wmi/module.h"
+#include "wmi/provider_clsid.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+constexpr char kPhoneId[] = "\\\\?\\usb#vid_04e8&pid_6860#r58m77#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+constexpr wchar_t kPhoneNode[] = L"USB\\VID_04E8&PID_6860\\R58M77";
+
+// The module starts and stops as the DLL's entry point would make it: the monitor's window and threads
+// end before the process does.
+class LinkedProvider : public testing::Environment {
+public:
+    void SetUp() override {
+        ModuleProcessAttach(GetModuleHandleW(nullptr));
+        Register(L"dorwex_wmi_emulator.dll");
+        auto* factory = new CDorWEXWPDWMIClassFactory();
+        ASSERT_EQ(CoRegisterClassObject(CLSID_DorWEXWPDWMIProvider, factory, CLSCTX_INPROC_SERVER,
+                                        REGCLS_MULTIPLEUSE, &m_cookie),
+                  S_OK);
+    }
+    void TearDown() override {
+        CoRevokeClassObject(m_cookie);
+        ModuleProcessDetach();
+    }
+
+private:
+    DWORD m_cookie = 0;
+};
+const auto* const g_linkedProvider = testing::AddGlobalTestEnvironment(new LinkedProvider);
+
+class WmiEject : public testing::Test {
+protected:
+
+    void SetUp() override {
+        // A phone straight on a hub: the hub must never be asked to leave.
+        const int controller = pnp.AddHostController(L"PCI\\VEN_8086&DEV_A36D\\3&1&0&A0");
+        hub = pnp.AddHub(controller, L"USB\\ROOT_HUB30\\4&1&0&0", 4);
+        PnpTreeDouble::Node phone;
+        phone.instanceId = kPhoneNode;
+        phone.setupClass = pnp_classes::kWPD;
+        phone.parent = hub;
+        phone.port = 2;
+        phone.properties[SPDRP_LOCATION_INFORMATION] = L"Port (2)";
+        phone.interfaces.push_back({pnp_classes::kWPDInterface, Wide(kPhoneId)});
+        node = pnp.Add(phone);
+        emulator.Attach(PhoneSpec(kPhoneId, "SAMSUNG Electronics Co., Ltd.", "WPD77"));
+    }
+
+    size_t Published() {
+        return Query(Connect().Get(), L"SELECT * FROM Win32ext_WPD WHERE strId='" + Wide(kPhoneId) + L"'").size();
+    }
+
+    WpdEmulator emulator;
+    PnpTreeDouble pnp;
+    int hub = -1;
+    int node = -1;
+};
+
+TEST_F(WmiEject, EjectsTheDeviceNotItsHubAndStopsPublishingIt) {
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    auto instances = Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
+    ASSERT_EQ(instances.size(), 1u);
+    // The device's node sits straight on the hub: it is the USB device, and its id carries the serial number.
+    EXPECT_EQ(Text(instances[0].Get(), L"strDisk1SerialNumber"), L"R58M77") << "WPD's WPD77 replaced";
+    EXPECT_EQ(Text(instances[0].Get(), L"strDisk2SerialNumber"), L"R58M77");
+    EXPECT_EQ(_wcsicmp(Text(instances[0].Get(), L"strDisk1DevicePath").c_str(), Wide(kPhoneId).c_str()), 0)
+        << "the interface the device was matched from";
+
+    const Outcome vetoed = [&] {
+        pnp.At(node).ejectAnswers = {CR_REMOVE_VETOED, CR_REMOVE_VETOED};
+        pnp.At(node).removeAnswers = {CR_REMOVE_VETOED};
+        return CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(Wide(kPhoneId).c_str())}});
+    }();
+    EXPECT_EQ(vetoed.status, S_OK);
+    EXPECT_EQ(vetoed.returnValue, L"0");
+    EXPECT_EQ(Published(), 1u) << "a device that would not leave stays";
+
+    const Outcome ejected = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(kPhoneNode)}});
+    EXPECT_EQ(ejected.status, S_OK);
+    EXPECT_EQ(ejected.returnValue, L"1") << "found through its node's instance id, ejected, stayed away";
+    EXPECT_EQ(pnp.At(hub).ejectRequests, 0);
+    EXPECT_EQ(pnp.At(node).ejectRequests, 3);
+    EXPECT_FALSE(pnp.At(node).present);
+    EXPECT_EQ(Published(), 0u);
+    EXPECT_EQ(pnp.OpenLists(), 0u);
+    EXPECT_EQ(pnp.OpenHandles(), 0u);
+}
+
+// A write on a BlackBerry that its companion reports on the BlackBerry pipe reaches a consumer as a write
+// event; the channel knows no local file name.
+TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
+    WpdEmulator emulator;
+    EmulatedDeviceSpec spec;
+    spec.id = "usb#vid_0fca&pid_8004#wmibb";
+    spec.categories = "";
+    spec.registryLines = {"BBPIN = 2A3B4C5D", "IMEI = 356938035643809", "DHCPServer = 10.0.0.1"};
+    spec.faultLines = {"Open = 0x80070005"};
+    emulator.Attach(spec);
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
+    ASSERT_EQ(g_pCDorWEXWMIWPDCore->GetCollection()->AddWPD(L"usb#vid_0fca&pid_8004#wmibb"), S_OK);
+
+    ComPtr<IEnumWbemClassObject> events;
+    ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
+                                              WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events),
+              S_OK);
+    HANDLE pipe = INVALID_HANDLE_VALUE;
+    for (int attempt = 0; attempt < 500 && pipe == INVALID_HANDLE_VALUE; ++attempt) {
+        pipe = CreateFileW(L"\\\\.\\pipe\\dorWEX14BlackBerryPipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (pipe == INVALID_HANDLE_VALUE) {
+            Sleep(10);
+        }
+    }
+    ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
+    const std::wstring report = L"4711*BlackBerryFileWrite*\\\\10.0.0.1\\media\\a.jpg*y*BLACKBERRY_2A3B4C5D";
+    DWORD written = 0;
+    ASSERT_TRUE(WriteFile(pipe, report.c_str(), static_cast<DWORD>((report.size() + 1) * sizeof(wchar_t)), &written,
+                          nullptr));
+    IWbemClassObject* event = nullptr;
+    ULONG returned = 0;
+    ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
+    ComPtr<IWbemClassObject> received(event);
+    event->Release();
+    EXPECT_EQ(Text(event, L"strEventId"), L"{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}");
+    EXPECT_EQ(Text(event, L"strOriginalFileName"), L"") << "no local file name on this channel";
+    EXPECT_EQ(Text(event, L"strTargetPath"), L"\\\\10.0.0.1\\media\\a.jpg") << "the share path itself";
+    EXPECT_EQ(Text(event, L"strDeviceName"), L"BLACKBERRY_2A3B4C5D");
+    EXPECT_EQ(Text(event, L"strPID"), L"4711");
+    CloseHandle(pipe);
+    g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#wmibb");
+}
+
+}  // namespace
