@@ -6,6 +6,7 @@
 #include <string>
 
 #include "device/wpd_object.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 
@@ -13,24 +14,6 @@ namespace {
 
 std::wstring Text(const _bstr_t& text) {
     return text.length() == 0 ? std::wstring() : std::wstring(static_cast<const wchar_t*>(text));
-}
-
-bool Exists(const std::wstring& path) {
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
-std::string Content(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    std::string content;
-    char buffer[256];
-    DWORD read = 0;
-    while (file != INVALID_HANDLE_VALUE && ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        content.append(buffer, read);
-    }
-    if (file != INVALID_HANDLE_VALUE) {
-        CloseHandle(file);
-    }
-    return content;
 }
 
 class AppleDevice : public testing::Test {
@@ -89,13 +72,13 @@ TEST_F(AppleDevice, ContentGoesThroughTheCompanion) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EnumerateDevicePath2 enter.\n"));
 
     EXPECT_EQ(device.CopyFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", (local + L"\\a.jpg").c_str()), S_OK);
-    EXPECT_EQ(Content(local + L"\\a.jpg"), "jpeg");
+    EXPECT_EQ(ReadAll(local + L"\\a.jpg"), "jpeg");
     EXPECT_EQ(device.CopyFileFromDevice(L"Internal Storage\\missing.jpg", (local + L"\\m.jpg").c_str()), E_FAIL);
 
     emulator.WriteFile(local + L"\\up.txt", "uploaded");
     EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage\\DCIM", (local + L"\\up.txt").c_str(), L"TOKEN", 1)),
               L"1");
-    EXPECT_EQ(Content(storage + L"\\DCIM\\up.txt"), "uploaded");
+    EXPECT_EQ(ReadAll(storage + L"\\DCIM\\up.txt"), "uploaded");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 calling COM.\n"));
     EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), nullptr, 1)), L"0");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARWriteToken_in == NULL.\n"));
@@ -110,7 +93,7 @@ TEST_F(AppleDevice, ContentGoesThroughTheCompanion) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\up.txt=TRUE"));
 
     EXPECT_EQ(device.MoveFileFromDevice(L"Internal Storage\\notes.txt", (local + L"\\notes.txt").c_str()), 1);
-    EXPECT_EQ(Content(local + L"\\notes.txt"), "notes");
+    EXPECT_EQ(ReadAll(local + L"\\notes.txt"), "notes");
     EXPECT_FALSE(Exists(storage + L"\\notes.txt"));
     EXPECT_EQ(device.MoveFileFromDevice(L"Internal Storage\\notes.txt", (local + L"\\n2.txt").c_str()), 0);
 }

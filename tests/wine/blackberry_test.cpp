@@ -17,6 +17,7 @@
 #include "monitor/companion_processors.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
@@ -87,20 +88,6 @@ private:
     std::vector<DWORD> m_results;
 };
 
-std::string Content(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    std::string content;
-    char buffer[256];
-    DWORD read = 0;
-    while (file != INVALID_HANDLE_VALUE && ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        content.append(buffer, read);
-    }
-    if (file != INVALID_HANDLE_VALUE) {
-        CloseHandle(file);
-    }
-    return content;
-}
-
 std::wstring ErrorSource() {
     IErrorInfo* info = nullptr;
     if (GetErrorInfo(0, &info) != S_OK || info == nullptr) {
@@ -141,11 +128,11 @@ TEST_F(BlackBerryShare, FileOperationsOnTheSharesPaths) {
     EXPECT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret"), 0u);
     EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 0 NO ERROR\n"));
     EXPECT_TRUE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()));
-    EXPECT_EQ(Content(local + L"\\a.jpg"), "jpeg") << "a local path is used as it is";
+    EXPECT_EQ(ReadAll(local + L"\\a.jpg"), "jpeg") << "a local path is used as it is";
 
     emulator.WriteFile(local + L"\\up.txt", "uploaded");
     EXPECT_TRUE(access.CopyFileToDevice((share + L"\\music").c_str(), (local + L"\\up.txt").c_str()));
-    EXPECT_EQ(Content(share + L"\\music\\up.txt"), "uploaded") << "into the folder, under the file's name";
+    EXPECT_EQ(ReadAll(share + L"\\music\\up.txt"), "uploaded") << "into the folder, under the file's name";
     EXPECT_FALSE(access.CopyFileToDevice((share + L"\\nowhere\\x.txt").c_str(), (local + L"\\up.txt").c_str()));
     EXPECT_EQ(ErrorSource(), L"CDorWEXBlackBerry::CopyFileToDevice");
     EXPECT_EQ(trace.StartingWith(L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: ").size(), 1u);
@@ -271,25 +258,6 @@ EmulatedDeviceSpec BlackBerrySpec() {
     return spec;
 }
 
-HANDLE Connect(const wchar_t* name) {
-    for (int attempt = 0; attempt < 500; ++attempt) {
-        HANDLE client = CreateFileW(name, GENERIC_WRITE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (client != INVALID_HANDLE_VALUE) {
-            DWORD mode = PIPE_READMODE_MESSAGE;
-            SetNamedPipeHandleState(client, &mode, nullptr, nullptr);
-            return client;
-        }
-        Sleep(10);
-    }
-    return INVALID_HANDLE_VALUE;
-}
-
-bool Send(HANDLE client, const std::wstring& text) {
-    DWORD written = 0;
-    const DWORD bytes = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-    return WriteFile(client, text.c_str(), bytes, &written, nullptr) && written == bytes;
-}
-
 class BlackBerryPipe : public testing::Test {
 protected:
     void SetUp() override {
@@ -299,7 +267,7 @@ protected:
         device = core.GetCollection()->FindWPDObjectById(L"usb#vid_0fca&pid_8004#bb");
         ASSERT_TRUE(device);
         ASSERT_EQ(device->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
-        client = Connect(kDorWEXBlackBerryPipeName);
+        client = OpenPipeClient(kDorWEXBlackBerryPipeName);
         ASSERT_NE(client, INVALID_HANDLE_VALUE);
     }
     void TearDown() override {
@@ -312,7 +280,7 @@ protected:
     // Sends a message and waits until the pipe worker has handled it.
     void Exchange(const std::wstring& message, const std::wstring& handled) {
         const size_t before = trace.Count(handled);
-        ASSERT_TRUE(Send(client, message));
+        ASSERT_TRUE(SendText(client, message));
         ASSERT_TRUE(WaitUntil([&] { return trace.Count(handled) > before; })) << std::string(message.begin(), message.end());
     }
     CDorWEXWMIBlackBerryEventsListener* Listener() {

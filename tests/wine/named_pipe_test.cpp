@@ -13,6 +13,7 @@
 #include "channels/apple_named_pipe.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
@@ -58,29 +59,9 @@ public:
     std::thread thread;
 };
 
-HANDLE Connect(const wchar_t* name, DWORD waitMs = 5000) {
-    const DWORD start = GetTickCount();
-    for (;;) {
-        HANDLE client = CreateFileW(name, GENERIC_WRITE | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (client != INVALID_HANDLE_VALUE) {
-            DWORD mode = PIPE_READMODE_MESSAGE;
-            SetNamedPipeHandleState(client, &mode, nullptr, nullptr);
-            return client;
-        }
-        if (GetTickCount() - start > waitMs) {
-            return INVALID_HANDLE_VALUE;
-        }
-        Sleep(10);
-    }
-}
-
 bool Send(HANDLE client, const void* data, DWORD bytes) {
     DWORD written = 0;
     return WriteFile(client, data, bytes, &written, nullptr) && written == bytes;
-}
-
-bool Send(HANDLE client, const std::wstring& text) {
-    return Send(client, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
 }
 
 TEST(NamedPipe, DescriptorGrantsTheOwnerAllAndEveryoneAllButOwnershipAndDacl) {
@@ -118,20 +99,20 @@ TEST(NamedPipe, FourClientsAtOnceAndAFifthWhenOneLeaves) {
     Server<RecordingPipe> server(kTestPipe);
     HANDLE clients[4];
     for (auto& client : clients) {
-        client = Connect(kTestPipe);
+        client = OpenPipeClient(kTestPipe);
         ASSERT_NE(client, INVALID_HANDLE_VALUE);
     }
     EXPECT_EQ(CreateFileW(kTestPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PIPE_BUSY)) << "four instances, all taken";
     for (int i = 0; i < 4; ++i) {
-        EXPECT_TRUE(Send(clients[i], L"message " + std::to_wstring(i)));
+        EXPECT_TRUE(SendText(clients[i], L"message " + std::to_wstring(i)));
     }
     ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 4; }));
 
     CloseHandle(clients[0]);  // its instance is re-armed for the next client
-    HANDLE fifth = Connect(kTestPipe);
+    HANDLE fifth = OpenPipeClient(kTestPipe);
     ASSERT_NE(fifth, INVALID_HANDLE_VALUE);
-    EXPECT_TRUE(Send(fifth, L"fifth"));
+    EXPECT_TRUE(SendText(fifth, L"fifth"));
     ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 5; }));
     EXPECT_EQ(server.pipe.messages.back(), L"fifth");
     for (int i = 1; i < 4; ++i) {
@@ -144,9 +125,9 @@ TEST(NamedPipe, FourClientsAtOnceAndAFifthWhenOneLeaves) {
 // The companion's writer as its own process, beside a client of this process that stays connected.
 TEST(NamedPipe, AnotherProcessWritesWhileAClientHereIsConnected) {
     Server<RecordingPipe> server(kTestPipe);
-    HANDLE here = Connect(kTestPipe);
+    HANDLE here = OpenPipeClient(kTestPipe);
     ASSERT_NE(here, INVALID_HANDLE_VALUE);
-    ASSERT_TRUE(Send(here, L"from this process"));
+    ASSERT_TRUE(SendText(here, L"from this process"));
 
     wchar_t program[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
@@ -165,7 +146,7 @@ TEST(NamedPipe, AnotherProcessWritesWhileAClientHereIsConnected) {
     CloseHandle(process.hProcess);
     EXPECT_EQ(exitCode, 0u);
 
-    ASSERT_TRUE(Send(here, L"still here"));
+    ASSERT_TRUE(SendText(here, L"still here"));
     ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 5; }));
     std::lock_guard<std::mutex> guard(server.pipe.mutex);
     EXPECT_EQ(std::count(server.pipe.messages.begin(), server.pipe.messages.end(), L"from another process"), 3);
@@ -177,16 +158,16 @@ TEST(NamedPipe, AnotherProcessWritesWhileAClientHereIsConnected) {
 
 TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
     Server<RecordingPipe> server(kTestPipe);
-    HANDLE client = Connect(kTestPipe);
+    HANDLE client = OpenPipeClient(kTestPipe);
     ASSERT_NE(client, INVALID_HANDLE_VALUE);
     ASSERT_TRUE(Send(client, "", 0));
     // The server drops the connection without handing anything on.
-    EXPECT_TRUE(WaitUntil([&] { return !Send(client, L"after"); }));
+    EXPECT_TRUE(WaitUntil([&] { return !SendText(client, L"after"); }));
     EXPECT_EQ(server.pipe.Count(), 0u);
     CloseHandle(client);
 
     // 8192 bytes of text without a terminator: read whole, not a character beyond.
-    client = Connect(kTestPipe);
+    client = OpenPipeClient(kTestPipe);
     ASSERT_NE(client, INVALID_HANDLE_VALUE);
     const std::wstring full(CDorWEXWMIWPDNamedPipeBase::kBufferSize / sizeof(wchar_t), L'x');
     ASSERT_TRUE(Send(client, full.c_str(), CDorWEXWMIWPDNamedPipeBase::kBufferSize));
@@ -195,8 +176,8 @@ TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
 
     // A larger message does not fit the instance's buffer: the client is dropped.
     const std::wstring tooLong(CDorWEXWMIWPDNamedPipeBase::kBufferSize, L'y');
-    Send(client, tooLong);
-    EXPECT_TRUE(WaitUntil([&] { return !Send(client, L"after"); }));
+    SendText(client, tooLong);
+    EXPECT_TRUE(WaitUntil([&] { return !SendText(client, L"after"); }));
     EXPECT_EQ(server.pipe.Count(), 1u);
     CloseHandle(client);
 }
@@ -221,7 +202,7 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_04e8&pid_6860#pipe"), S_OK);
     TraceCapture trace(1);
     Server<CDorWEXWMIAppleNamedPipe> server(kDorWEXApplePipeName, &core);
-    HANDLE client = Connect(kDorWEXApplePipeName);
+    HANDLE client = OpenPipeClient(kDorWEXApplePipeName);
     ASSERT_NE(client, INVALID_HANDLE_VALUE);
 
     const struct {
@@ -236,7 +217,7 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     };
     for (const auto& c : cases) {
         trace.Clear();
-        ASSERT_TRUE(Send(client, c.message));
+        ASSERT_TRUE(SendText(client, c.message));
         EXPECT_TRUE(WaitUntil([&] { return trace.Has(c.expected); })) << c.message;
     }
     EXPECT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n"); }));
@@ -244,7 +225,7 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
 
     // A device the collection does not know: nothing is raised.
     trace.Clear();
-    ASSERT_TRUE(Send(client, L"Event^WRITE~SerialNumber^NOBODY~strPID^1~TargetPath^Elsewhere\\x"));
+    ASSERT_TRUE(SendText(client, L"Event^WRITE~SerialNumber^NOBODY~strPID^1~TargetPath^Elsewhere\\x"));
     ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent enter."); }));
     Sleep(50);
     EXPECT_FALSE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent enter."));

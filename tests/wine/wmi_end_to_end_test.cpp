@@ -14,6 +14,7 @@
 
 #include "device/com_memory.h"
 #include "device/portable_device_api.h"
+#include "support/test_files.h"
 #include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
@@ -384,25 +385,6 @@ std::wstring Phone() {
 
 std::wstring Card() {
     return g_emulator->StorageDirectory(g_attached, 1);
-}
-
-std::string ReadAll(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        return "<missing>";
-    }
-    std::string content;
-    char buffer[65536];
-    DWORD read = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        content.append(buffer, read);
-    }
-    CloseHandle(file);
-    return content;
-}
-
-bool Exists(const std::wstring& path) {
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 std::wstring LocalTemp(const std::wstring& name) {
@@ -847,19 +829,12 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
     ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
                                               WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events),
               S_OK);
-    HANDLE pipe = INVALID_HANDLE_VALUE;
-    ASSERT_TRUE(WaitUntil([&] {
-        pipe = CreateFileW(L"\\\\.\\pipe\\dorWEXApplePipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        return pipe != INVALID_HANDLE_VALUE;
-    }));
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
+    HANDLE pipe = OpenPipeClient(L"\\\\.\\pipe\\dorWEXApplePipe", 10000);
+    ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
     const std::wstring report = L"Event^WRITE~SerialNumber^APPLE-WMI-1~strPID^" + std::to_wstring(self) +
                                 L"~TargetPath^Internal Storage\\DCIM~LocalFileName^" + local + L"~ClientPid^" +
                                 std::to_wstring(self) + L"~WriteToken^" + token;
-    DWORD written = 0;
-    ASSERT_TRUE(WriteFile(pipe, report.c_str(), static_cast<DWORD>((report.size() + 1) * sizeof(wchar_t)), &written,
-                          nullptr));
+    ASSERT_TRUE(SendText(pipe, report));
     IWbemClassObject* event = nullptr;
     ULONG returned = 0;
     ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/pnp_tree_double.h"
+#include "support/test_files.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
 #include "monitor/wpd_collection.h"
@@ -121,20 +122,10 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
                                               WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events),
               S_OK);
-    HANDLE pipe = INVALID_HANDLE_VALUE;
-    for (int attempt = 0; attempt < 500 && pipe == INVALID_HANDLE_VALUE; ++attempt) {
-        pipe = CreateFileW(L"\\\\.\\pipe\\dorWEX14BlackBerryPipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (pipe == INVALID_HANDLE_VALUE) {
-            Sleep(10);
-        }
-    }
+    HANDLE pipe = OpenPipeClient(L"\\\\.\\pipe\\dorWEX14BlackBerryPipe");
     ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
     const std::wstring report = L"4711*BlackBerryFileWrite*\\\\10.0.0.1\\media\\a.jpg*y*BLACKBERRY_2A3B4C5D";
-    DWORD written = 0;
-    ASSERT_TRUE(WriteFile(pipe, report.c_str(), static_cast<DWORD>((report.size() + 1) * sizeof(wchar_t)), &written,
-                          nullptr));
+    ASSERT_TRUE(SendText(pipe, report));
     IWbemClassObject* event = nullptr;
     ULONG returned = 0;
     ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
