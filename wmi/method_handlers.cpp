@@ -127,6 +127,28 @@ HRESULT DeviceMethod(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in, c
     return S_OK;
 }
 
+// The calling client's identity for the local-file side of a copy, as Windows' own providers take it: the
+// provider runs as LocalSystem, and a client must not make it read or write a file the client itself may
+// not. Without a client call context (an in-process caller), the provider's own identity stays.
+class ClientImpersonation {
+public:
+    explicit ClientImpersonation(const wchar_t* pwcharOperation_in) {
+        const HRESULT l_HRESULT = CoImpersonateClient();
+        m_boolImpersonating = SUCCEEDED(l_HRESULT);
+        Trace(L"%s, CoImpersonateClient %x\n", pwcharOperation_in, l_HRESULT);
+    }
+    ~ClientImpersonation() {
+        if (m_boolImpersonating) {
+            CoRevertToSelf();
+        }
+    }
+    ClientImpersonation(const ClientImpersonation&) = delete;
+    ClientImpersonation& operator=(const ClientImpersonation&) = delete;
+
+private:
+    bool m_boolImpersonating = false;
+};
+
 }  // namespace
 
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
@@ -144,6 +166,7 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
                         L"CDorWEXWPDWMI::MethodCopyFileFromDevice2",
                         {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
                         [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
                             SetOneOrZero(call_io, SUCCEEDED(device_in.CopyFileFromDevice(Pointer(texts_in[0]),
                                                                                          Pointer(texts_in[1])))
                                                       ? 1
@@ -156,6 +179,7 @@ HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
                         L"CDorWEXWPDWMI::MethodMoveFileFromDevice2",
                         {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
                         [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodMoveFileFromDevice2");
                             SetOneOrZero(call_io,
                                          device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
                         });
@@ -269,6 +293,7 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
         call_io.SetExtendedStatus(kInner, L"Write token not found");
         return S_OK;
     }
+    const ClientImpersonation l_Impersonation(kInner);
     const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
                                                                Pointer(l_Texts[2]), l_dwordTokenProcessId);
     call_io.SetReturnText(BstrText(l_bstr_tResult));

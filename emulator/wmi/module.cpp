@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string>
 
+#include "client_context.h"
 #include "context.h"
 #include "emulator/common/com_server.h"
 #include "namespace.h"
@@ -91,4 +92,13 @@ extern "C" LONG WINAPI DorwexWmiSubscriptions() {
 
 extern "C" LONG WINAPI DorwexWmiLiveObjects() {
     return g_liveObjects.load();
+}
+
+// Provider calls from now on run in a client call context (1) or in none (0).
+extern "C" void WINAPI DorwexWmiSetClientContext(BOOL provided) {
+    SetClientContextProvided(provided != FALSE);
+}
+
+extern "C" void WINAPI DorwexWmiImpersonations(LONG* impersonations, LONG* reverts) {
+    ImpersonationCounts(impersonations, reverts);
 }

@@ -5,6 +5,7 @@
 
 #include <functional>
 
+#include "client_context.h"
 #include "namespace.h"
 #include "sinks.h"
 #include "wmi/object_path.h"
@@ -24,7 +25,10 @@ HRESULT CallProvider(const std::function<HRESULT(IWbemServices*, IWbemObjectSink
         return hr;
     }
     auto* sink = new CollectingSink();
-    hr = call(provider, sink);
+    {
+        const ClientCallScope clientCall;  // a client call context when tests provide one
+        hr = call(provider, sink);
+    }
     provider->Release();
     if (SUCCEEDED(hr) && sink->Completed()) {
         hr = sink->Status();

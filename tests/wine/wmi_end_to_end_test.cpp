@@ -861,3 +861,48 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
 }
 
 }  // namespace
+
+namespace {
+
+// The provider runs as LocalSystem: the local-file side of a copy impersonates the calling client when the
+// WMI service gives the call a client context, and goes on in the provider's identity when it does not.
+TEST(WmiSecurity, LocalFileAccessImpersonatesTheClientWhenThereIsOne) {
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    HMODULE wmi = GetModuleHandleW(L"dorwex_wmi_emulator.dll");
+    ASSERT_NE(wmi, nullptr);
+    auto* setClientContext = reinterpret_cast<void(WINAPI*)(BOOL)>(
+        reinterpret_cast<void*>(GetProcAddress(wmi, "DorwexWmiSetClientContext")));
+    auto* impersonations = reinterpret_cast<void(WINAPI*)(LONG*, LONG*)>(
+        reinterpret_cast<void*>(GetProcAddress(wmi, "DorwexWmiImpersonations")));
+    ASSERT_TRUE(setClientContext != nullptr && impersonations != nullptr);
+    g_emulator->WriteFile(Phone() + L"\\secured.txt", "secured");
+    const auto copyFrom = [](const std::wstring& local) {
+        return CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\secured.txt")},
+                                                  {L"strLocalFileName", _variant_t(local.c_str())},
+                                                  {L"strObjectDeviceId", _variant_t(kDevice)}});
+    };
+    LONG before = 0, revertsBefore = 0, after = 0, revertsAfter = 0;
+
+    setClientContext(TRUE);
+    impersonations(&before, &revertsBefore);
+    EXPECT_EQ(copyFrom(LocalTemp(L"secured-1.txt")).returnValue, L"1");
+    impersonations(&after, &revertsAfter);
+    EXPECT_EQ(after - before, 1) << "the copy ran as the client";
+    EXPECT_EQ(revertsAfter - revertsBefore, 1) << "and went back to the provider's identity after";
+    EXPECT_EQ(CallMethod(L"GetProperty", {{L"strObjectStoragePath", _variant_t(L"Phone\\secured.txt")},
+                                          {L"strPropertyName", _variant_t(L"WPD_OBJECT_SIZE")},
+                                          {L"strObjectDeviceId", _variant_t(kDevice)}})
+                  .returnValue,
+              L"7");
+    impersonations(&before, &revertsBefore);
+    EXPECT_EQ(before, after) << "no local file, no impersonation";
+
+    setClientContext(FALSE);
+    EXPECT_EQ(copyFrom(LocalTemp(L"secured-2.txt")).returnValue, L"1") << "without a client context, as before";
+    EXPECT_EQ(ReadAll(LocalTemp(L"secured-2.txt")), "secured");
+    impersonations(&after, &revertsAfter);
+    EXPECT_EQ(after, before);
+}
+
+}  // namespace
