@@ -9,6 +9,7 @@
 #include <wrl/client.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@
 #include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
+#include "wmi/schema.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -903,6 +905,70 @@ TEST(WmiSecurity, LocalFileAccessImpersonatesTheClientWhenThereIsOne) {
     EXPECT_EQ(ReadAll(LocalTemp(L"secured-2.txt")), "secured");
     impersonations(&after, &revertsAfter);
     EXPECT_EQ(after, before);
+}
+
+}  // namespace
+
+namespace {
+
+// Every method, every input parameter, every kind of value a client can put there: an answer (success or a
+// described failure), never a crash, and the provider still answers afterwards. The other parameters hold
+// ordinary values, so each call gets as far as the odd one lets it.
+TEST(WmiRobustness, EveryMethodTakesEveryValueTypeOnEveryParameter) {
+    using dorwex::schema::kWPDMethods;
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    std::vector<std::pair<std::wstring, _variant_t>> odd;
+    odd.emplace_back(L"empty", _variant_t());
+    _variant_t null;
+    null.vt = VT_NULL;
+    odd.emplace_back(L"null", null);
+    odd.emplace_back(L"i2", _variant_t(static_cast<short>(-7)));
+    odd.emplace_back(L"i4", _variant_t(-1L, VT_I4));
+    odd.emplace_back(L"r8", _variant_t(3.5e300));
+    odd.emplace_back(L"bool", _variant_t(true));
+    odd.emplace_back(L"ui1", _variant_t(static_cast<BYTE>(200)));
+    _variant_t date;
+    date.vt = VT_DATE;
+    date.date = 45000.5;
+    odd.emplace_back(L"date", date);
+    _variant_t error;
+    error.vt = VT_ERROR;
+    error.scode = DISP_E_PARAMNOTFOUND;
+    odd.emplace_back(L"error", error);
+    for (size_t length : {0u, 259u, 260u, 261u, 40000u}) {
+        odd.emplace_back(L"text " + std::to_wstring(length), _variant_t(std::wstring(length, L'z').c_str()));
+    }
+    const std::map<std::wstring, _variant_t> ordinary = {
+        {L"strObjectStoragePath", _variant_t(L"Phone")}, {L"strObjectDeviceId", _variant_t(kDevice)},
+        {L"strPropertyName", _variant_t(L"WPD_OBJECT_NAME")}, {L"strLocalFileName", _variant_t(LocalTemp(L"robust.bin").c_str())},
+        {L"strNewFolderName", _variant_t(L"robust")}, {L"uint32ContentType", _variant_t(0L, VT_I4)},
+        {L"uint32ProcessId", _variant_t(self, VT_I4)}, {L"strFileToCopy", _variant_t(LocalTemp(L"robust-up.bin").c_str())},
+        {L"strWriteToken", _variant_t(L"not-a-token")}, {L"uint32DebugLevel", _variant_t(0L, VT_I4)}};
+    for (const auto& method : kWPDMethods) {
+        if (wcscmp(method.name, L"EjectDevice") == 0) {
+            continue;  // answered through the prefix's own Plug and Play tree above
+        }
+        for (size_t slot = 0; slot < method.inputCount; ++slot) {
+            for (const auto& value : odd) {
+                Parameters parameters;
+                for (size_t i = 0; i < method.inputCount; ++i) {
+                    const auto found = ordinary.find(method.inputs[i].name);
+                    parameters.emplace_back(method.inputs[i].name,
+                                            i == slot ? value.second : found != ordinary.end() ? found->second : _variant_t());
+                }
+                const Outcome outcome = CallMethod(method.name, parameters, self);
+                SCOPED_TRACE(std::wstring(method.name) + L" " + method.inputs[slot].name + L" = " + value.first);
+                EXPECT_TRUE(outcome.status == S_OK || outcome.status == E_FAIL) << std::hex << outcome.status;
+                if (outcome.status == E_FAIL) {
+                    EXPECT_FALSE(outcome.description.empty()) << "a failure says what failed";
+                }
+            }
+        }
+    }
+    CallMethod(L"SetDebugLevel", {{L"uint32DebugLevel", _variant_t(0L, VT_I4)}});
+    auto services = Connect();
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'att1'").size(), 1u)
+        << "the provider still answers";
 }
 
 }  // namespace
