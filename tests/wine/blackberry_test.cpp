@@ -313,9 +313,10 @@ TEST_F(BlackBerryPipe, CredentialsConnectOnceAndTheSameCredentialsDoNotReconnect
 
     // A share the device did not name: its SD card, the second storage.
     Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\sdcard*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials enter.");
+    // Messages of one client are handled in order: once the next one is, the SD card's is complete.
+    Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\DTM*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::FilterShare, filtering \\DTM\n");
     EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Name), L"\\\\10.0.0.1\\sdcard");
     EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Description), L"SD Card in BB device");
-    Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\DTM*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::FilterShare, filtering \\DTM\n");
     EXPECT_EQ(wnet.Connects().size(), 3u) << "a filtered share is not connected";
 
     for (const auto& line : trace.Lines()) {

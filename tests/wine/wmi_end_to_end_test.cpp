@@ -8,9 +8,11 @@
 #include <wbemprov.h>
 #include <wrl/client.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "device/com_memory.h"
@@ -969,6 +971,85 @@ TEST(WmiRobustness, EveryMethodTakesEveryValueTypeOnEveryParameter) {
     auto services = Connect();
     EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'att1'").size(), 1u)
         << "the provider still answers";
+}
+
+}  // namespace
+
+namespace {
+
+// Several clients call methods on the provider at once while a device comes and goes, content is written
+// onto the attached device (its events fire) and a device is pulled out in the middle of a copy. Nothing
+// crashes or hangs, and what the run created is released again.
+TEST(WmiStress, MethodsWhileDevicesComeAndGoAndEventsFire) {
+    auto services = Connect();
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
+    ASSERT_TRUE(g_emulator->WaitForEvents(5000));
+    const LONG objectsBefore = g_emulator->LiveObjects();
+    DWORD handlesBefore = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &handlesBefore);
+
+    const std::string transientId = "\\\\?\\usb#vid_0421&pid_0661#transient#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    EmulatedDeviceSpec transient = PhoneSpec(transientId, "NOKIA", "TRANS1");
+    std::string big(3 * 1024 * 1024, 'b');
+    g_emulator->WriteFile(Phone() + L"\\stress.bin", big);
+
+    std::atomic<bool> stop{false};
+    std::atomic<long> calls{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&, t] {
+            CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            const std::wstring local = LocalTemp(L"stress-" + std::to_wstring(t) + L".bin");
+            const std::wstring folder = L"stress-folder-" + std::to_wstring(t);
+            while (!stop.load()) {
+                const std::wstring device = (calls.load() % 2 == 0) ? kDevice : Wide(transientId);
+                const Outcome listing = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                                            {L"strObjectDeviceId", _variant_t(device.c_str())},
+                                                                            {L"uint32ContentType", _variant_t(0L, VT_I4)}});
+                EXPECT_TRUE(listing.status == S_OK || listing.description == L"Device not found");
+                CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Phone\\stress.bin")},
+                                                   {L"strLocalFileName", _variant_t(local.c_str())},
+                                                   {L"strObjectDeviceId", _variant_t(device.c_str())}});
+                CallMethod(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                     {L"strNewFolderName", _variant_t(folder.c_str())},
+                                                     {L"strObjectDeviceId", _variant_t(kDevice)}});
+                CallMethod(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + folder).c_str())},
+                                                     {L"strObjectDeviceId", _variant_t(kDevice)}});
+                ++calls;
+            }
+            CoUninitialize();
+        });
+    }
+    // A device that arrives, is copied from, and is pulled out during the copy.
+    threads.emplace_back([&] {
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        for (int round = 0; round < 4 && !stop.load(); ++round) {
+            g_emulator->Attach(transient);
+            g_emulator->WriteFile(g_emulator->StorageDirectory(transient, 0) + L"\\stress.bin", big);
+            Notify(DBT_DEVICEARRIVAL, Wide(transientId));
+            Sleep(150);
+            g_emulator->RemoveDevice(Wide(transientId).c_str());
+            Notify(DBT_DEVICEREMOVECOMPLETE, Wide(transientId));
+            g_emulator->Detach(transient);
+            Sleep(100);
+        }
+        CoUninitialize();
+    });
+    Sleep(4000);
+    stop = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(calls.load(), 4) << "the clients got through";
+    ASSERT_TRUE(g_emulator->WaitForEvents(10000));
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'att1'").size(), 1u);
+    EXPECT_TRUE(Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'TRANS1'").empty());
+    EXPECT_TRUE(WaitUntil([&] { return g_emulator->LiveObjects() <= objectsBefore; }))
+        << "COM objects of the emulated stack left: " << g_emulator->LiveObjects() - objectsBefore;
+    DWORD handlesAfter = 0;
+    if (GetProcessHandleCount(GetCurrentProcess(), &handlesAfter) && handlesBefore != 0) {
+        EXPECT_LE(handlesAfter, handlesBefore + 16) << "handles leaked by the run";
+    }
 }
 
 }  // namespace
