@@ -90,3 +90,13 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
     }
     return outcome;
 }
+
+ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long milliseconds) {
+    IWbemClassObject* event = nullptr;
+    ULONG returned = 0;
+    ComPtr<IWbemClassObject> received;
+    if (events != nullptr && events->Next(milliseconds, 1, &event, &returned) == S_OK && returned == 1) {
+        received.Attach(event);
+    }
+    return received;
+}

@@ -16,6 +16,8 @@ void Register(const wchar_t* dll);
 
 Microsoft::WRL::ComPtr<IWbemServices> Connect();
 std::vector<Microsoft::WRL::ComPtr<IWbemClassObject>> Query(IWbemServices* services, const std::wstring& wql);
+// The next event of a subscription within the time, or null.
+Microsoft::WRL::ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long milliseconds = 10000);
 // A text property, or "<none>".
 std::wstring Text(IWbemClassObject* object, const wchar_t* name);
 

@@ -839,11 +839,9 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
                                 L"~TargetPath^Internal Storage\\DCIM~LocalFileName^" + local + L"~ClientPid^" +
                                 std::to_wstring(self) + L"~WriteToken^" + token;
     ASSERT_TRUE(SendText(pipe, report));
-    IWbemClassObject* event = nullptr;
-    ULONG returned = 0;
-    ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
-    ComPtr<IWbemClassObject> received(event);
-    event->Release();
+    const ComPtr<IWbemClassObject> received = NextEvent(events.Get());
+    ASSERT_TRUE(received);
+    IWbemClassObject* event = received.Get();
     EXPECT_EQ(Text(event, L"strEventId"), L"{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}");
     EXPECT_EQ(Upper(Text(event, L"strObjectDeviceId")), Upper(Wide(id)));
     EXPECT_EQ(Text(event, L"strTargetPath"), L"/private/var/mobile/Media/DCIM") << "the device's own path";

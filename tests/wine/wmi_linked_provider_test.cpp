@@ -126,11 +126,9 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     ASSERT_NE(pipe, INVALID_HANDLE_VALUE);
     const std::wstring report = L"4711*BlackBerryFileWrite*\\\\10.0.0.1\\media\\a.jpg*y*BLACKBERRY_2A3B4C5D";
     ASSERT_TRUE(SendText(pipe, report));
-    IWbemClassObject* event = nullptr;
-    ULONG returned = 0;
-    ASSERT_EQ(events->Next(10000, 1, &event, &returned), S_OK);
-    ComPtr<IWbemClassObject> received(event);
-    event->Release();
+    const ComPtr<IWbemClassObject> received = NextEvent(events.Get());
+    ASSERT_TRUE(received);
+    IWbemClassObject* event = received.Get();
     EXPECT_EQ(Text(event, L"strEventId"), L"{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}");
     EXPECT_EQ(Text(event, L"strOriginalFileName"), L"") << "no local file name on this channel";
     EXPECT_EQ(Text(event, L"strTargetPath"), L"\\\\10.0.0.1\\media\\a.jpg") << "the share path itself";
