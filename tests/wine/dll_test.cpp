@@ -1,6 +1,8 @@
 // The built DLL as a host sees it: loaded from disk, reached only through its exports.
 #include <gtest/gtest.h>
+#include <windows.h>
 #include <objbase.h>
+#include <winver.h>
 #include <wbemcli.h>
 
 #include <string>
@@ -45,6 +47,33 @@ TEST_F(ProviderDll, ExportsTheFourCOMEntryPointsAndNothingElseByName) {
     }
     EXPECT_EQ(GetProcAddress(module_, "DllMain"), nullptr);
     EXPECT_EQ(GetProcAddress(module_, "Trace"), nullptr);
+}
+
+// What Explorer's Details tab and installers read from the file.
+TEST_F(ProviderDll, CarriesItsVersionInformation) {
+    const std::wstring path = GetProgramDirectory() + L"dorwex_wpd_provider.dll";
+    DWORD handle = 0;
+    const DWORD size = GetFileVersionInfoSizeW(path.c_str(), &handle);
+    ASSERT_GT(size, 0u);
+    std::string block(size, '\0');
+    ASSERT_TRUE(GetFileVersionInfoW(path.c_str(), 0, size, &block[0]));
+    VS_FIXEDFILEINFO* fixed = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(VerQueryValueW(&block[0], L"\\", reinterpret_cast<void**>(&fixed), &length));
+    EXPECT_EQ(fixed->dwSignature, 0xFEEF04BDu);
+    EXPECT_EQ(fixed->dwFileType, static_cast<DWORD>(VFT_DLL));
+    EXPECT_EQ(HIWORD(fixed->dwFileVersionMS), 1u);
+    const auto text = [&](const wchar_t* name) {
+        wchar_t* value = nullptr;
+        UINT chars = 0;
+        const std::wstring key = std::wstring(L"\\StringFileInfo\\040904B0\\") + name;
+        return VerQueryValueW(&block[0], key.c_str(), reinterpret_cast<void**>(&value), &chars) && value != nullptr
+                   ? std::wstring(value)
+                   : std::wstring(L"<none>");
+    };
+    EXPECT_EQ(text(L"OriginalFilename"), L"dorwex_wpd_provider.dll");
+    EXPECT_EQ(text(L"FileVersion"), L"1.0.2.0");
+    EXPECT_NE(text(L"FileDescription").find(L"Win32ext_WPD"), std::wstring::npos);
 }
 
 TEST_F(ProviderDll, ServesOnlyItsOwnClass) {
