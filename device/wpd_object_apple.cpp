@@ -35,6 +35,16 @@ void TraceComError(const wchar_t* pwcharOperation_in, HRESULT hresultCode_in) {
           GetErrorText(hresultCode_in).c_str());
 }
 
+// A companion call that answers with a result: its failure traced and passed on, otherwise S_OK when the
+// result is 1 and E_FAIL for anything else.
+HRESULT Outcome(const wchar_t* pwcharOperation_in, HRESULT hresultCall_in, const VARIANT& result_in) {
+    if (FAILED(hresultCall_in)) {
+        TraceComError(pwcharOperation_in, hresultCall_in);
+        return hresultCall_in;
+    }
+    return ResultOf(result_in) == 1 ? S_OK : E_FAIL;
+}
+
 _bstr_t Bstr(const wchar_t* pwcharText_in) {
     return _bstr_t(pwcharText_in != nullptr ? pwcharText_in : L"");
 }
@@ -160,14 +170,10 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice2(const wchar_t* pwcharObjectStorage
         return E_FAIL;
     }
     _variant_t l_variant_tResult;
-    const HRESULT l_HRESULT =
-        l_pApple->CopyFileFromDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in),
-                                     _bstr_t(pwcharLocalFileName_in), &l_variant_tResult);
-    if (FAILED(l_HRESULT)) {
-        TraceComError(L"CopyFileFromDevice2", l_HRESULT);
-        return l_HRESULT;
-    }
-    return ResultOf(l_variant_tResult) == 1 ? S_OK : E_FAIL;
+    return Outcome(L"CopyFileFromDevice2",
+                   l_pApple->CopyFileFromDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in),
+                                                _bstr_t(pwcharLocalFileName_in), &l_variant_tResult),
+                   l_variant_tResult);
 }
 
 int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in) {
@@ -178,11 +184,7 @@ int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePa
         _variant_t l_variant_tResult;
         const HRESULT l_HRESULT = l_pApple->DeleteFileFromDevice(
             Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in), &l_variant_tResult);
-        if (FAILED(l_HRESULT)) {
-            TraceComError(L"DeleteFileFromDevice2", l_HRESULT);
-        } else {
-            l_intResult = ResultOf(l_variant_tResult) == 1 ? 1 : 0;
-        }
+        l_intResult = SUCCEEDED(Outcome(L"DeleteFileFromDevice2", l_HRESULT, l_variant_tResult)) ? 1 : 0;
     }
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice2 %s=%s", pwcharObjectStoragePath_in != nullptr ? pwcharObjectStoragePath_in : L"",
           l_intResult == 1 ? L"TRUE" : L"FALSE");
@@ -196,14 +198,10 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice2(const wchar_t* pwcharParentPath_
         return E_FAIL;
     }
     _variant_t l_variant_tResult;
-    const HRESULT l_HRESULT =
-        l_pApple->CreateFolderOnDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharParentPath_in),
-                                       _bstr_t(pwcharFolderName_in), &l_variant_tResult);
-    if (FAILED(l_HRESULT)) {
-        TraceComError(L"CreateFolderOnDevice2", l_HRESULT);
-        return l_HRESULT;
-    }
-    return ResultOf(l_variant_tResult) == 1 ? S_OK : E_FAIL;
+    return Outcome(L"CreateFolderOnDevice2",
+                   l_pApple->CreateFolderOnDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharParentPath_in),
+                                                  _bstr_t(pwcharFolderName_in), &l_variant_tResult),
+                   l_variant_tResult);
 }
 
 // Copy, then delete; 1 when the copy succeeded, whatever the delete did.

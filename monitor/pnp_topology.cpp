@@ -154,6 +154,18 @@ void ForEachMatchingNode(HDEVINFO hdevinfo_in, const std::wstring& wstringName_i
     }
 }
 
+// Calls child_in(devinst) for each child of a node, at most 256, until it returns false.
+template <typename Child>
+void ForEachChild(DEVINST devinstParent_in, Child child_in) {
+    DEVINST l_devinstChild = 0;
+    int l_intSeen = 0;
+    for (CONFIGRET l_CONFIGRET = PnpApi().pCM_Get_Child(&l_devinstChild, devinstParent_in, 0);
+         l_CONFIGRET == CR_SUCCESS && l_intSeen < 256 && child_in(l_devinstChild);
+         l_CONFIGRET = PnpApi().pCM_Get_Sibling(&l_devinstChild, l_devinstChild, 0)) {
+        ++l_intSeen;
+    }
+}
+
 bool IsVolume(const CDorWEXWPDObjectInWin32::NodeEntry& entry_in) {
     return _wcsnicmp(entry_in.wstringInstanceId.c_str(), L"STORAGE\\VOLUME", 14) == 0;
 }
@@ -498,12 +510,10 @@ void CDorWEXWPDObjectInWin32::ReadHub(const Ancestor& hub_in, NodeEntry& entry_i
     }
     // Active ports: the hub's children, each on a port of its own.
     int l_intChildren = 0;
-    DEVINST l_devinstChild = 0;
-    for (CONFIGRET l_CONFIGRET = PnpApi().pCM_Get_Child(&l_devinstChild, hub_in.devinst, 0);
-         l_CONFIGRET == CR_SUCCESS && l_intChildren < 256;
-         l_CONFIGRET = PnpApi().pCM_Get_Sibling(&l_devinstChild, l_devinstChild, 0)) {
+    ForEachChild(hub_in.devinst, [&](DEVINST) {
         ++l_intChildren;
-    }
+        return true;
+    });
     entry_io.intActivePortsOnHub = l_intChildren;
 }
 
@@ -514,18 +524,18 @@ int CDorWEXWPDObjectInWin32::FindPort(const NodeEntry& entry_in, DEVINST devinst
     }
     // Count the hub's children up to the device.
     int l_intCount = 0;
-    DEVINST l_devinstChild = 0;
-    for (CONFIGRET l_CONFIGRET = PnpApi().pCM_Get_Child(&l_devinstChild, devinstHub_in, 0);
-         l_CONFIGRET == CR_SUCCESS && l_intCount < 256;
-         l_CONFIGRET = PnpApi().pCM_Get_Sibling(&l_devinstChild, l_devinstChild, 0)) {
+    int l_intPortFound = 0;
+    ForEachChild(devinstHub_in, [&](DEVINST devinstChild_in) {
         ++l_intCount;
         wchar_t l_wcharId[260] = {};
-        if (PnpApi().pCM_Get_Device_IDW(l_devinstChild, l_wcharId, _countof(l_wcharId) - 1, 0) == CR_SUCCESS &&
+        if (PnpApi().pCM_Get_Device_IDW(devinstChild_in, l_wcharId, _countof(l_wcharId) - 1, 0) == CR_SUCCESS &&
             _wcsicmp(l_wcharId, entry_in.wstringInstanceId.c_str()) == 0) {
-            return l_intCount;
+            l_intPortFound = l_intCount;
+            return false;
         }
-    }
-    return 0;
+        return true;
+    });
+    return l_intPortFound;
 }
 
 std::wstring CDorWEXWPDObjectInWin32::GetDeviceSerialNumber() const {

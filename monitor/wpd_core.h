@@ -62,7 +62,6 @@ public:
     std::mutex& GetDiskMountLock() { return m_mutexDiskMounts; }
 
     CDorWEXWPDWMI* GetOwner() const { return m_pOwner; }
-    void SetOwner(CDorWEXWPDWMI* pOwner_in) { m_pOwner = pOwner_in; }
     // Provider objects re-attach to the running core; the newest one is the one it publishes through. When
     // that one goes, the newest of those still alive takes over.
     void AttachProvider(CDorWEXWPDWMI* pProvider_in);
