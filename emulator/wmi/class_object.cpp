@@ -53,6 +53,112 @@ std::wstring ValueText(const VARIANT& value) {
     return L"NULL";
 }
 
+// The system properties every class and instance carries, in the order Windows enumerates them.
+constexpr const wchar_t* kSystemProperties[] = {L"__GENUS",          L"__CLASS",      L"__SUPERCLASS", L"__DYNASTY",
+                                                L"__RELPATH",        L"__PROPERTY_COUNT", L"__DERIVATION",
+                                                L"__SERVER",         L"__NAMESPACE",  L"__PATH"};
+constexpr size_t kSystemPropertyCount = sizeof(kSystemProperties) / sizeof(kSystemProperties[0]);
+
+int FindSystemProperty(const wchar_t* name) {
+    for (size_t i = 0; i < kSystemPropertyCount; ++i) {
+        if (_wcsicmp(kSystemProperties[i], name) == 0) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+VARIANT TextVariant(const std::wstring& text) {
+    VARIANT value;
+    VariantInit(&value);
+    value.vt = VT_BSTR;
+    value.bstrVal = SysAllocString(text.c_str());
+    return value;
+}
+
+VARIANT NumberVariant(LONG number) {
+    VARIANT value;
+    VariantInit(&value);
+    value.vt = VT_I4;
+    value.lVal = number;
+    return value;
+}
+
+const std::wstring& ServerName() {
+    static const std::wstring name = [] {
+        wchar_t buffer[MAX_COMPUTERNAME_LENGTH + 1] = {};
+        DWORD size = MAX_COMPUTERNAME_LENGTH + 1;
+        return GetComputerNameW(buffer, &size) ? std::wstring(buffer) : std::wstring(L".");
+    }();
+    return name;
+}
+
+// WMI keeps integers of up to 32 bits in the VARIANT type of their CIM type, whatever integer type a client
+// puts: a uint32 reads back as VT_I4.
+VARTYPE CanonicalIntegerType(CIMTYPE type) {
+    switch (type) {
+    case CIM_SINT8:
+    case CIM_SINT16:
+        return VT_I2;
+    case CIM_UINT8:
+        return VT_UI1;
+    case CIM_UINT16:
+    case CIM_SINT32:
+    case CIM_UINT32:
+        return VT_I4;
+    default:
+        return VT_EMPTY;
+    }
+}
+
+// The value of an integer VARIANT, or false when it holds no integer.
+bool IntegerValue(const VARIANT& value, LONGLONG& out) {
+    switch (value.vt) {
+    case VT_I1:
+        out = value.cVal;
+        return true;
+    case VT_UI1:
+        out = value.bVal;
+        return true;
+    case VT_I2:
+        out = value.iVal;
+        return true;
+    case VT_UI2:
+        out = value.uiVal;
+        return true;
+    case VT_I4:
+    case VT_INT:
+        out = value.lVal;
+        return true;
+    case VT_UI4:
+    case VT_UINT:
+        out = value.ulVal;
+        return true;
+    default:
+        return false;
+    }
+}
+
+// An integer put into an integer property, in the property's own VARIANT type (bits kept, as WMI keeps
+// them: uint32 4294967295 reads back as VT_I4 -1).
+bool CanonicalInteger(CIMTYPE type, const VARIANT& value, VARIANT& out) {
+    const VARTYPE canonical = CanonicalIntegerType(type);
+    LONGLONG number = 0;
+    if (canonical == VT_EMPTY || value.vt == canonical || !IntegerValue(value, number)) {
+        return false;
+    }
+    VariantInit(&out);
+    out.vt = canonical;
+    if (canonical == VT_I2) {
+        out.iVal = static_cast<SHORT>(number);
+    } else if (canonical == VT_UI1) {
+        out.bVal = static_cast<BYTE>(number);
+    } else {
+        out.lVal = static_cast<LONG>(number);
+    }
+    return true;
+}
+
 }  // namespace
 
 int ClassDefinition::FindProperty(const wchar_t* name) const {
@@ -105,11 +211,87 @@ std::wstring ClassObject::RelativePath() const {
     }
     std::wstring path;
     for (size_t i = 0; i < m_definition->properties.size(); ++i) {
-        if (m_definition->properties[i].key && m_values[i].vt != VT_NULL && m_values[i].vt != VT_EMPTY) {
+        if (m_definition->properties[i].key) {
+            if (m_values[i].vt == VT_NULL || m_values[i].vt == VT_EMPTY) {
+                return std::wstring();  // an instance without its keys has no path
+            }
             path += (path.empty() ? L"." : L",") + m_definition->properties[i].name + L"=" + ValueText(m_values[i]);
         }
     }
-    return m_definition->name + path;
+    return path.empty() ? std::wstring() : m_definition->name + path;
+}
+
+IWbemClassObject* ClassObject::Projected(const std::vector<std::wstring>& names) const {
+    auto definition = std::make_shared<ClassDefinition>(*m_definition);
+    definition->properties.clear();
+    std::vector<size_t> kept;
+    for (size_t i = 0; i < m_definition->properties.size(); ++i) {
+        for (const auto& name : names) {
+            if (SameName(name, m_definition->properties[i].name.c_str())) {
+                definition->properties.push_back(m_definition->properties[i]);
+                kept.push_back(i);
+                break;
+            }
+        }
+    }
+    auto* projected = new (std::nothrow) ClassObject(definition, m_instance);
+    if (projected != nullptr) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (size_t i = 0; i < kept.size(); ++i) {
+            VariantCopy(&projected->m_values[i], const_cast<VARIANT*>(&m_values[kept[i]]));
+        }
+    }
+    return projected;
+}
+
+VARIANT ClassObject::SystemValue(size_t index, CIMTYPE& type) const {
+    const ClassDefinition& definition = *m_definition;
+    // Method parameters live in no namespace and have no path.
+    const bool inNamespace = definition.name != L"__PARAMETERS";
+    type = CIM_STRING;
+    switch (index) {
+    case 0:  // __GENUS
+        type = CIM_SINT32;
+        return NumberVariant(m_instance ? WBEM_GENUS_INSTANCE : WBEM_GENUS_CLASS);
+    case 1:  // __CLASS
+        return TextVariant(definition.name);
+    case 2:  // __SUPERCLASS
+        return definition.ancestors.empty() ? NullVariant() : TextVariant(definition.ancestors.front());
+    case 3:  // __DYNASTY
+        return TextVariant(definition.ancestors.empty() ? definition.name : definition.ancestors.back());
+    case 4: {  // __RELPATH
+        const std::wstring path = RelativePath();
+        return path.empty() ? NullVariant() : TextVariant(path);
+    }
+    case 5:  // __PROPERTY_COUNT
+        type = CIM_SINT32;
+        return NumberVariant(static_cast<LONG>(definition.properties.size()));
+    case 6: {  // __DERIVATION
+        type = CIM_STRING | CIM_FLAG_ARRAY;
+        VARIANT value;
+        VariantInit(&value);
+        SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(definition.ancestors.size()));
+        if (names == nullptr) {
+            return NullVariant();
+        }
+        for (LONG i = 0; i < static_cast<LONG>(definition.ancestors.size()); ++i) {
+            BSTR name = SysAllocString(definition.ancestors[static_cast<size_t>(i)].c_str());
+            SafeArrayPutElement(names, &i, name);
+            SysFreeString(name);
+        }
+        value.vt = VT_ARRAY | VT_BSTR;
+        value.parray = names;
+        return value;
+    }
+    case 7:  // __SERVER
+        return inNamespace ? TextVariant(ServerName()) : NullVariant();
+    case 8:  // __NAMESPACE
+        return inNamespace ? TextVariant(L"ROOT\\CIMV2") : NullVariant();
+    default: {  // __PATH
+        const std::wstring path = inNamespace ? RelativePath() : std::wstring();
+        return path.empty() ? NullVariant() : TextVariant(L"\\\\" + ServerName() + L"\\ROOT\\CIMV2:" + path);
+    }
+    }
 }
 
 HRESULT ClassObject::QueryInterface(REFIID riid, void** ppv) {
@@ -132,16 +314,20 @@ HRESULT ClassObject::Get(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE* pType, L
     if (plFlavor != nullptr) {
         *plFlavor = WBEM_FLAVOR_ORIGIN_LOCAL;
     }
-    // The system properties clients use.
-    if (_wcsicmp(wszName, L"__CLASS") == 0 || _wcsicmp(wszName, L"__RELPATH") == 0) {
+    const int system = FindSystemProperty(wszName);
+    if (system >= 0) {
+        if (plFlavor != nullptr) {
+            *plFlavor = WBEM_FLAVOR_ORIGIN_SYSTEM;
+        }
+        CIMTYPE type = CIM_STRING;
+        VARIANT value = SystemValue(static_cast<size_t>(system), type);
         if (pType != nullptr) {
-            *pType = CIM_STRING;
+            *pType = type;
         }
         if (pVal != nullptr) {
-            VariantInit(pVal);
-            pVal->vt = VT_BSTR;
-            pVal->bstrVal = SysAllocString(_wcsicmp(wszName, L"__CLASS") == 0 ? m_definition->name.c_str()
-                                                                                : RelativePath().c_str());
+            *pVal = value;
+        } else {
+            VariantClear(&value);
         }
         return WBEM_S_NO_ERROR;
     }
@@ -165,12 +351,15 @@ HRESULT ClassObject::Put(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE) {
     }
     const int index = m_definition->FindProperty(wszName);
     if (index < 0) {
-        return WBEM_E_NOT_FOUND;  // instances cannot grow properties
+        return FindSystemProperty(wszName) >= 0 ? WBEM_E_READ_ONLY
+                                                : WBEM_E_NOT_FOUND;  // instances cannot grow properties
     }
     VARIANT copy;
     VariantInit(&copy);
     if (pVal == nullptr || pVal->vt == VT_EMPTY) {
         copy.vt = VT_NULL;
+    } else if (CanonicalInteger(m_definition->properties[static_cast<size_t>(index)].type, *pVal, copy)) {
+        // stored as WMI stores that integer type
     } else {
         const HRESULT hr = VariantCopy(&copy, pVal);
         if (FAILED(hr)) {
@@ -194,45 +383,77 @@ HRESULT ClassObject::Delete(LPCWSTR wszName) {
     return WBEM_S_RESET_TO_DEFAULT;
 }
 
-HRESULT ClassObject::GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY** pNames) {
+std::vector<ClassObject::Member> ClassObject::Members(LONG flags) const {
+    std::vector<Member> members;
+    const LONG origin = flags & (WBEM_FLAG_LOCAL_ONLY | WBEM_FLAG_PROPAGATED_ONLY | WBEM_FLAG_NONSYSTEM_ONLY);
+    const bool keysOnly = (flags & WBEM_FLAG_KEYS_ONLY) != 0;
+    if (origin == WBEM_FLAG_PROPAGATED_ONLY || (flags & WBEM_FLAG_REFS_ONLY) != 0) {
+        return members;  // every property is the class's own, and none is a reference
+    }
+    if ((origin == 0 || origin == WBEM_FLAG_SYSTEM_ONLY) && !keysOnly) {
+        for (size_t i = 0; i < kSystemPropertyCount; ++i) {
+            members.push_back({true, i});
+        }
+    }
+    if (origin != WBEM_FLAG_SYSTEM_ONLY) {
+        for (size_t i = 0; i < m_definition->properties.size(); ++i) {
+            if (!keysOnly || m_definition->properties[i].key) {
+                members.push_back({false, i});
+            }
+        }
+    }
+    return members;
+}
+
+std::wstring ClassObject::MemberName(const Member& member) const {
+    return member.system ? kSystemProperties[member.index] : m_definition->properties[member.index].name;
+}
+
+HRESULT ClassObject::GetNames(LPCWSTR, LONG lFlags, VARIANT*, SAFEARRAY** pNames) {
     if (pNames == nullptr) {
         return WBEM_E_INVALID_PARAMETER;
     }
-    const auto& properties = m_definition->properties;
-    *pNames = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(properties.size()));
+    const auto members = Members(lFlags);
+    *pNames = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(members.size()));
     if (*pNames == nullptr) {
         return WBEM_E_OUT_OF_MEMORY;
     }
-    for (LONG i = 0; i < static_cast<LONG>(properties.size()); ++i) {
-        BSTR name = SysAllocString(properties[static_cast<size_t>(i)].name.c_str());
+    for (LONG i = 0; i < static_cast<LONG>(members.size()); ++i) {
+        BSTR name = SysAllocString(MemberName(members[static_cast<size_t>(i)]).c_str());
         SafeArrayPutElement(*pNames, &i, name);
         SysFreeString(name);
     }
     return WBEM_S_NO_ERROR;
 }
 
-HRESULT ClassObject::BeginEnumeration(LONG) {
+HRESULT ClassObject::BeginEnumeration(LONG lEnumFlags) {
     std::lock_guard<std::mutex> guard(m_lock);
+    m_enumerationFlags = lEnumFlags;
     m_enumeration = 0;
     return WBEM_S_NO_ERROR;
 }
 
 HRESULT ClassObject::Next(LONG, BSTR* strName, VARIANT* pVal, CIMTYPE* pType, LONG* plFlavor) {
-    std::lock_guard<std::mutex> guard(m_lock);
-    if (m_enumeration >= m_definition->properties.size()) {
+    LONG flags = 0;
+    size_t position = 0;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        flags = m_enumerationFlags;
+        position = m_enumeration;
+    }
+    const auto members = Members(flags);
+    if (position >= members.size()) {
         return WBEM_S_NO_MORE_DATA;
     }
-    const size_t index = m_enumeration++;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ++m_enumeration;
+    }
+    const Member& member = members[position];
     if (strName != nullptr) {
-        *strName = SysAllocString(m_definition->properties[index].name.c_str());
+        *strName = SysAllocString(MemberName(member).c_str());
     }
-    if (pType != nullptr) {
-        *pType = m_definition->properties[index].type;
-    }
-    if (plFlavor != nullptr) {
-        *plFlavor = WBEM_FLAVOR_ORIGIN_LOCAL;
-    }
-    return pVal != nullptr ? CopyVariant(pVal, m_values[index]) : static_cast<HRESULT>(WBEM_S_NO_ERROR);
+    return Get(MemberName(member).c_str(), 0, pVal, pType, plFlavor);
 }
 
 HRESULT ClassObject::EndEnumeration() {

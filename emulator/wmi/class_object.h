@@ -48,8 +48,12 @@ public:
 
     const ClassDefinition& Definition() const { return *m_definition; }
     bool IsInstance() const { return m_instance; }
-    // Class.key="value" for an instance with its keys set, else the class name.
+    // Class.key="value" for an instance with its keys set (empty when a key is missing), the class name
+    // for a class.
     std::wstring RelativePath() const;
+    // A copy holding only the named properties, as a query that selects them returns it (null when out of
+    // memory).
+    IWbemClassObject* Projected(const std::vector<std::wstring>& names) const;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
     HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet** ppQualSet) override;
@@ -82,11 +86,21 @@ public:
     HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR wszMethodName, BSTR* pstrClassName) override;
 
 private:
+    struct Member {
+        bool system;
+        size_t index;  // into the system properties or into the definition's
+    };
+    // The properties that GetNames and an enumeration with these flags cover, system properties first.
+    std::vector<Member> Members(LONG flags) const;
+    std::wstring MemberName(const Member& member) const;
+    VARIANT SystemValue(size_t index, CIMTYPE& type) const;
+
     std::shared_ptr<const ClassDefinition> m_definition;
     bool m_instance;
     mutable std::mutex m_lock;
     std::vector<VARIANT> m_values;  // one per property, VT_NULL when not set
     size_t m_enumeration = 0;
+    LONG m_enumerationFlags = 0;
     size_t m_methodEnumeration = 0;
 };
 

@@ -134,6 +134,27 @@ bool ParseQuery(const wchar_t* text, Query& query) {
     if (query.className.empty() || query.className.find_first_of(L" \t") != std::wstring::npos) {
         return false;
     }
+    query.properties.clear();
+    const std::wstring selected = Trim(wql.substr(6, from - 6));
+    if (selected.empty()) {
+        return false;
+    }
+    if (selected != L"*") {
+        size_t start = 0;
+        while (start <= selected.size()) {
+            const size_t comma = selected.find(L',', start);
+            const std::wstring name =
+                Trim(selected.substr(start, comma == std::wstring::npos ? std::wstring::npos : comma - start));
+            if (name.empty() || name.find_first_of(L" \t*") != std::wstring::npos) {
+                return false;
+            }
+            query.properties.push_back(name);
+            if (comma == std::wstring::npos) {
+                break;
+            }
+            start = comma + 1;
+        }
+    }
     query.conditions.clear();
     if (where == std::wstring::npos) {
         return true;

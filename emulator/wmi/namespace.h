@@ -24,10 +24,11 @@ struct QueryCondition {
 
 struct Query {
     std::wstring className;
+    std::vector<std::wstring> properties;  // the selected properties; empty for "*"
     std::vector<QueryCondition> conditions;
 };
 
-// "SELECT ... FROM class [WHERE a = 'x' AND b <> 2]"; false when the text is not such a query.
+// "SELECT * | a, b FROM class [WHERE a = 'x' AND b <> 2]"; false when the text is not such a query.
 bool ParseQuery(const wchar_t* text, Query& query_out);
 bool MatchesQuery(IWbemClassObject* object, const Query& query);
 

@@ -247,7 +247,7 @@ public:
         if (ppEnum == nullptr || strQueryLanguage == nullptr || _wcsicmp(strQueryLanguage, L"WQL") != 0) {
             return WBEM_E_INVALID_PARAMETER;
         }
-        auto* enumerator = new ObjectEnumerator({}, true);
+        auto* enumerator = new ObjectEnumerator({}, true, true);
         auto* sink = new EnumeratorSink(enumerator);
         const HRESULT hr = Namespace::Get().Subscribe(strQuery, sink);
         sink->Release();
@@ -332,6 +332,11 @@ private:
         if (!definition) {
             return WBEM_E_INVALID_CLASS;
         }
+        for (const auto& property : query.properties) {
+            if (definition->FindProperty(property.c_str()) < 0) {
+                return WBEM_E_INVALID_QUERY;
+            }
+        }
         if (definition->provider.empty()) {
             return WBEM_S_NO_ERROR;  // static classes have no instances here
         }
@@ -345,11 +350,24 @@ private:
         SysFreeString(className);
         if (sink != nullptr) {
             for (auto* object : sink->TakeObjects()) {
-                if (MatchesQuery(object, query)) {
+                ClassObject* ours = AsClassObject(object);
+                if (!MatchesQuery(object, query)) {
+                    object->Release();
+                } else if (query.properties.empty() || ours == nullptr) {
                     out.push_back(object);
                 } else {
+                    // A query that names its properties returns instances holding only those.
+                    IWbemClassObject* projected = ours->Projected(query.properties);
                     object->Release();
+                    if (projected == nullptr) {
+                        hr = WBEM_E_OUT_OF_MEMORY;
+                    } else {
+                        out.push_back(projected);
+                    }
                 }
+            }
+            if (FAILED(hr)) {
+                ReleaseAll(out);
             }
             sink->Release();
         }
@@ -367,7 +385,7 @@ private:
             ReleaseAll(objects);
             return hr;
         }
-        *ppEnum = new ObjectEnumerator(std::move(objects));
+        *ppEnum = new ObjectEnumerator(std::move(objects), false, (lFlags & WBEM_FLAG_FORWARD_ONLY) != 0);
         return WBEM_S_NO_ERROR;
     }
 

@@ -74,8 +74,8 @@ IWbemClassObject* CollectingSink::TakeStatusObject() {
 
 // --- ObjectEnumerator -----------------------------------------------------------------------------
 
-ObjectEnumerator::ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open)
-    : m_objects(objects.begin(), objects.end()), m_open(open) {}
+ObjectEnumerator::ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open, bool forwardOnly)
+    : m_objects(objects.begin(), objects.end()), m_open(open), m_forwardOnly(forwardOnly || open) {}
 
 ObjectEnumerator::~ObjectEnumerator() {
     for (auto* object : m_objects) {
@@ -101,7 +101,12 @@ void ObjectEnumerator::Close() {
 }
 
 HRESULT ObjectEnumerator::Reset() {
-    return WBEM_E_INVALID_OPERATION;  // forward-only, as WBEM_FLAG_FORWARD_ONLY enumerators are
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_forwardOnly) {
+        return WBEM_E_INVALID_OPERATION;
+    }
+    m_position = 0;
+    return WBEM_S_NO_ERROR;
 }
 
 HRESULT ObjectEnumerator::Next(LONG lTimeout, ULONG uCount, IWbemClassObject** apObjects, ULONG* puReturned) {
@@ -112,9 +117,15 @@ HRESULT ObjectEnumerator::Next(LONG lTimeout, ULONG uCount, IWbemClassObject** a
     std::unique_lock<std::mutex> lock(m_lock);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(lTimeout < 0 ? 0 : lTimeout);
     while (*puReturned < uCount) {
-        if (!m_objects.empty()) {
+        if (m_forwardOnly && !m_objects.empty()) {
             apObjects[(*puReturned)++] = m_objects.front();  // the reference passes to the caller
             m_objects.pop_front();
+            continue;
+        }
+        if (!m_forwardOnly && m_position < m_objects.size()) {
+            IWbemClassObject* object = m_objects[m_position++];
+            object->AddRef();
+            apObjects[(*puReturned)++] = object;
             continue;
         }
         if (!m_open) {
@@ -133,8 +144,26 @@ HRESULT ObjectEnumerator::NextAsync(ULONG, IWbemObjectSink*) {
     return WBEM_E_NOT_SUPPORTED;
 }
 
-HRESULT ObjectEnumerator::Clone(IEnumWbemClassObject**) {
-    return WBEM_E_NOT_SUPPORTED;
+HRESULT ObjectEnumerator::Clone(IEnumWbemClassObject** ppEnum) {
+    if (ppEnum == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    *ppEnum = nullptr;
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_forwardOnly) {
+        return WBEM_E_INVALID_OPERATION;
+    }
+    std::vector<IWbemClassObject*> objects(m_objects.begin(), m_objects.end());
+    for (auto* object : objects) {
+        object->AddRef();
+    }
+    auto* clone = new (std::nothrow) ObjectEnumerator(std::move(objects), false, false);
+    if (clone == nullptr) {
+        return WBEM_E_OUT_OF_MEMORY;
+    }
+    clone->m_position = m_position;
+    *ppEnum = clone;
+    return WBEM_S_NO_ERROR;
 }
 
 HRESULT ObjectEnumerator::Skip(LONG lTimeout, ULONG nCount) {

@@ -37,10 +37,12 @@ private:
     IWbemClassObject* m_statusObject = nullptr;
 };
 
-// A client's enumerator: a fixed list, or a queue that keeps receiving (event queries).
+// A client's enumerator: a fixed list, or a queue that keeps receiving (event queries). A fixed list that
+// was not asked for forward-only can be reset and cloned, as WMI's own enumerators can.
 class ObjectEnumerator final : public ComObject<IEnumWbemClassObject> {
 public:
-    explicit ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open = false);  // takes the references
+    // Takes the references. An open enumerator is always forward-only.
+    ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open, bool forwardOnly);
     ~ObjectEnumerator() override;
 
     // Adds an object to an open enumerator (references are taken by the enumerator itself).
@@ -57,8 +59,10 @@ public:
 private:
     std::mutex m_lock;
     std::condition_variable m_arrived;
-    std::deque<IWbemClassObject*> m_objects;
+    std::deque<IWbemClassObject*> m_objects;  // forward-only: those not yet taken; else all of them
+    size_t m_position = 0;                     // the next one to hand out, when not forward-only
     bool m_open;
+    bool m_forwardOnly;
 };
 
 // Forwards indications to an open enumerator: the sink of a semi-synchronous event query.

@@ -82,9 +82,16 @@ TEST(WmiEndToEnd, AttachedDeviceIsAnInstanceWithItsProperties) {
     ASSERT_EQ(devices.size(), 1u);
     IWbemClassObject* device = devices[0].Get();
     SAFEARRAY* names = nullptr;
-    ASSERT_EQ(device->GetNames(nullptr, 0, nullptr, &names), S_OK);
+    ASSERT_EQ(device->GetNames(nullptr, WBEM_FLAG_NONSYSTEM_ONLY, nullptr, &names), S_OK);
     EXPECT_EQ(names->rgsabound[0].cElements, 25u);
     SafeArrayDestroy(names);
+    // With the ten system properties, as WMI gives them; the path names the instance by its key.
+    ASSERT_EQ(device->GetNames(nullptr, 0, nullptr, &names), S_OK);
+    EXPECT_EQ(names->rgsabound[0].cElements, 35u);
+    SafeArrayDestroy(names);
+    EXPECT_EQ(Text(device, L"__RELPATH"), L"Win32ext_WPD.strId=\"USB#VID_04E8&PID_6860#ATTACHED\"");
+    EXPECT_EQ(Text(device, L"__PATH").rfind(L"\\\\", 0), 0u);
+
     EXPECT_EQ(Text(device, L"strId"), L"USB#VID_04E8&PID_6860#ATTACHED");
     EXPECT_EQ(Text(device, L"strManufacturer"), L"SAMSUNG Electronics");
     EXPECT_EQ(Text(device, L"strDisk1Name"), L"Phone");
@@ -97,6 +104,59 @@ TEST(WmiEndToEnd, AttachedDeviceIsAnInstanceWithItsProperties) {
     _variant_t sms;
     device->Get(L"bool_WPD_FUNCTIONAL_CATEGORY_SMS", 0, &sms, nullptr, nullptr);
     EXPECT_EQ(sms.boolVal, VARIANT_FALSE);
+
+    // A query naming its properties returns instances holding only those; without the key there is no path.
+    const auto named = Query(services.Get(), L"SELECT strFriendlyName, strSerialNumber FROM Win32ext_WPD "
+                                             L"WHERE strSerialNumber = 'att1'");
+    ASSERT_EQ(named.size(), 1u);
+    ASSERT_EQ(named[0]->GetNames(nullptr, WBEM_FLAG_NONSYSTEM_ONLY, nullptr, &names), S_OK);
+    EXPECT_EQ(names->rgsabound[0].cElements, 2u);
+    SafeArrayDestroy(names);
+    EXPECT_EQ(Text(named[0].Get(), L"strSerialNumber"), L"ATT1");
+    _variant_t relpath;
+    EXPECT_EQ(named[0]->Get(L"__RELPATH", 0, &relpath, nullptr, nullptr), S_OK);
+    EXPECT_EQ(relpath.vt, VT_NULL);
+    EXPECT_EQ(named[0]->Get(L"strManufacturer", 0, nullptr, nullptr, nullptr), WBEM_E_NOT_FOUND);
+    ComPtr<IEnumWbemClassObject> enumerator;
+    EXPECT_EQ(services->ExecQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT strNoSuchProperty FROM Win32ext_WPD"), 0,
+                                  nullptr, &enumerator),
+              WBEM_E_INVALID_QUERY);
+}
+
+// Count what an enumerator still hands out.
+size_t Remaining(IEnumWbemClassObject* enumerator) {
+    size_t count = 0;
+    IWbemClassObject* object = nullptr;
+    ULONG returned = 0;
+    while (enumerator->Next(WBEM_INFINITE, 1, &object, &returned) == S_OK && returned == 1) {
+        object->Release();
+        ++count;
+    }
+    return count;
+}
+
+TEST(WmiEndToEnd, QueryResultsRewindUnlessForwardOnly) {
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    const _bstr_t wql(L"SELECT * FROM Win32ext_WPD");
+    ComPtr<IEnumWbemClassObject> rewindable;
+    ASSERT_EQ(services->ExecQuery(_bstr_t(L"WQL"), wql, WBEM_FLAG_RETURN_IMMEDIATELY, nullptr, &rewindable), S_OK);
+    IWbemClassObject* first = nullptr;
+    ULONG returned = 0;
+    ASSERT_EQ(rewindable->Next(WBEM_INFINITE, 1, &first, &returned), S_OK);
+    first->Release();
+    ComPtr<IEnumWbemClassObject> clone;
+    ASSERT_EQ(rewindable->Clone(&clone), S_OK);
+    EXPECT_EQ(Remaining(clone.Get()), 1u);  // the clone goes on from where the original stood
+    EXPECT_EQ(Remaining(rewindable.Get()), 1u);
+    EXPECT_EQ(rewindable->Reset(), S_OK);
+    EXPECT_EQ(Remaining(rewindable.Get()), 2u);
+
+    ComPtr<IEnumWbemClassObject> forwardOnly;
+    ASSERT_EQ(services->ExecQuery(_bstr_t(L"WQL"), wql, WBEM_FLAG_FORWARD_ONLY, nullptr, &forwardOnly), S_OK);
+    EXPECT_EQ(Remaining(forwardOnly.Get()), 2u);
+    EXPECT_EQ(forwardOnly->Reset(), WBEM_E_INVALID_OPERATION);
+    EXPECT_EQ(forwardOnly->Clone(&clone), WBEM_E_INVALID_OPERATION);
 }
 
 TEST(WmiEndToEnd, ArrivalPublishesTheDeviceAndRemovalDeletesIt) {
@@ -237,8 +297,17 @@ TEST(WmiEndToEnd, MethodOutcomes) {
     inSignature->SpawnInstance(0, &in);
     const _bstr_t path(L"Win32ext_WPD.strId=\"usb#vid_04e8&pid_6860#attached\"");
 
+    // WMI keeps a uint32 as VT_I4 whichever integer type the client put.
+    VARIANT unsignedLevel;
+    VariantInit(&unsignedLevel);
+    unsignedLevel.vt = VT_UI4;
+    unsignedLevel.ulVal = 5;
+    ASSERT_EQ(in->Put(L"uint32DebugLevel", 0, &unsignedLevel, 0), S_OK);
+    _variant_t stored;
+    in->Get(L"uint32DebugLevel", 0, &stored, nullptr, nullptr);
+    EXPECT_EQ(stored.vt, VT_I4);
+    EXPECT_EQ(stored.lVal, 5);
     _variant_t level(5L, VT_I4);
-    in->Put(L"uint32DebugLevel", 0, &level, 0);
     ComPtr<IWbemClassObject> out;
     ASSERT_EQ(services->ExecMethod(path, _bstr_t(L"SetDebugLevel"), 0, nullptr, in.Get(), &out, nullptr), S_OK);
     ASSERT_TRUE(out);
