@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# The provider in a Wine prefix: builds it, registers it with regsvr32, shows the registration, loads it
-# through COM as the WMI service does, starts its monitoring core on emulated portable devices, and shows
-# the module's trace lines at a raised level as a debugger (DebugView) receives them.
+# The whole story in one run: builds the provider, brings up the emulated host in a Wine prefix (the
+# provider registered with regsvr32, the emulated WMI service and portable-device stack standing in for
+# what Wine lacks), attaches an Android phone and an iPhone, and then, as a management client through WMI:
+# lists them, obtains a write token and copies a file onto the phone with it, sees the write event, and
+# ejects the phone. Wine's own wmic lists the devices too, and the module's traces are shown as a debugger
+# (DebugView) receives them. After the build, the story takes well under a minute.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$root/tools/install-deps.sh"
@@ -9,51 +12,64 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 . "$root/tools/wine/env.sh"
 prefix="$root/build/win/wineprefix"
 bin="$root/build/win/bin"
+story="$root/build/win/main-job"
+started=$(date +%s)
 bash "$root/tools/wine/prefix.sh" up "$prefix"
 trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
-dll=$("$wine" winepath -w "$bin/dorwex_wpd_provider.dll" 2>/dev/null | tr -d '\r')
+winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 clsid=$(sed -n 's/.*DORWEX_PROVIDER_CLSID_TEXT L"\({[^"]*}\)".*/\1/p' "$root/wmi/provider_clsid.h")
 
 echo
-echo "== regsvr32 $dll"
-"$wine" regsvr32 /s "$dll"
-"$wine" reg query "HKLM\\Software\\Classes\\CLSID\\$clsid" /s | tr -d '\r'
-
-echo "== a host loads the provider through COM, as the WMI service does"
-"$wine" "$bin/provider_host.exe" | tr -d '\r'
-
-echo
-echo "== the emulated portable-device stack and WMI service take the place of what Wine lacks"
-winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
+echo "== the emulated host: the provider registered as on Windows, and the stand-ins for what Wine lacks"
+"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_provider.dll")"
+"$wine" reg query "HKLM\\Software\\Classes\\CLSID\\$clsid" /s | tr -d '\r' | grep -v '^$'
 "$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_emulator.dll")"
 "$wine" regsvr32 /s "$(winpath "$bin/dorwex_wmi_emulator.dll")"
-# The sample devices are copied, so that what the run writes onto them stays in the build tree.
-devices="$root/build/win/main-job-devices"
-rm -rf "$devices" && cp -r "$root/emulator/samples" "$devices"
+
+# Two devices attached: an Android phone and an iPhone, copied from the samples so that what the run
+# writes onto them stays in the build tree. The file to copy onto the phone is a local one.
+rm -rf "$story" && mkdir -p "$story/devices" "$story/files"
+for device in galaxy iphone; do
+    cp -r "$root/emulator/samples/$device" "$root/emulator/samples/$device.wpd" "$story/devices/"
+done
+echo "quarterly figures" >"$story/files/report.txt"
 export DORWEX_WPD_DEVICES
-DORWEX_WPD_DEVICES=$(winpath "$devices")
+DORWEX_WPD_DEVICES=$(winpath "$story/devices")
 galaxy='\\?\usb#vid_04e8&pid_6860&mi_00#7&2a8f3e1&0&0000#{6ac27878-a6fa-4155-ba85-f98f491d4f33}'
-lumia='\\?\usb#vid_0421&pid_0661#lumia950#{6ac27878-a6fa-4155-ba85-f98f491d4f33}'
+echo "attached: $(cd "$story/devices" && ls ./*.wpd | sed 's|^\./||' | tr '\n' ' ')"
 
 echo
-echo "== the monitoring core on its own: what it makes of each sample device"
-"$wine" "$bin/device_probe.exe" | tr -d '\r'
-
-echo
-echo "== a WMI client: list the devices, watch an event, call a method, see a device leave"
+echo "== a management client through WMI (wmi_client): list, write token, copy, write event, eject"
+# {pid} is the client's own process id: a write token is only for the process named in the call's context.
+# {return} is the previous call's ReturnValue, here the token. The provider cannot eject a device that
+# Wine's Plug and Play does not know, so EjectDevice answers "0"; the removal that Windows sends once a
+# device is ejected is then sent as the system would.
 "$wine" "$bin/wmi_client.exe" \
-    list Win32ext_WPD strId strFriendlyName strManufacturer strDisk1Name strDisk2Name \; \
+    list Win32ext_WPD strId strFriendlyName strManufacturer strDisk1Name \; \
     subscribe "SELECT * FROM Win32ext_WPDEvent" \; \
-    wpd-put "$galaxy" s10001 hello.txt \; \
+    call Win32ext_WPD RequestWriteToken 'uint32ProcessId=#{pid}' --context 'dorWEXWPDClientPID=#{pid}' \; \
+    call Win32ext_WPD CopyFileToDevice 'strObjectStoragePath=Phone\report.txt' \
+        "strFileToCopy=$(winpath "$story/files/report.txt")" 'strWriteToken={return}' \
+        "strObjectDeviceId=$galaxy" --context 'dorWEXWPDClientPID=#{pid}' \; \
     wait 3 \; \
-    call Win32ext_WPD SetDebugLevel uint32DebugLevel=#0 \; \
-    call Win32ext_WPD SetDebugLevel uint32DebugLevel=#5 \; \
-    simulate-removal "$lumia" \; \
+    call Win32ext_WPD EnumerateDevicePath strObjectStoragePath=Phone "strObjectDeviceId=$galaxy" \
+        'uint32ContentType=#0' \; \
+    call Win32ext_WPD EjectDevice "strObjectDeviceId=$galaxy" \; \
+    simulate-removal "$galaxy" \; \
     list Win32ext_WPD strFriendlyName | tr -d '\r'
 
 echo
+echo "== Wine's own wmic, a client nobody here wrote"
+"$wine" wmic path Win32ext_WPD get strFriendlyName,strManufacturer >"$story/wmic.out" 2>/dev/null
+iconv -f UTF-16 -t UTF-8 "$story/wmic.out" | tr -d '\r' | sed 's/ *$//' |
+    awk 'NR == 1 { start = index($0, "strFriendlyName") } { print substr($0, start) }'
+echo "(the columns before these are the ten system properties, __GENUS to __PATH, as from Windows WMI)"
+
+echo
 echo "== the same module code at trace level 1, as DebugView shows it"
-"$wine" "$bin/debug_view.exe" "$("$wine" winepath -w "$bin/trace_probe.exe" 2>/dev/null | tr -d '\r')" lifecycle |
-    tr -d '\r'
+"$wine" "$bin/debug_view.exe" "$(winpath "$bin/trace_probe.exe")" lifecycle | tr -d '\r'
+
+echo
+echo "story told in $(($(date +%s) - started)) s (after the build)"

@@ -6,7 +6,9 @@
 //   query "WQL"                         the instances a WQL query selects
 //   call PATH METHOD [NAME=VALUE...] [--context NAME=VALUE...]
 //                                       calls a method; VALUE is text, or #N for a number; prints the out
-//                                       parameters, or the error and its __ExtendedStatus
+//                                       parameters, or the error and its __ExtendedStatus. In a VALUE,
+//                                       {pid} stands for this process's id and {return} for the ReturnValue
+//                                       of the last call.
 //   subscribe "WQL"                     starts receiving events (printed by wait)
 //   wait SECONDS                        prints the events that arrive within SECONDS
 //   wpd-put DEVICE-ID PARENT-ID NAME    writes a small file onto a portable device through WPD, as another
@@ -23,6 +25,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device/portable_device_api.h"
@@ -91,6 +94,20 @@ int PrintAll(IEnumWbemClassObject* enumerator, const std::vector<std::wstring>& 
     return count;
 }
 
+// The ReturnValue of the last method call, for {return}.
+std::wstring g_lastReturnValue;
+
+std::wstring Substituted(std::wstring text) {
+    const std::pair<std::wstring, std::wstring> substitutions[] = {
+        {L"{pid}", std::to_wstring(GetCurrentProcessId())}, {L"{return}", g_lastReturnValue}};
+    for (const auto& [token, value] : substitutions) {
+        for (size_t at = text.find(token); at != std::wstring::npos; at = text.find(token, at + value.size())) {
+            text.replace(at, token.size(), value);
+        }
+    }
+    return text;
+}
+
 // NAME=VALUE, VALUE text or #N.
 bool ParseAssignment(const std::wstring& text, std::wstring& name, _variant_t& value, VARTYPE numberType) {
     const auto equals = text.find(L'=');
@@ -138,7 +155,7 @@ int Call(IWbemServices* services, const std::vector<std::wstring>& args) {
             contextValues = true;
             continue;
         }
-        if (!ParseAssignment(args[i], name, value, contextValues ? VT_UI4 : VT_I4)) {
+        if (!ParseAssignment(Substituted(args[i]), name, value, contextValues ? VT_UI4 : VT_I4)) {
             wprintf(L"not NAME=VALUE: %ls\n", args[i].c_str());
             return 2;
         }
@@ -160,6 +177,10 @@ int Call(IWbemServices* services, const std::vector<std::wstring>& args) {
     }
     if (out) {
         PrintObject(out.Get(), {});
+        _variant_t returnValue;
+        if (SUCCEEDED(out->Get(L"ReturnValue", 0, &returnValue, nullptr, nullptr)) && returnValue.vt == VT_BSTR) {
+            g_lastReturnValue = returnValue.bstrVal != nullptr ? returnValue.bstrVal : L"";
+        }
     }
     return 0;
 }
