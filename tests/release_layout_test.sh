@@ -6,7 +6,10 @@ release=$1
 dll=$2
 status=0
 for file in dorwex_wpd_provider.dll dorwex_wpd_provider.mof install.ps1 uninstall.ps1 README.md \
-            docs/security.md docs/wmi-reference.md docs/architecture.md docs/emulated-environment.md; do
+            docs/security.md docs/wmi-reference.md docs/architecture.md docs/emulated-environment.md \
+            examples/README.md examples/cpp/wpd_consumer.cpp examples/powershell/Get-WpdDevice.ps1 \
+            examples/powershell/Copy-ToWpdDevice.ps1 examples/powershell/Watch-WpdEvent.ps1 \
+            examples/powershell/Set-WpdTraceLevel.ps1; do
     if [ -s "$release/$file" ]; then
         echo "present: $file"
     else

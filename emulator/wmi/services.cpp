@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <atomic>
 #include <functional>
 
 #include "client_context.h"
@@ -63,8 +64,60 @@ std::wstring ClassOfPath(const BSTR path) {
     return parsed ? parsed->className : std::wstring();
 }
 
-class Services final : public ComObject<IWbemServices> {
+// Clients reach Windows WMI through a proxy and set its security with CoSetProxyBlanket; the emulated
+// namespace answers IClientSecurity so that such clients run unchanged. The blanket is kept and reported
+// back; calls run in process either way.
+class Services final : public ComObject<IWbemServices>, public IClientSecurity {
 public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (ppv != nullptr && riid == IID_IClientSecurity) {
+            *ppv = static_cast<IClientSecurity*>(this);
+            AddRef();
+            return S_OK;
+        }
+        return ComObject<IWbemServices>::QueryInterface(riid, ppv);
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ComObject<IWbemServices>::AddRef(); }
+    ULONG STDMETHODCALLTYPE Release() override { return ComObject<IWbemServices>::Release(); }
+
+    HRESULT STDMETHODCALLTYPE QueryBlanket(IUnknown*, DWORD* pAuthnSvc, DWORD* pAuthzSvc, OLECHAR** pServerPrincName,
+                                           DWORD* pAuthnLevel, DWORD* pImpLevel, void** pAuthInfo,
+                                           DWORD* pCapabilities) override {
+        const auto set = [](auto* out, auto value) {
+            if (out != nullptr) {
+                *out = value;
+            }
+        };
+        set(pAuthnSvc, static_cast<DWORD>(RPC_C_AUTHN_WINNT));
+        set(pAuthzSvc, static_cast<DWORD>(RPC_C_AUTHZ_NONE));
+        set(pServerPrincName, static_cast<OLECHAR*>(nullptr));
+        set(pAuthnLevel, m_authenticationLevel.load());
+        set(pImpLevel, m_impersonationLevel.load());
+        set(pAuthInfo, static_cast<void*>(nullptr));
+        set(pCapabilities, static_cast<DWORD>(EOAC_NONE));
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE SetBlanket(IUnknown*, DWORD, DWORD, OLECHAR*, DWORD dwAuthnLevel, DWORD dwImpLevel,
+                                         void*, DWORD) override {
+        if (dwAuthnLevel != RPC_C_AUTHN_LEVEL_DEFAULT) {
+            m_authenticationLevel = dwAuthnLevel;
+        }
+        if (dwImpLevel != RPC_C_IMP_LEVEL_DEFAULT) {
+            m_impersonationLevel = dwImpLevel;
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE CopyProxy(IUnknown* pProxy, IUnknown** ppCopy) override {
+        if (ppCopy == nullptr) {
+            return E_POINTER;
+        }
+        *ppCopy = pProxy;
+        if (pProxy != nullptr) {
+            pProxy->AddRef();
+        }
+        return S_OK;
+    }
+
     HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
                                             IWbemCallResult**) override {
         return WBEM_E_NOT_SUPPORTED;
@@ -322,6 +375,9 @@ public:
     }
 
 private:
+    std::atomic<DWORD> m_authenticationLevel{RPC_C_AUTHN_LEVEL_CONNECT};
+    std::atomic<DWORD> m_impersonationLevel{RPC_C_IMP_LEVEL_IMPERSONATE};
+
     // The instances of a class (through its provider) that match the query.
     HRESULT Collect(const Query& query, LONG lFlags, IWbemContext* pCtx, std::vector<IWbemClassObject*>& out) {
         HRESULT hr = Namespace::Get().Load();

@@ -2,6 +2,7 @@
 # Clients nobody here wrote, against the provider behind the emulated WMI service: Wine's wmic lists the
 # Win32ext_WPD instances, and a VBScript run by Wine's cscript goes through the WMI scripting API
 # ("winmgmts:") to list the devices, call a method and read its ReturnValue, and report a refused call.
+# Then the C++ consumer example of examples/cpp.
 #   real_clients_test.sh PREFIX BIN-DIR SAMPLES-DIR WORK-DIR
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -58,4 +59,15 @@ expect_line "$script" '^device: Apple iPhone \| Apple Inc\. \| Internal Storage$
 expect_line "$script" '^ReturnValue: DCIM@[^@]+@DIR~$' "EnumerateDevicePath's ReturnValue through the scripting API"
 expect_line "$script" '^error: 80004005 Invalid PID specified when requesting a write token\.$' \
     "the refused RequestWriteToken and its reason"
-echo "wmic and cscript answered as from Windows WMI"
+# The C++ consumer example (IWbemServices directly): lists, copies a file onto the first device with a
+# write token, and receives the write event.
+echo "from the example" >"$work/example.txt"
+example=$("$wine" "$bin/wpd_consumer.exe" "$(winpath "$work/example.txt")" 5 2>&1 | tr -d '\r') ||
+    fail "wpd_consumer returned $?: $example"
+echo "$example"
+expect_line "$example" '^4 device\(s\)$' "the example's device count"
+expect_line "$example" '^write token: [0-9a-f-]{36}$' "the example's write token"
+expect_line "$example" '^copied to Phone\\example.txt on Lumia 950: ReturnValue 1$' "the example's copy"
+expect_line "$example" '^event: WPD_EVENT_OBJECT_ADDED example.txt on ' "the example's write event"
+cmp -s "$work/example.txt" "$work/devices/lumia/example.txt" || fail "the copied file is not on the device"
+echo "wmic, cscript and the C++ consumer example answered as from Windows WMI"
