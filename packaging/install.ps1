@@ -8,10 +8,8 @@ param(
 )
 $ErrorActionPreference = 'Stop'
 
-$principal = New-Object Security.Principal.WindowsPrincipal([Security.Principal.WindowsIdentity]::GetCurrent())
-if (-not $principal.IsInRole([Security.Principal.WindowsBuiltInRole]::Administrator)) {
-    throw 'install.ps1 must run elevated (Run as administrator): it registers a COM server and a WMI provider.'
-}
+. (Join-Path $PSScriptRoot 'Assert-Elevated.ps1')
+Assert-Elevated 'install.ps1 (it registers a COM server and a WMI provider)'
 if (-not [Environment]::Is64BitOperatingSystem -or -not [Environment]::Is64BitProcess) {
     throw 'The provider is a 64-bit DLL: run install.ps1 from 64-bit PowerShell on 64-bit Windows.'
 }

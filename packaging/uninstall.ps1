@@ -7,10 +7,8 @@ param(
 )
 $ErrorActionPreference = 'Stop'
 
-$principal = New-Object Security.Principal.WindowsPrincipal([Security.Principal.WindowsIdentity]::GetCurrent())
-if (-not $principal.IsInRole([Security.Principal.WindowsBuiltInRole]::Administrator)) {
-    throw 'uninstall.ps1 must run elevated (Run as administrator).'
-}
+. (Join-Path $PSScriptRoot 'Assert-Elevated.ps1')
+Assert-Elevated 'uninstall.ps1'
 
 # The classes first, then the provider's registrations, so WMI no longer routes to the DLL.
 foreach ($class in @('Win32ext_WPDEvent', 'Win32ext_WPD')) {

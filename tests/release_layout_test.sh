@@ -5,7 +5,7 @@ set -euo pipefail
 release=$1
 dll=$2
 status=0
-for file in dorwex_wpd_provider.dll dorwex_wpd_provider.mof install.ps1 uninstall.ps1 README.md \
+for file in dorwex_wpd_provider.dll dorwex_wpd_provider.mof install.ps1 uninstall.ps1 Assert-Elevated.ps1 README.md \
             docs/security.md docs/wmi-reference.md docs/architecture.md docs/emulated-environment.md \
             examples/README.md examples/cpp/wpd_consumer.cpp examples/powershell/Get-WpdDevice.ps1 \
             examples/powershell/Copy-ToWpdDevice.ps1 examples/powershell/Watch-WpdEvent.ps1 \
@@ -23,4 +23,7 @@ grep -q 'regsvr32.exe' "$release/install.ps1" && grep -q 'mofcomp.exe' "$release
     grep -q 'Get-CimInstance -Namespace root\\cimv2 -ClassName Win32ext_WPD' "$release/install.ps1" ||
     { echo "install.ps1 lacks a step"; status=1; }
 grep -q "'/u'" "$release/uninstall.ps1" || { echo "uninstall.ps1 does not unregister"; status=1; }
+for script in install.ps1 uninstall.ps1; do
+    grep -q '^Assert-Elevated ' "$release/$script" || { echo "$script does not check elevation"; status=1; }
+done
 exit $status
