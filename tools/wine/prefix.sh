@@ -19,7 +19,17 @@ up)
     # service processes, must not hold the caller's pipes open.
     setsid "$wineserver" -p </dev/null >>"$log" 2>&1 || true
     if [ ! -f "$prefix/.dorwex-ready" ]; then
-        "$wine" wineboot -i </dev/null >>"$log" 2>&1
+        # A first boot that stops before the system DLLs are in place leaves a prefix in which nothing
+        # runs; it is seen by its missing kernel32.dll, thrown away and booted once more.
+        for attempt in 1 2; do
+            "$wine" wineboot -i </dev/null >>"$log" 2>&1 || true
+            [ -f "$prefix/drive_c/windows/system32/kernel32.dll" ] && break
+            echo "wineboot left $prefix without its system DLLs (attempt $attempt)" | tee -a "$log" >&2
+            "$wineserver" -k </dev/null >>"$log" 2>&1 || true
+            "$wineserver" -w </dev/null >>"$log" 2>&1 || true
+            rm -rf "$prefix" && mkdir -p "$prefix"
+            setsid "$wineserver" -p </dev/null >>"$log" 2>&1 || true
+        done
         "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f </dev/null >>"$log" 2>&1
         # The desktop process that wineboot started still uses the old graphics driver, and windows
         # cannot be created until it is gone: start the server afresh.
