@@ -4,6 +4,8 @@
 
 #include <cwctype>
 
+#include "string_array.h"
+
 namespace dorwex::emulator::wmi {
 
 namespace {
@@ -268,17 +270,12 @@ VARIANT ClassObject::SystemValue(size_t index, CIMTYPE& type) const {
         return NumberVariant(static_cast<LONG>(definition.properties.size()));
     case 6: {  // __DERIVATION
         type = CIM_STRING | CIM_FLAG_ARRAY;
-        VARIANT value;
-        VariantInit(&value);
-        SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(definition.ancestors.size()));
+        SAFEARRAY* names = StringArray(definition.ancestors);
         if (names == nullptr) {
             return NullVariant();
         }
-        for (LONG i = 0; i < static_cast<LONG>(definition.ancestors.size()); ++i) {
-            BSTR name = SysAllocString(definition.ancestors[static_cast<size_t>(i)].c_str());
-            SafeArrayPutElement(names, &i, name);
-            SysFreeString(name);
-        }
+        VARIANT value;
+        VariantInit(&value);
         value.vt = VT_ARRAY | VT_BSTR;
         value.parray = names;
         return value;
@@ -413,17 +410,12 @@ HRESULT ClassObject::GetNames(LPCWSTR, LONG lFlags, VARIANT*, SAFEARRAY** pNames
     if (pNames == nullptr) {
         return WBEM_E_INVALID_PARAMETER;
     }
-    const auto members = Members(lFlags);
-    *pNames = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(members.size()));
-    if (*pNames == nullptr) {
-        return WBEM_E_OUT_OF_MEMORY;
+    std::vector<std::wstring> names;
+    for (const Member& member : Members(lFlags)) {
+        names.push_back(MemberName(member));
     }
-    for (LONG i = 0; i < static_cast<LONG>(members.size()); ++i) {
-        BSTR name = SysAllocString(MemberName(members[static_cast<size_t>(i)]).c_str());
-        SafeArrayPutElement(*pNames, &i, name);
-        SysFreeString(name);
-    }
-    return WBEM_S_NO_ERROR;
+    *pNames = StringArray(names);
+    return *pNames != nullptr ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
 }
 
 HRESULT ClassObject::BeginEnumeration(LONG lEnumFlags) {
@@ -437,23 +429,20 @@ HRESULT ClassObject::Next(LONG, BSTR* strName, VARIANT* pVal, CIMTYPE* pType, LO
     LONG flags = 0;
     size_t position = 0;
     {
+        // Get takes the lock itself, so only the position is read under it.
         std::lock_guard<std::mutex> guard(m_lock);
         flags = m_enumerationFlags;
-        position = m_enumeration;
+        position = m_enumeration++;
     }
     const auto members = Members(flags);
     if (position >= members.size()) {
         return WBEM_S_NO_MORE_DATA;
     }
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        ++m_enumeration;
-    }
-    const Member& member = members[position];
+    const std::wstring name = MemberName(members[position]);
     if (strName != nullptr) {
-        *strName = SysAllocString(MemberName(member).c_str());
+        *strName = SysAllocString(name.c_str());
     }
-    return Get(MemberName(member).c_str(), 0, pVal, pType, plFlavor);
+    return Get(name.c_str(), 0, pVal, pType, plFlavor);
 }
 
 HRESULT ClassObject::EndEnumeration() {

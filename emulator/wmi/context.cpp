@@ -2,6 +2,8 @@
 
 #include <oleauto.h>
 
+#include "string_array.h"
+
 namespace dorwex::emulator::wmi {
 
 Context::~Context() {
@@ -28,14 +30,15 @@ HRESULT Context::GetNames(LONG, SAFEARRAY** pNames) {
     if (pNames == nullptr) {
         return WBEM_E_INVALID_PARAMETER;
     }
-    std::lock_guard<std::mutex> guard(m_lock);
-    *pNames = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(m_values.size()));
-    for (LONG i = 0; i < static_cast<LONG>(m_values.size()); ++i) {
-        BSTR name = SysAllocString(m_values[static_cast<size_t>(i)].first.c_str());
-        SafeArrayPutElement(*pNames, &i, name);
-        SysFreeString(name);
+    std::vector<std::wstring> names;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const auto& entry : m_values) {
+            names.push_back(entry.first);
+        }
     }
-    return WBEM_S_NO_ERROR;
+    *pNames = StringArray(names);
+    return *pNames != nullptr ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
 }
 
 HRESULT Context::BeginEnumeration(LONG) {
