@@ -228,7 +228,12 @@ int CDorWEXWMIWPDNamedPipeBase::ProcessPipe() {
     Trace(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered...");
     for (;;) {
         const DWORD l_dwordWait = WaitForMultipleObjects(kInstances + 1, m_Events, FALSE, INFINITE);
-        const DWORD l_dwordIndex = l_dwordWait - WAIT_OBJECT_0;
+        DWORD l_dwordIndex = l_dwordWait - WAIT_OBJECT_0;
+        // The wait names the lowest signalled handle, and the stop event comes last: with clients writing
+        // without pause it would never be seen. A stop wins over any instance.
+        if (l_dwordIndex < kInstances && WaitForSingleObject(m_Events[kInstances], 0) == WAIT_OBJECT_0) {
+            l_dwordIndex = kInstances;
+        }
         if (l_dwordIndex > kInstances) {
             Trace(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, ERROR: Instance=%ld IS OUT OF RANGE, thread is exiting",
                   static_cast<LONG>(l_dwordIndex));

@@ -172,6 +172,12 @@ void CDorWEXWMIThreadBase::SignalTerminate() {
 }
 
 DWORD CDorWEXWMIThreadBase::WaitForThreads(DWORD ulongMilliseconds_in) {
+    // One budget for both threads: the monitor first, so that it restarts nothing, then the worker.
+    const ULONGLONG l_ulonglongDeadline = GetTickCount64() + ulongMilliseconds_in;
+    const auto l_Remaining = [l_ulonglongDeadline]() -> DWORD {
+        const ULONGLONG l_ulonglongNow = GetTickCount64();
+        return l_ulonglongNow >= l_ulonglongDeadline ? 0 : static_cast<DWORD>(l_ulonglongDeadline - l_ulonglongNow);
+    };
     if (m_HANDLEMonitorThread != nullptr && GetCurrentThreadId() != GetThreadId(m_HANDLEMonitorThread)) {
         WaitForSingleObject(m_HANDLEMonitorThread, ulongMilliseconds_in);
     }
@@ -183,10 +189,29 @@ DWORD CDorWEXWMIThreadBase::WaitForThreads(DWORD ulongMilliseconds_in) {
     if (l_HANDLEWorker == nullptr || GetCurrentThreadId() == GetThreadId(l_HANDLEWorker)) {
         return WAIT_OBJECT_0;
     }
-    return WaitForSingleObject(l_HANDLEWorker, ulongMilliseconds_in);
+    return WaitForSingleObject(l_HANDLEWorker, l_Remaining());
 }
 
-void CDorWEXWMIThreadBase::CloseThreadHandles() {
+bool CDorWEXWMIThreadBase::ThreadsHaveEnded() {
+    std::lock_guard<std::mutex> l_guard(m_mutexHandles);
+    for (HANDLE l_HANDLEThread : {m_HANDLEWait[kWorker], m_HANDLEMonitorThread}) {
+        // A thread that asks is running, whatever it is about to do.
+        if (l_HANDLEThread != nullptr && (GetCurrentThreadId() == GetThreadId(l_HANDLEThread) ||
+                                          WaitForSingleObject(l_HANDLEThread, 0) == WAIT_TIMEOUT)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CDorWEXWMIThreadBase::CloseThreadHandles() {
+    // A thread that outlived the bounded wait still waits on the terminate event and runs on this object:
+    // nothing it uses is closed, and the object stays running for its owner to keep until the thread ends.
+    if (!ThreadsHaveEnded()) {
+        Trace(L"CDorWEXWMIThreadBase::CloseThreadHandles (%s) - a thread is still running, kept.\n",
+              m_wstringThreadName.c_str());
+        return false;
+    }
     std::lock_guard<std::mutex> l_guard(m_mutexHandles);
     for (HANDLE* l_pHANDLE : {&m_HANDLEWait[kWorker], &m_HANDLEWait[kTerminate], &m_HANDLEMonitorThread}) {
         if (*l_pHANDLE != nullptr) {
@@ -194,13 +219,18 @@ void CDorWEXWMIThreadBase::CloseThreadHandles() {
             *l_pHANDLE = nullptr;
         }
     }
+    return true;
 }
 
-void CDorWEXWMIThreadBase::StopAndCloseApplicationEvent() {
+void CDorWEXWMIThreadBase::StopIfRunning() {
     if (IsRunning()) {
         Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
         Stop();
     }
+}
+
+void CDorWEXWMIThreadBase::StopAndCloseApplicationEvent() {
+    StopIfRunning();
     if (m_HANDLEWait[kApplication] != nullptr) {
         CloseHandle(m_HANDLEWait[kApplication]);
         m_HANDLEWait[kApplication] = nullptr;

@@ -34,6 +34,13 @@ public:
     LONG GetThreadType() const { return m_longThreadType; }
     const std::wstring& GetThreadName() const { return m_wstringThreadName; }
     bool IsRunning();
+    // Closes the thread handles and the terminate event once both threads have ended; while one still
+    // runs (a stop gave up waiting for it) it closes nothing, leaves the object running and returns false.
+    bool CloseThreadHandles();
+    // What a destructor does first: "ManageThread, STOP" and Stop, when the threads were started.
+    void StopIfRunning();
+    // True when neither thread runs any more (a stop's handles can then be closed).
+    bool ThreadsHaveEnded();
 
 protected:
     // The derived constructor creates the application event; the derived destructor closes it.
@@ -42,9 +49,8 @@ protected:
     // The pieces every Stop is made of.
     void SignalTerminate();
     // Waits for the monitor thread to leave its loop (so it restarts nothing), then for the worker, at most
-    // ulongMilliseconds_in each. Returns the worker wait's result.
+    // ulongMilliseconds_in for both. Returns the worker wait's result.
     DWORD WaitForThreads(DWORD ulongMilliseconds_in);
-    void CloseThreadHandles();
     // All three in order, with the 5000 ms wait: the whole Stop of a processor without a window.
     void StopThreads();
     // What every derived destructor does first: Stop while its own Stop is still reachable, then close the

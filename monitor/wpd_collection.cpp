@@ -10,6 +10,8 @@
 
 namespace {
 
+using Manufacturer = dorwex::Manufacturer;
+
 constexpr wchar_t kDisksNotMounted[] = L"The device has mounted but not its disks.";
 
 std::wstring UpperCase(const wchar_t* pwcharText_in) {
@@ -118,7 +120,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     Trace(L"CDorWEXWPDCollection::AddWPD call to Initialize for %s HRESULT = 0x%08x.\n", l_wstringId.c_str(),
           l_HRESULT);
     if (FAILED(l_HRESULT)) {
-        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::LOGICALDISK) {
+        if (l_pDevice->m_eManufacturer == Manufacturer::LOGICALDISK) {
             Trace(L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
         }
         l_pDevice->Terminate();
@@ -152,7 +154,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     if (l_boolSameSerialNumber) {
         Trace(L"CDorWEXWPDCollection::ProcessDiskMount");
         if (l_pReplaced) {
-            if (l_pReplaced->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+            if (l_pReplaced->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
                 m_pCore->RemoveBlackBerryFromMonitoring(l_pReplaced.get());
             }
             l_pReplaced->Terminate();
@@ -186,23 +188,22 @@ int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
         }
         l_pDevice = l_Found->second;
         m_ActiveWpdDevicesMap.erase(l_Found);
-        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::APPLE) {
+        if (l_pDevice->m_eManufacturer == Manufacturer::APPLE) {
             l_boolStopApple = m_longAppleCount-- == 1;
-        } else if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+        } else if (l_pDevice->m_eManufacturer == Manufacturer::BLACKBERRY) {
             l_boolStopBlackBerry = m_longBlackBerryCount-- == 1;
         }
     }
-    if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+    if (l_pDevice->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
         m_pCore->RemoveBlackBerryFromMonitoring(l_pDevice.get());
     }
     l_pDevice->Terminate();
-    if (l_boolStopApple && m_pCore != nullptr) {
-        Trace(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
-        m_pCore->StopAppleMonitoring();
+    if (l_boolStopApple) {
+        SyncCompanionMonitoring(Manufacturer::APPLE, L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
     }
-    if (l_boolStopBlackBerry && m_pCore != nullptr) {
-        Trace(L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring...");
-        m_pCore->StopBlackBerryMonitoring();
+    if (l_boolStopBlackBerry) {
+        SyncCompanionMonitoring(Manufacturer::BLACKBERRY,
+                                L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring...");
     }
     // The object itself goes when the last holder lets go of it.
     l_pDevice.reset();
@@ -215,23 +216,42 @@ void CDorWEXWPDCollection::SetDeviceTypeCounter(const DevicePtr& pDevice_in) {
     bool l_boolStartBlackBerry = false;
     {
         std::lock_guard<std::mutex> l_guard(m_mutexDevices);
-        if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::APPLE) {
+        if (pDevice_in->m_eManufacturer == Manufacturer::APPLE) {
             l_boolStartApple = ++m_longAppleCount == 1;
-        } else if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+        } else if (pDevice_in->m_eManufacturer == Manufacturer::BLACKBERRY) {
             l_boolStartBlackBerry = ++m_longBlackBerryCount == 1;
         }
     }
-    if (l_boolStartApple && m_pCore != nullptr) {
-        Trace(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring...");
-        m_pCore->StartAppleMonitoring();
+    if (l_boolStartApple) {
+        SyncCompanionMonitoring(Manufacturer::APPLE,
+                                L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring...");
     }
-    if (l_boolStartBlackBerry && m_pCore != nullptr) {
-        Trace(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring...");
-        m_pCore->StartBlackBerryMonitoring();
+    if (l_boolStartBlackBerry) {
+        SyncCompanionMonitoring(Manufacturer::BLACKBERRY,
+                                L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring...");
     }
     // The BlackBerry processor keeps its list of watched shares from its start on.
-    if (pDevice_in->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+    if (pDevice_in->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
         m_pCore->AddBlackBerryToMonitoring(pDevice_in.get());
+    }
+}
+
+// Counts change under the device lock, but a start or stop runs outside it, so a removal (1 to 0) and an
+// arrival (0 to 1) can reach the core in either order. Each transition therefore brings the companion to
+// what the count is now, one at a time: the last one to run sees the final count.
+void CDorWEXWPDCollection::SyncCompanionMonitoring(Manufacturer eManufacturer_in, const wchar_t* pwcharTrace_in) {
+    if (m_pCore == nullptr) {
+        return;
+    }
+    Trace(pwcharTrace_in);
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanionMonitoring);
+    const bool l_boolApple = eManufacturer_in == Manufacturer::APPLE;
+    const LONG l_longCount = l_boolApple ? GetAppleCount() : GetBlackBerryCount();
+    const bool l_boolRunning = l_boolApple ? m_pCore->HasAppleMonitoring() : m_pCore->HasBlackBerryMonitoring();
+    if (l_longCount > 0 && !l_boolRunning) {
+        l_boolApple ? m_pCore->StartAppleMonitoring() : m_pCore->StartBlackBerryMonitoring();
+    } else if (l_longCount == 0 && l_boolRunning) {
+        l_boolApple ? m_pCore->StopAppleMonitoring() : m_pCore->StopBlackBerryMonitoring();
     }
 }
 

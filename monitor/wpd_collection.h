@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "../device/manufacturer_class.h"
+
 class CDorWEXWMIWPDCore;
 class CDorWEXWPDObject;
 
@@ -45,9 +47,13 @@ public:
 private:
     using DeviceMap = std::map<std::wstring, DevicePtr>;
 
+    // Traces the transition, then starts or stops the companion of that maker to match its count.
+    void SyncCompanionMonitoring(dorwex::Manufacturer eManufacturer_in, const wchar_t* pwcharTrace_in);
+
     std::mutex m_mutexDevices;
     DeviceMap m_ActiveWpdDevicesMap;  // upper-case device id -> device, in code-unit order
     CDorWEXWMIWPDCore* m_pCore;
     LONG m_longAppleCount = 0;
     LONG m_longBlackBerryCount = 0;
+    std::mutex m_mutexCompanionMonitoring;  // one start or stop of a companion at a time
 };

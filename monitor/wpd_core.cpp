@@ -29,11 +29,30 @@ CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner
 // The WPD processor goes first, so that no notification arrives while the devices are dropped. Companion
 // processors still running (the module normally stops them before) stop in their destructors.
 CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
-    m_pWPDEventsProcessor.reset();
     {
         std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
-        m_pAppleEventsProcessor.reset();
-        m_pBlackBerryEventsProcessor.reset();
+        std::unique_ptr<CDorWEXWMIThreadBase> l_Processors[] = {std::move(m_pWPDEventsProcessor),
+                                                                std::move(m_pAppleEventsProcessor),
+                                                                std::move(m_pBlackBerryEventsProcessor)};
+        for (auto& l_pProcessor : l_Processors) {
+            if (l_pProcessor) {
+                l_pProcessor->StopIfRunning();
+                RetireProcessor(std::move(l_pProcessor));
+            }
+        }
+        // A thread that still runs after its bounded stop uses its processor, and through it this core:
+        // neither may be freed under it, so both are left to the process.
+        if (!m_RetiredProcessors.empty()) {
+            Trace(L"CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore, %ld processor threads still running, left to the "
+                  L"process.\n",
+                  static_cast<LONG>(m_RetiredProcessors.size()));
+            for (auto& l_pProcessor : m_RetiredProcessors) {
+                l_pProcessor.release();
+            }
+            m_RetiredProcessors.clear();
+            m_pCollection.release();
+            return;
+        }
     }
     m_pCollection.reset();
     for (auto& l_Entry : m_DiskMountMap) {
@@ -62,8 +81,19 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
                                      const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
                                      const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
                                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) {
-    CDorWEXWPDWMI* l_pOwner = m_pOwner;
-    if (l_pOwner == nullptr) {
+    // WMI releases provider objects whenever it likes: the event holds a reference of its own, taken under
+    // the providers' lock from one that is not already on its way out.
+    ComPtr<CDorWEXWPDWMI> l_pOwner;
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexProviders);
+        for (auto l_It = m_Providers.rbegin(); l_It != m_Providers.rend(); ++l_It) {
+            if ((*l_It)->TryAddRef()) {
+                l_pOwner.Attach(*l_It);
+                break;
+            }
+        }
+    }
+    if (!l_pOwner) {
         return WBEM_S_NO_ERROR;
     }
     return l_pOwner->SendEvent(pwcharEventId_in, pwcharObjectId_in, pwcharObjectDeviceId_in,
@@ -122,22 +152,38 @@ void StartCompanion(CDorWEXWMIWPDCore* pCore_in, std::unique_ptr<Processor>& pPr
     pProcessor_io->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
 }
 
+}  // namespace
+
 template <class Processor>
-void StopCompanion(CDorWEXWMIWPDCore* pCore_in, std::unique_ptr<Processor>& pProcessor_io) {
+void CDorWEXWMIWPDCore::StopCompanion(std::unique_ptr<Processor>& pProcessor_io) {
     if (pProcessor_io) {
-        pProcessor_io->SetOwner(pCore_in);
+        pProcessor_io->SetOwner(this);
         Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
         pProcessor_io->Stop();
-        pProcessor_io.reset();
+        RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase>(pProcessor_io.release()));
     }
 }
 
-}  // namespace
+// A processor whose threads outlived the bounded stop is kept, with everything its threads use, until they
+// have ended; those that have ended by now are destroyed here.
+void CDorWEXWMIWPDCore::RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase> pProcessor_in) {
+    if (pProcessor_in) {
+        m_RetiredProcessors.push_back(std::move(pProcessor_in));
+    }
+    for (auto l_It = m_RetiredProcessors.begin(); l_It != m_RetiredProcessors.end();) {
+        if ((*l_It)->CloseThreadHandles()) {
+            l_It = m_RetiredProcessors.erase(l_It);
+        } else {
+            ++l_It;
+        }
+    }
+}
 
 int CDorWEXWMIWPDCore::StartAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartAppleMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longAppleMonitoring = 1;
+    RetireProcessor(nullptr);
     StartCompanion(this, m_pAppleEventsProcessor);
     return 1;
 }
@@ -146,8 +192,15 @@ int CDorWEXWMIWPDCore::StartBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StartBlackBerryMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     m_longBlackBerryMonitoring = 1;
+    RetireProcessor(nullptr);
     StartCompanion(this, m_pBlackBerryEventsProcessor);
     return 1;
+}
+
+size_t CDorWEXWMIWPDCore::ReapRetiredProcessors() {
+    std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
+    RetireProcessor(nullptr);
+    return m_RetiredProcessors.size();
 }
 
 int CDorWEXWMIWPDCore::AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in) {
@@ -169,7 +222,7 @@ int CDorWEXWMIWPDCore::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pDevice_
 int CDorWEXWMIWPDCore::StopAppleMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopAppleMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
-    StopCompanion(this, m_pAppleEventsProcessor);
+    StopCompanion(m_pAppleEventsProcessor);
     m_longAppleMonitoring = 0;
     return 1;
 }
@@ -177,7 +230,7 @@ int CDorWEXWMIWPDCore::StopAppleMonitoring() {
 int CDorWEXWMIWPDCore::StopBlackBerryMonitoring() {
     Trace(L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring");
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
-    StopCompanion(this, m_pBlackBerryEventsProcessor);
+    StopCompanion(m_pBlackBerryEventsProcessor);
     m_longBlackBerryMonitoring = 0;
     return 1;
 }

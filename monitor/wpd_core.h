@@ -16,6 +16,7 @@
 class CDorWEXWPDObject;
 class CDorWEXWPDWMI;
 class CDorWEXWPDCollection;
+class CDorWEXWMIThreadBase;
 class CDorWEXWMIThreadWPDEventsProcessor;
 class CDorWEXWMIThreadAppleEventsProcessor;
 class CDorWEXWMIThreadBlackBerryEventsProcessor;
@@ -39,6 +40,9 @@ public:
     // The list of watched BlackBerry shares, kept by the BlackBerry processor's listener; 0 without one.
     int AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in);
     int RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pDevice_in);
+    // Frees the stopped companion processors whose threads have ended since their stop gave up waiting
+    // (each start and stop does the same) and returns how many are still kept.
+    size_t ReapRetiredProcessors();
     bool HasAppleMonitoring() const { return m_longAppleMonitoring != 0; }
     bool HasBlackBerryMonitoring() const { return m_longBlackBerryMonitoring != 0; }
 
@@ -75,6 +79,9 @@ public:
 
 private:
     void AddAttachedDevices();
+    template <class Processor>
+    void StopCompanion(std::unique_ptr<Processor>& pProcessor_io);
+    void RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase> pProcessor_in);
 
     LONG m_longAppleMonitoring = 0;       // 1 while an Apple processor exists
     LONG m_longBlackBerryMonitoring = 0;  // 1 while a BlackBerry processor exists
@@ -89,6 +96,8 @@ private:
     std::unique_ptr<CDorWEXWPDCollection> m_pCollection;
     // Starting and stopping companion processors happens on whichever thread adds or removes a device.
     std::mutex m_mutexCompanions;
+    // Stopped processors whose threads had not ended when their stop gave up waiting (m_mutexCompanions).
+    std::vector<std::unique_ptr<CDorWEXWMIThreadBase>> m_RetiredProcessors;
     std::map<std::wstring, DWORD> m_WriteTokens;  // token -> process id
     std::mutex m_mutexWriteTokens;
 };

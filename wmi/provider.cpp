@@ -92,6 +92,18 @@ STDMETHODIMP_(ULONG) CDorWEXWPDWMI::AddRef() {
     return static_cast<ULONG>(l_longCount);
 }
 
+bool CDorWEXWPDWMI::TryAddRef() {
+    LONG l_longCount = m_longReferenceCount;
+    while (l_longCount > 0) {
+        const LONG l_longSeen = InterlockedCompareExchange(&m_longReferenceCount, l_longCount + 1, l_longCount);
+        if (l_longSeen == l_longCount) {
+            return true;
+        }
+        l_longCount = l_longSeen;
+    }
+    return false;
+}
+
 STDMETHODIMP_(ULONG) CDorWEXWPDWMI::Release() {
     const LONG l_longCount = InterlockedDecrement(&m_longReferenceCount);
     if (l_longCount == 0) {

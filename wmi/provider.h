@@ -29,6 +29,9 @@ public:
     STDMETHODIMP QueryInterface(REFIID riid, void** ppv) override;
     STDMETHODIMP_(ULONG) AddRef() override;
     STDMETHODIMP_(ULONG) Release() override;
+    // A reference for a caller that found this object through a plain pointer (the core's list): false
+    // once the count has reached 0, when the object is already being destroyed.
+    bool TryAddRef();
 
     // IWbemProviderInit
     STDMETHODIMP Initialize(LPWSTR wszUser, LONG lFlags, LPWSTR wszNamespace, LPWSTR wszLocale,

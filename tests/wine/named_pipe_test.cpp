@@ -15,6 +15,7 @@
 #include "monitor/wpd_core.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
@@ -192,6 +193,65 @@ TEST(NamedPipe, StopWhileEveryInstanceWaitsClosesThePipe) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ClosePipe: exit."));
     EXPECT_EQ(CreateFileW(kTestPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND)) << "the name is gone with the server";
+}
+
+// Clients that write without pause do not keep the server from seeing its stop event.
+TEST(NamedPipe, StopWinsOverClientsThatNeverPause) {
+    TraceCapture trace(1);
+    Server<RecordingPipe> server(kTestPipe);
+    std::atomic<bool> writing{true};
+    std::vector<std::thread> writers;
+    for (int i = 0; i < 4; ++i) {
+        writers.emplace_back([&, i] {
+            HANDLE client = OpenPipeClient(kTestPipe);
+            while (client != INVALID_HANDLE_VALUE && writing && SendText(client, L"busy " + std::to_wstring(i))) {
+            }
+            if (client != INVALID_HANDLE_VALUE) {
+                CloseHandle(client);
+            }
+        });
+    }
+    ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() > 400; }));
+    SetEvent(server.stop);
+    EXPECT_TRUE(WaitUntil([&] { return server.result == S_OK; }, 3000)) << "Serve returned soon after the stop";
+    writing = false;
+    for (auto& writer : writers) {
+        writer.join();
+    }
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, request to stop received..."));
+}
+
+// The last Apple device leaves while the worker is held inside a report: the bounded stop gives up, and
+// the processor with its stop event and pipe is kept until the worker has ended by itself.
+TEST(ApplePipe, ProcessorOutlivedByItsWorkerIsKeptUntilTheWorkerEnds) {
+    WpdEmulator emulator;
+    emulator.Attach(PhoneSpec("usb#vid_05ac&pid_12a8#held", "Apple Inc.", "HELD1"));
+    CDorWEXWMIWPDCore core;
+    ASSERT_EQ(core.Initialize(), 1);
+    ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_05ac&pid_12a8#held"), S_OK);
+    ASSERT_TRUE(core.HasAppleMonitoring());
+    TraceCapture trace(1);
+    HANDLE client = OpenPipeClient(kDorWEXApplePipeName);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    {
+        TraceGate gate(L"CDorWEXWMIAppleNamedPipe::ProcessData1.");
+        ASSERT_TRUE(SendText(client, L"Event^WRITE~SerialNumber^HELD1~strPID^1~TargetPath^Phone\\a.jpg"));
+        ASSERT_TRUE(gate.WaitHeld());
+
+        core.GetCollection()->RemoveWPD(L"usb#vid_05ac&pid_12a8#held");
+        EXPECT_FALSE(core.HasAppleMonitoring());
+        EXPECT_EQ(core.GetAppleEventsProcessor(), nullptr);
+        EXPECT_EQ(core.ReapRetiredProcessors(), 1u) << "kept while its worker runs";
+    }
+    ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...\n"); }));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, request to stop received..."))
+        << "its stop event was still open";
+    for (const auto& line : trace.Lines()) {
+        EXPECT_EQ(line.find(L"IS OUT OF RANGE"), std::wstring::npos) << std::string(line.begin(), line.end());
+    }
+    CloseHandle(client);
+
+    EXPECT_TRUE(WaitUntil([&] { return core.ReapRetiredProcessors() == 0; })) << "freed once its worker ended";
 }
 
 TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 
 #include "monitor/thread_base.h"
 #include "monitor/wpd_events_listener.h"
@@ -16,7 +17,7 @@ namespace {
 // A processor whose worker dies twice before it stays up, and whose application handler can be held.
 class TestProcessor : public CDorWEXWMIThreadBase {
 public:
-    TestProcessor() : CDorWEXWMIThreadBase(nullptr, Worker, THREAD_TYPE_APPLE) {
+    explicit TestProcessor(WorkerEntry worker = Worker) : CDorWEXWMIThreadBase(nullptr, worker, THREAD_TYPE_APPLE) {
         SetApplicationEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     }
     ~TestProcessor() override {
@@ -110,6 +111,53 @@ TEST(ThreadBase, SignalDuringProcessApplicationEventIsLost) {
     // A signal after the handler returned is handled again.
     SetEvent(processor.GetApplicationEvent());
     ASSERT_TRUE(WaitUntil([&] { return processor.handled == 2; }));
+}
+
+// A worker that does not see the terminate event until it is released, and then reports what waiting on
+// that event gave it.
+class StuckProcessor : public TestProcessor {
+public:
+    StuckProcessor() : TestProcessor(StuckWorker) { workerStarts = 2; }
+    static DWORD WINAPI StuckWorker(LPVOID self) {
+        auto* processor = static_cast<StuckProcessor*>(static_cast<CDorWEXWMIThreadBase*>(self));
+        ++processor->workerStarts;
+        WaitForSingleObject(processor->workerRelease, INFINITE);
+        processor->terminateSeen = WaitForSingleObject(processor->GetTerminateEvent(), 0);
+        return 0;
+    }
+    HANDLE workerRelease = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::atomic<DWORD> terminateSeen{0xFFFF};
+};
+
+// A stop gives both threads one 5000 ms budget, and a thread that outlives it keeps every handle it uses.
+TEST(ThreadBase, ThreadsOutlivingTheBoundedStopKeepTheirHandles) {
+    TraceCapture trace(1);
+    auto processor = std::make_unique<StuckProcessor>();
+    processor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] { return processor->workerStarts == 3; }));
+    // The monitor is held inside the application handler, the worker in its own wait.
+    SetEvent(processor->GetApplicationEvent());
+    ASSERT_EQ(WaitForSingleObject(processor->m_entered, 5000), WAIT_OBJECT_0);
+
+    const ULONGLONG start = GetTickCount64();
+    processor->ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+    const ULONGLONG elapsed = GetTickCount64() - start;
+    EXPECT_GE(elapsed, 4900u);
+    EXPECT_LT(elapsed, 8000u) << "one budget for the monitor and the worker, not 5000 ms each";
+    EXPECT_TRUE(processor->IsRunning()) << "the handles of threads that still run are kept";
+    EXPECT_FALSE(processor->ThreadsHaveEnded());
+    EXPECT_FALSE(processor->CloseThreadHandles());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadBase::CloseThreadHandles (TheMonitorThreadForThreadApple) - a thread is "
+                          L"still running, kept.\n"));
+
+    SetEvent(processor->m_release);
+    SetEvent(processor->workerRelease);
+    ASSERT_TRUE(WaitUntil([&] { return processor->ThreadsHaveEnded(); }));
+    EXPECT_EQ(processor->terminateSeen, static_cast<DWORD>(WAIT_OBJECT_0))
+        << "the worker still found its terminate event open and signalled";
+    EXPECT_TRUE(processor->CloseThreadHandles());
+    EXPECT_FALSE(processor->IsRunning());
+    CloseHandle(processor->workerRelease);
 }
 
 TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {

@@ -10,6 +10,8 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
+#include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
 namespace {
@@ -184,6 +186,37 @@ TEST_F(Collection, FirstAppleAndBlackBerryStartTheirProcessorsAndTheLastStopsThe
     devices.RemoveWPD(L"usb#bb");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring..."));
     EXPECT_FALSE(core->HasBlackBerryMonitoring());
+}
+
+// The last Apple device leaves (1 to 0) and another arrives (0 to 1) before the removal's stop has run:
+// the companion ends up running, for the device that is there.
+TEST_F(Collection, ArrivalBetweenTheLastRemovalAndItsStopKeepsAppleMonitoring) {
+    emulator.Attach(PhoneSpec("usb#leaving", "Apple Inc.", "L1"));
+    emulator.Attach(PhoneSpec("usb#arriving", "Apple Inc.", "A1"));
+    ASSERT_EQ(devices.AddWPD(L"usb#leaving"), S_OK);
+    ASSERT_TRUE(core->HasAppleMonitoring());
+    TraceCapture trace(1);
+    {
+        TraceGate gate(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
+        std::thread removal([&] {
+            CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            devices.RemoveWPD(L"usb#leaving");
+            CoUninitialize();
+        });
+        ASSERT_TRUE(gate.WaitHeld());
+        EXPECT_EQ(devices.AddWPD(L"usb#arriving"), S_OK);
+        gate.Release();
+        removal.join();
+    }
+    EXPECT_EQ(devices.GetAppleCount(), 1);
+    EXPECT_TRUE(core->HasAppleMonitoring()) << "an Apple device is attached";
+    ASSERT_NE(core->GetAppleEventsProcessor(), nullptr);
+    EXPECT_TRUE(core->GetAppleEventsProcessor()->IsRunning());
+
+    // The last one leaving stops it.
+    devices.RemoveWPD(L"usb#arriving");
+    EXPECT_FALSE(core->HasAppleMonitoring());
+    EXPECT_EQ(core->GetAppleEventsProcessor(), nullptr);
 }
 
 TEST_F(Collection, RemovedDeviceStaysValidForItsHolder) {
