@@ -88,7 +88,10 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
         std::lock_guard<std::mutex> l_guard(m_mutexProviders);
         for (auto l_It = m_Providers.rbegin(); l_It != m_Providers.rend(); ++l_It) {
             if ((*l_It)->TryAddRef()) {
-                l_pOwner.Attach(*l_It);
+                // ComPtr::Attach adds a reference in mingw-w64 but not in the Windows SDK: take one through
+                // assignment and give back the one taken here.
+                l_pOwner = *l_It;
+                (*l_It)->Release();
                 break;
             }
         }

@@ -1,9 +1,12 @@
 // The provider object: COM identity, initialisation, the instance operations and event registration.
 #include "provider.h"
 
+#include <wrl/client.h>
+
 #include "../device/wpd_object.h"
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
+#include "com_boundary.h"
 #include "module.h"
 #include "object_path.h"
 #include "schema.h"
@@ -199,26 +202,26 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethod(const BSTR, const BSTR, LONG, IWbemContex
 
 STDMETHODIMP CDorWEXWPDWMI::PutInstance(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx, IWbemCallResult**) {
     Trace(L"CDorWEXWPDWMI::PutInstance");
-    return PutWPDInstance(pInst, lFlags, pCtx);
+    return CallAtComBoundary([&] { return PutWPDInstance(pInst, lFlags, pCtx); });
 }
 
 // The response handler is not called: WMI takes the returned value.
 STDMETHODIMP CDorWEXWPDWMI::PutInstanceAsync(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx,
                                              IWbemObjectSink*) {
     Trace(L"CDorWEXWPDWMI::PutInstanceAsync");
-    return PutWPDInstance(pInst, lFlags, pCtx);
+    return CallAtComBoundary([&] { return PutWPDInstance(pInst, lFlags, pCtx); });
 }
 
 STDMETHODIMP CDorWEXWPDWMI::DeleteInstance(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
                                            IWbemCallResult**) {
     Trace(L"CDorWEXWPDWMI::DeleteInstance enter.\n");
-    return DeleteWPDInstance(strObjectPath, lFlags, pCtx);
+    return CallAtComBoundary([&] { return DeleteWPDInstance(strObjectPath, lFlags, pCtx); });
 }
 
 STDMETHODIMP CDorWEXWPDWMI::DeleteInstanceAsync(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
                                                 IWbemObjectSink*) {
     Trace(L"CDorWEXWPDWMI::DeleteInstanceAsync enter.\n");
-    return DeleteWPDInstance(strObjectPath, lFlags, pCtx);
+    return CallAtComBoundary([&] { return DeleteWPDInstance(strObjectPath, lFlags, pCtx); });
 }
 
 HRESULT CDorWEXWPDWMI::PutWPDInstance(IWbemClassObject* pInstance_in, LONG, IWbemContext* pIWbemContext_in) {
@@ -365,30 +368,26 @@ STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, I
     if (pResponseHandler == nullptr || m_pIWbemServices == nullptr) {
         return WBEM_E_INVALID_PARAMETER;
     }
-    IWbemClassObject* l_pClass = nullptr;
-    HRESULT l_HRESULT = m_pIWbemServices->GetObject(strClass, 0, pCtx, &l_pClass, nullptr);
-    if (SUCCEEDED(l_HRESULT) && l_pClass != nullptr && m_pCore != nullptr && m_pCore->GetCollection() != nullptr) {
+    // The snapshot and the texts of an instance allocate: what they throw ends the enumeration with its
+    // code, told to the handler like any other end.
+    const HRESULT l_HRESULT = CallAtComBoundary([&] {
+        Microsoft::WRL::ComPtr<IWbemClassObject> l_pClass;
+        HRESULT l_HRESULTEnum = m_pIWbemServices->GetObject(strClass, 0, pCtx, l_pClass.GetAddressOf(), nullptr);
+        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->GetCollection() == nullptr) {
+            return l_HRESULTEnum;
+        }
         for (const auto& l_Entry : m_pCore->GetCollection()->Snapshot()) {
-            IWbemClassObject* l_pInstance = nullptr;
-            l_HRESULT = l_pClass->SpawnInstance(0, &l_pInstance);
-            if (SUCCEEDED(l_HRESULT) && l_Entry.second) {
-                try {
-                    l_HRESULT = FillWPDInstance(l_pInstance, *l_Entry.second);
-                } catch (const _com_error& l_com_error) {
-                    l_HRESULT = l_com_error.Error();
+            Microsoft::WRL::ComPtr<IWbemClassObject> l_pInstance;
+            l_HRESULTEnum = l_pClass->SpawnInstance(0, l_pInstance.GetAddressOf());
+            if (SUCCEEDED(l_HRESULTEnum) && l_Entry.second) {
+                l_HRESULTEnum = CallAtComBoundary([&] { return FillWPDInstance(l_pInstance.Get(), *l_Entry.second); });
+                if (SUCCEEDED(l_HRESULTEnum)) {
+                    pResponseHandler->Indicate(1, l_pInstance.GetAddressOf());
                 }
-                if (SUCCEEDED(l_HRESULT)) {
-                    pResponseHandler->Indicate(1, &l_pInstance);
-                }
-            }
-            if (l_pInstance != nullptr) {
-                l_pInstance->Release();
             }
         }
-    }
-    if (l_pClass != nullptr) {
-        l_pClass->Release();
-    }
+        return l_HRESULTEnum;
+    });
     pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULT, nullptr, nullptr);
     return l_HRESULT;
 }
@@ -417,9 +416,11 @@ STDMETHODIMP CDorWEXWPDWMI::NewQuery(ULONG dwId, WBEM_WSTR, WBEM_WSTR wszQuery) 
         return WBEM_S_NO_ERROR;
     }
     Trace(L"CDorWEXWPDWMI::NewQuery %s\n", wszQuery);
-    std::lock_guard<std::mutex> l_guard(m_mutexQueries);
-    m_QueryMap[dwId] = wszQuery;
-    return WBEM_S_NO_ERROR;
+    return CallAtComBoundary([&] {
+        std::lock_guard<std::mutex> l_guard(m_mutexQueries);
+        m_QueryMap[dwId] = wszQuery;
+        return WBEM_S_NO_ERROR;
+    });
 }
 
 STDMETHODIMP CDorWEXWPDWMI::CancelQuery(ULONG dwId) {

@@ -3,14 +3,18 @@
 
 #include <comdef.h>
 
+#include <thread>
+
 #include "monitor/write_token_hook.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
 #include "support/wpd_emulator.h"
 #include "wmi/module.h"
 #include "wmi/provider.h"
+#include "wmi/provider_clsid.h"
 
 namespace {
 
@@ -125,6 +129,42 @@ TEST_F(Core, RefusingHookRaisesAComError) {
         EXPECT_EQ(error.Error(), E_ACCESSDENIED);
     }
     emulator.SetHookResult(S_OK);
+}
+
+// WMI releases a provider object whenever it likes; an event already on its way through it keeps it alive
+// until the event is delivered.
+TEST_F(Core, EventKeepsTheProviderObjectItGoesThroughAlive) {
+    const LONG instancesBefore = g_longInstanceCountOfDorWEXWMIWPDClass;
+    CDorWEXWMIWPDCore core;
+    g_pCDorWEXWMIWPDCore = &core;  // the provider attaches to the running core
+    IClassFactory* factory = nullptr;
+    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
+              S_OK);
+    IWbemProviderInit* provider = nullptr;
+    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IWbemProviderInit, reinterpret_cast<void**>(&provider)), S_OK);
+    factory->Release();
+    provider->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
+    g_pCDorWEXWMIWPDCore = nullptr;
+
+    TraceCapture trace(1);
+    const auto send = [&core] {
+        return core.SendEvent(L"event", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                              _bstr_t(L"text"), nullptr);
+    };
+    std::thread event;
+    {
+        TraceGate gate(L"CDorWEXWPDWMI::SendEvent enter.");
+        event = std::thread(send);
+        ASSERT_TRUE(gate.WaitHeld());
+        EXPECT_EQ(provider->Release(), 1u) << "the event holds the last reference";
+        EXPECT_EQ(trace.Count(L"CDorWEXWPDWMI::~CDorWEXWPDWMI"), 0u);
+    }
+    event.join();
+    EXPECT_EQ(trace.Count(L"CDorWEXWPDWMI::~CDorWEXWPDWMI"), 1u) << "destroyed once the event was through";
+    EXPECT_EQ(g_longInstanceCountOfDorWEXWMIWPDClass, instancesBefore);
+    trace.Clear();
+    EXPECT_EQ(send(), S_OK);
+    EXPECT_FALSE(trace.Has(L"CDorWEXWPDWMI::SendEvent enter.\n")) << "no provider is left to send through";
 }
 
 }  // namespace
