@@ -1,5 +1,7 @@
 #include "thread_base.h"
 
+#include <algorithm>
+
 #include "../wmi/module.h"
 #include "../wmi/trace.h"
 
@@ -99,12 +101,14 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
     Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - enter\n", m_wstringThreadName.c_str());
     bool l_boolFirstPass = true;
     DWORD l_dwordWait = WAIT_FAILED;
+    ULONGLONG l_ulonglongWorkerStart = 0;  // 0 before the first start
     while (!ShouldEndMonitoring()) {
         if (m_HANDLEWait[kTerminate] == nullptr) {
             m_HANDLEWait[kTerminate] = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         }
         if (l_boolFirstPass || l_dwordWait == WAIT_OBJECT_0) {
             l_boolFirstPass = false;
+            WaitBeforeRestart(l_ulonglongWorkerStart);
             // A worker that ended because it was told to stop is not started again.
             if (WaitForSingleObject(m_HANDLEWait[kTerminate], 0) == WAIT_OBJECT_0) {
                 Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
@@ -113,6 +117,7 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
                 break;
             }
             Trace(L"CDorWEXWMIThreadBase::StartThread.\n");
+            l_ulonglongWorkerStart = GetTickCount64();
             {
                 std::lock_guard<std::mutex> l_guard(m_mutexHandles);
                 m_HANDLEWait[kWorker] = CreateThread(nullptr, 0, m_pWorkerEntry, this, 0, nullptr);
@@ -163,6 +168,23 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
         }
     }
     Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - exiting.\n", m_wstringThreadName.c_str());
+}
+
+// A worker that ends right after it started (its pipe name taken by another process, say) is started
+// again only after a pause that doubles with each such end, so the monitor does not spin. A terminate
+// event ends the pause.
+void CDorWEXWMIThreadBase::WaitBeforeRestart(ULONGLONG ulonglongLastStart_in) {
+    constexpr ULONGLONG kShortRun = 1000;
+    constexpr DWORD kFirstPause = 100;
+    constexpr DWORD kLongestPause = 15000;
+    if (ulonglongLastStart_in == 0 || GetTickCount64() - ulonglongLastStart_in >= kShortRun) {
+        m_dwordRestartPause = 0;
+        return;
+    }
+    m_dwordRestartPause = m_dwordRestartPause == 0 ? kFirstPause : std::min(m_dwordRestartPause * 2, kLongestPause);
+    Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - worker ended at once, restart in %lu ms.\n",
+          m_wstringThreadName.c_str(), m_dwordRestartPause);
+    WaitForSingleObject(m_HANDLEWait[kTerminate], m_dwordRestartPause);
 }
 
 void CDorWEXWMIThreadBase::SignalTerminate() {

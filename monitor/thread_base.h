@@ -64,12 +64,14 @@ private:
     void TheMonitorThread2();
     bool StartMonitorThread();
     bool ShouldEndMonitoring() const;
+    void WaitBeforeRestart(ULONGLONG ulonglongLastStart_in);
 
     CDorWEXWMIWPDCore* m_pCore;
     // Worker thread, terminate event, application event: one wait covers them in this order.
     HANDLE m_HANDLEWait[3] = {nullptr, nullptr, nullptr};
     LONG m_longThreadType;
     HANDLE m_HANDLEMonitorThread = nullptr;
+    DWORD m_dwordRestartPause = 0;  // grows while workers keep ending right after their start
     bool m_boolRestartFailed = false;  // retry path of a worker that cannot be started; never set
     WorkerEntry m_pWorkerEntry;
     std::wstring m_wstringThreadName;

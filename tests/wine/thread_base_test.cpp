@@ -113,6 +113,27 @@ TEST(ThreadBase, SignalDuringProcessApplicationEventIsLost) {
     ASSERT_TRUE(WaitUntil([&] { return processor.handled == 2; }));
 }
 
+// A worker that ends as soon as it starts (a pipe name another process holds) is restarted after pauses
+// that grow, not in a tight loop, and a stop still ends the monitor at once.
+TEST(ThreadBase, WorkerEndingAtOnceIsRestartedWithGrowingPauses) {
+    TraceCapture trace(1);
+    TestProcessor processor([](LPVOID self) -> DWORD {
+        ++static_cast<TestProcessor*>(static_cast<CDorWEXWMIThreadBase*>(self))->workerStarts;
+        return 0;
+    });
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    const std::wstring pause = L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadApple) - worker ended "
+                               L"at once, restart in ";
+    ASSERT_TRUE(WaitUntil([&] { return trace.Count(pause + L"800 ms.\n") == 1; }));
+    EXPECT_EQ(trace.StartingWith(pause),
+              (std::vector<std::wstring>{pause + L"100 ms.", pause + L"200 ms.", pause + L"400 ms.", pause + L"800 ms."}));
+    EXPECT_LE(processor.workerStarts, 5) << "one start per pause";
+    const ULONGLONG start = GetTickCount64();
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+    EXPECT_LT(GetTickCount64() - start, 1000u) << "the stop does not wait out the pause";
+    EXPECT_FALSE(processor.IsRunning());
+}
+
 // A worker that does not see the terminate event until it is released, and then reports what waiting on
 // that event gave it.
 class StuckProcessor : public TestProcessor {
