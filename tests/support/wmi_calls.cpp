@@ -2,6 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <windows.h>
+#include <dbt.h>
+
+#include <cstddef>
+#include <cstring>
+
+#include "support/wait_until.h"
+
 using Microsoft::WRL::ComPtr;
 
 std::wstring ProgramDirectory() {
@@ -96,7 +104,32 @@ ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long millisecon
     ULONG returned = 0;
     ComPtr<IWbemClassObject> received;
     if (events != nullptr && events->Next(milliseconds, 1, &event, &returned) == S_OK && returned == 1) {
-        received.Attach(event);
+        // Not Attach: mingw-w64's adds a reference, the Windows SDK's does not.
+        received = event;
+        event->Release();
     }
     return received;
+}
+
+void Notify(WPARAM change, const std::wstring& interfaceName) {
+    HWND window = nullptr;
+    ASSERT_TRUE(WaitUntil([&] { return (window = FindWindowW(L"dorWEXWMIWPDHiddenWindowClass", L"dorWEX14")) != nullptr; }));
+    std::vector<BYTE> buffer(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) +
+                             (interfaceName.size() + 1) * sizeof(wchar_t));
+    auto* record = reinterpret_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(buffer.data());
+    record->dbcc_size = static_cast<DWORD>(buffer.size());
+    record->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    record->dbcc_classguid = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
+    memcpy(record->dbcc_name, interfaceName.c_str(), (interfaceName.size() + 1) * sizeof(wchar_t));
+    EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, change, reinterpret_cast<LPARAM>(record)), TRUE);
+}
+
+bool PublishedWithId(const std::wstring& id) {
+    auto services = Connect();
+    for (const auto& device : Query(services.Get(), L"SELECT * FROM Win32ext_WPD")) {
+        if (_wcsicmp(Text(device.Get(), L"strId").c_str(), id.c_str()) == 0) {
+            return true;
+        }
+    }
+    return false;
 }

@@ -2,6 +2,7 @@
 // the (emulated) WMI service, query, read properties and call methods of Win32ext_WPD.
 #pragma once
 
+#include <windows.h>
 #include <comdef.h>
 #include <wbemcli.h>
 #include <wrl/client.h>
@@ -32,3 +33,9 @@ using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
 // Calls a method of Win32ext_WPD; a client process id >= 0 goes into the call's context. Parameters the
 // method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out.
 Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
+
+// What the system sends to the provider's hidden window when a portable device comes or goes.
+void Notify(WPARAM change, const std::wstring& interfaceName);
+// Whether a Win32ext_WPD instance with this key (compared without regard to case) is published; looked up
+// by enumeration, so the key needs no escaping in a query.
+bool PublishedWithId(const std::wstring& id);

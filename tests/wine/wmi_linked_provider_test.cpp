@@ -4,8 +4,14 @@
 // BlackBerry channel's write reports.
 #include <gtest/gtest.h>
 
+#include <windows.h>
+#include <dbt.h>
+
 #include "support/pnp_tree_double.h"
 #include "support/test_files.h"
+#include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
+#include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
 #include "monitor/wpd_collection.h"
@@ -136,6 +142,40 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     EXPECT_EQ(Text(event, L"strPID"), L"4711");
     CloseHandle(pipe);
     g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#wmibb");
+}
+
+// A device pulled out while the provider reads its identity is taken on with what was read before (its
+// serial number and storages are empty). The removal the system sends meanwhile reaches a monitor that is
+// still busy with the arrival and is lost; the next removal notice takes the device away by its key, and
+// nothing of its session is left open.
+TEST(WmiArrival, DeviceThatVanishesDuringItsStartUpIsRemovedByItsKey) {
+    WpdEmulator emulator;
+    const std::string id = "\\\\?\\usb#vid_0421&pid_0661#vanishing#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    EmulatedDeviceSpec spec = PhoneSpec(id, "NOKIA", "VANISH1");
+    emulator.Attach(spec);
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its monitor are running
+    const LONG objectsBefore = emulator.LiveObjects();
+    TraceCapture trace(1);
+    {
+        TraceGate gate(L"CDorWEXWPDObject::GetManufacturer, ");
+        Notify(DBT_DEVICEARRIVAL, Wide(id));
+        ASSERT_TRUE(gate.WaitHeld()) << "the arrival reached the device's start-up";
+        emulator.RemoveDevice(Wide(id).c_str());
+        emulator.Detach(spec);
+        Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return PublishedWithId(Wide(id)); })) << "taken on with what was read";
+    const auto published = Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = ''");
+    ASSERT_EQ(published.size(), 1u);
+    EXPECT_EQ(_wcsicmp(Text(published[0].Get(), L"strId").c_str(), Wide(id).c_str()), 0);
+
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    EXPECT_TRUE(WaitUntil([&] { return !PublishedWithId(Wide(id)); }));
+    EXPECT_TRUE(WaitUntil([&] { return emulator.OpenSessions(Wide(id).c_str()) == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return emulator.LiveObjects() <= objectsBefore; }))
+        << "COM objects of the emulated stack left: " << emulator.LiveObjects() - objectsBefore;
 }
 
 }  // namespace
