@@ -138,17 +138,29 @@ int CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials(const std::wstring& wstrin
             ++connection_io.tries;
         }
     };
-    if (SameTextCaseBlind(l_pDevice->m_bstr_tDisk1Name, wstringShare_in)) {
+    const auto l_pIdentity = l_pDevice->Identity();
+    if (SameTextCaseBlind(l_pIdentity->m_bstr_tDisk1Name, wstringShare_in)) {
         l_Record(m_Connections[0]);
-    } else if (SameTextCaseBlind(l_pDevice->m_bstr_tDisk2Name, wstringShare_in)) {
+    } else if (SameTextCaseBlind(l_pIdentity->m_bstr_tDisk2Name, wstringShare_in)) {
         l_Record(m_Connections[1]);
-    } else if (l_pDevice->m_bstr_tDisk2Name.length() == 0) {
-        // A share the device did not name yet: its SD card, which becomes the second storage.
-        l_pDevice->m_bstr_tDisk2Name = wstringShare_in.c_str();
-        l_pDevice->m_bstr_tDisk2ObjectId = wstringShare_in.c_str();
-        l_pDevice->m_bstr_tDisk2PersistentUniqueId = wstringShare_in.c_str();
-        l_pDevice->m_bstr_tDisk2Description = L"SD Card in BB device";
-        l_pDevice->m_bstr_tDiskText4 = L"SD_Card";
+    } else if (l_pIdentity->m_bstr_tDisk2Name.length() == 0) {
+        // A share the device did not name yet: its SD card, which becomes the second storage (looked at again
+        // inside the change, so that only one share ever becomes it).
+        bool l_boolSecondStorage = false;
+        l_pDevice->UpdateIdentity([&](DeviceIdentity& identity_io) {
+            if (identity_io.m_bstr_tDisk2Name.length() != 0) {
+                return;
+            }
+            identity_io.m_bstr_tDisk2Name = wstringShare_in.c_str();
+            identity_io.m_bstr_tDisk2ObjectId = wstringShare_in.c_str();
+            identity_io.m_bstr_tDisk2PersistentUniqueId = wstringShare_in.c_str();
+            identity_io.m_bstr_tDisk2Description = L"SD Card in BB device";
+            identity_io.m_bstr_tDiskText4 = L"SD_Card";
+            l_boolSecondStorage = true;
+        });
+        if (!l_boolSecondStorage) {
+            return 0;
+        }
         l_Record(m_Connections[1]);
     }
     return 0;
@@ -188,12 +200,12 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: pCDorWEXWPDObject_in == NULL\n");
         return 0;
     }
-    if (pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0) {
+    if (pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
-              L"pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0\n");
+              L"pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0\n");
         return 0;
     }
-    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->m_bstr_tDisk1Name));
+    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name));
     std::lock_guard<std::mutex> l_guard(m_mutexMonitoring);
     if (m_mapOfUNCToDiskProperties.count(l_wstringKey) != 0) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, %s already in "
@@ -215,10 +227,10 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
 
 int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in) {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring entered...\n");
-    if (pCDorWEXWPDObject_in == nullptr || pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0) {
+    if (pCDorWEXWPDObject_in == nullptr || pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0) {
         return 0;
     }
-    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->m_bstr_tDisk1Name));
+    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name));
     std::lock_guard<std::mutex> l_guard(m_mutexMonitoring);
     const auto l_Found = m_mapOfUNCToDiskProperties.find(l_wstringKey);
     if (l_Found == m_mapOfUNCToDiskProperties.end()) {

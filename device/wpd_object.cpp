@@ -37,15 +37,20 @@ std::wstring ReadDeviceProperty(IPortableDeviceManager* pIPortableDeviceManager_
 
 CDorWEXWPDObject::CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {
     Trace(L"CDorWEXWPDObject::CDorWEXWPDObject");
-    // Empty, not null: length 0 is the test for "unknown" everywhere. The persistent unique ids stay null.
-    for (_bstr_t* l_pbstr_t :
-         {&m_bstr_tDeviceId, &m_bstr_tDeviceObjectId, &m_bstr_tFriendlyName, &m_bstr_tManufacturer,
-          &m_bstr_tDescription, &m_bstr_tSerialNumber, &m_bstr_tExtraProperties, &m_bstr_tDisk1Name,
-          &m_bstr_tDisk2Name, &m_bstr_tDisk1ObjectId, &m_bstr_tDisk2ObjectId, &m_bstr_tDisk1Description,
-          &m_bstr_tDisk2Description, &m_bstr_tWPDSerialNumber, &m_bstr_tUSBSerialNumber, &m_bstr_tDiskText3,
-          &m_bstr_tDiskText4}) {
-        *l_pbstr_t = L"";
-    }
+}
+
+std::shared_ptr<const DeviceIdentity> CDorWEXWPDObject::Identity() const {
+    std::lock_guard<std::mutex> l_guard(m_mutexIdentity);
+    return m_pIdentity;
+}
+
+void CDorWEXWPDObject::UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in) {
+    // One change at a time; readers keep the snapshot they hold.
+    std::lock_guard<std::mutex> l_guard(m_mutexUpdate);
+    auto l_pChanged = std::make_shared<DeviceIdentity>(*Identity());
+    change_in(*l_pChanged);
+    std::lock_guard<std::mutex> l_guardIdentity(m_mutexIdentity);
+    m_pIdentity = std::move(l_pChanged);
 }
 
 CDorWEXWPDObject::~CDorWEXWPDObject() {
@@ -98,7 +103,7 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         return S_OK;
     }
     Trace(L"CDorWEXWPDObject::InitializeWPD called for %s.\n", pwcharDeviceId_in);
-    m_eManufacturer = Manufacturer::UNKNOWN;
+    UpdateIdentity([](DeviceIdentity& identity_io) { identity_io.m_eManufacturer = Manufacturer::UNKNOWN; });
 
     HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER,
                                          IID_PPV_ARGS(&m_pIPortableDeviceManager));
@@ -107,7 +112,7 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         Trace(L"CDorWEXWPDObject::InitializeWPD, %x\n", l_HRESULT);
         return l_HRESULT;
     }
-    m_bstr_tDeviceId = pwcharDeviceId_in;
+    UpdateIdentity([pwcharDeviceId_in](DeviceIdentity& identity_io) { identity_io.m_bstr_tDeviceId = pwcharDeviceId_in; });
     SetClientInformation();
 
     // The free-threaded variant: the session is used from WMI's threads and the worker threads alike.
@@ -134,20 +139,24 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         FinalizeSerialNumbersToUse();
     }
 
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::ANDROID:
-        if (m_bstr_tDisk1Name.length() == 0 && m_bstr_tDisk2Name.length() == 0) {
-            m_bstr_tExtraProperties = kDisksNotMounted;
-        }
+        UpdateIdentity([](DeviceIdentity& identity_io) {
+            if (identity_io.m_bstr_tDisk1Name.length() == 0 && identity_io.m_bstr_tDisk2Name.length() == 0) {
+                identity_io.m_bstr_tExtraProperties = kDisksNotMounted;
+            }
+        });
         l_HRESULT = S_OK;
         break;
     case Manufacturer::APPLE:
         l_HRESULT = ReadAppleIdentity();
         break;
     case Manufacturer::WINDOWS:
-        if (m_bstr_tDisk1Name.length() == 0 && m_bstr_tDisk2Name.length() == 0) {
-            m_bstr_tDisk1Name = L"Phone";
-        }
+        UpdateIdentity([](DeviceIdentity& identity_io) {
+            if (identity_io.m_bstr_tDisk1Name.length() == 0 && identity_io.m_bstr_tDisk2Name.length() == 0) {
+                identity_io.m_bstr_tDisk1Name = L"Phone";
+            }
+        });
         l_HRESULT = S_OK;
         break;
     case Manufacturer::UNKNOWN:
@@ -166,34 +175,36 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
 
 void CDorWEXWPDObject::FinalizeSerialNumbersToUse() {
     // A serial number the Plug and Play view knows wins over what WPD reported; an empty one never does.
-    const auto l_Replace = [](const std::wstring& wstringFromView_in, _bstr_t& bstr_tSerialNumber_io,
-                              const wchar_t* pwcharBefore_in, const wchar_t* pwcharAfter_in) {
-        if (wstringFromView_in.empty()) {
-            return;
-        }
-        Trace(pwcharBefore_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
-        bstr_tSerialNumber_io = wstringFromView_in.c_str();
-        Trace(pwcharAfter_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
-    };
-    l_Replace(m_Win32.GetDeviceSerialNumber(), m_bstr_tWPDSerialNumber,
-              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber before:%s\n",
-              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber after:%s\n");
-    l_Replace(m_Win32.GetUSBSerialNumber(), m_bstr_tUSBSerialNumber,
-              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber before:%s\n",
-              L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n");
+    UpdateIdentity([this](DeviceIdentity& identity_io) {
+        const auto l_Replace = [](const std::wstring& wstringFromView_in, _bstr_t& bstr_tSerialNumber_io,
+                                  const wchar_t* pwcharBefore_in, const wchar_t* pwcharAfter_in) {
+            if (wstringFromView_in.empty()) {
+                return;
+            }
+            Trace(pwcharBefore_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
+            bstr_tSerialNumber_io = wstringFromView_in.c_str();
+            Trace(pwcharAfter_in, static_cast<const wchar_t*>(bstr_tSerialNumber_io));
+        };
+        l_Replace(m_Win32.GetDeviceSerialNumber(), identity_io.m_bstr_tWPDSerialNumber,
+                  L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber before:%s\n",
+                  L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:WPD SerialNumber after:%s\n");
+        l_Replace(m_Win32.GetUSBSerialNumber(), identity_io.m_bstr_tUSBSerialNumber,
+                  L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber before:%s\n",
+                  L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:%s\n");
+    });
 }
 
 // A device that WPD could not open, or that named no maker, is taken for a BlackBerry when its device
 // properties carry the BlackBerry record (PIN, IMEI, the address of its storage share).
 HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
-    HRESULT l_HRESULT = m_Win32.ProcessDeviceNotification(m_bstr_tDeviceId, 0);
+    HRESULT l_HRESULT = m_Win32.ProcessDeviceNotification(Identity()->m_bstr_tDeviceId, 0);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
     auto l_pRecord = std::make_unique<dorwex::CompanionRecord>();
     for (const wchar_t* l_pwcharName : {L"BBPIN", L"IMEI", L"DHCPServer"}) {
         const std::wstring l_wstringValue =
-            ReadDeviceProperty(m_pIPortableDeviceManager.Get(), m_bstr_tDeviceId, l_pwcharName);
+            ReadDeviceProperty(m_pIPortableDeviceManager.Get(), Identity()->m_bstr_tDeviceId, l_pwcharName);
         if (!l_wstringValue.empty()) {
             l_pRecord->Set(l_pwcharName, l_wstringValue);
         }
@@ -202,26 +213,28 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
         return hresultRunning_in;  // not a BlackBerry either: the device stays what WPD made of it
     }
     m_pCompanionRecord = std::move(l_pRecord);
-    m_eManufacturer = Manufacturer::BLACKBERRY;
     const std::wstring* l_pPIN = m_pCompanionRecord->Find(L"BBPIN");
     const std::wstring* l_pIMEI = m_pCompanionRecord->Find(L"IMEI");
     const std::wstring* l_pDHCPServer = m_pCompanionRecord->Find(L"DHCPServer");
-    if (l_pIMEI != nullptr) {
-        m_bstr_tSerialNumber = l_pIMEI->c_str();
-        m_bstr_tWPDSerialNumber = l_pIMEI->c_str();
-    }
-    m_bstr_tFriendlyName = l_pPIN != nullptr ? (L"BLACKBERRY_" + *l_pPIN).c_str() : L"BLACKBERRY";
-    m_bstr_tManufacturer = L"Research In Motion";
-    m_bstr_tDescription = L"BlackBerry Device";
-    m_bFunctionalCategoryStorage = true;
-    if (l_pDHCPServer != nullptr) {
-        m_bstr_tDisk1Name = (L"\\\\" + *l_pDHCPServer + L"\\media").c_str();
-    }
-    m_bstr_tDisk1ObjectId = L"s1001";
-    m_bstr_tDisk1Description = L"Flash Memory";
+    UpdateIdentity([&](DeviceIdentity& identity_io) {
+        identity_io.m_eManufacturer = Manufacturer::BLACKBERRY;
+        if (l_pIMEI != nullptr) {
+            identity_io.m_bstr_tSerialNumber = l_pIMEI->c_str();
+            identity_io.m_bstr_tWPDSerialNumber = l_pIMEI->c_str();
+        }
+        identity_io.m_bstr_tFriendlyName = l_pPIN != nullptr ? (L"BLACKBERRY_" + *l_pPIN).c_str() : L"BLACKBERRY";
+        identity_io.m_bstr_tManufacturer = L"Research In Motion";
+        identity_io.m_bstr_tDescription = L"BlackBerry Device";
+        identity_io.m_bFunctionalCategoryStorage = true;
+        if (l_pDHCPServer != nullptr) {
+            identity_io.m_bstr_tDisk1Name = (L"\\\\" + *l_pDHCPServer + L"\\media").c_str();
+        }
+        identity_io.m_bstr_tDisk1ObjectId = L"s1001";
+        identity_io.m_bstr_tDisk1Description = L"Flash Memory";
+    });
     // The share access, connected when the companion sends the share's credentials.
     m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
-    m_pCDorWEXBlackBerry->m_wstringShareName = BstrText(m_bstr_tDisk1Name);
+    m_pCDorWEXBlackBerry->m_wstringShareName = BstrText(Identity()->m_bstr_tDisk1Name);
     m_pCDorWEXBlackBerry->m_mapProperties = m_pCompanionRecord->Values();
     return S_OK;
 }

@@ -6,12 +6,14 @@
 #include <comdef.h>
 #include <wrl/client.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 
 #include "../monitor/pnp_topology.h"
 #include "apple_companion.h"
 #include "companion_record.h"
+#include "device_identity.h"
 #include "manufacturer_class.h"
 #include "portable_device_api.h"
 
@@ -80,35 +82,13 @@ public:
     static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
                               ULONGLONG* pulonglongBytesWritten_out);
 
-    _bstr_t m_bstr_tDeviceId;
-    _bstr_t m_bstr_tDeviceObjectId;
-    _bstr_t m_bstr_tFriendlyName;
-    _bstr_t m_bstr_tManufacturer;
-    _bstr_t m_bstr_tDescription;
-    _bstr_t m_bstr_tSerialNumber;
-    _bstr_t m_bstr_tExtraProperties;
-    Manufacturer m_eManufacturer = Manufacturer::UNKNOWN;
-    bool m_bFunctionalCategoryStorage = false;
-    bool m_bFunctionalCategoryStillImageCapture = false;
-    bool m_bFunctionalCategoryAudioCapture = false;
-    bool m_bFunctionalCategorySMS = false;
-    bool m_bFunctionalCategoryRenderingInformation = false;
-    _bstr_t m_bstr_tDisk1Name;
-    _bstr_t m_bstr_tDisk2Name;
-    _bstr_t m_bstr_tDisk1ObjectId;
-    _bstr_t m_bstr_tDisk2ObjectId;
-    _bstr_t m_bstr_tDisk1PersistentUniqueId;  // null, not empty, until a storage fills it
-    _bstr_t m_bstr_tDisk2PersistentUniqueId;
-    _bstr_t m_bstr_tDisk1Description;
-    _bstr_t m_bstr_tDisk2Description;
-    _bstr_t m_bstr_tWPDSerialNumber;
-    _bstr_t m_bstr_tUSBSerialNumber;
-    _bstr_t m_bstr_tDiskText3;
-    _bstr_t m_bstr_tDiskText4;
-    // What the Apple companion tells of an Apple device.
-    _bstr_t m_bstr_tBluetoothAddress;
-    _bstr_t m_bstr_tEthernetAddress;
-    _bstr_t m_bstr_tWiFiAddress;
+    // A snapshot of the identity: it does not change under the caller, whatever other threads do.
+    std::shared_ptr<const DeviceIdentity> Identity() const;
+    // The one way to change the identity: the change is made on a copy that then replaces it, so a reader
+    // sees the identity before or after, never half-way.
+    void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in);
+
+    // Set while the device starts up, before it joins the collection; read-only afterwards.
     Microsoft::WRL::ComPtr<IPortableDeviceManager> m_pIPortableDeviceManager;
     Microsoft::WRL::ComPtr<IPortableDevice> m_pIPortableDevice;
     Microsoft::WRL::ComPtr<IPortableDeviceValues> m_pIPortableDeviceValuesClientInfo;
@@ -121,6 +101,10 @@ public:
     LONG m_longReserved = 0;
 
 private:
+    mutable std::mutex m_mutexIdentity;  // guards the pointer only
+    std::mutex m_mutexUpdate;            // one identity change at a time
+    std::shared_ptr<const DeviceIdentity> m_pIdentity = std::make_shared<const DeviceIdentity>();
+
     void SetClientInformation();
     void ReleaseEvents();
     // One storage's properties into the Disk1 or Disk2 members (index 0 or 1) and the summary text.
@@ -129,6 +113,7 @@ private:
                      int intStorageIndex_in);
     HRESULT ReadStorages(IPortableDevicePropVariantCollection* pIPortableDevicePropVariantCollection_in);
     HRESULT ReadAppleIdentity();
+    _bstr_t AppleSerialNumber() const;
     // The companion if it was created, without creating it.
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> AppleCompanion();
     _bstr_t EnumerateDevicePath2(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);

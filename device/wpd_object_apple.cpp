@@ -78,21 +78,26 @@ Microsoft::WRL::ComPtr<IdorWEXWPDApple> CDorWEXWPDObject::AppleCompanion() {
 }
 
 // The companion tells the identity WPD does not: serial number and the addresses of the device's radios.
+// The companion knows a device by its serial number, always as a non-null text.
+_bstr_t CDorWEXWPDObject::AppleSerialNumber() const {
+    return Bstr(BstrText(Identity()->m_bstr_tSerialNumber));
+}
+
 HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> l_pApple;
     const HRESULT l_HRESULT = GetAppleCOMObject(l_pApple.GetAddressOf());
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
-    const _bstr_t l_bstr_tSerialNumber = Bstr(BstrText(m_bstr_tSerialNumber));
+    const _bstr_t l_bstr_tSerialNumber = AppleSerialNumber();
     const struct {
         const wchar_t* pwcharName;
-        _bstr_t* pMember;
+        _bstr_t DeviceIdentity::*pMember;
     } l_Values[] = {
-        {L"SerialNumber", &m_bstr_tSerialNumber},
-        {L"BluetoothAddress", &m_bstr_tBluetoothAddress},
-        {L"EthernetAddress", &m_bstr_tEthernetAddress},
-        {L"WiFiAddress", &m_bstr_tWiFiAddress},
+        {L"SerialNumber", &DeviceIdentity::m_bstr_tSerialNumber},
+        {L"BluetoothAddress", &DeviceIdentity::m_bstr_tBluetoothAddress},
+        {L"EthernetAddress", &DeviceIdentity::m_bstr_tEthernetAddress},
+        {L"WiFiAddress", &DeviceIdentity::m_bstr_tWiFiAddress},
     };
     for (const auto& l_Value : l_Values) {
         _variant_t l_variant_tValue;
@@ -103,12 +108,16 @@ HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
             continue;
         }
         if (l_variant_tValue.vt == VT_BSTR && SysStringLen(l_variant_tValue.bstrVal) != 0) {
-            *l_Value.pMember = l_variant_tValue.bstrVal;
+            const _bstr_t l_bstr_tValue(l_variant_tValue.bstrVal);
+            UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.*l_Value.pMember = l_bstr_tValue; });
         }
     }
-    if (m_bstr_tDisk1Name.length() == 0 || wcscmp(m_bstr_tDisk1Name, L"Internal Storage") != 0) {
-        m_bstr_tDisk1Name = L"Internal Storage";
-    }
+    UpdateIdentity([](DeviceIdentity& identity_io) {
+        if (identity_io.m_bstr_tDisk1Name.length() == 0 ||
+            wcscmp(identity_io.m_bstr_tDisk1Name, L"Internal Storage") != 0) {
+            identity_io.m_bstr_tDisk1Name = L"Internal Storage";
+        }
+    });
     return S_OK;
 }
 
@@ -119,7 +128,7 @@ _bstr_t CDorWEXWPDObject::EnumerateDevicePath2(const wchar_t* pwcharObjectStorag
         return _bstr_t(L"");
     }
     _variant_t l_variant_tListing;
-    const HRESULT l_HRESULT = l_pApple->EnumerateDevicePath(Bstr(BstrText(m_bstr_tSerialNumber)),
+    const HRESULT l_HRESULT = l_pApple->EnumerateDevicePath(AppleSerialNumber(),
                                                             Bstr(pwcharObjectStoragePath_in), ulongContentType_in,
                                                             &l_variant_tListing);
     if (FAILED(l_HRESULT)) {
@@ -153,7 +162,7 @@ _bstr_t CDorWEXWPDObject::CopyFileToDevice2(const wchar_t* pTCHARObjectStoragePa
     Trace(L"CDorWEXWPDObject::CopyFileToDevice2 calling COM.\n");
     _variant_t l_variant_tResult;
     const HRESULT l_HRESULT =
-        l_pApple->CopyFileToDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pTCHARObjectStoragePath_in),
+        l_pApple->CopyFileToDevice(AppleSerialNumber(), _bstr_t(pTCHARObjectStoragePath_in),
                                    _bstr_t(pTCHARstrFileToCopy_in), _bstr_t(pTCHARWriteToken_in), &l_variant_tResult);
     if (FAILED(l_HRESULT)) {
         TraceComError(L"CopyFileToDevice2", l_HRESULT);
@@ -171,7 +180,7 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice2(const wchar_t* pwcharObjectStorage
     }
     _variant_t l_variant_tResult;
     return Outcome(L"CopyFileFromDevice2",
-                   l_pApple->CopyFileFromDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in),
+                   l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
                                                 _bstr_t(pwcharLocalFileName_in), &l_variant_tResult),
                    l_variant_tResult);
 }
@@ -183,7 +192,7 @@ int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePa
     if (l_pApple && pwcharObjectStoragePath_in != nullptr) {
         _variant_t l_variant_tResult;
         const HRESULT l_HRESULT = l_pApple->DeleteFileFromDevice(
-            Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in), &l_variant_tResult);
+            AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in), &l_variant_tResult);
         l_intResult = SUCCEEDED(Outcome(L"DeleteFileFromDevice2", l_HRESULT, l_variant_tResult)) ? 1 : 0;
     }
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice2 %s=%s", pwcharObjectStoragePath_in != nullptr ? pwcharObjectStoragePath_in : L"",
@@ -199,7 +208,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice2(const wchar_t* pwcharParentPath_
     }
     _variant_t l_variant_tResult;
     return Outcome(L"CreateFolderOnDevice2",
-                   l_pApple->CreateFolderOnDevice(Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharParentPath_in),
+                   l_pApple->CreateFolderOnDevice(AppleSerialNumber(), _bstr_t(pwcharParentPath_in),
                                                   _bstr_t(pwcharFolderName_in), &l_variant_tResult),
                    l_variant_tResult);
 }
@@ -222,7 +231,7 @@ bool CDorWEXWPDObject::GetAppleDeviceAbsolutePath(const wchar_t* pwcharObjectSto
     }
     _variant_t l_variant_tDeviceAbsolutePath;
     const HRESULT l_HRESULT = l_pApple->GetDeviceAbsolutePath(
-        Bstr(BstrText(m_bstr_tSerialNumber)), _bstr_t(pwcharObjectStoragePath_in), &l_variant_tDeviceAbsolutePath);
+        AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in), &l_variant_tDeviceAbsolutePath);
     if (FAILED(l_HRESULT)) {
         TraceComError(L"SimulateWPDWriteEvent", l_HRESULT);
         return false;

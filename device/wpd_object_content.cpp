@@ -123,8 +123,10 @@ _bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStor
         return _bstr_t();
     }
     const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
-    const _bstr_t& l_bstr_tRoot =
-        SameName(m_bstr_tDisk2Name, l_Path.storage.c_str()) ? m_bstr_tDisk2ObjectId : m_bstr_tDisk1ObjectId;
+    const auto l_pIdentity = Identity();
+    const _bstr_t& l_bstr_tRoot = SameName(l_pIdentity->m_bstr_tDisk2Name, l_Path.storage.c_str())
+                                      ? l_pIdentity->m_bstr_tDisk2ObjectId
+                                      : l_pIdentity->m_bstr_tDisk1ObjectId;
     return l_bstr_tRoot.length() == 0 ? _bstr_t() : l_bstr_tRoot;
 }
 
@@ -244,7 +246,7 @@ _bstr_t CDorWEXWPDObject::GetObjectTargetPath(const wchar_t* pwcharObjectId_in) 
 
 _bstr_t CDorWEXWPDObject::EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) {
     Trace(L"CDorWEXWPDObject::EnumerateDevicePath enter.\n");
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return EnumerateDevicePath3(pwcharObjectStoragePath_in, ulongContentType_in);
     case Manufacturer::APPLE:
@@ -263,10 +265,11 @@ _bstr_t CDorWEXWPDObject::EnumerateDevicePath1(const wchar_t* pwcharObjectStorag
     _bstr_t l_bstr_tFolder;
     const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
     if (wcschr(pwcharObjectStoragePath_in, L'\\') == nullptr) {
-        if (SameName(m_bstr_tDisk1Name, l_Path.storage.c_str())) {
-            l_bstr_tFolder = m_bstr_tDisk1ObjectId;
-        } else if (SameName(m_bstr_tDisk2Name, l_Path.storage.c_str())) {
-            l_bstr_tFolder = m_bstr_tDisk2ObjectId;
+        const auto l_pIdentity = Identity();
+        if (SameName(l_pIdentity->m_bstr_tDisk1Name, l_Path.storage.c_str())) {
+            l_bstr_tFolder = l_pIdentity->m_bstr_tDisk1ObjectId;
+        } else if (SameName(l_pIdentity->m_bstr_tDisk2Name, l_Path.storage.c_str())) {
+            l_bstr_tFolder = l_pIdentity->m_bstr_tDisk2ObjectId;
         }
     } else {
         l_bstr_tFolder = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_LIST);
@@ -302,14 +305,14 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
         return _bstr_t(L"");
     }
     if (SameName(pwcharPropertyName_in, L"strObjectDeviceId")) {
-        return m_bstr_tDeviceId;
+        return Identity()->m_bstr_tDeviceId;
     }
-    if (m_eManufacturer == Manufacturer::BLACKBERRY) {
+    if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
         return m_pCDorWEXBlackBerry
                    ? _bstr_t(m_pCDorWEXBlackBerry->GetProperty(pwcharObjectStoragePath_in, pwcharPropertyName_in).c_str())
                    : _bstr_t(L"");
     }
-    if (m_eManufacturer == Manufacturer::APPLE) {
+    if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
         return _bstr_t(L"");  // the Apple companion has no object properties to ask for
     }
     _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
@@ -424,7 +427,7 @@ _bstr_t CDorWEXWPDObject::ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_i
 _bstr_t CDorWEXWPDObject::CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
                                            const wchar_t* pwcharWriteToken_in, DWORD) {
     Trace(L"CDorWEXWPDObject::CopyFileToDevice enter.\n");
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return CopyFileToDevice3(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
     case Manufacturer::APPLE:
@@ -511,7 +514,7 @@ _bstr_t CDorWEXWPDObject::CopyFileToDevice1(const wchar_t* pwcharObjectStoragePa
 HRESULT CDorWEXWPDObject::CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
                                              const wchar_t* pwcharLocalFileName_in) {
     Trace(L"CDorWEXWPDObject::CopyFileFromDevice enter.\n");
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return CopyFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     case Manufacturer::APPLE:
@@ -564,16 +567,17 @@ int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePat
         return 0;
     }
     int l_intResult = 0;
-    if (m_eManufacturer == Manufacturer::BLACKBERRY) {
+    if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
         l_intResult = DeleteFileFromDevice3(pwcharObjectStoragePath_in);
-    } else if (m_eManufacturer == Manufacturer::APPLE) {
+    } else if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
         l_intResult = DeleteFileFromDevice2(pwcharObjectStoragePath_in);
     } else {
         Trace(L"CDorWEXWPDObject::DeleteFileFromDevice1 enter.\n");
         const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
         if (l_bstr_tObject.length() != 0) {
+            const _bstr_t l_bstr_tOwnId = Identity()->m_bstr_tDeviceId;
             const wchar_t* l_pwcharDeviceId =
-                pwcharDeviceId_in != nullptr ? pwcharDeviceId_in : static_cast<const wchar_t*>(m_bstr_tDeviceId);
+                pwcharDeviceId_in != nullptr ? pwcharDeviceId_in : static_cast<const wchar_t*>(l_bstr_tOwnId);
             l_intResult = SUCCEEDED(DeleteWPDObject(l_bstr_tObject, l_pwcharDeviceId)) ? 1 : 0;
         }
     }
@@ -592,11 +596,11 @@ HRESULT CDorWEXWPDObject::DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath
         Trace(L"CDorWEXWPDObject::DeleteWPDObject, ERROR pTCHARDeviceId_in == NULL\n");
         return E_FAIL;
     }
-    if (m_bstr_tDeviceId.length() != 0) {
-        if (!SameName(m_bstr_tDeviceId, pTCHARDeviceId_in)) {
+    if (Identity()->m_bstr_tDeviceId.length() != 0) {
+        if (!SameName(Identity()->m_bstr_tDeviceId, pTCHARDeviceId_in)) {
             return E_FAIL;
         }
-        if (m_eManufacturer == Manufacturer::APPLE) {
+        if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
             Microsoft::WRL::ComPtr<IdorWEXWPDApple> l_pApple;
             if (SUCCEEDED(GetAppleCOMObject(l_pApple.GetAddressOf()))) {
                 DeleteFileFromDevice2(pTCHARObjectStoragePath_in);
@@ -664,7 +668,7 @@ HRESULT CDorWEXWPDObject::DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectI
 
 HRESULT CDorWEXWPDObject::CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) {
     Trace(L"CDorWEXWPDObject::CreateFolderOnDevice enter.\n");
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return CreateFolderOnDevice3(pwcharParentPath_in, pwcharFolderName_in);
     case Manufacturer::APPLE:
@@ -715,10 +719,10 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice1(const wchar_t* pwcharParentPath_
 
 int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
                                          const wchar_t* pwcharLocalFileName_in) {
-    if (m_eManufacturer == Manufacturer::APPLE) {
+    if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
         return MoveFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
-    if (m_eManufacturer == Manufacturer::BLACKBERRY) {
+    if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
         return MoveFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
     const _bstr_t l_bstr_tObject =
@@ -731,6 +735,6 @@ int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_
         return 0;
     }
     // The file has arrived: a delete that fails does not undo the move's success.
-    DeleteWPDObject(l_bstr_tObject, m_bstr_tDeviceId);
+    DeleteWPDObject(l_bstr_tObject, Identity()->m_bstr_tDeviceId);
     return 1;
 }

@@ -123,7 +123,7 @@ HRESULT CDorWEXWPDObject::InitializeForEject(const wchar_t* pwcharDeviceId_in) {
     if (pwcharDeviceId_in == nullptr) {
         return E_POINTER;
     }
-    m_bstr_tDeviceId = pwcharDeviceId_in;
+    UpdateIdentity([pwcharDeviceId_in](DeviceIdentity& identity_io) { identity_io.m_bstr_tDeviceId = pwcharDeviceId_in; });
     const HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER,
                                                IID_PPV_ARGS(&m_pIPortableDeviceManager));
     if (FAILED(l_HRESULT)) {
@@ -135,11 +135,12 @@ HRESULT CDorWEXWPDObject::InitializeForEject(const wchar_t* pwcharDeviceId_in) {
 
 LONG CDorWEXWPDObject::EjectDevice() {
     Trace(L"CDorWEXWPDObject::EjectDevice enter.\n");
-    const wchar_t* l_pwcharDeviceId = m_bstr_tDeviceId;
+    const _bstr_t l_bstr_tDeviceId = Identity()->m_bstr_tDeviceId;
+    const wchar_t* l_pwcharDeviceId = l_bstr_tDeviceId;
     if (l_pwcharDeviceId == nullptr) {
         return 0;
     }
-    switch (m_eManufacturer) {
+    switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return EjectDeviceBlackBerry(l_pwcharDeviceId);
     case Manufacturer::APPLE:

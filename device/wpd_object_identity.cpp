@@ -58,18 +58,18 @@ const SurveyedProperty kSurveyedProperties[] = {
 struct NamedCategory {
     const GUID* pCategory;
     const wchar_t* pwcharName;
-    bool CDorWEXWPDObject::*pFlag;
+    bool DeviceIdentity::*pFlag;
 };
 const NamedCategory kCategories[] = {
     {&WPD_FUNCTIONAL_CATEGORY_STORAGE, L"WPD_FUNCTIONAL_CATEGORY_STORAGE",
-     &CDorWEXWPDObject::m_bFunctionalCategoryStorage},
+     &DeviceIdentity::m_bFunctionalCategoryStorage},
     {&WPD_FUNCTIONAL_CATEGORY_STILL_IMAGE_CAPTURE, L"WPD_FUNCTIONAL_CATEGORY_STILL_IMAGE_CAPTURE",
-     &CDorWEXWPDObject::m_bFunctionalCategoryStillImageCapture},
+     &DeviceIdentity::m_bFunctionalCategoryStillImageCapture},
     {&WPD_FUNCTIONAL_CATEGORY_AUDIO_CAPTURE, L"WPD_FUNCTIONAL_CATEGORY_AUDIO_CAPTURE",
-     &CDorWEXWPDObject::m_bFunctionalCategoryAudioCapture},
-    {&WPD_FUNCTIONAL_CATEGORY_SMS, L"WPD_FUNCTIONAL_CATEGORY_SMS", &CDorWEXWPDObject::m_bFunctionalCategorySMS},
+     &DeviceIdentity::m_bFunctionalCategoryAudioCapture},
+    {&WPD_FUNCTIONAL_CATEGORY_SMS, L"WPD_FUNCTIONAL_CATEGORY_SMS", &DeviceIdentity::m_bFunctionalCategorySMS},
     {&WPD_FUNCTIONAL_CATEGORY_RENDERING_INFORMATION, L"WPD_FUNCTIONAL_CATEGORY_RENDERING_INFORMATION",
-     &CDorWEXWPDObject::m_bFunctionalCategoryRenderingInformation},
+     &DeviceIdentity::m_bFunctionalCategoryRenderingInformation},
 };
 
 // Object and storage keys read for each storage.
@@ -105,7 +105,7 @@ _bstr_t ReadString(IPortableDeviceValues* pIPortableDeviceValues_in, const PROPE
 HRESULT CDorWEXWPDObject::GetManufacturer() {
     Trace(L"CDorWEXWPDObject::GetManufacturer entered\n.");
     DWORD l_DWORDManufacturer = 0;
-    HRESULT l_HRESULT = m_pIPortableDeviceManager->GetDeviceManufacturer(m_bstr_tDeviceId, nullptr,
+    HRESULT l_HRESULT = m_pIPortableDeviceManager->GetDeviceManufacturer(Identity()->m_bstr_tDeviceId, nullptr,
                                                                          &l_DWORDManufacturer);
     if (FAILED(l_HRESULT) || l_DWORDManufacturer == 0) {
         Trace(L"CDorWEXWPDObject::GetManufacturer call toGetDeviceManufacturer failed, HRESULT=%08x, "
@@ -120,17 +120,19 @@ HRESULT CDorWEXWPDObject::GetManufacturer() {
     } else {
         l_pTCHARManufacturer[0] = L'\0';
         l_pTCHARManufacturer[l_DWORDManufacturer] = L'\0';
-        l_HRESULT = m_pIPortableDeviceManager->GetDeviceManufacturer(m_bstr_tDeviceId, l_pTCHARManufacturer.get(),
-                                                                     &l_DWORDManufacturer);
+        l_HRESULT = m_pIPortableDeviceManager->GetDeviceManufacturer(Identity()->m_bstr_tDeviceId,
+                                                                     l_pTCHARManufacturer.get(), &l_DWORDManufacturer);
     }
     if (SUCCEEDED(l_HRESULT)) {
         Trace(L"CDorWEXWPDObject::GetManufacturer got <%s>\n.", l_pTCHARManufacturer.get());
-        m_bstr_tManufacturer = l_pTCHARManufacturer.get();
         const std::wstring l_wstringMaker(l_pTCHARManufacturer.get());
         const dorwex::ManufacturerMatch l_Match =
             dorwex::ClassifyManufacturer(std::u16string_view(reinterpret_cast<const char16_t*>(l_wstringMaker.data()),
                                                              l_wstringMaker.size()));
-        m_eManufacturer = l_Match.manufacturer;
+        UpdateIdentity([&](DeviceIdentity& identity_io) {
+            identity_io.m_bstr_tManufacturer = l_wstringMaker.c_str();
+            identity_io.m_eManufacturer = l_Match.manufacturer;
+        });
         switch (l_Match.manufacturer) {
         case Manufacturer::APPLE:
             Trace(L"CDorWEXWPDObject::GetManufacturer is APPLE.\n");
@@ -149,24 +151,30 @@ HRESULT CDorWEXWPDObject::GetManufacturer() {
             break;
         }
     }
-    Trace(L"CDorWEXWPDObject::GetManufacturer, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tManufacturer));
+    Trace(L"CDorWEXWPDObject::GetManufacturer, %x: %s.\n", l_HRESULT, BstrText(Identity()->m_bstr_tManufacturer));
     return l_HRESULT;
 }
 
 HRESULT CDorWEXWPDObject::GetFriendlyName() {
+    const auto l_pIdentity = Identity();
+    _bstr_t l_bstr_tText = l_pIdentity->m_bstr_tFriendlyName;
     const HRESULT l_HRESULT = FetchManagerText(m_pIPortableDeviceManager.Get(),
-                                               &IPortableDeviceManager::GetDeviceFriendlyName, m_bstr_tDeviceId,
-                                               m_bstr_tFriendlyName);
-    Trace(L"CDorWEXWPDObject::GetFriendlyName, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tFriendlyName));
+                                               &IPortableDeviceManager::GetDeviceFriendlyName,
+                                               l_pIdentity->m_bstr_tDeviceId, l_bstr_tText);
+    UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.m_bstr_tFriendlyName = l_bstr_tText; });
+    Trace(L"CDorWEXWPDObject::GetFriendlyName, %x: %s.\n", l_HRESULT, BstrText(l_bstr_tText));
     return l_HRESULT;
 }
 
 // The description is the maker text exactly as the manager reports it, before any upper-casing.
 HRESULT CDorWEXWPDObject::GetDescription() {
+    const auto l_pIdentity = Identity();
+    _bstr_t l_bstr_tText = l_pIdentity->m_bstr_tDescription;
     const HRESULT l_HRESULT = FetchManagerText(m_pIPortableDeviceManager.Get(),
-                                               &IPortableDeviceManager::GetDeviceManufacturer, m_bstr_tDeviceId,
-                                               m_bstr_tDescription);
-    Trace(L"CDorWEXWPDObject::GetDescription, %x: %s.\n", l_HRESULT, BstrText(m_bstr_tDescription));
+                                               &IPortableDeviceManager::GetDeviceManufacturer,
+                                               l_pIdentity->m_bstr_tDeviceId, l_bstr_tText);
+    UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.m_bstr_tDescription = l_bstr_tText; });
+    Trace(L"CDorWEXWPDObject::GetDescription, %x: %s.\n", l_HRESULT, BstrText(l_bstr_tText));
     return l_HRESULT;
 }
 
@@ -216,9 +224,11 @@ HRESULT CDorWEXWPDObject::GetAdditionalProperties() {
             }
             Trace((l_wstringPrefix + L"=%s.\n").c_str(), l_Value.Get());
             if (l_Property.pKey == &WPD_OBJECT_ID) {
-                m_bstr_tDeviceObjectId = l_Value.Get();
+                const _bstr_t l_bstr_tObjectId(l_Value.Get());
+                UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.m_bstr_tDeviceObjectId = l_bstr_tObjectId; });
             } else if (l_Property.pKey == &WPD_DEVICE_SERIAL_NUMBER) {
-                m_bstr_tSerialNumber = l_Value.Get();
+                const _bstr_t l_bstr_tSerialNumber(l_Value.Get());
+                UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.m_bstr_tSerialNumber = l_bstr_tSerialNumber; });
             }
         } else if (l_Property.eType == PropertyType::UInt32) {
             ULONG l_ulongValue = 0;
@@ -269,13 +279,13 @@ HRESULT CDorWEXWPDObject::GetFunctionalCategories() {
         }
         for (const auto& l_Named : kCategories) {
             if (*l_Category.Get().puuid == *l_Named.pCategory) {
-                this->*l_Named.pFlag = true;
+                UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.*l_Named.pFlag = true; });
                 Trace(L"CDorWEXWPDObject::GetFunctionalCategories: %s\n", l_Named.pwcharName);
                 break;
             }
         }
     }
-    if (!m_bFunctionalCategoryStorage) {
+    if (!Identity()->m_bFunctionalCategoryStorage) {
         return l_HRESULT;
     }
 
@@ -362,28 +372,30 @@ void CDorWEXWPDObject::ReadStorage(IPortableDeviceProperties* pIPortableDevicePr
 
     // The first two storages are the device's disks.
     struct DiskMembers {
-        _bstr_t CDorWEXWPDObject::*pName;
-        _bstr_t CDorWEXWPDObject::*pObjectId;
-        _bstr_t CDorWEXWPDObject::*pPersistentUniqueId;
-        _bstr_t CDorWEXWPDObject::*pDescription;
+        _bstr_t DeviceIdentity::*pName;
+        _bstr_t DeviceIdentity::*pObjectId;
+        _bstr_t DeviceIdentity::*pPersistentUniqueId;
+        _bstr_t DeviceIdentity::*pDescription;
     };
     static const DiskMembers kDisks[] = {
-        {&CDorWEXWPDObject::m_bstr_tDisk1Name, &CDorWEXWPDObject::m_bstr_tDisk1ObjectId,
-         &CDorWEXWPDObject::m_bstr_tDisk1PersistentUniqueId, &CDorWEXWPDObject::m_bstr_tDisk1Description},
-        {&CDorWEXWPDObject::m_bstr_tDisk2Name, &CDorWEXWPDObject::m_bstr_tDisk2ObjectId,
-         &CDorWEXWPDObject::m_bstr_tDisk2PersistentUniqueId, &CDorWEXWPDObject::m_bstr_tDisk2Description},
+        {&DeviceIdentity::m_bstr_tDisk1Name, &DeviceIdentity::m_bstr_tDisk1ObjectId,
+         &DeviceIdentity::m_bstr_tDisk1PersistentUniqueId, &DeviceIdentity::m_bstr_tDisk1Description},
+        {&DeviceIdentity::m_bstr_tDisk2Name, &DeviceIdentity::m_bstr_tDisk2ObjectId,
+         &DeviceIdentity::m_bstr_tDisk2PersistentUniqueId, &DeviceIdentity::m_bstr_tDisk2Description},
     };
-    if (intStorageIndex_in < 2) {
-        const DiskMembers& l_Disk = kDisks[intStorageIndex_in];
-        this->*l_Disk.pName = l_bstr_tName;
-        this->*l_Disk.pObjectId = l_bstr_tObjectId.length() != 0 ? l_bstr_tObjectId : _bstr_t(pwcharObjectId_in);
-        this->*l_Disk.pPersistentUniqueId = l_bstr_tPersistentUniqueId;
-        this->*l_Disk.pDescription = l_bstr_tDescription;
-    }
     // Object id, name, description, file system and capacity of every storage, one line each.
     wchar_t l_wcharSummary[1024];
     _snwprintf_s(l_wcharSummary, _countof(l_wcharSummary), _TRUNCATE, L"%s %s %s %s %s\n", pwcharObjectId_in,
                  BstrText(l_bstr_tName), BstrText(l_bstr_tDescription), BstrText(l_bstr_tFileSystem),
                  std::to_wstring(l_ulonglongCapacity).c_str());
-    m_bstr_tExtraProperties += l_wcharSummary;
+    UpdateIdentity([&](DeviceIdentity& identity_io) {
+        if (intStorageIndex_in < 2) {
+            const DiskMembers& l_Disk = kDisks[intStorageIndex_in];
+            identity_io.*l_Disk.pName = l_bstr_tName;
+            identity_io.*l_Disk.pObjectId = l_bstr_tObjectId.length() != 0 ? l_bstr_tObjectId : _bstr_t(pwcharObjectId_in);
+            identity_io.*l_Disk.pPersistentUniqueId = l_bstr_tPersistentUniqueId;
+            identity_io.*l_Disk.pDescription = l_bstr_tDescription;
+        }
+        identity_io.m_bstr_tExtraProperties += l_wcharSummary;
+    });
 }

@@ -24,7 +24,7 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
     }
     _bstr_t l_bstr_tDeviceAbsolutePath(pTCHARObjectStoragePath_in);
     // Only the Apple companion knows where a storage path lies on an Apple device.
-    if (m_eManufacturer == Manufacturer::APPLE &&
+    if (Identity()->m_eManufacturer == Manufacturer::APPLE &&
         !GetAppleDeviceAbsolutePath(pTCHARObjectStoragePath_in, l_bstr_tDeviceAbsolutePath)) {
         return 0;
     }
@@ -52,9 +52,11 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
         return 0;
     }
     // The writer's process id (what the companion reported) goes into the event as its process.
-    m_pCore->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(m_bstr_tDeviceId), l_pwcharObjectInfo,
-                       pTCHARObjectStoragePath_in, l_pwcharFileName, BstrText(l_bstr_tDeviceAbsolutePath),
-                       BstrText(m_bstr_tDisk1Name), BstrText(m_bstr_tFriendlyName), l_pwcharFileName,
+    const auto l_pIdentity = Identity();
+    m_pCore->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(l_pIdentity->m_bstr_tDeviceId),
+                       l_pwcharObjectInfo, pTCHARObjectStoragePath_in, l_pwcharFileName,
+                       BstrText(l_bstr_tDeviceAbsolutePath), BstrText(l_pIdentity->m_bstr_tDisk1Name),
+                       BstrText(l_pIdentity->m_bstr_tFriendlyName), l_pwcharFileName,
                        _bstr_t(l_wstringText.c_str()), l_wstringNumber.c_str());
     return 1;
 }

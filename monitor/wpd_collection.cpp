@@ -53,31 +53,33 @@ bool MatchesDiskId(const Entry& entry_in, const wchar_t* pwcharId_in) {
 }
 
 bool MatchesDiskNameAndDeviceId(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    const CDorWEXWPDObject& l_Device = *entry_in.second;
-    if (SameText(l_Device.m_bstr_tDisk1Name + l_Device.m_bstr_tDeviceId, pwcharId_in)) {
+    const auto l_pIdentity = entry_in.second->Identity();
+    if (SameText(l_pIdentity->m_bstr_tDisk1Name + l_pIdentity->m_bstr_tDeviceId, pwcharId_in)) {
         return true;
     }
-    return NonEmpty(l_Device.m_bstr_tDisk2Name) &&
-           SameText(l_Device.m_bstr_tDisk2Name + l_Device.m_bstr_tDeviceId, pwcharId_in);
+    return NonEmpty(l_pIdentity->m_bstr_tDisk2Name) &&
+           SameText(l_pIdentity->m_bstr_tDisk2Name + l_pIdentity->m_bstr_tDeviceId, pwcharId_in);
 }
 
 bool MatchesDevice(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    return SameText(entry_in.first, pwcharId_in) || SameText(entry_in.second->m_bstr_tDeviceObjectId, pwcharId_in);
+    return SameText(entry_in.first, pwcharId_in) ||
+           SameText(entry_in.second->Identity()->m_bstr_tDeviceObjectId, pwcharId_in);
 }
 
 bool MatchesSerialNumber(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    return NonEmpty(entry_in.second->m_bstr_tSerialNumber) &&
-           SameText(entry_in.second->m_bstr_tSerialNumber, pwcharId_in);
+    const _bstr_t l_bstr_tSerialNumber = entry_in.second->Identity()->m_bstr_tSerialNumber;
+    return NonEmpty(l_bstr_tSerialNumber) && SameText(l_bstr_tSerialNumber, pwcharId_in);
 }
 
 bool MatchesFriendlyName(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    return NonEmpty(entry_in.second->m_bstr_tFriendlyName) &&
-           SameText(entry_in.second->m_bstr_tFriendlyName, pwcharId_in);
+    const _bstr_t l_bstr_tFriendlyName = entry_in.second->Identity()->m_bstr_tFriendlyName;
+    return NonEmpty(l_bstr_tFriendlyName) && SameText(l_bstr_tFriendlyName, pwcharId_in);
 }
 
 bool MatchesDiskName(const Entry& entry_in, const wchar_t* pwcharDiskName_in) {
-    return SameText(entry_in.second->m_bstr_tDisk1Name, pwcharDiskName_in) ||
-           SameText(entry_in.second->m_bstr_tDisk2Name, pwcharDiskName_in);
+    const auto l_pIdentity = entry_in.second->Identity();
+    return SameText(l_pIdentity->m_bstr_tDisk1Name, pwcharDiskName_in) ||
+           SameText(l_pIdentity->m_bstr_tDisk2Name, pwcharDiskName_in);
 }
 
 bool MatchesBlackBerry(const Entry& entry_in, const wchar_t* pwcharId_in) {
@@ -120,7 +122,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     Trace(L"CDorWEXWPDCollection::AddWPD call to Initialize for %s HRESULT = 0x%08x.\n", l_wstringId.c_str(),
           l_HRESULT);
     if (FAILED(l_HRESULT)) {
-        if (l_pDevice->m_eManufacturer == Manufacturer::LOGICALDISK) {
+        if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::LOGICALDISK) {
             Trace(L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
         }
         l_pDevice->Terminate();
@@ -133,12 +135,13 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     {
         std::lock_guard<std::mutex> l_guard(m_mutexDevices);
         // A device already present with the same serial number is the same phone seen again.
-        if (NonEmpty(l_pDevice->m_bstr_tSerialNumber)) {
+        const _bstr_t l_bstr_tSerialNumber = l_pDevice->Identity()->m_bstr_tSerialNumber;
+        if (NonEmpty(l_bstr_tSerialNumber)) {
             for (auto& l_Entry : m_ActiveWpdDevicesMap) {
-                if (MatchesSerialNumber(l_Entry, l_pDevice->m_bstr_tSerialNumber)) {
+                if (MatchesSerialNumber(l_Entry, l_bstr_tSerialNumber)) {
                     l_boolSameSerialNumber = true;
-                    if (l_Entry.second->m_bstr_tExtraProperties.length() != 0 &&
-                        wcscmp(l_Entry.second->m_bstr_tExtraProperties, kDisksNotMounted) == 0) {
+                    const _bstr_t l_bstr_tExtra = l_Entry.second->Identity()->m_bstr_tExtraProperties;
+                    if (l_bstr_tExtra.length() != 0 && wcscmp(l_bstr_tExtra, kDisksNotMounted) == 0) {
                         l_pReplaced = l_Entry.second;
                         l_Entry.second = l_pDevice;
                     }
@@ -154,7 +157,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     if (l_boolSameSerialNumber) {
         Trace(L"CDorWEXWPDCollection::ProcessDiskMount");
         if (l_pReplaced) {
-            if (l_pReplaced->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+            if (l_pReplaced->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
                 m_pCore->RemoveBlackBerryFromMonitoring(l_pReplaced.get());
             }
             l_pReplaced->Terminate();
@@ -188,13 +191,13 @@ int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
         }
         l_pDevice = l_Found->second;
         m_ActiveWpdDevicesMap.erase(l_Found);
-        if (l_pDevice->m_eManufacturer == Manufacturer::APPLE) {
+        if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::APPLE) {
             l_boolStopApple = m_longAppleCount-- == 1;
-        } else if (l_pDevice->m_eManufacturer == Manufacturer::BLACKBERRY) {
+        } else if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
             l_boolStopBlackBerry = m_longBlackBerryCount-- == 1;
         }
     }
-    if (l_pDevice->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+    if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
         m_pCore->RemoveBlackBerryFromMonitoring(l_pDevice.get());
     }
     l_pDevice->Terminate();
@@ -216,9 +219,9 @@ void CDorWEXWPDCollection::SetDeviceTypeCounter(const DevicePtr& pDevice_in) {
     bool l_boolStartBlackBerry = false;
     {
         std::lock_guard<std::mutex> l_guard(m_mutexDevices);
-        if (pDevice_in->m_eManufacturer == Manufacturer::APPLE) {
+        if (pDevice_in->Identity()->m_eManufacturer == Manufacturer::APPLE) {
             l_boolStartApple = ++m_longAppleCount == 1;
-        } else if (pDevice_in->m_eManufacturer == Manufacturer::BLACKBERRY) {
+        } else if (pDevice_in->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
             l_boolStartBlackBerry = ++m_longBlackBerryCount == 1;
         }
     }
@@ -231,7 +234,7 @@ void CDorWEXWPDCollection::SetDeviceTypeCounter(const DevicePtr& pDevice_in) {
                                 L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring...");
     }
     // The BlackBerry processor keeps its list of watched shares from its start on.
-    if (pDevice_in->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
+    if (pDevice_in->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
         m_pCore->AddBlackBerryToMonitoring(pDevice_in.get());
     }
 }

@@ -55,17 +55,17 @@ int wmain(int argc, wchar_t** argv) {
         for (const auto& entry : devices) {
             const CDorWEXWPDObject& device = *entry.second;
             wprintf(L"\n  %ls\n", entry.first.c_str());
-            wprintf(L"    class %ls, maker \"%ls\", name \"%ls\", serial \"%ls\"\n", ClassName(device.m_eManufacturer),
-                    Text(device.m_bstr_tManufacturer), Text(device.m_bstr_tFriendlyName),
-                    Text(device.m_bstr_tSerialNumber));
-            wprintf(L"    disk 1 \"%ls\" (%ls), disk 2 \"%ls\" (%ls)\n", Text(device.m_bstr_tDisk1Name),
-                    Text(device.m_bstr_tDisk1ObjectId), Text(device.m_bstr_tDisk2Name),
-                    Text(device.m_bstr_tDisk2ObjectId));
+            wprintf(L"    class %ls, maker \"%ls\", name \"%ls\", serial \"%ls\"\n", ClassName(device.Identity()->m_eManufacturer),
+                    Text(device.Identity()->m_bstr_tManufacturer), Text(device.Identity()->m_bstr_tFriendlyName),
+                    Text(device.Identity()->m_bstr_tSerialNumber));
+            wprintf(L"    disk 1 \"%ls\" (%ls), disk 2 \"%ls\" (%ls)\n", Text(device.Identity()->m_bstr_tDisk1Name),
+                    Text(device.Identity()->m_bstr_tDisk1ObjectId), Text(device.Identity()->m_bstr_tDisk2Name),
+                    Text(device.Identity()->m_bstr_tDisk2ObjectId));
         }
         wprintf(L"\nApple monitoring %ls, BlackBerry monitoring %ls\n", core.HasAppleMonitoring() ? L"on" : L"off",
                 core.HasBlackBerryMonitoring() ? L"on" : L"off");
         const auto found = core.GetCollection()->FindWPDObject(nullptr, L"card\\notes.txt");
-        wprintf(L"the path card\\notes.txt belongs to: %ls\n", found ? Text(found->m_bstr_tFriendlyName) : L"(none)");
+        wprintf(L"the path card\\notes.txt belongs to: %ls\n", found ? Text(found->Identity()->m_bstr_tFriendlyName) : L"(none)");
         if (devices.empty()) {
             exitCode = 1;
         }

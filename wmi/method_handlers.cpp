@@ -189,8 +189,8 @@ HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice",
                         L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", {L"strObjectStoragePath", L"strObjectDeviceId"},
                         L"0", [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[2]) {
-                            SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]),
-                                                                                 device_in.m_bstr_tDeviceId));
+                            const _bstr_t l_bstr_tDeviceId = device_in.Identity()->m_bstr_tDeviceId;
+                            SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]), l_bstr_tDeviceId));
                         });
 }
 
@@ -316,14 +316,15 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     if (!l_pDevice) {
         return S_OK;
     }
-    const _bstr_t l_bstr_tDeviceId = l_pDevice->m_bstr_tDeviceId;
+    const _bstr_t l_bstr_tDeviceId = l_pDevice->Identity()->m_bstr_tDeviceId;
     CDorWEXWPDObject l_EjectObject(call_io.pProvider->GetCore());
     LONG l_longResult = 0;
     if (SUCCEEDED(l_EjectObject.InitializeForEject(l_bstr_tDeviceId))) {
         l_EjectObject.GetManufacturer();
         // A BlackBerry is known as one from its property record, which only the attached device read.
-        if (l_pDevice->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
-            l_EjectObject.m_eManufacturer = CDorWEXWPDObject::Manufacturer::BLACKBERRY;
+        if (l_pDevice->Identity()->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
+            l_EjectObject.UpdateIdentity(
+                [](DeviceIdentity& identity_io) { identity_io.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
         }
         l_longResult = l_EjectObject.EjectDevice();
     }

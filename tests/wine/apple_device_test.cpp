@@ -42,12 +42,12 @@ TEST_F(AppleDevice, TheCompanionTellsTheIdentity) {
     TraceCapture trace(1);
     CDorWEXWPDObject device(nullptr);
     Open(device);
-    EXPECT_EQ(device.m_eManufacturer, dorwex::Manufacturer::APPLE);
-    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"00008030-AB");
-    EXPECT_EQ(Text(device.m_bstr_tBluetoothAddress), L"11:22:33:44:55:66");
-    EXPECT_EQ(Text(device.m_bstr_tWiFiAddress), L"66:55:44:33:22:11");
-    EXPECT_EQ(Text(device.m_bstr_tEthernetAddress), L"") << "one the device does not have";
-    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Internal Storage");
+    EXPECT_EQ(device.Identity()->m_eManufacturer, dorwex::Manufacturer::APPLE);
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"00008030-AB");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tBluetoothAddress), L"11:22:33:44:55:66");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tWiFiAddress), L"66:55:44:33:22:11");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tEthernetAddress), L"") << "one the device does not have";
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"Internal Storage");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAppleCOMObject SUCCESSFULLY created.\n"));
 
     IdorWEXWPDApple* again = nullptr;

@@ -212,9 +212,9 @@ TEST(BlackBerryMonitoring, ListKeyedByShareName) {
     CDorWEXWMIBlackBerryEventsListener listener(nullptr);
     CDorWEXWPDObject first(nullptr), again(nullptr), upper(nullptr), bare(nullptr), unnamed(nullptr);
     for (CDorWEXWPDObject* device : {&first, &again, &bare}) {
-        device->m_bstr_tDisk1Name = L"\\\\10.0.0.1\\media";
+        device->UpdateIdentity([](DeviceIdentity& identity) { identity.m_bstr_tDisk1Name = L"\\\\10.0.0.1\\media"; });
     }
-    upper.m_bstr_tDisk1Name = L"\\\\10.0.0.1\\MEDIA";
+    upper.UpdateIdentity([](DeviceIdentity& identity) { identity.m_bstr_tDisk1Name = L"\\\\10.0.0.1\\MEDIA"; });
     first.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
     again.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
     upper.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
@@ -266,7 +266,7 @@ protected:
         ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_0fca&pid_8004#bb"), S_OK);
         device = core.GetCollection()->FindWPDObjectById(L"usb#vid_0fca&pid_8004#bb");
         ASSERT_TRUE(device);
-        ASSERT_EQ(device->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
+        ASSERT_EQ(device->Identity()->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
         client = OpenPipeClient(kDorWEXBlackBerryPipeName);
         ASSERT_NE(client, INVALID_HANDLE_VALUE);
     }
@@ -301,7 +301,7 @@ const wchar_t kDecided[] = L"CDorWEXWMIBlackBerryNamedPipe::ProcessData2 enter.\
 TEST_F(BlackBerryPipe, CredentialsConnectOnceAndTheSameCredentialsDoNotReconnect) {
     ASSERT_NE(Listener(), nullptr);
     EXPECT_EQ(Listener()->MonitoredCount(), 1u) << "the device's share is watched";
-    EXPECT_EQ(std::wstring(device->m_bstr_tDisk1Name), L"\\\\10.0.0.1\\media");
+    EXPECT_EQ(std::wstring(device->Identity()->m_bstr_tDisk1Name), L"\\\\10.0.0.1\\media");
 
     Exchange(kCredentials, L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: FALSE\n");
     ASSERT_TRUE(WaitUntil([&] { return wnet.Connects().size() == 1; }));
@@ -315,8 +315,8 @@ TEST_F(BlackBerryPipe, CredentialsConnectOnceAndTheSameCredentialsDoNotReconnect
     Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\sdcard*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials enter.");
     // Messages of one client are handled in order: once the next one is, the SD card's is complete.
     Exchange(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\DTM*bbuser*secret", L"CDorWEXWMIBlackBerryNamedPipe::FilterShare, filtering \\DTM\n");
-    EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Name), L"\\\\10.0.0.1\\sdcard");
-    EXPECT_EQ(std::wstring(device->m_bstr_tDisk2Description), L"SD Card in BB device");
+    EXPECT_EQ(std::wstring(device->Identity()->m_bstr_tDisk2Name), L"\\\\10.0.0.1\\sdcard");
+    EXPECT_EQ(std::wstring(device->Identity()->m_bstr_tDisk2Description), L"SD Card in BB device");
     EXPECT_EQ(wnet.Connects().size(), 3u) << "a filtered share is not connected";
 
     for (const auto& line : trace.Lines()) {

@@ -245,7 +245,7 @@ TEST(PnpView, TheDeviceTakesItsUSBSerialNumberAndIsFoundByItsUSBNode) {
     ASSERT_EQ(devices.AddWPD(Wide(kPhoneWPDId).c_str()), S_OK);
     const auto device = devices.FindWPDObject(kPhoneUSB, nullptr);
     ASSERT_TRUE(device) << "found through the instance id of its USB node";
-    EXPECT_EQ(std::wstring(device->m_bstr_tUSBSerialNumber), L"R58M12345");
+    EXPECT_EQ(std::wstring(device->Identity()->m_bstr_tUSBSerialNumber), L"R58M12345");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:R58M12345\n"));
     EXPECT_TRUE(devices.FindWPDObject(kPhoneFunction, nullptr)) << "and through the node of the function";
     devices.RemoveWPD(Wide(kPhoneWPDId).c_str());
@@ -389,7 +389,7 @@ TEST_F(Eject, AnAppleDeviceTakesTheApplePathBeforeWindows8) {
         InterlockedExchange(&g_longOSVersionCode, version);
         CDorWEXWPDObject device(&core);
         ASSERT_EQ(device.InitializeForEject(Wide(kPhoneWPDId).c_str()), S_OK);
-        device.m_eManufacturer = dorwex::Manufacturer::APPLE;
+        device.UpdateIdentity([](DeviceIdentity& identity) { identity.m_eManufacturer = dorwex::Manufacturer::APPLE; });
         trace.Clear();
         EXPECT_EQ(device.EjectDevice(), 1) << version;
         EXPECT_EQ(trace.Has(L"CDorWEXWPDObject::EjectDeviceApple enter.\n"), version == 61) << version;
@@ -401,7 +401,7 @@ TEST_F(Eject, AnAppleDeviceTakesTheApplePathBeforeWindows8) {
 TEST_F(Eject, ABlackBerryEjectsItsParent) {
     CDorWEXWPDObject device(&core);
     ASSERT_EQ(device.InitializeForEject(Wide(kPhoneWPDId).c_str()), S_OK);
-    device.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY;
+    device.UpdateIdentity([](DeviceIdentity& identity) { identity.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
     EXPECT_EQ(device.EjectDevice(), 1);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceBlackBerry enter.\n"));
     EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1);

@@ -145,11 +145,11 @@ TEST_F(Collection, SameSerialNumberReplacesOnlyADeviceWhoseDisksNeverMounted) {
     EXPECT_FALSE(devices.FindWPDObjectById(L"usb#second")) << "not inserted under its own id";
     const auto replaced = devices.FindWPDObjectById(L"usb#first");
     ASSERT_TRUE(replaced);
-    EXPECT_EQ(std::wstring(replaced->m_bstr_tDeviceId), L"USB#SECOND") << "the entry keeps its key";
+    EXPECT_EQ(std::wstring(replaced->Identity()->m_bstr_tDeviceId), L"USB#SECOND") << "the entry keeps its key";
     EXPECT_EQ(emulator.OpenSessions(L"usb#first"), 0) << "the old object was terminated";
 
     EXPECT_EQ(devices.AddWPD(L"usb#third"), S_OK);
-    EXPECT_EQ(std::wstring(devices.FindWPDObjectById(L"usb#first")->m_bstr_tDeviceId), L"USB#SECOND")
+    EXPECT_EQ(std::wstring(devices.FindWPDObjectById(L"usb#first")->Identity()->m_bstr_tDeviceId), L"USB#SECOND")
         << "a device whose disks mounted is not replaced";
     EXPECT_EQ(emulator.OpenSessions(L"usb#third"), 0);
     EXPECT_EQ(devices.Count(), 1u);
@@ -227,8 +227,8 @@ TEST_F(Collection, RemovedDeviceStaysValidForItsHolder) {
     TraceCapture trace(1);
     devices.RemoveWPD(L"usb#held");
     EXPECT_EQ(trace.Count(L"CDorWEXWPDObject::~CDorWEXWPDObject"), 0u) << "still held";
-    EXPECT_EQ(std::wstring(held->m_bstr_tFriendlyName), L"Phone of usb#held");
-    EXPECT_EQ(std::wstring(held->m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(std::wstring(held->Identity()->m_bstr_tFriendlyName), L"Phone of usb#held");
+    EXPECT_EQ(std::wstring(held->Identity()->m_bstr_tDisk1Name), L"Phone");
     held.reset();
     EXPECT_EQ(trace.Count(L"CDorWEXWPDObject::~CDorWEXWPDObject"), 1u);
 }
@@ -251,7 +251,7 @@ TEST_F(Collection, ConcurrentLookupsDuringAddAndRemove) {
                 const std::wstring id = L"USB#STRESS" + std::to_wstring(n++ % kDevices);
                 if (auto device = devices.FindWPDObject(id.c_str(), L"Phone\\a.jpg")) {
                     // Read what a method handler would read while the device may be removed.
-                    found += device->m_bstr_tDisk1Name.length() > 0 ? 1 : 0;
+                    found += device->Identity()->m_bstr_tDisk1Name.length() > 0 ? 1 : 0;
                 }
                 devices.Snapshot();
             }

@@ -2,6 +2,10 @@
 // storages, the storage retry and the failure paths.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "device/wpd_object.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
@@ -31,25 +35,25 @@ TEST_F(DeviceObject, OpensWithTheProviderClientInformationAndReadsTheIdentity) {
     wchar_t client[256] = {};
     emulator.LastClient(L"usb#vid_04e8#r58m", client, 256);
     EXPECT_STREQ(client, L"name=Win32ext_WPD_Provider;major=1;minor=0;revision=2;qos=131072");
-    EXPECT_EQ(device.m_eManufacturer, Manufacturer::ANDROID);
-    EXPECT_EQ(Text(device.m_bstr_tManufacturer), L"SAMSUNG Electronics Co., Ltd.");
-    EXPECT_EQ(Text(device.m_bstr_tDescription), L"SAMSUNG Electronics Co., Ltd.") << "the maker text, as reported";
-    EXPECT_EQ(Text(device.m_bstr_tFriendlyName), L"Phone of usb#vid_04e8#r58m");
-    EXPECT_EQ(Text(device.m_bstr_tDeviceObjectId), L"DEVICE");
-    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"R58M");
-    EXPECT_TRUE(device.m_bFunctionalCategoryStorage);
-    EXPECT_TRUE(device.m_bFunctionalCategoryStillImageCapture);
-    EXPECT_TRUE(device.m_bFunctionalCategorySMS);
-    EXPECT_FALSE(device.m_bFunctionalCategoryAudioCapture);
-    EXPECT_FALSE(device.m_bFunctionalCategoryRenderingInformation);
-    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Phone");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1ObjectId), L"s10001");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1PersistentUniqueId), L"{PUID-R58M-1}");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1Description), L"Internal storage");
-    EXPECT_EQ(Text(device.m_bstr_tDisk2Name), L"Card");
-    EXPECT_EQ(Text(device.m_bstr_tDisk2ObjectId), L"s20001");
-    EXPECT_EQ(Text(device.m_bstr_tExtraProperties).find(L"s10001 Phone Internal storage FAT32 "), 0u);
-    EXPECT_NE(Text(device.m_bstr_tExtraProperties).find(L"\ns20001 Card SD card FAT32 "), std::wstring::npos);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::ANDROID);
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tManufacturer), L"SAMSUNG Electronics Co., Ltd.");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDescription), L"SAMSUNG Electronics Co., Ltd.") << "the maker text, as reported";
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tFriendlyName), L"Phone of usb#vid_04e8#r58m");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDeviceObjectId), L"DEVICE");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"R58M");
+    EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStorage);
+    EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStillImageCapture);
+    EXPECT_TRUE(device.Identity()->m_bFunctionalCategorySMS);
+    EXPECT_FALSE(device.Identity()->m_bFunctionalCategoryAudioCapture);
+    EXPECT_FALSE(device.Identity()->m_bFunctionalCategoryRenderingInformation);
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1ObjectId), L"s10001");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1PersistentUniqueId), L"{PUID-R58M-1}");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Description), L"Internal storage");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk2Name), L"Card");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk2ObjectId), L"s20001");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tExtraProperties).find(L"s10001 Phone Internal storage FAT32 "), 0u);
+    EXPECT_NE(Text(device.Identity()->m_bstr_tExtraProperties).find(L"\ns20001 Card SD card FAT32 "), std::wstring::npos);
     EXPECT_EQ(emulator.Subscriptions(L"usb#vid_04e8#r58m"), 1) << "the event callback is registered";
 
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD called for usb#vid_04e8#r58m.\n"));
@@ -75,12 +79,12 @@ TEST_F(DeviceObject, OpensWithTheProviderClientInformationAndReadsTheIdentity) {
 TEST_F(DeviceObject, NullIdDoesNothing) {
     CDorWEXWPDObject device(nullptr);
     EXPECT_EQ(device.InitializeWPD(nullptr), S_OK);
-    EXPECT_EQ(device.m_eManufacturer, Manufacturer::UNKNOWN);
-    EXPECT_EQ(device.m_bstr_tDeviceId.length(), 0u);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(device.Identity()->m_bstr_tDeviceId.length(), 0u);
     EXPECT_FALSE(device.m_pIPortableDevice);
     // Text members start empty, not null; the persistent unique ids start null.
-    EXPECT_NE(static_cast<const wchar_t*>(device.m_bstr_tDisk1Name), nullptr);
-    EXPECT_EQ(static_cast<const wchar_t*>(device.m_bstr_tDisk1PersistentUniqueId), nullptr);
+    EXPECT_NE(static_cast<const wchar_t*>(device.Identity()->m_bstr_tDisk1Name), nullptr);
+    EXPECT_EQ(static_cast<const wchar_t*>(device.Identity()->m_bstr_tDisk1PersistentUniqueId), nullptr);
 }
 
 struct MakerCase {
@@ -107,7 +111,7 @@ TEST_F(DeviceObject, ManufacturerClassDecidesTheResult) {
         TraceCapture trace(1);
         CDorWEXWPDObject device(nullptr);
         EXPECT_EQ(device.InitializeWPD(Wide(id).c_str()), c.result);
-        EXPECT_EQ(device.m_eManufacturer, c.manufacturer);
+        EXPECT_EQ(device.Identity()->m_eManufacturer, c.manufacturer);
         EXPECT_TRUE(trace.Has(c.classTrace));
         if (c.manufacturer == Manufacturer::LOGICALDISK) {
             // A storage stick: no callback, no categories.
@@ -116,7 +120,7 @@ TEST_F(DeviceObject, ManufacturerClassDecidesTheResult) {
             EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD DeviceManufacturer is LOGICALDISK, HRESULT=80004005\n"));
         }
         if (c.manufacturer == Manufacturer::APPLE) {
-            EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"Internal Storage");
+            EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"Internal Storage");
         }
         device.Terminate();
     }
@@ -133,11 +137,11 @@ TEST_F(DeviceObject, WindowsDeviceWithoutStorageNamesGetsPhoneAndAndroidGetsTheS
 
     CDorWEXWPDObject lumia(nullptr);
     EXPECT_EQ(lumia.InitializeWPD(L"usb#lumia"), S_OK);
-    EXPECT_EQ(Text(lumia.m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(Text(lumia.Identity()->m_bstr_tDisk1Name), L"Phone");
 
     CDorWEXWPDObject pixel(nullptr);
     EXPECT_EQ(pixel.InitializeWPD(L"usb#pixel"), S_OK);
-    EXPECT_EQ(Text(pixel.m_bstr_tExtraProperties), L"The device has mounted but not its disks.");
+    EXPECT_EQ(Text(pixel.Identity()->m_bstr_tExtraProperties), L"The device has mounted but not its disks.");
     lumia.Terminate();
     pixel.Terminate();
 }
@@ -147,7 +151,7 @@ TEST_F(DeviceObject, EmptyMakerLeavesTheClassUnknown) {
     TraceCapture trace(1);
     CDorWEXWPDObject device(nullptr);
     EXPECT_EQ(device.InitializeWPD(L"usb#nomaker"), S_OK);
-    EXPECT_EQ(device.m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer call toGetDeviceManufacturer failed, HRESULT=00000000, "
                           L"l_DWORDManufacturer=0\n"));
     device.Terminate();
@@ -174,13 +178,13 @@ TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
                                  L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: ")
                   .size(),
               3u);
-    EXPECT_EQ(device.m_bstr_tDisk1Name.length(), 0u);
+    EXPECT_EQ(device.Identity()->m_bstr_tDisk1Name.length(), 0u);
     device.Terminate();
 
     CDorWEXWPDObject second(nullptr);
     second.InitializeWPD(L"usb#settling");
     EXPECT_EQ(emulator.CallCount(L"usb#settling", "GetFunctionalObjects"), 3u);
-    EXPECT_EQ(Text(second.m_bstr_tDisk1Name), L"Phone") << "the third attempt succeeded";
+    EXPECT_EQ(Text(second.Identity()->m_bstr_tDisk1Name), L"Phone") << "the third attempt succeeded";
     second.Terminate();
 
     CDorWEXWPDObject third(nullptr);
@@ -205,7 +209,7 @@ TEST_F(DeviceObject, FailingCategoryAndStorageReadsAreTraced) {
     CDorWEXWPDObject second(nullptr);
     second.InitializeWPD(L"usb#odd");
     EXPECT_EQ(trace.Count(L"! Invalid functional object identifier found\n"), 1u);
-    EXPECT_EQ(Text(second.m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(Text(second.Identity()->m_bstr_tDisk1Name), L"Phone");
     second.Terminate();
 }
 
@@ -220,22 +224,67 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
 
     CDorWEXWPDObject device(nullptr);
     EXPECT_EQ(device.InitializeWPD(L"usb#rim"), S_OK);
-    EXPECT_EQ(device.m_eManufacturer, Manufacturer::BLACKBERRY);
-    EXPECT_EQ(Text(device.m_bstr_tFriendlyName), L"BLACKBERRY_2A3B4C5D");
-    EXPECT_EQ(Text(device.m_bstr_tManufacturer), L"Research In Motion");
-    EXPECT_EQ(Text(device.m_bstr_tDescription), L"BlackBerry Device");
-    EXPECT_EQ(Text(device.m_bstr_tSerialNumber), L"356938035643809");
-    EXPECT_EQ(Text(device.m_bstr_tWPDSerialNumber), L"356938035643809");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1Name), L"\\\\169.254.0.1\\media");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1ObjectId), L"s1001");
-    EXPECT_EQ(Text(device.m_bstr_tDisk1Description), L"Flash Memory");
-    EXPECT_TRUE(device.m_bFunctionalCategoryStorage);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::BLACKBERRY);
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY_2A3B4C5D");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"356938035643809");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tWPDSerialNumber), L"356938035643809");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"\\\\169.254.0.1\\media");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1ObjectId), L"s1001");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Description), L"Flash Memory");
+    EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStorage);
     device.Terminate();
 
     CDorWEXWPDObject other(nullptr);
     EXPECT_EQ(other.InitializeWPD(L"usb#locked"), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(other.m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(other.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     other.Terminate();
+}
+
+// A BlackBerry's second storage is learnt from its pipe while WMI threads read the device: every reader sees
+// the storage's four texts all from before or all from after a change, and nothing is freed under it.
+TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
+    CDorWEXWPDObject device(nullptr);
+    std::atomic<bool> writing{true};
+    std::atomic<long> torn{0};
+    std::atomic<long> reads{0};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 3; ++r) {
+        readers.emplace_back([&] {
+            while (writing) {
+                const auto identity = device.Identity();
+                const std::wstring name = Text(identity->m_bstr_tDisk2Name);
+                if (Text(identity->m_bstr_tDisk2ObjectId) != name ||
+                    Text(identity->m_bstr_tDisk2PersistentUniqueId) != name ||
+                    (Text(identity->m_bstr_tDisk2Description) == L"SD Card in BB device") != !name.empty()) {
+                    ++torn;
+                }
+                ++reads;
+            }
+        });
+    }
+    for (int round = 0; round < 3000; ++round) {
+        const std::wstring share = L"\\\\10.0.0." + std::to_wstring(round % 250) + L"\\card";
+        device.UpdateIdentity([&](DeviceIdentity& identity) {
+            identity.m_bstr_tDisk2Name = share.c_str();
+            identity.m_bstr_tDisk2ObjectId = share.c_str();
+            identity.m_bstr_tDisk2PersistentUniqueId = share.c_str();
+            identity.m_bstr_tDisk2Description = L"SD Card in BB device";
+        });
+        device.UpdateIdentity([](DeviceIdentity& identity) {
+            identity.m_bstr_tDisk2Name = L"";
+            identity.m_bstr_tDisk2ObjectId = L"";
+            identity.m_bstr_tDisk2PersistentUniqueId = L"";
+            identity.m_bstr_tDisk2Description = L"";
+        });
+    }
+    writing = false;
+    for (auto& reader : readers) {
+        reader.join();
+    }
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(torn.load(), 0) << "a reader saw a storage half-way through a change";
 }
 
 }  // namespace
