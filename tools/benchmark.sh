@@ -13,7 +13,7 @@ trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
 for dll in dorwex_wpd_provider dorwex_wpd_emulator dorwex_wmi_emulator; do
-    "$wine" regsvr32 /s "$("$wine" winepath -w "$bin/$dll.dll" 2>/dev/null | tr -d '\r')"
+    dorwex_regsvr32 "$bin/$dll.dll"
 done
 "$wine" "$bin/benchmark_content.exe" "${@:1:2}" | tr -d '\r'
 echo

@@ -23,10 +23,10 @@ clsid=$(sed -n 's/.*DORWEX_PROVIDER_CLSID_TEXT L"\({[^"]*}\)".*/\1/p' "$root/wmi
 
 echo
 echo "== the emulated host: the provider registered as on Windows, and the stand-ins for what Wine lacks"
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_provider.dll")"
+dorwex_regsvr32 "$bin/dorwex_wpd_provider.dll"
 "$wine" reg query "HKLM\\Software\\Classes\\CLSID\\$clsid" /s | tr -d '\r' | grep -v '^$'
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_emulator.dll")"
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wmi_emulator.dll")"
+dorwex_regsvr32 "$bin/dorwex_wpd_emulator.dll"
+dorwex_regsvr32 "$bin/dorwex_wmi_emulator.dll"
 
 # Two devices attached: an Android phone and an iPhone, copied from the samples so that what the run
 # writes onto them stays in the build tree. The file to copy onto the phone is a local one.

@@ -18,7 +18,7 @@ bash "$root/tools/wine/prefix.sh" up "$prefix" >/dev/null
 trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
-"$wine" regsvr32 /s "$("$wine" winepath -w "$bin/dorwex_wpd_emulator.dll" 2>/dev/null | tr -d '\r')"
+dorwex_regsvr32 "$bin/dorwex_wpd_emulator.dll"
 host_exit=$(ctest --test-dir "$root/build/win" -N -R '^wine\.host\.exit$' 2>/dev/null | grep -c 'wine.host.exit')
 
 # run NAME COMMAND...: one step of a run, at most 10 minutes; its output goes to the log of the run.

@@ -22,8 +22,8 @@ expect_line() {  # expect_line TEXT PATTERN WHAT
     grep -Eq "$2" <<<"$1" || fail "$3"
 }
 
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_provider.dll")" || fail "regsvr32 of the provider returned $?"
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wmi_emulator.dll")" || fail "regsvr32 of the WMI service returned $?"
+dorwex_regsvr32 "$bin/dorwex_wpd_provider.dll" || fail "regsvr32 of the provider returned $?"
+dorwex_regsvr32 "$bin/dorwex_wmi_emulator.dll" || fail "regsvr32 of the WMI service returned $?"
 rm -rf "$work" && mkdir -p "$work" && cp -r "$samples" "$work/devices"
 export DORWEX_WPD_DEVICES
 DORWEX_WPD_DEVICES=$(winpath "$work/devices")

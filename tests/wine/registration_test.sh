@@ -15,7 +15,7 @@ key="HKLM\\Software\\Classes\\CLSID\\$clsid"
 winpath=$("$wine" winepath -w "$dll" 2>/dev/null | tr -d '\r')
 fail() { echo "FAIL: $*"; exit 1; }
 
-"$wine" regsvr32 /s "$winpath" || fail "regsvr32 returned $?"
+dorwex_regsvr32 "$dll" || fail "regsvr32 returned $?"
 query=$("$wine" reg query "$key" /s | tr -d '\r')
 echo "$query"
 grep -Eq '^\s+\(Default\)\s+REG_SZ\s+dorWEX WPD WMI Provider$' <<<"$query" || fail "class description"
@@ -28,7 +28,7 @@ created=$("$wine" "$host" | tr -d '\r')
 echo "$created"
 grep -q '^provider object created$' <<<"$created" || fail "COM did not create the provider by its CLSID"
 
-"$wine" regsvr32 /u /s "$winpath" || fail "regsvr32 /u returned $?"
+dorwex_regsvr32 /u "$dll" || fail "regsvr32 /u returned $?"
 if "$wine" reg query "$key" >/dev/null 2>&1; then
     fail "class key still present after unregistration"
 fi

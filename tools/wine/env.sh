@@ -29,3 +29,29 @@ dorwex_wine_environment() {
     fi
     unset DISPLAY WAYLAND_DISPLAY
 }
+
+# dorwex_regsvr32 [/u] FILE: registers (or with /u unregisters) a DLL of the build with Wine's regsvr32.
+# On failure it says why, on standard error: the Windows path winepath gave (an empty one makes regsvr32
+# fail at once), whether the file is there, and regsvr32's exit code; and returns that code.
+dorwex_regsvr32() {
+    local flags=(/s) wine winpath errors status
+    if [ "$1" = /u ]; then
+        flags=(/u /s)
+        shift
+    fi
+    wine=$(dorwex_find_wine) || return 1
+    errors=$(mktemp)
+    winpath=$("$wine" winepath -w "$1" 2>"$errors" | tr -d '\r')
+    if [ -z "$winpath" ]; then
+        echo "winepath gave no Windows path for $1: $(tr -d '\r' <"$errors" | head -n 5)" >&2
+        rm -f "$errors"
+        return 1
+    fi
+    rm -f "$errors"
+    status=0
+    "$wine" regsvr32 "${flags[@]}" "$winpath" || status=$?
+    if [ "$status" -ne 0 ]; then
+        echo "regsvr32 ${flags[*]} $winpath returned $status (file $([ -f "$1" ] && echo present || echo missing))" >&2
+    fi
+    return "$status"
+}
