@@ -88,7 +88,16 @@ public:
     // sees the identity before or after, never half-way.
     void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in);
 
-    // Set while the device starts up, before it joins the collection; read-only afterwards.
+    // The Plug and Play view and the BlackBerry property record, made while the device starts up (before
+    // it joins the collection) and read-only afterwards.
+    const CDorWEXWPDObjectInWin32& Win32View() const { return m_Win32; }
+    const dorwex::CompanionRecord* CompanionRecord() const { return m_pCompanionRecord.get(); }
+    bool HasSession() const { return static_cast<bool>(m_pIPortableDevice); }
+
+    // A BlackBerry's share access, made while the device starts up; the share object keeps its own state.
+    std::unique_ptr<CDorWEXBlackBerry> m_pCDorWEXBlackBerry;
+
+private:
     Microsoft::WRL::ComPtr<IPortableDeviceManager> m_pIPortableDeviceManager;
     Microsoft::WRL::ComPtr<IPortableDevice> m_pIPortableDevice;
     Microsoft::WRL::ComPtr<IPortableDeviceValues> m_pIPortableDeviceValuesClientInfo;
@@ -97,10 +106,7 @@ public:
     CDorWEXWPDObjectInWin32 m_Win32;
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> m_IdorWEXWPDAppleCOMPtr;  // guarded by m_mutexApple
     std::unique_ptr<dorwex::CompanionRecord> m_pCompanionRecord;
-    std::unique_ptr<CDorWEXBlackBerry> m_pCDorWEXBlackBerry;  // a BlackBerry's share access
     LONG m_longReserved = 0;
-
-private:
     mutable std::mutex m_mutexIdentity;  // guards the pointer only
     std::mutex m_mutexUpdate;            // one identity change at a time
     std::shared_ptr<const DeviceIdentity> m_pIdentity = std::make_shared<const DeviceIdentity>();

@@ -47,7 +47,7 @@ using Entry = std::pair<const std::wstring, CDorWEXWPDCollection::DevicePtr>;
 
 // The lookup strategies, each a test on one device for the identifiers the caller holds.
 bool MatchesDiskId(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    const CDorWEXWPDObjectInWin32& l_Win32 = entry_in.second->m_Win32;
+    const CDorWEXWPDObjectInWin32& l_Win32 = entry_in.second->Win32View();
     return SameText(l_Win32.GetEntry(0).wstringInstanceId, pwcharId_in) ||
            SameText(l_Win32.GetEntry(2).wstringInstanceId, pwcharId_in);
 }
@@ -83,7 +83,7 @@ bool MatchesDiskName(const Entry& entry_in, const wchar_t* pwcharDiskName_in) {
 }
 
 bool MatchesBlackBerry(const Entry& entry_in, const wchar_t* pwcharId_in) {
-    const auto& l_pRecord = entry_in.second->m_pCompanionRecord;
+    const dorwex::CompanionRecord* l_pRecord = entry_in.second->CompanionRecord();
     const std::wstring* l_pServer = l_pRecord ? l_pRecord->Find(L"DHCPServer") : nullptr;
     return l_pServer != nullptr && !l_pServer->empty() && wcsstr(pwcharId_in, l_pServer->c_str()) != nullptr;
 }

@@ -29,7 +29,7 @@ _variant_t Flag(bool bool_in) {
 
 // All values are built before anything is put; a put that fails (a property the class lacks) is ignored.
 HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const CDorWEXWPDObject& device_in) {
-    const CDorWEXWPDObjectInWin32& l_Win32 = device_in.m_Win32;
+    const CDorWEXWPDObjectInWin32& l_Win32 = device_in.Win32View();
     // One snapshot: the instance never mixes texts from before and after a change.
     const auto l_pIdentity = device_in.Identity();
     std::array<_variant_t, dorwex::schema::kWPDPropertyCount> l_Values = {

@@ -81,7 +81,7 @@ TEST_F(DeviceObject, NullIdDoesNothing) {
     EXPECT_EQ(device.InitializeWPD(nullptr), S_OK);
     EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     EXPECT_EQ(device.Identity()->m_bstr_tDeviceId.length(), 0u);
-    EXPECT_FALSE(device.m_pIPortableDevice);
+    EXPECT_FALSE(device.HasSession());
     // Text members start empty, not null; the persistent unique ids start null.
     EXPECT_NE(static_cast<const wchar_t*>(device.Identity()->m_bstr_tDisk1Name), nullptr);
     EXPECT_EQ(static_cast<const wchar_t*>(device.Identity()->m_bstr_tDisk1PersistentUniqueId), nullptr);
