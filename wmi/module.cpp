@@ -98,8 +98,13 @@ BOOL ModuleProcessAttach(HINSTANCE hinstanceModule_in) {
     return TRUE;
 }
 
-BOOL ModuleProcessDetach() {
+BOOL ModuleProcessDetach(bool boolProcessTerminating_in) {
     Trace(L"dorWEX14 DllMain, DLL_PROCESS_DETACH");
+    if (boolProcessTerminating_in) {
+        // The system ended the core's threads wherever they were, some perhaps holding a lock that stopping
+        // them would wait for forever; nothing is waited for or freed, the process's end reclaims it all.
+        return TRUE;
+    }
     if (g_pCDorWEXWMIWPDCore != nullptr) {
         Trace(L"CDorWEXWMIWPDCore::Shutdown");
         // The flag goes up first so no worker restarts while the companions and the core wind down.

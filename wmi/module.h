@@ -17,6 +17,8 @@ extern volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass;              // liv
 extern volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;  // server locks
 extern volatile LONG g_longWPDEventsThreadIsRunning;                      // WPD events worker running
 
-// What DllMain does on process attach and detach (the entry point itself lives with the DLL).
+// What DllMain does on process attach and detach (the entry point itself lives with the DLL). A terminating
+// process (ExitProcess) has already ended every other thread wherever it was: the detach then leaves the
+// core and its threads alone. On an unload the core still there is stopped and deleted.
 BOOL ModuleProcessAttach(HINSTANCE hinstanceModule_in);
-BOOL ModuleProcessDetach();
+BOOL ModuleProcessDetach(bool boolProcessTerminating_in = false);
