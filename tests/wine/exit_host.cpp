@@ -5,6 +5,8 @@
 // the non-WPD token in a context object, deletes an unknown device and releases everything.
 //   exit    then returns from main with the module still loaded: the process ends through process detach
 //   unload  then asks DllCanUnloadNow, frees the module, checks that it is gone and returns from main
+//   free    then frees the module without asking, while the core's threads still run: the module must stay
+//           loaded (they hold it), and the process must still end when main returns
 //   hold    serves the companion pipes until standard input ends (see HoldCompanionPipes)
 // Each step is printed; an unexpected answer ends the program with 1 before the end is reached.
 #include <windows.h>
@@ -241,8 +243,9 @@ int wmain(int argc, wchar_t** argv) {
         return HoldCompanionPipes();
     }
     const bool unload = argc > 1 && wcscmp(argv[1], L"unload") == 0;
-    if (argc < 2 || (!unload && wcscmp(argv[1], L"exit") != 0)) {
-        std::printf("usage: exit_host exit|unload|hold\n");
+    const bool freeOnly = argc > 1 && wcscmp(argv[1], L"free") == 0;
+    if (argc < 2 || (!unload && !freeOnly && wcscmp(argv[1], L"exit") != 0)) {
+        std::printf("usage: exit_host exit|unload|free|hold\n");
         return 2;
     }
     if (!Check("CoInitializeEx", CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK)) {
@@ -281,6 +284,16 @@ int wmain(int argc, wchar_t** argv) {
         const bool gone = GetModuleHandleW(L"dorwex_wpd_provider.dll") == nullptr;
         std::printf("module %s\n", gone ? "unloaded" : "STILL LOADED");
         if (!gone) {
+            exitCode = 1;
+        }
+    }
+    if (freeOnly) {
+        if (!Check("FreeLibrary", FreeLibrary(module) ? S_OK : HRESULT_FROM_WIN32(GetLastError()), S_OK)) {
+            exitCode = 1;
+        }
+        const bool loaded = GetModuleHandleW(L"dorwex_wpd_provider.dll") != nullptr;
+        std::printf("module %s\n", loaded ? "still loaded, held by its threads" : "UNLOADED under running threads");
+        if (!loaded) {
             exitCode = 1;
         }
     }

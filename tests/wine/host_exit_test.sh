@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # A provider host with a short life must end promptly, every time (tests/wine/exit_host.cpp):
-#   20 hosts that return from main with the module loaded (the process ends through process detach), then
-#   20 hosts that ask DllCanUnloadNow, free the module and return.
+#   20 hosts that return from main with the module loaded (the process ends through process detach),
+#   20 hosts that ask DllCanUnloadNow, free the module and return, and
+#   20 hosts that free the module without asking while the core's threads run (it must stay loaded).
 # Each must end within 10 s. All run while another process serves the companion pipes, as a second
 # provider host of the machine does: the provider's companion workers then cannot make their pipes and are
 # started again and again, so the end often comes while one of its threads is busy.
@@ -60,7 +61,7 @@ run() {
         tr -d '\r' <"$out" | tail -n 3
     fi
 }
-for mode in exit unload; do
+for mode in exit unload free; do
     hung=0
     broken=0
     for ((i = 1; i <= runs; i++)); do
@@ -76,5 +77,6 @@ left=$("$wine" winedbg --command "info proc" 2>/dev/null | grep -c "exit_host.ex
 [ "$left" = 0 ] || fail "$left exit_host processes left in the prefix"
 
 [ $((hung_exit + broken_exit)) = 0 ] || fail "hosts returning from main with the provider loaded did not end properly"
-[ $((hung_unload + broken_unload)) = 0 ] || fail "hosts freeing the provider did not end properly"
-echo "all $((2 * runs)) hosts ended within 10 s"
+[ $((hung_unload + broken_unload)) = 0 ] || fail "hosts unloading the provider did not end properly"
+[ $((hung_free + broken_free)) = 0 ] || fail "hosts freeing the provider under its running threads did not end properly"
+echo "all $((3 * runs)) hosts ended within 10 s"
