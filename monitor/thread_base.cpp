@@ -1,9 +1,60 @@
 #include "thread_base.h"
 
 #include <algorithm>
+#include <memory>
+#include <new>
+#include <type_traits>
 
 #include "../wmi/module.h"
 #include "../wmi/trace.h"
+
+namespace {
+
+struct ModuleThreadStart {
+    LPTHREAD_START_ROUTINE pEntry;
+    LPVOID pParameter;
+    HMODULE hModule;  // the thread's own reference
+};
+
+struct ModuleReferenceDeleter {
+    void operator()(HMODULE hModule_in) const { FreeLibrary(hModule_in); }
+};
+using ModuleReference = std::unique_ptr<std::remove_pointer_t<HMODULE>, ModuleReferenceDeleter>;
+
+DWORD WINAPI ModuleThreadEntry(LPVOID pStart_in) {
+    const ModuleThreadStart l_Start = *static_cast<ModuleThreadStart*>(pStart_in);
+    delete static_cast<ModuleThreadStart*>(pStart_in);
+    const DWORD l_dwordExitCode = l_Start.pEntry(l_Start.pParameter);
+    InterlockedDecrement(&g_longModuleThreadsRunning);
+    // The module stays mapped until this call has left its code.
+    FreeLibraryAndExitThread(l_Start.hModule, l_dwordExitCode);
+}
+
+}  // namespace
+
+HANDLE CreateModuleThread(LPTHREAD_START_ROUTINE pEntry_in, LPVOID pParameter_in, DWORD dwordFlags_in) {
+    HMODULE l_HMODULE = nullptr;
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, reinterpret_cast<LPCWSTR>(&ModuleThreadEntry),
+                            &l_HMODULE)) {
+        return nullptr;
+    }
+    ModuleReference l_Reference(l_HMODULE);
+    std::unique_ptr<ModuleThreadStart> l_pStart(new (std::nothrow)
+                                                    ModuleThreadStart{pEntry_in, pParameter_in, l_HMODULE});
+    if (!l_pStart) {
+        return nullptr;
+    }
+    InterlockedIncrement(&g_longModuleThreadsRunning);
+    const HANDLE l_HANDLEThread = CreateThread(nullptr, 0, ModuleThreadEntry, l_pStart.get(), dwordFlags_in, nullptr);
+    if (l_HANDLEThread == nullptr) {
+        InterlockedDecrement(&g_longModuleThreadsRunning);
+        return nullptr;
+    }
+    // The thread owns its start record and its reference from here on.
+    l_pStart.release();
+    l_Reference.release();
+    return l_HANDLEThread;
+}
 
 CDorWEXWMIThreadBase::CDorWEXWMIThreadBase(CDorWEXWMIWPDCore* pCore_in, WorkerEntry pWorkerEntry_in,
                                            LONG longThreadType_in)
@@ -73,7 +124,7 @@ bool CDorWEXWMIThreadBase::StartMonitorThread() {
         m_HANDLEWait[kTerminate] = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     }
     // The monitor starts suspended so that its name is set before its first trace.
-    m_HANDLEMonitorThread = CreateThread(nullptr, 0, MonitorThreadEntry, this, CREATE_SUSPENDED, nullptr);
+    m_HANDLEMonitorThread = CreateModuleThread(MonitorThreadEntry, this, CREATE_SUSPENDED);
     if (m_HANDLEMonitorThread == nullptr) {
         return false;
     }
@@ -120,7 +171,7 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
             l_ulonglongWorkerStart = GetTickCount64();
             {
                 std::lock_guard<std::mutex> l_guard(m_mutexHandles);
-                m_HANDLEWait[kWorker] = CreateThread(nullptr, 0, m_pWorkerEntry, this, 0, nullptr);
+                m_HANDLEWait[kWorker] = CreateModuleThread(m_pWorkerEntry, this, 0);
             }
             if (m_HANDLEWait[kWorker] == nullptr && m_boolRestartFailed) {
                 Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s)- failed to start thread.\n",

@@ -9,6 +9,12 @@
 
 class CDorWEXWMIWPDCore;
 
+// Creates a thread of the module that holds a reference on the module from before its first instruction
+// until its last one (it ends with FreeLibraryAndExitThread), and counts it in g_longModuleThreadsRunning
+// while it runs: a host that frees the module while such a thread still runs does not unmap its code.
+// Null when the thread could not be created.
+HANDLE CreateModuleThread(LPTHREAD_START_ROUTINE pEntry_in, LPVOID pParameter_in, DWORD dwordFlags_in);
+
 class CDorWEXWMIThreadBase {
 public:
     enum { START = 1, STOP = 2 };

@@ -4,12 +4,13 @@
 
 #include "module.h"
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID /*lpvReserved*/) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved) {
     switch (fdwReason) {
         case DLL_PROCESS_ATTACH:
             return ModuleProcessAttach(hinstDLL);
         case DLL_PROCESS_DETACH:
-            return ModuleProcessDetach();
+            // Not null when the process is terminating rather than unloading the module.
+            return ModuleProcessDetach(lpvReserved != nullptr);
         default:
             return TRUE;
     }

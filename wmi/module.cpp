@@ -19,10 +19,12 @@ wchar_t g_wcharModuleDirectory[MAX_PATH] = {};
 LONG g_longOSVersionCode = 0;
 volatile LONG g_longShuttingDown = 0;
 CDorWEXWMIWPDCore* g_pCDorWEXWMIWPDCore = nullptr;
+std::mutex g_mutexCore;
 
 volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass = 0;
 volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass = 0;
 volatile LONG g_longWPDEventsThreadIsRunning = 0;
+volatile LONG g_longModuleThreadsRunning = 0;
 
 namespace {
 
@@ -75,6 +77,20 @@ private:
     HKEY m_HKEY = nullptr;
 };
 
+// The companions first, then the core with its WPD processor; the flag goes up first so no worker restarts
+// while they wind down.
+void StopAndDeleteCore(CDorWEXWMIWPDCore* pCore_in) {
+    Trace(L"CDorWEXWMIWPDCore::Shutdown");
+    InterlockedExchange(&g_longShuttingDown, 1);
+    if (pCore_in->HasAppleMonitoring()) {
+        pCore_in->StopAppleMonitoring();
+    }
+    if (pCore_in->HasBlackBerryMonitoring()) {
+        pCore_in->StopBlackBerryMonitoring();
+    }
+    delete pCore_in;
+}
+
 // "Software\classes\CLSID\{...}" for the provider's class.
 void FormatProviderClassKey(wchar_t (&wcharKey_out)[MAX_PATH], wchar_t (&wcharCLSID_out)[128]) {
     StringFromGUID2(CLSID_DorWEXWPDWMIProvider, wcharCLSID_out, 128);
@@ -98,29 +114,55 @@ BOOL ModuleProcessAttach(HINSTANCE hinstanceModule_in) {
     return TRUE;
 }
 
-BOOL ModuleProcessDetach() {
+BOOL ModuleProcessDetach(bool boolProcessTerminating_in) {
     Trace(L"dorWEX14 DllMain, DLL_PROCESS_DETACH");
-    if (g_pCDorWEXWMIWPDCore != nullptr) {
-        Trace(L"CDorWEXWMIWPDCore::Shutdown");
-        // The flag goes up first so no worker restarts while the companions and the core wind down.
-        InterlockedExchange(&g_longShuttingDown, 1);
-        if (g_pCDorWEXWMIWPDCore->HasAppleMonitoring()) {
-            g_pCDorWEXWMIWPDCore->StopAppleMonitoring();
-        }
-        if (g_pCDorWEXWMIWPDCore->HasBlackBerryMonitoring()) {
-            g_pCDorWEXWMIWPDCore->StopBlackBerryMonitoring();
-        }
-        delete g_pCDorWEXWMIWPDCore;
+    if (boolProcessTerminating_in) {
+        // The system ended the core's threads wherever they were, some perhaps holding a lock that stopping
+        // them would wait for forever; nothing is waited for or freed, the process's end reclaims it all.
+        return TRUE;
+    }
+    // An unload. The module's threads hold module references while they run, so none runs now and
+    // stopping what is left waits for nothing. (A program that links the module's code and calls this
+    // itself stops a running core here, waiting for its threads as before.)
+    CDorWEXWMIWPDCore* l_pCore = nullptr;
+    {
+        std::lock_guard<std::mutex> l_guard(g_mutexCore);
+        l_pCore = g_pCDorWEXWMIWPDCore;
         g_pCDorWEXWMIWPDCore = nullptr;
+    }
+    if (l_pCore != nullptr) {
+        StopAndDeleteCore(l_pCore);
     }
     return TRUE;
 }
 
+bool ModuleShutdownCore() {
+    CDorWEXWMIWPDCore* l_pCore = nullptr;
+    {
+        std::lock_guard<std::mutex> l_guard(g_mutexCore);
+        // A provider object or a lock still reaches the core; a new object takes the lock to attach.
+        if (g_longInstanceCountOfDorWEXWMIWPDClass != 0 || g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass != 0) {
+            return g_pCDorWEXWMIWPDCore == nullptr;
+        }
+        l_pCore = g_pCDorWEXWMIWPDCore;
+        g_pCDorWEXWMIWPDCore = nullptr;
+    }
+    // Stopped outside the lock: a thread of the core that calls into WMI may cause a provider Initialize.
+    if (l_pCore != nullptr) {
+        StopAndDeleteCore(l_pCore);
+    }
+    return true;
+}
+
 STDAPI DllCanUnloadNow() {
+    // COM asks outside the loader lock. With no provider object and no lock left, the core stops here, where
+    // its threads can still end, and not in the detach of the unload that follows, where they could not.
+    const bool l_boolNoCore = ModuleShutdownCore();
     const LONG l_longInstances = g_longInstanceCountOfDorWEXWMIWPDClass;
     const LONG l_longLocks = g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;
     const LONG l_longWorker = g_longWPDEventsThreadIsRunning;
-    const bool l_boolCanUnload = l_longInstances == 0 && l_longLocks == 0 && l_longWorker == 0;
+    const bool l_boolCanUnload = l_longInstances == 0 && l_longLocks == 0 && l_longWorker == 0 && l_boolNoCore &&
+                                 g_longModuleThreadsRunning == 0;
     Trace(L"dorWEXWPD DllMain, DllCanUnloadNow:g_longInstanceCountOfDorWEXWMIWPDClass=%ld,"
           L"g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass=%ld,g_longWPDEventsThreadIsRunning=%ld,"
           L"CanUnloadNow=%s",

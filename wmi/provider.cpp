@@ -132,14 +132,24 @@ STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServic
         pInitSink->SetStatus(pNamespace != nullptr ? static_cast<LONG>(WBEM_S_INITIALIZED) : static_cast<LONG>(WBEM_E_FAILED), 0);
     }
     try {
-        if (g_pCDorWEXWMIWPDCore != nullptr) {
-            m_pCore = g_pCDorWEXWMIWPDCore;
-            Trace(L"CDorWEXWMIWPDCore::ReInitialize");
-            InterlockedExchange(&g_longShuttingDown, 0);
-            m_pCore->AttachProvider(this);
-        } else {
-            m_pCore = new CDorWEXWMIWPDCore(this);
-            g_pCDorWEXWMIWPDCore = m_pCore;
+        bool l_boolNewCore = false;
+        {
+            // Not while the module takes a core away to stop it (DllCanUnloadNow); this object's count is
+            // already up, so no core goes away after this.
+            std::lock_guard<std::mutex> l_guard(g_mutexCore);
+            if (g_pCDorWEXWMIWPDCore != nullptr) {
+                m_pCore = g_pCDorWEXWMIWPDCore;
+                Trace(L"CDorWEXWMIWPDCore::ReInitialize");
+                InterlockedExchange(&g_longShuttingDown, 0);
+                m_pCore->AttachProvider(this);
+            } else {
+                m_pCore = new CDorWEXWMIWPDCore(this);
+                g_pCDorWEXWMIWPDCore = m_pCore;
+                l_boolNewCore = true;
+            }
+        }
+        // Started outside the lock: the start calls into the portable-device stack.
+        if (l_boolNewCore) {
             m_pCore->Initialize();
         }
     } catch (...) {
