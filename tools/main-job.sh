@@ -18,7 +18,6 @@ bash "$root/tools/wine/prefix.sh" up "$prefix"
 trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
-winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 clsid=$(sed -n 's/.*DORWEX_PROVIDER_CLSID_TEXT L"\({[^"]*}\)".*/\1/p' "$root/wmi/provider_clsid.h")
 
 echo
@@ -36,7 +35,7 @@ for device in galaxy iphone; do
 done
 echo "quarterly figures" >"$story/files/report.txt"
 export DORWEX_WPD_DEVICES
-DORWEX_WPD_DEVICES=$(winpath "$story/devices")
+DORWEX_WPD_DEVICES=$(dorwex_winpath "$story/devices")
 galaxy='\\?\usb#vid_04e8&pid_6860&mi_00#7&2a8f3e1&0&0000#{6ac27878-a6fa-4155-ba85-f98f491d4f33}'
 echo "attached: $(cd "$story/devices" && ls ./*.wpd | sed 's|^\./||' | tr '\n' ' ')"
 
@@ -51,7 +50,7 @@ echo "== a management client through WMI (wmi_client): list, write token, copy, 
     subscribe "SELECT * FROM Win32ext_WPDEvent" \; \
     call Win32ext_WPD RequestWriteToken 'uint32ProcessId=#{pid}' --context 'dorWEXWPDClientPID=#{pid}' \; \
     call Win32ext_WPD CopyFileToDevice 'strObjectStoragePath=Phone\report.txt' \
-        "strFileToCopy=$(winpath "$story/files/report.txt")" 'strWriteToken={return}' \
+        "strFileToCopy=$(dorwex_winpath "$story/files/report.txt")" 'strWriteToken={return}' \
         "strObjectDeviceId=$galaxy" --context 'dorWEXWPDClientPID=#{pid}' \; \
     wait 3 \; \
     call Win32ext_WPD EnumerateDevicePath strObjectStoragePath=Phone "strObjectDeviceId=$galaxy" \
@@ -69,7 +68,7 @@ echo "(the columns before these are the ten system properties, __GENUS to __PATH
 
 echo
 echo "== the same module code at trace level 1, as DebugView shows it"
-"$wine" "$bin/debug_view.exe" "$(winpath "$bin/trace_probe.exe")" lifecycle | tr -d '\r'
+"$wine" "$bin/debug_view.exe" "$(dorwex_winpath "$bin/trace_probe.exe")" lifecycle | tr -d '\r'
 
 echo
 echo "story told in $(($(date +%s) - started)) s (after the build)"

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/provider_object.h"
 #include "support/test_trace_sink.h"
 #include "wmi/module.h"
 #include "wmi/provider.h"
@@ -212,13 +213,8 @@ I* As(IUnknown* object) {
 }
 
 TEST(ProviderObject, EventQueriesAndEventsWithoutConsumers) {
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
-              S_OK);
-    IWbemEventProviderQuerySink* queries = nullptr;
-    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&queries)),
-              S_OK);
-    factory->Release();
+    IWbemEventProviderQuerySink* queries = CreateProviderObject<IWbemEventProviderQuerySink>();
+    ASSERT_NE(queries, nullptr);
     {
         TraceCapture trace(1);
         // The same id twice keeps one entry, with the newer text.

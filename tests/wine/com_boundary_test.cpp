@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "wmi/module.h"
-#include "wmi/provider_clsid.h"
+#include "support/provider_object.h"
 
 namespace {
 thread_local bool t_boolFailAllocations = false;
@@ -43,13 +42,8 @@ public:
 };
 
 TEST(ComBoundary, NewQueryAnswersOutOfMemoryInsteadOfThrowing) {
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
-              S_OK);
-    IWbemEventProviderQuerySink* queries = nullptr;
-    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&queries)),
-              S_OK);
-    factory->Release();
+    IWbemEventProviderQuerySink* queries = CreateProviderObject<IWbemEventProviderQuerySink>();
+    ASSERT_NE(queries, nullptr);
     HRESULT result = S_OK;
     bool thrown = false;
     {

@@ -17,17 +17,16 @@ work=$4
 runs=${DORWEX_HOST_EXIT_RUNS:-20}
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
-winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 fail() {
     echo "FAIL: $*"
     exit 1
 }
 
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wmi_emulator.dll")" || fail "regsvr32 of the WMI service returned $?"
-"$wine" regsvr32 /s "$(winpath "$bin/dorwex_wpd_emulator.dll")" || fail "regsvr32 of the WPD stack returned $?"
+dorwex_regsvr32 "$bin/dorwex_wmi_emulator.dll" || fail "regsvr32 of the WMI service returned $?"
+dorwex_regsvr32 "$bin/dorwex_wpd_emulator.dll" || fail "regsvr32 of the WPD stack returned $?"
 rm -rf "$work" && mkdir -p "$work" && cp -r "$samples" "$work/devices"
 export DORWEX_WPD_DEVICES
-DORWEX_WPD_DEVICES=$(winpath "$work/devices")
+DORWEX_WPD_DEVICES=$(dorwex_winpath "$work/devices")
 
 # The holder keeps the companion pipes while its standard input (fd 3 here) is open, and says "holding"
 # once it has them.

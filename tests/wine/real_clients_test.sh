@@ -13,7 +13,6 @@ samples=$3
 work=$4
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
-winpath() { "$wine" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
 fail() {
     echo "FAIL: $*"
     exit 1
@@ -26,7 +25,7 @@ dorwex_regsvr32 "$bin/dorwex_wpd_provider.dll" || fail "regsvr32 of the provider
 dorwex_regsvr32 "$bin/dorwex_wmi_emulator.dll" || fail "regsvr32 of the WMI service returned $?"
 rm -rf "$work" && mkdir -p "$work" && cp -r "$samples" "$work/devices"
 export DORWEX_WPD_DEVICES
-DORWEX_WPD_DEVICES=$(winpath "$work/devices")
+DORWEX_WPD_DEVICES=$(dorwex_winpath "$work/devices")
 
 # wmic writes UTF-16 with a byte-order mark when its output is a file.
 "$wine" wmic path Win32ext_WPD get strFriendlyName,strManufacturer >"$work/wmic.out" 2>"$work/wmic.err" ||
@@ -50,7 +49,7 @@ if "$wine" wmic path Win32ext_WPD get strNoSuchProperty >"$work/wmic-bad.out" 2>
     fail "wmic accepted a property that Win32ext_WPD does not have"
 fi
 
-script=$("$wine" cscript //nologo "$(winpath "$here/real_clients.vbs")" 2>"$work/cscript.err" | tr -d '\r') ||
+script=$("$wine" cscript //nologo "$(dorwex_winpath "$here/real_clients.vbs")" 2>"$work/cscript.err" | tr -d '\r') ||
     fail "cscript returned $?: $(cat "$work/cscript.err")"
 echo "$script"
 expect_line "$script" '^device: Galaxy S9 \| SAMSUNG Electronics Co\., Ltd\. \| Phone$' "the script's Galaxy"
@@ -62,7 +61,7 @@ expect_line "$script" '^error: 80004005 Invalid PID specified when requesting a 
 # The C++ consumer example (IWbemServices directly): lists, copies a file onto the first device with a
 # write token, and receives the write event.
 echo "from the example" >"$work/example.txt"
-example=$("$wine" "$bin/wpd_consumer.exe" "$(winpath "$work/example.txt")" 5 2>&1 | tr -d '\r') ||
+example=$("$wine" "$bin/wpd_consumer.exe" "$(dorwex_winpath "$work/example.txt")" 5 2>&1 | tr -d '\r') ||
     fail "wpd_consumer returned $?: $example"
 echo "$example"
 expect_line "$example" '^4 device\(s\)$' "the example's device count"

@@ -12,7 +12,7 @@ dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
 key="HKLM\\Software\\Classes\\CLSID\\$clsid"
 
-winpath=$("$wine" winepath -w "$dll" 2>/dev/null | tr -d '\r')
+winpath=$(dorwex_winpath "$dll")
 fail() { echo "FAIL: $*"; exit 1; }
 
 dorwex_regsvr32 "$dll" || fail "regsvr32 returned $?"

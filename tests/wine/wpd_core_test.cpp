@@ -9,12 +9,12 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
+#include "support/provider_object.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
 #include "support/wpd_emulator.h"
 #include "wmi/module.h"
 #include "wmi/provider.h"
-#include "wmi/provider_clsid.h"
 
 namespace {
 
@@ -137,12 +137,8 @@ TEST_F(Core, EventKeepsTheProviderObjectItGoesThroughAlive) {
     const LONG instancesBefore = g_longInstanceCountOfDorWEXWMIWPDClass;
     CDorWEXWMIWPDCore core;
     g_pCDorWEXWMIWPDCore = &core;  // the provider attaches to the running core
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(DllGetClassObject(CLSID_DorWEXWPDWMIProvider, IID_IClassFactory, reinterpret_cast<void**>(&factory)),
-              S_OK);
-    IWbemProviderInit* provider = nullptr;
-    ASSERT_EQ(factory->CreateInstance(nullptr, IID_IWbemProviderInit, reinterpret_cast<void**>(&provider)), S_OK);
-    factory->Release();
+    IWbemProviderInit* provider = CreateProviderObject<IWbemProviderInit>();
+    ASSERT_NE(provider, nullptr);
     provider->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
     g_pCDorWEXWMIWPDCore = nullptr;
 

@@ -30,6 +30,9 @@ dorwex_wine_environment() {
     unset DISPLAY WAYLAND_DISPLAY
 }
 
+# dorwex_winpath FILE: the Windows path Wine gives a file of this machine (empty when winepath fails).
+dorwex_winpath() { "$(dorwex_find_wine)" winepath -w "$1" 2>/dev/null | tr -d '\r'; }
+
 # dorwex_regsvr32 [/u] FILE: registers (or with /u unregisters) a DLL of the build with Wine's regsvr32.
 # On failure it says why, on standard error: the Windows path winepath gave (an empty one makes regsvr32
 # fail at once), whether the file is there, and regsvr32's exit code; and returns that code.
