@@ -200,12 +200,13 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: pCDorWEXWPDObject_in == NULL\n");
         return 0;
     }
-    if (pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0) {
+    const _bstr_t l_bstr_tDisk1Name = pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name;
+    if (l_bstr_tDisk1Name.length() == 0) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
-              L"pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0\n");
+              L"pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0\n");
         return 0;
     }
-    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name));
+    const std::wstring l_wstringKey(static_cast<const wchar_t*>(l_bstr_tDisk1Name));
     std::lock_guard<std::mutex> l_guard(m_mutexMonitoring);
     if (m_mapOfUNCToDiskProperties.count(l_wstringKey) != 0) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, %s already in "
@@ -227,10 +228,14 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
 
 int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in) {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring entered...\n");
-    if (pCDorWEXWPDObject_in == nullptr || pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name.length() == 0) {
+    if (pCDorWEXWPDObject_in == nullptr) {
         return 0;
     }
-    const std::wstring l_wstringKey(static_cast<const wchar_t*>(pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name));
+    const _bstr_t l_bstr_tDisk1Name = pCDorWEXWPDObject_in->Identity()->m_bstr_tDisk1Name;
+    if (l_bstr_tDisk1Name.length() == 0) {
+        return 0;
+    }
+    const std::wstring l_wstringKey(static_cast<const wchar_t*>(l_bstr_tDisk1Name));
     std::lock_guard<std::mutex> l_guard(m_mutexMonitoring);
     const auto l_Found = m_mapOfUNCToDiskProperties.find(l_wstringKey);
     if (l_Found == m_mapOfUNCToDiskProperties.end()) {

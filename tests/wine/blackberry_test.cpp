@@ -221,6 +221,8 @@ TEST(BlackBerryMonitoring, ListKeyedByShareName) {
     TraceCapture trace(1);
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(nullptr), 0);
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(&unnamed), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
+                          L"pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0\n"));
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(&first), 1);
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(&again), 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, \\\\10.0.0.1\\media already in "
