@@ -252,7 +252,7 @@ DWORD CDorWEXWMIThreadBase::WaitForThreads(DWORD ulongMilliseconds_in) {
         return l_ulonglongNow >= l_ulonglongDeadline ? 0 : static_cast<DWORD>(l_ulonglongDeadline - l_ulonglongNow);
     };
     if (m_HANDLEMonitorThread != nullptr && GetCurrentThreadId() != GetThreadId(m_HANDLEMonitorThread)) {
-        WaitForSingleObject(m_HANDLEMonitorThread, ulongMilliseconds_in);
+        WaitForSingleObject(m_HANDLEMonitorThread, l_Remaining());
     }
     HANDLE l_HANDLEWorker;
     {

@@ -26,8 +26,8 @@ CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner
     m_pCollection = std::make_unique<CDorWEXWPDCollection>(this);
 }
 
-// The WPD processor goes first, so that no notification arrives while the devices are dropped. Companion
-// processors still running (the module normally stops them before) stop in their destructors.
+// The WPD processor stops first, so that no notification arrives while the devices are dropped, then
+// companion processors still running (the module normally stops them before).
 CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
     {
         std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
@@ -174,7 +174,8 @@ void CDorWEXWMIWPDCore::RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase> pP
         m_RetiredProcessors.push_back(std::move(pProcessor_in));
     }
     for (auto l_It = m_RetiredProcessors.begin(); l_It != m_RetiredProcessors.end();) {
-        if ((*l_It)->CloseThreadHandles()) {
+        // Asked quietly first: the stop has already traced that a thread was kept.
+        if ((*l_It)->ThreadsHaveEnded() && (*l_It)->CloseThreadHandles()) {
             l_It = m_RetiredProcessors.erase(l_It);
         } else {
             ++l_It;

@@ -252,6 +252,10 @@ TEST(ApplePipe, ProcessorOutlivedByItsWorkerIsKeptUntilTheWorkerEnds) {
     CloseHandle(client);
 
     EXPECT_TRUE(WaitUntil([&] { return core.ReapRetiredProcessors() == 0; })) << "freed once its worker ended";
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::CloseThreadHandles (TheMonitorThreadForThreadApple) - a thread "
+                          L"is still running, kept.\n"),
+              1u)
+        << "told once, by the stop; looking at the retired processor again says nothing";
 }
 
 TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
