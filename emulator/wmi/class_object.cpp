@@ -5,6 +5,7 @@
 #include <cwctype>
 
 #include "string_array.h"
+#include "value_coercion.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -93,72 +94,6 @@ const std::wstring& ServerName() {
         return GetComputerNameW(buffer, &size) ? std::wstring(buffer) : std::wstring(L".");
     }();
     return name;
-}
-
-// WMI keeps integers of up to 32 bits in the VARIANT type of their CIM type, whatever integer type a client
-// puts: a uint32 reads back as VT_I4.
-VARTYPE CanonicalIntegerType(CIMTYPE type) {
-    switch (type) {
-    case CIM_SINT8:
-    case CIM_SINT16:
-        return VT_I2;
-    case CIM_UINT8:
-        return VT_UI1;
-    case CIM_UINT16:
-    case CIM_SINT32:
-    case CIM_UINT32:
-        return VT_I4;
-    default:
-        return VT_EMPTY;
-    }
-}
-
-// The value of an integer VARIANT, or false when it holds no integer.
-bool IntegerValue(const VARIANT& value, LONGLONG& out) {
-    switch (value.vt) {
-    case VT_I1:
-        out = value.cVal;
-        return true;
-    case VT_UI1:
-        out = value.bVal;
-        return true;
-    case VT_I2:
-        out = value.iVal;
-        return true;
-    case VT_UI2:
-        out = value.uiVal;
-        return true;
-    case VT_I4:
-    case VT_INT:
-        out = value.lVal;
-        return true;
-    case VT_UI4:
-    case VT_UINT:
-        out = value.ulVal;
-        return true;
-    default:
-        return false;
-    }
-}
-
-// An integer put into an integer property, in the property's own VARIANT type (bits kept, as WMI keeps
-// them: uint32 4294967295 reads back as VT_I4 -1).
-bool CanonicalInteger(CIMTYPE type, const VARIANT& value, VARIANT& out) {
-    const VARTYPE canonical = CanonicalIntegerType(type);
-    LONGLONG number = 0;
-    if (canonical == VT_EMPTY || value.vt == canonical || !IntegerValue(value, number)) {
-        return false;
-    }
-    VariantInit(&out);
-    out.vt = canonical;
-    if (canonical == VT_I2) {
-        out.iVal = static_cast<SHORT>(number);
-    } else if (canonical == VT_UI1) {
-        out.bVal = static_cast<BYTE>(number);
-    } else {
-        out.lVal = static_cast<LONG>(number);
-    }
-    return true;
 }
 
 }  // namespace
@@ -300,8 +235,13 @@ HRESULT ClassObject::QueryInterface(REFIID riid, void** ppv) {
     return ComObject<IWbemClassObject>::QueryInterface(riid, ppv);
 }
 
-HRESULT ClassObject::GetQualifierSet(IWbemQualifierSet**) {
-    return WBEM_E_NOT_SUPPORTED;
+// An instance shows the qualifiers its class propagates to it; the emulated schema changes none of them.
+LONG ClassObject::QualifierFlavor() const {
+    return m_instance ? WBEM_FLAVOR_ORIGIN_PROPAGATED : WBEM_FLAVOR_ORIGIN_LOCAL;
+}
+
+HRESULT ClassObject::GetQualifierSet(IWbemQualifierSet** ppQualSet) {
+    return NewQualifierSet(m_definition->qualifiers, QualifierFlavor(), ppQualSet);
 }
 
 HRESULT ClassObject::Get(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE* pType, LONG* plFlavor) {
@@ -342,8 +282,10 @@ HRESULT ClassObject::Get(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE* pType, L
     return WBEM_S_NO_ERROR;
 }
 
-HRESULT ClassObject::Put(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE) {
-    if (wszName == nullptr) {
+// The flags are reserved, and a type may only be named when a class gains a property with no value
+// (IWbemClassObject::Put): the emulated classes gain none, so it must be 0.
+HRESULT ClassObject::Put(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE Type) {
+    if (wszName == nullptr || lFlags != 0 || Type != 0) {
         return WBEM_E_INVALID_PARAMETER;
     }
     const int index = m_definition->FindProperty(wszName);
@@ -352,16 +294,12 @@ HRESULT ClassObject::Put(LPCWSTR wszName, LONG, VARIANT* pVal, CIMTYPE) {
                                                 : WBEM_E_NOT_FOUND;  // instances cannot grow properties
     }
     VARIANT copy;
-    VariantInit(&copy);
-    if (pVal == nullptr || pVal->vt == VT_EMPTY) {
-        copy.vt = VT_NULL;
-    } else if (CanonicalInteger(m_definition->properties[static_cast<size_t>(index)].type, *pVal, copy)) {
-        // stored as WMI stores that integer type
-    } else {
-        const HRESULT hr = VariantCopy(&copy, pVal);
-        if (FAILED(hr)) {
-            return hr;
-        }
+    VARIANT nothing;
+    VariantInit(&nothing);
+    const HRESULT hr = CoerceToCimType(m_definition->properties[static_cast<size_t>(index)].type,
+                                       pVal != nullptr ? *pVal : nothing, copy);
+    if (FAILED(hr)) {
+        return hr;
     }
     std::lock_guard<std::mutex> guard(m_lock);
     VariantClear(&m_values[static_cast<size_t>(index)]);
@@ -449,8 +387,18 @@ HRESULT ClassObject::EndEnumeration() {
     return WBEM_S_NO_ERROR;
 }
 
-HRESULT ClassObject::GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) {
-    return WBEM_E_NOT_SUPPORTED;
+HRESULT ClassObject::GetPropertyQualifierSet(LPCWSTR wszProperty, IWbemQualifierSet** ppQualSet) {
+    if (ppQualSet == nullptr || wszProperty == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    *ppQualSet = nullptr;
+    const int index = m_definition->FindProperty(wszProperty);
+    if (index < 0) {
+        // System properties carry no qualifiers.
+        return FindSystemProperty(wszProperty) >= 0 ? WBEM_E_SYSTEM_PROPERTY : WBEM_E_NOT_FOUND;
+    }
+    return NewQualifierSet(m_definition->properties[static_cast<size_t>(index)].qualifiers, QualifierFlavor(),
+                           ppQualSet);
 }
 
 HRESULT ClassObject::Clone(IWbemClassObject** ppCopy) {
@@ -574,8 +522,20 @@ HRESULT ClassObject::EndMethodEnumeration() {
     return WBEM_S_NO_ERROR;
 }
 
-HRESULT ClassObject::GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) {
-    return WBEM_E_NOT_SUPPORTED;
+// Methods belong to the class definition: an instance has none to describe.
+HRESULT ClassObject::GetMethodQualifierSet(LPCWSTR wszMethod, IWbemQualifierSet** ppQualSet) {
+    if (ppQualSet == nullptr || wszMethod == nullptr) {
+        return WBEM_E_INVALID_PARAMETER;
+    }
+    *ppQualSet = nullptr;
+    if (m_instance) {
+        return WBEM_E_ILLEGAL_OPERATION;
+    }
+    const MethodDefinition* method = m_definition->FindMethod(wszMethod);
+    if (method == nullptr) {
+        return WBEM_E_NOT_FOUND;
+    }
+    return NewQualifierSet(method->qualifiers, WBEM_FLAVOR_ORIGIN_LOCAL, ppQualSet);
 }
 
 HRESULT ClassObject::GetMethodOrigin(LPCWSTR wszMethodName, BSTR* pstrClassName) {

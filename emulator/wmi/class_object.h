@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "emulator/common/com_object.h"
+#include "qualifier_set.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -17,6 +18,7 @@ struct PropertyDefinition {
     std::wstring name;
     CIMTYPE type = CIM_STRING;
     bool key = false;
+    std::vector<QualifierDefinition> qualifiers;  // as the MOF gives them, and CIMTYPE
 };
 
 struct ClassDefinition;
@@ -25,6 +27,9 @@ struct MethodDefinition {
     std::wstring name;
     std::shared_ptr<const ClassDefinition> in;   // a __PARAMETERS class; null without input parameters
     std::shared_ptr<const ClassDefinition> out;  // a __PARAMETERS class holding "ReturnValue"
+    bool isStatic = false;     // runs on the class path; without it only on an instance path
+    bool implemented = false;  // without it WMI runs no provider for the method
+    std::vector<QualifierDefinition> qualifiers;
 };
 
 struct ClassDefinition {
@@ -33,6 +38,7 @@ struct ClassDefinition {
     std::vector<PropertyDefinition> properties;
     std::vector<MethodDefinition> methods;
     std::wstring provider;  // empty for a static class
+    std::vector<QualifierDefinition> qualifiers;
 
     int FindProperty(const wchar_t* name) const;  // -1 when absent (names are case-blind)
     const MethodDefinition* FindMethod(const wchar_t* name) const;
@@ -94,6 +100,7 @@ private:
     std::vector<Member> Members(LONG flags) const;
     std::wstring MemberName(const Member& member) const;
     VARIANT SystemValue(size_t index, CIMTYPE& type) const;
+    LONG QualifierFlavor() const;
 
     std::shared_ptr<const ClassDefinition> m_definition;
     bool m_instance;

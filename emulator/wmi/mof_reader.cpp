@@ -158,26 +158,32 @@ private:
         Expect(")");
     }
 
-    // [a, b("x")] -> name -> argument ("" without one)
-    std::map<std::string, std::string> ReadQualifiers() {
-        std::map<std::string, std::string> qualifiers;
+    // [a, b("x"), c(3)]: each qualifier as written, with its argument when it has one.
+    Qualifiers ReadQualifiers() {
+        Qualifiers qualifiers;
         if (!IsPunctuation("[")) {
             return qualifiers;
         }
         Advance();
         while (true) {
-            std::string name = ExpectIdentifier("qualifier name");
-            for (auto& c : name) {
-                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            Qualifier qualifier;
+            qualifier.name = ExpectIdentifier("qualifier name");
+            if (FindQualifier(qualifiers, qualifier.name) != nullptr) {
+                Fail("qualifier " + qualifier.name + " is given twice");
             }
-            std::string argument;
             if (IsPunctuation("(")) {
                 Advance();
-                argument = m_token.text;
+                switch (m_token.kind) {
+                    case TokenKind::String: qualifier.kind = Qualifier::Kind::String; break;
+                    case TokenKind::Number: qualifier.kind = Qualifier::Kind::Number; break;
+                    case TokenKind::Identifier: qualifier.kind = Qualifier::Kind::Identifier; break;
+                    default: Fail("expected a qualifier argument");
+                }
+                qualifier.value = m_token.text;
                 Advance();
                 Expect(")");
             }
-            qualifiers[name] = argument;
+            qualifiers.push_back(qualifier);
             if (IsPunctuation(",")) {
                 Advance();
                 continue;
@@ -195,9 +201,10 @@ private:
         Advance();
         Class declared;
         declared.name = ExpectIdentifier("class name");
-        declared.dynamic = qualifiers.count("dynamic") != 0;
-        const auto provider = qualifiers.find("provider");
-        declared.provider = provider == qualifiers.end() ? "" : provider->second;
+        declared.dynamic = FindQualifier(qualifiers, "dynamic") != nullptr;
+        const Qualifier* provider = FindQualifier(qualifiers, "provider");
+        declared.provider = provider == nullptr ? "" : provider->value;
+        declared.qualifiers = qualifiers;
         if (IsPunctuation(":")) {
             Advance();
             declared.superclass = ExpectIdentifier("superclass name");
@@ -214,15 +221,18 @@ private:
                 Method method;
                 method.name = name;
                 method.returnType = type;
-                method.isStatic = memberQualifiers.count("static") != 0;
+                method.isStatic = FindQualifier(memberQualifiers, "static") != nullptr;
+                method.implemented = FindQualifier(memberQualifiers, "implemented") != nullptr;
+                method.qualifiers = memberQualifiers;
                 Advance();
                 while (!IsPunctuation(")")) {
                     const auto parameterQualifiers = ReadQualifiers();
                     Parameter parameter;
                     parameter.type = ExpectIdentifier("a parameter type");
                     parameter.name = ExpectIdentifier("a parameter name");
-                    parameter.in = parameterQualifiers.count("in") != 0;
-                    parameter.out = parameterQualifiers.count("out") != 0;
+                    parameter.in = FindQualifier(parameterQualifiers, "in") != nullptr;
+                    parameter.out = FindQualifier(parameterQualifiers, "out") != nullptr;
+                    parameter.qualifiers = parameterQualifiers;
                     if (!parameter.in && !parameter.out) {
                         Fail("parameter " + parameter.name + " is neither [in] nor [out]");
                     }
@@ -236,7 +246,8 @@ private:
                 Advance();
                 declared.methods.push_back(method);
             } else {
-                declared.properties.push_back({name, type, memberQualifiers.count("key") != 0});
+                declared.properties.push_back(
+                    {name, type, FindQualifier(memberQualifiers, "key") != nullptr, memberQualifiers});
             }
             Expect(";");
         }
@@ -305,17 +316,35 @@ private:
 
 }  // namespace
 
+namespace {
+
+bool SameName(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+const Qualifier* FindQualifier(const Qualifiers& qualifiers, std::string_view name) {
+    for (const auto& qualifier : qualifiers) {
+        if (SameName(qualifier.name, name)) {
+            return &qualifier;
+        }
+    }
+    return nullptr;
+}
+
 const Class* Document::FindClass(std::string_view name) const {
     for (const auto& declared : classes) {
-        if (declared.name.size() == name.size()) {
-            bool same = true;
-            for (std::size_t i = 0; i < name.size() && same; ++i) {
-                same = std::tolower(static_cast<unsigned char>(declared.name[i])) ==
-                       std::tolower(static_cast<unsigned char>(name[i]));
-            }
-            if (same) {
-                return &declared;
-            }
+        if (SameName(declared.name, name)) {
+            return &declared;
         }
     }
     return nullptr;

@@ -11,11 +11,24 @@
 
 namespace dorwex::mof {
 
+// One qualifier as written: [name] is a flag (true), [name(argument)] carries a value.
+struct Qualifier {
+    enum class Kind { Flag, String, Number, Identifier };
+    std::string name;
+    std::string value;
+    Kind kind = Kind::Flag;
+};
+using Qualifiers = std::vector<Qualifier>;
+
+// The qualifier of that name (names are case-blind), or null.
+const Qualifier* FindQualifier(const Qualifiers& qualifiers, std::string_view name);
+
 struct Parameter {
     std::string name;
     std::string type;  // "string", "uint32", "boolean", ...
     bool in = false;
     bool out = false;
+    Qualifiers qualifiers;
 };
 
 struct Method {
@@ -23,12 +36,15 @@ struct Method {
     std::string returnType;
     std::vector<Parameter> parameters;
     bool isStatic = false;
+    bool implemented = false;
+    Qualifiers qualifiers;
 };
 
 struct Property {
     std::string name;
     std::string type;
     bool key = false;
+    Qualifiers qualifiers;
 };
 
 struct Class {
@@ -36,6 +52,7 @@ struct Class {
     std::string superclass;
     std::string provider;  // from [provider("...")]
     bool dynamic = false;
+    Qualifiers qualifiers;
     std::vector<Property> properties;
     std::vector<Method> methods;
 };

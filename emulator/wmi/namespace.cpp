@@ -3,6 +3,7 @@
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <cstdlib>
 #include <cwctype>
 
 #include "mof_reader.h"
@@ -38,6 +39,43 @@ CIMTYPE CimType(const std::string& mofType) {
         }
     }
     return CIM_STRING;
+}
+
+std::vector<QualifierDefinition> Qualifiers(const mof::Qualifiers& declared) {
+    std::vector<QualifierDefinition> qualifiers;
+    for (const mof::Qualifier& qualifier : declared) {
+        QualifierDefinition defined;
+        defined.name = Widen(qualifier.name);
+        switch (qualifier.kind) {
+            case mof::Qualifier::Kind::String:
+                defined.type = VT_BSTR;
+                defined.text = Widen(qualifier.value);
+                break;
+            case mof::Qualifier::Kind::Number:
+                defined.type = VT_I4;
+                defined.number = std::strtol(qualifier.value.c_str(), nullptr, 0);
+                break;
+            case mof::Qualifier::Kind::Identifier:
+                defined.flag = _stricmp(qualifier.value.c_str(), "false") != 0;
+                break;
+            case mof::Qualifier::Kind::Flag:
+                break;
+        }
+        qualifiers.push_back(defined);
+    }
+    return qualifiers;
+}
+
+// Every property's qualifiers also hold its CIM type as text, as WMI adds it.
+PropertyDefinition Property(const std::string& name, const std::string& type, const mof::Qualifiers& declared) {
+    PropertyDefinition property{Widen(name), CimType(type), mof::FindQualifier(declared, "key") != nullptr,
+                                Qualifiers(declared)};
+    QualifierDefinition cimType;
+    cimType.name = L"CIMTYPE";
+    cimType.type = VT_BSTR;
+    cimType.text = Widen(type);
+    property.qualifiers.push_back(cimType);
+    return property;
 }
 
 std::shared_ptr<ClassDefinition> SystemClass(const wchar_t* name, std::vector<std::wstring> ancestors,
@@ -265,18 +303,18 @@ HRESULT Namespace::LoadLocked() {
     // The system classes the provider relies on.
     const std::vector<std::wstring> systemRoot = {L"__SystemClass"};
     m_classes.push_back(SystemClass(L"__ExtendedStatus", {L"__NotifyStatus", L"__SystemClass"},
-                                    {{L"Description", CIM_STRING},
-                                     {L"Operation", CIM_STRING},
-                                     {L"ParameterInfo", CIM_STRING},
-                                     {L"ProviderName", CIM_STRING},
-                                     {L"StatusCode", CIM_UINT32}}));
-    m_classes.push_back(SystemClass(L"__Event", systemRoot, {{L"TIME_CREATED", CIM_UINT64}}));
-    m_classes.push_back(SystemClass(L"__ExtrinsicEvent", {L"__Event", L"__SystemClass"}, {{L"TIME_CREATED", CIM_UINT64}}));
+                                    {Property("Description", "string", {}), Property("Operation", "string", {}),
+                                     Property("ParameterInfo", "string", {}), Property("ProviderName", "string", {}),
+                                     Property("StatusCode", "uint32", {})}));
+    m_classes.push_back(SystemClass(L"__Event", systemRoot, {Property("TIME_CREATED", "uint64", {})}));
+    m_classes.push_back(SystemClass(L"__ExtrinsicEvent", {L"__Event", L"__SystemClass"},
+                                    {Property("TIME_CREATED", "uint64", {})}));
 
     for (const mof::Class& declared : mof.document.classes) {
         auto definition = std::make_shared<ClassDefinition>();
         definition->name = Widen(declared.name);
         definition->provider = Widen(declared.provider);
+        definition->qualifiers = Qualifiers(declared.qualifiers);
         if (!declared.superclass.empty()) {
             if (auto super = FindClass(Widen(declared.superclass))) {
                 definition->ancestors.push_back(super->name);
@@ -289,17 +327,31 @@ HRESULT Namespace::LoadLocked() {
             }
         }
         for (const mof::Property& property : declared.properties) {
-            definition->properties.push_back({Widen(property.name), CimType(property.type), property.key});
+            definition->properties.push_back(Property(property.name, property.type, property.qualifiers));
         }
         for (const mof::Method& method : declared.methods) {
             MethodDefinition defined;
             defined.name = Widen(method.name);
+            defined.isStatic = method.isStatic;
+            defined.implemented = method.implemented;
+            defined.qualifiers = Qualifiers(method.qualifiers);
             auto in = std::make_shared<ClassDefinition>();
             auto out = std::make_shared<ClassDefinition>();
             in->name = out->name = L"__PARAMETERS";
-            out->properties.push_back({L"ReturnValue", CimType(method.returnType)});
+            out->properties.push_back(Property("ReturnValue", method.returnType, {{"out", "", {}}}));
+            // Parameters carry their position as the ID qualifier, as WMI numbers them.
+            LONG id = 0;
             for (const mof::Parameter& parameter : method.parameters) {
-                (parameter.in ? in : out)->properties.push_back({Widen(parameter.name), CimType(parameter.type)});
+                PropertyDefinition argument = Property(parameter.name, parameter.type, parameter.qualifiers);
+                if (FindQualifierDefinition(argument.qualifiers, L"ID") == nullptr) {
+                    QualifierDefinition position;
+                    position.name = L"ID";
+                    position.type = VT_I4;
+                    position.number = id;
+                    argument.qualifiers.push_back(position);
+                }
+                ++id;
+                (parameter.in ? in : out)->properties.push_back(argument);
             }
             if (!in->properties.empty()) {
                 defined.in = in;
@@ -317,6 +369,8 @@ HRESULT Namespace::LoadLocked() {
                 m_loadError = L"the provider registration has no valid ClsId";
                 return m_loadResult;
             }
+            const auto name = instance.values.find("Name");
+            m_providerName = name != instance.values.end() ? Widen(name->second.text) : std::wstring();
         }
     }
     m_loadResult = WBEM_S_NO_ERROR;
@@ -330,6 +384,11 @@ std::shared_ptr<const ClassDefinition> Namespace::FindClass(const std::wstring& 
         }
     }
     return nullptr;
+}
+
+std::wstring Namespace::ProviderName() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_providerName;
 }
 
 bool Namespace::ProviderLoaded() {

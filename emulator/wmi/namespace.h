@@ -44,6 +44,8 @@ public:
     // The provider's IWbemServices, loaded and initialised on first use (with a reference for the caller).
     HRESULT Provider(IWbemServices** provider_out);
     bool ProviderLoaded();
+    // The Name of the registered __Win32Provider, which WMI reports as ProviderName in a status.
+    std::wstring ProviderName();
 
     // Event consumers. The first one makes the provider start its events (ProvideEvents); each has its
     // query registered with the provider (NewQuery) until it is cancelled (CancelQuery).
@@ -69,6 +71,7 @@ private:
     std::wstring m_loadError;
     std::vector<std::shared_ptr<ClassDefinition>> m_classes;
     CLSID m_providerClsid{};
+    std::wstring m_providerName;
     IWbemServices* m_provider = nullptr;
     IWbemObjectSink* m_eventSink = nullptr;  // what the provider indicates events to
     bool m_eventsProvided = false;

@@ -5,51 +5,23 @@
 
 #include <atomic>
 #include <functional>
+#include <string>
 
 #include "client_context.h"
 #include "namespace.h"
 #include "sinks.h"
-#include "wmi/object_path.h"
+#include "wbem_path.h"
 
 namespace dorwex::emulator::wmi {
 
 namespace {
 
-// Runs one asynchronous provider call with a collecting sink. The result is the call's failure, or the
-// status the provider completed with, or (a provider that returns without completing) its return value.
-HRESULT CallProvider(const std::function<HRESULT(IWbemServices*, IWbemObjectSink*)>& call,
-                     CollectingSink** sink_out) {
-    *sink_out = nullptr;
-    IWbemServices* provider = nullptr;
-    HRESULT hr = Namespace::Get().Provider(&provider);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    auto* sink = new CollectingSink();
-    {
-        const ClientCallScope clientCall;  // a client call context when tests provide one
-        hr = call(provider, sink);
-    }
-    provider->Release();
-    if (SUCCEEDED(hr) && sink->Completed()) {
-        hr = sink->Status();
-    }
-    *sink_out = sink;
-    return hr;
-}
-
-// What a finished provider call hands to a client's own sink.
-HRESULT Forward(CollectingSink* sink, HRESULT hr, IWbemObjectSink* client) {
-    for (auto* object : sink->TakeObjects()) {
-        client->Indicate(1, &object);
-        object->Release();
-    }
-    IWbemClassObject* status = sink->TakeStatusObject();
-    client->SetStatus(WBEM_STATUS_COMPLETE, hr, nullptr, status);
-    if (status != nullptr) {
-        status->Release();
-    }
-    return WBEM_S_NO_ERROR;
+// How long the service waits for the final SetStatus of a provider call that returned success. WMI waits
+// without end on a local connection; the tests want a clear failure instead of a hang.
+DWORD StatusWait() {
+    wchar_t text[16] = {};
+    const DWORD length = GetEnvironmentVariableW(L"DORWEX_WMI_STATUS_WAIT_MS", text, 16);
+    return length > 0 && length < 16 ? static_cast<DWORD>(_wtoi(text)) : 30000;
 }
 
 void ReleaseAll(std::vector<IWbemClassObject*>& objects) {
@@ -59,9 +31,213 @@ void ReleaseAll(std::vector<IWbemClassObject*>& objects) {
     objects.clear();
 }
 
-std::wstring ClassOfPath(const BSTR path) {
-    const auto parsed = path != nullptr ? ParseObjectPath(path) : std::nullopt;
-    return parsed ? parsed->className : std::wstring();
+BSTR Text(const std::wstring& text) {
+    return SysAllocString(text.c_str());
+}
+
+// A BSTR owned for the length of one provider call.
+class OwnedText {
+public:
+    explicit OwnedText(const std::wstring& text) : m_text(Text(text)) {}
+    ~OwnedText() { SysFreeString(m_text); }
+    OwnedText(const OwnedText&) = delete;
+    OwnedText& operator=(const OwnedText&) = delete;
+    BSTR get() const { return m_text; }
+
+private:
+    BSTR m_text;
+};
+
+bool IsExtendedStatus(IWbemClassObject* object) {
+    if (object->InheritsFrom(L"__ExtendedStatus") == WBEM_S_NO_ERROR) {
+        return true;
+    }
+    VARIANT name;
+    VariantInit(&name);
+    const bool is = SUCCEEDED(object->Get(L"__CLASS", 0, &name, nullptr, nullptr)) && name.vt == VT_BSTR &&
+                    _wcsicmp(name.bstrVal, L"__ExtendedStatus") == 0;
+    VariantClear(&name);
+    return is;
+}
+
+// An __ExtendedStatus as WMI hands it to clients. The provider's StatusCode and Description are kept
+// (from `base` when there is one); WMI itself fills Operation, ParameterInfo and ProviderName.
+IWbemClassObject* ClientStatus(IWbemClassObject* base, const wchar_t* operation, const std::wstring& parameter,
+                               const std::wstring& description) {
+    IWbemClassObject* status = nullptr;
+    if (base != nullptr) {
+        if (!IsExtendedStatus(base)) {
+            base->AddRef();
+            return base;  // another kind of status object goes through as it is
+        }
+        if (FAILED(base->Clone(&status))) {
+            return nullptr;
+        }
+    } else {
+        const auto definition = Namespace::Get().FindClass(L"__ExtendedStatus");
+        IWbemClassObject* statusClass = definition ? ClassObject::NewClass(definition) : nullptr;
+        if (statusClass == nullptr || FAILED(statusClass->SpawnInstance(0, &status))) {
+            if (statusClass != nullptr) {
+                statusClass->Release();
+            }
+            return nullptr;
+        }
+        statusClass->Release();
+        VARIANT value;
+        VariantInit(&value);
+        value.vt = VT_BSTR;
+        value.bstrVal = Text(description);
+        status->Put(L"Description", 0, &value, 0);
+        VariantClear(&value);
+    }
+    const std::pair<const wchar_t*, std::wstring> filled[] = {
+        {L"Operation", operation},
+        {L"ParameterInfo", parameter},
+        {L"ProviderName", Namespace::Get().ProviderName()},
+    };
+    for (const auto& property : filled) {
+        VARIANT value;
+        VariantInit(&value);
+        value.vt = VT_BSTR;
+        value.bstrVal = Text(property.second);
+        status->Put(property.first, 0, &value, 0);
+        VariantClear(&value);
+    }
+    return status;
+}
+
+// What one asynchronous provider call produced.
+struct ProviderResult {
+    HRESULT hr = WBEM_S_NO_ERROR;
+    std::vector<IWbemClassObject*> objects;
+    IWbemClassObject* status = nullptr;  // as the client sees it
+
+    ProviderResult() = default;
+    ProviderResult(const ProviderResult&) = delete;
+    ProviderResult& operator=(const ProviderResult&) = delete;
+    ~ProviderResult() {
+        ReleaseAll(objects);
+        if (status != nullptr) {
+            status->Release();
+        }
+    }
+    // The first object, with its reference, or null.
+    IWbemClassObject* TakeFirst() {
+        if (objects.empty()) {
+            return nullptr;
+        }
+        IWbemClassObject* first = objects.front();
+        objects.erase(objects.begin());
+        return first;
+    }
+};
+
+// Runs one asynchronous provider call as WMI does. A call that returns a failure has finished with it and
+// its sink is not used. A call that returns success has finished only when it calls SetStatus on the sink;
+// the service waits for that, within StatusWait(), and reports a provider that never does as a failure
+// naming the operation.
+void CallProvider(const wchar_t* operation, const std::wstring& parameter,
+                  const std::function<HRESULT(IWbemServices*, IWbemObjectSink*)>& call, ProviderResult& result) {
+    IWbemServices* provider = nullptr;
+    result.hr = Namespace::Get().Provider(&provider);
+    if (FAILED(result.hr)) {
+        return;
+    }
+    auto* sink = new CollectingSink();
+    {
+        const ClientCallScope clientCall;  // a client call context when tests provide one
+        result.hr = call(provider, sink);
+    }
+    provider->Release();
+    IWbemClassObject* providerStatus = nullptr;
+    if (FAILED(result.hr)) {
+        // The sink is not used after a failing return: what reached it anyway is dropped.
+    } else if (!sink->WaitCompleted(StatusWait())) {
+        result.hr = WBEM_E_FAILED;
+        result.status = ClientStatus(nullptr, operation, parameter,
+                                     std::wstring(L"The provider's ") + operation +
+                                         L"Async returned success but did not call SetStatus on its response "
+                                         L"handler within " + std::to_wstring(StatusWait()) + L" ms.");
+    } else {
+        result.hr = sink->Status();
+        result.objects = sink->TakeObjects();
+        providerStatus = sink->TakeStatusObject();
+    }
+    if (providerStatus != nullptr) {
+        result.status = ClientStatus(providerStatus, operation, parameter, std::wstring());
+        providerStatus->Release();
+    }
+    sink->Release();
+}
+
+// A synchronous call's status object becomes the thread's COM error object when the call failed, where
+// clients find it; a call that succeeded leaves none.
+HRESULT Report(const ProviderResult& result) {
+    SetErrorInfo(0, nullptr);
+    if (FAILED(result.hr) && result.status != nullptr) {
+        auto* error = new StatusErrorInfo(result.status);
+        SetErrorInfo(0, error);
+        error->Release();
+    }
+    return result.hr;
+}
+
+// What a finished provider call hands to a client's own sink.
+void Forward(ProviderResult& result, IWbemObjectSink* client) {
+    for (auto* object : result.objects) {
+        client->Indicate(1, &object);
+    }
+    client->SetStatus(WBEM_STATUS_COMPLETE, result.hr, nullptr, result.status);
+}
+
+// A client's path to an instance or class of the namespace: read with the service's own grammar, the class
+// looked up, the keys checked against the class's key properties and named. The provider receives the
+// relative path as WMI renders it.
+struct ResolvedPath {
+    WbemPath path;
+    std::shared_ptr<const ClassDefinition> definition;
+    std::wstring relative;
+};
+
+HRESULT Resolve(const BSTR text, ResolvedPath& out) {
+    auto parsed = text != nullptr ? ParseWbemPath(text) : std::nullopt;
+    if (!parsed) {
+        return WBEM_E_INVALID_OBJECT_PATH;
+    }
+    HRESULT hr = Namespace::Get().Load();
+    if (FAILED(hr)) {
+        return hr;
+    }
+    out.definition = Namespace::Get().FindClass(parsed->className);
+    if (!out.definition) {
+        return WBEM_E_INVALID_CLASS;
+    }
+    parsed->className = out.definition->name;
+    std::vector<const PropertyDefinition*> keys;
+    for (const auto& property : out.definition->properties) {
+        if (property.key) {
+            keys.push_back(&property);
+        }
+    }
+    if (parsed->singleton || (!parsed->keys.empty() && parsed->keys.size() != keys.size())) {
+        return WBEM_E_INVALID_OBJECT_PATH;
+    }
+    for (auto& key : parsed->keys) {
+        if (key.name.empty()) {
+            if (keys.size() != 1) {
+                return WBEM_E_INVALID_OBJECT_PATH;  // only a class with one key may leave it unnamed
+            }
+            key.name = keys.front()->name;
+        }
+        const int index = out.definition->FindProperty(key.name.c_str());
+        if (index < 0 || !out.definition->properties[static_cast<size_t>(index)].key) {
+            return WBEM_E_INVALID_OBJECT_PATH;
+        }
+        key.name = out.definition->properties[static_cast<size_t>(index)].name;
+    }
+    out.path = *parsed;
+    out.relative = RenderRelativePath(out.path);
+    return WBEM_S_NO_ERROR;
 }
 
 // Clients reach Windows WMI through a proxy and set its security with CoSetProxyBlanket; the emulated
@@ -133,42 +309,35 @@ public:
             return WBEM_E_INVALID_PARAMETER;
         }
         *ppObject = nullptr;
-        const auto parsed = strObjectPath != nullptr ? ParseObjectPath(strObjectPath) : std::nullopt;
-        if (!parsed) {
-            return WBEM_E_INVALID_OBJECT_PATH;
+        ResolvedPath resolved;
+        const HRESULT hr = Resolve(strObjectPath, resolved);
+        if (hr == static_cast<HRESULT>(WBEM_E_INVALID_CLASS)) {
+            return WBEM_E_NOT_FOUND;  // GetObject answers a class it does not know as not found
         }
-        HRESULT hr = Namespace::Get().Load();
         if (FAILED(hr)) {
             return hr;
         }
-        const auto definition = Namespace::Get().FindClass(parsed->className);
-        if (!definition) {
-            return WBEM_E_NOT_FOUND;
-        }
-        if (parsed->keys.empty()) {
-            *ppObject = ClassObject::NewClass(definition);
+        if (resolved.path.IsClass()) {
+            *ppObject = ClassObject::NewClass(resolved.definition);
             return *ppObject != nullptr ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
         }
-        CollectingSink* sink = nullptr;
-        hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->GetObjectAsync(strObjectPath, lFlags, pCtx, s);
-            },
-            &sink);
-        auto objects = sink != nullptr ? sink->TakeObjects() : std::vector<IWbemClassObject*>();
-        if (SUCCEEDED(hr)) {
-            if (objects.empty()) {
-                hr = WBEM_E_NOT_FOUND;
-            } else {
-                *ppObject = objects.front();
-                objects.erase(objects.begin());
+        if (resolved.definition->provider.empty()) {
+            return WBEM_E_NOT_FOUND;  // a class without an instance provider has no instances
+        }
+        ProviderResult result;
+        const OwnedText path(resolved.relative);
+        CallProvider(L"GetObject", resolved.relative,
+                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                         return provider->GetObjectAsync(path.get(), lFlags, pCtx, sink);
+                     },
+                     result);
+        if (SUCCEEDED(result.hr)) {
+            *ppObject = result.TakeFirst();
+            if (*ppObject == nullptr) {
+                result.hr = WBEM_E_NOT_FOUND;
             }
         }
-        ReleaseAll(objects);
-        if (sink != nullptr) {
-            sink->Release();
-        }
-        return hr;
+        return Report(result);
     }
 
     HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
@@ -205,55 +374,41 @@ public:
         return WBEM_E_NOT_SUPPORTED;
     }
 
-    // Instances are written and deleted by the provider; it answers through its own return value.
+    // Instances are written and deleted by the provider: through the return value of its call when that
+    // fails, through SetStatus on the response handler when it returns success.
     HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx,
                                           IWbemCallResult**) override {
         if (pInst == nullptr) {
             return WBEM_E_INVALID_PARAMETER;
         }
-        CollectingSink* sink = nullptr;
-        const HRESULT hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->PutInstanceAsync(pInst, lFlags, pCtx, s);
-            },
-            &sink);
-        if (sink != nullptr) {
-            sink->Release();
-        }
-        return hr;
+        ProviderResult result;
+        Put(pInst, lFlags, pCtx, result);
+        return Report(result);
     }
     HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx,
                                                IWbemObjectSink* pResponseHandler) override {
-        if (pResponseHandler == nullptr) {
+        if (pResponseHandler == nullptr || pInst == nullptr) {
             return WBEM_E_INVALID_PARAMETER;
         }
-        pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, PutInstance(pInst, lFlags, pCtx, nullptr), nullptr,
-                                    nullptr);
+        ProviderResult result;
+        Put(pInst, lFlags, pCtx, result);
+        Forward(result, pResponseHandler);
         return WBEM_S_NO_ERROR;
     }
     HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
                                              IWbemCallResult**) override {
-        if (ClassOfPath(strObjectPath).empty()) {
-            return WBEM_E_INVALID_OBJECT_PATH;
-        }
-        CollectingSink* sink = nullptr;
-        const HRESULT hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->DeleteInstanceAsync(strObjectPath, lFlags, pCtx, s);
-            },
-            &sink);
-        if (sink != nullptr) {
-            sink->Release();
-        }
-        return hr;
+        ProviderResult result;
+        Delete(strObjectPath, lFlags, pCtx, result);
+        return Report(result);
     }
     HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
                                                   IWbemObjectSink* pResponseHandler) override {
         if (pResponseHandler == nullptr) {
             return WBEM_E_INVALID_PARAMETER;
         }
-        pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, DeleteInstance(strObjectPath, lFlags, pCtx, nullptr),
-                                    nullptr, nullptr);
+        ProviderResult result;
+        Delete(strObjectPath, lFlags, pCtx, result);
+        Forward(result, pResponseHandler);
         return WBEM_S_NO_ERROR;
     }
 
@@ -328,30 +483,12 @@ public:
         if (ppOutParams != nullptr) {
             *ppOutParams = nullptr;
         }
-        CollectingSink* sink = nullptr;
-        HRESULT hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->ExecMethodAsync(strObjectPath, strMethodName, lFlags, pCtx, pInParams, s);
-            },
-            &sink);
-        auto objects = sink->TakeObjects();
-        IWbemClassObject* status = sink->TakeStatusObject();
-        sink->Release();
-        SetErrorInfo(0, nullptr);
-        if (FAILED(hr) && status != nullptr) {
-            auto* error = new StatusErrorInfo(status);
-            SetErrorInfo(0, error);
-            error->Release();
+        ProviderResult result;
+        Execute(strObjectPath, strMethodName, lFlags, pCtx, pInParams, result);
+        if (SUCCEEDED(result.hr) && ppOutParams != nullptr) {
+            *ppOutParams = result.TakeFirst();
         }
-        if (status != nullptr) {
-            status->Release();
-        }
-        if (SUCCEEDED(hr) && ppOutParams != nullptr && !objects.empty()) {
-            *ppOutParams = objects.front();
-            objects.erase(objects.begin());
-        }
-        ReleaseAll(objects);
-        return hr;
+        return Report(result);
     }
     HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR strObjectPath, const BSTR strMethodName, LONG lFlags,
                                               IWbemContext* pCtx, IWbemClassObject* pInParams,
@@ -359,24 +496,73 @@ public:
         if (pResponseHandler == nullptr) {
             return WBEM_E_INVALID_PARAMETER;
         }
-        CollectingSink* sink = nullptr;
-        const HRESULT hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->ExecMethodAsync(strObjectPath, strMethodName, lFlags, pCtx, pInParams, s);
-            },
-            &sink);
-        if (sink == nullptr) {
-            pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, hr, nullptr, nullptr);
-            return WBEM_S_NO_ERROR;
-        }
-        Forward(sink, hr, pResponseHandler);
-        sink->Release();
+        ProviderResult result;
+        Execute(strObjectPath, strMethodName, lFlags, pCtx, pInParams, result);
+        Forward(result, pResponseHandler);
         return WBEM_S_NO_ERROR;
     }
 
 private:
     std::atomic<DWORD> m_authenticationLevel{RPC_C_AUTHN_LEVEL_CONNECT};
     std::atomic<DWORD> m_impersonationLevel{RPC_C_IMP_LEVEL_IMPERSONATE};
+
+    void Put(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx, ProviderResult& result) {
+        CallProvider(L"PutInstance", std::wstring(),
+                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                         return provider->PutInstanceAsync(pInst, lFlags, pCtx, sink);
+                     },
+                     result);
+    }
+
+    void Delete(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx, ProviderResult& result) {
+        ResolvedPath resolved;
+        result.hr = Resolve(strObjectPath, resolved);
+        if (SUCCEEDED(result.hr) && resolved.path.IsClass()) {
+            result.hr = WBEM_E_INVALID_OBJECT_PATH;  // a class is deleted with DeleteClass
+        }
+        if (FAILED(result.hr)) {
+            return;
+        }
+        const OwnedText path(resolved.relative);
+        CallProvider(L"DeleteInstance", resolved.relative,
+                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                         return provider->DeleteInstanceAsync(path.get(), lFlags, pCtx, sink);
+                     },
+                     result);
+    }
+
+    // WMI runs a method only when the class declares it with the implemented qualifier, and a method that
+    // is not static only on an instance path. No source names the code WMI answers the latter with; the
+    // service answers WBEM_E_INVALID_OPERATION, and the provider is not called.
+    void Execute(const BSTR strObjectPath, const BSTR strMethodName, LONG lFlags, IWbemContext* pCtx,
+                 IWbemClassObject* pInParams, ProviderResult& result) {
+        ResolvedPath resolved;
+        result.hr = Resolve(strObjectPath, resolved);
+        if (FAILED(result.hr)) {
+            return;
+        }
+        const MethodDefinition* method =
+            strMethodName != nullptr ? resolved.definition->FindMethod(strMethodName) : nullptr;
+        if (method == nullptr) {
+            result.hr = WBEM_E_INVALID_METHOD;
+            return;
+        }
+        if (!method->implemented) {
+            result.hr = WBEM_E_METHOD_NOT_IMPLEMENTED;
+            return;
+        }
+        if (!method->isStatic && resolved.path.IsClass()) {
+            result.hr = WBEM_E_INVALID_OPERATION;
+            return;
+        }
+        const OwnedText path(resolved.relative);
+        CallProvider(L"ExecMethod", resolved.relative,
+                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                         return provider->ExecMethodAsync(path.get(), strMethodName, lFlags, pCtx, pInParams,
+                                                          sink);
+                     },
+                     result);
+    }
 
     // The instances of a class (through its provider) that match the query.
     HRESULT Collect(const Query& query, LONG lFlags, IWbemContext* pCtx, std::vector<IWbemClassObject*>& out) {
@@ -396,36 +582,34 @@ private:
         if (definition->provider.empty()) {
             return WBEM_S_NO_ERROR;  // static classes have no instances here
         }
-        CollectingSink* sink = nullptr;
-        BSTR className = SysAllocString(definition->name.c_str());
-        hr = CallProvider(
-            [&](IWbemServices* provider, IWbemObjectSink* s) {
-                return provider->CreateInstanceEnumAsync(className, lFlags, pCtx, s);
-            },
-            &sink);
-        SysFreeString(className);
-        if (sink != nullptr) {
-            for (auto* object : sink->TakeObjects()) {
-                ClassObject* ours = AsClassObject(object);
-                if (!MatchesQuery(object, query)) {
-                    object->Release();
-                } else if (query.properties.empty() || ours == nullptr) {
-                    out.push_back(object);
-                } else {
-                    // A query that names its properties returns instances holding only those.
-                    IWbemClassObject* projected = ours->Projected(query.properties);
-                    object->Release();
-                    if (projected == nullptr) {
-                        hr = WBEM_E_OUT_OF_MEMORY;
-                    } else {
-                        out.push_back(projected);
-                    }
-                }
+        ProviderResult result;
+        const OwnedText className(definition->name);
+        CallProvider(L"CreateInstanceEnum", definition->name,
+                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                         return provider->CreateInstanceEnumAsync(className.get(), lFlags, pCtx, sink);
+                     },
+                     result);
+        hr = result.hr;
+        for (auto* object : result.objects) {
+            ClassObject* ours = AsClassObject(object);
+            if (!MatchesQuery(object, query)) {
+                continue;
             }
-            if (FAILED(hr)) {
-                ReleaseAll(out);
+            if (query.properties.empty() || ours == nullptr) {
+                object->AddRef();
+                out.push_back(object);
+                continue;
             }
-            sink->Release();
+            // A query that names its properties returns instances holding only those.
+            IWbemClassObject* projected = ours->Projected(query.properties);
+            if (projected == nullptr) {
+                hr = WBEM_E_OUT_OF_MEMORY;
+                break;
+            }
+            out.push_back(projected);
+        }
+        if (FAILED(hr)) {
+            ReleaseAll(out);
         }
         return hr;
     }

@@ -22,6 +22,9 @@ HRESULT CollectingSink::Indicate(LONG lObjectCount, IWbemClassObject** apObjArra
         return WBEM_E_INVALID_PARAMETER;
     }
     std::lock_guard<std::mutex> guard(m_lock);
+    if (m_completed) {
+        return WBEM_E_FAILED;  // nothing follows the final status
+    }
     for (LONG i = 0; i < lObjectCount; ++i) {
         if (apObjArray[i] != nullptr) {
             apObjArray[i]->AddRef();
@@ -35,17 +38,25 @@ HRESULT CollectingSink::SetStatus(LONG lFlags, HRESULT hResult, BSTR, IWbemClass
     if (lFlags != WBEM_STATUS_COMPLETE) {
         return WBEM_S_NO_ERROR;  // progress
     }
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_completed = true;
-    m_status = hResult;
-    if (pObjParam != nullptr) {
-        pObjParam->AddRef();
-        if (m_statusObject != nullptr) {
-            m_statusObject->Release();
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_completed) {
+            return WBEM_E_FAILED;  // the final status comes once
         }
-        m_statusObject = pObjParam;
+        m_completed = true;
+        m_status = hResult;
+        if (pObjParam != nullptr) {
+            pObjParam->AddRef();
+            m_statusObject = pObjParam;
+        }
     }
+    m_completion.notify_all();
     return WBEM_S_NO_ERROR;
+}
+
+bool CollectingSink::WaitCompleted(DWORD milliseconds) {
+    std::unique_lock<std::mutex> guard(m_lock);
+    return m_completion.wait_for(guard, std::chrono::milliseconds(milliseconds), [this] { return m_completed; });
 }
 
 std::vector<IWbemClassObject*> CollectingSink::TakeObjects() {

@@ -25,12 +25,15 @@ public:
     // The objects indicated so far, each with a reference for the caller.
     std::vector<IWbemClassObject*> TakeObjects();
     bool Completed();
+    // Waits for the final SetStatus; false when it has not come within the time.
+    bool WaitCompleted(DWORD milliseconds);
     HRESULT Status();
     // The status object of SetStatus (an __ExtendedStatus), with a reference for the caller, or null.
     IWbemClassObject* TakeStatusObject();
 
 private:
     std::mutex m_lock;
+    std::condition_variable m_completion;
     std::vector<IWbemClassObject*> m_objects;
     bool m_completed = false;
     HRESULT m_status = WBEM_S_NO_ERROR;

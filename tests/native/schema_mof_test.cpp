@@ -80,6 +80,10 @@ TEST(SchemaAndMof, DeviceClassPropertiesAndMethods) {
         SCOPED_TRACE(method.name);
         EXPECT_EQ(method.name, Narrow(expected.name));
         EXPECT_EQ(method.returnType, "string") << "ReturnValue is a string";
+        // Clients call every method on the class path; WMI runs a method there only when it is static, and
+        // runs none without the implemented qualifier.
+        EXPECT_TRUE(method.isStatic);
+        EXPECT_TRUE(method.implemented);
         ASSERT_EQ(method.parameters.size(), expected.inputCount);
         for (std::size_t p = 0; p < expected.inputCount; ++p) {
             EXPECT_EQ(method.parameters[p].name, Narrow(expected.inputs[p].name));
@@ -94,11 +98,44 @@ TEST(SchemaAndMof, EventClass) {
     const auto* event = mof.FindClass(Narrow(schema::kClassWPDEvent));
     ASSERT_NE(event, nullptr);
     EXPECT_EQ(event->superclass, "__ExtrinsicEvent");
+    // An extrinsic event class has no instances: no instance provider is named for it.
+    EXPECT_FALSE(event->dynamic);
+    EXPECT_TRUE(event->provider.empty());
     ASSERT_EQ(event->properties.size(), schema::kWPDEventPropertyCount);
     for (std::size_t i = 0; i < schema::kWPDEventPropertyCount; ++i) {
         EXPECT_EQ(event->properties[i].name, Narrow(schema::kWPDEventProperties[i]));
         EXPECT_EQ(event->properties[i].type, "string");
     }
+}
+
+TEST(MofReader, KeepsEachQualifierWithItsArgument) {
+    const auto read = dorwex::mof::Read(
+        "[Dynamic, Provider(\"P\"), Version(3), Locale(en)] class A {\n"
+        " [Key] string k;\n"
+        " [Static, Implemented] string f([In, ID(0)] uint32 a);\n"
+        " string g([in] string b);\n"
+        "};");
+    ASSERT_EQ(read.error, "");
+    const auto* a = read.document.FindClass("a");
+    ASSERT_NE(a, nullptr);
+    EXPECT_TRUE(a->dynamic);
+    EXPECT_EQ(a->provider, "P");
+    using Kind = dorwex::mof::Qualifier::Kind;
+    const auto* version = dorwex::mof::FindQualifier(a->qualifiers, "VERSION");
+    ASSERT_NE(version, nullptr);
+    EXPECT_EQ(version->kind, Kind::Number);
+    EXPECT_EQ(version->value, "3");
+    EXPECT_EQ(dorwex::mof::FindQualifier(a->qualifiers, "locale")->kind, Kind::Identifier);
+    EXPECT_EQ(dorwex::mof::FindQualifier(a->qualifiers, "provider")->kind, Kind::String);
+    EXPECT_EQ(dorwex::mof::FindQualifier(a->qualifiers, "dynamic")->kind, Kind::Flag);
+    EXPECT_EQ(dorwex::mof::FindQualifier(a->qualifiers, "Dynamic")->name, "Dynamic") << "kept as written";
+    EXPECT_TRUE(a->properties[0].key);
+    ASSERT_EQ(a->methods.size(), 2u);
+    EXPECT_TRUE(a->methods[0].isStatic);
+    EXPECT_TRUE(a->methods[0].implemented);
+    EXPECT_EQ(dorwex::mof::FindQualifier(a->methods[0].parameters[0].qualifiers, "id")->value, "0");
+    EXPECT_FALSE(a->methods[1].isStatic);
+    EXPECT_FALSE(a->methods[1].implemented);
 }
 
 TEST(MofReader, ReportsTheLineOfWhatItCannotRead) {
@@ -113,6 +150,8 @@ TEST(MofReader, ReportsTheLineOfWhatItCannotRead) {
         {"class A { string f(string a); };", "line 1: parameter a is neither [in] nor [out]"},
         {"#pragma namespace(\"\\\\.\\root\n", "line 1: unterminated string"},
         {"class A {\n", "line 2: class A is not closed"},
+        {"[key, Key] class A { };", "line 1: qualifier Key is given twice"},
+        {"[provider(,)] class A { };", "line 1: expected a qualifier argument"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(dorwex::mof::Read(c.text).error, c.error) << c.text;

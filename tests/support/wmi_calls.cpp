@@ -75,6 +75,10 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
         inSignature->SpawnInstance(0, &in);
         for (const auto& parameter : parameters) {
             const HRESULT put = in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
+            if (put == static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH)) {
+                outcome.status = put;  // WMI refuses the value before any provider sees it
+                return outcome;
+            }
             EXPECT_TRUE(put == S_OK || put == static_cast<HRESULT>(WBEM_E_NOT_FOUND));
         }
     }

@@ -31,7 +31,8 @@ struct Outcome {
 using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
 
 // Calls a method of Win32ext_WPD; a client process id >= 0 goes into the call's context. Parameters the
-// method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out.
+// method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out; a value WMI will not take
+// for the parameter's type ends the call before the provider with WBEM_E_TYPE_MISMATCH as its status.
 Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.

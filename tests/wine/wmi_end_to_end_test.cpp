@@ -298,22 +298,40 @@ TEST(WmiEndToEnd, MethodOutcomes) {
     ASSERT_EQ(services->ExecMethod(path, _bstr_t(L"SetDebugLevel"), 0, nullptr, in.Get(), &out, nullptr), S_OK);
     ASSERT_TRUE(out);
     EXPECT_EQ(Text(out.Get(), L"ReturnValue"), L"");
+    // WMI takes a number for a uint32 and refuses a text or a date before the provider sees it; what the
+    // provider makes of such values it can only be given in process.
     _variant_t off(L"0");
-    in->Put(L"uint32DebugLevel", 0, &off, 0);
-    EXPECT_EQ(services->ExecMethod(path, _bstr_t(L"SetDebugLevel"), 0, nullptr, in.Get(), nullptr, nullptr), S_OK);
-
-    // A parameter of a type the provider cannot take: E_FAIL, and the reason in __ExtendedStatus.
+    EXPECT_EQ(in->Put(L"uint32DebugLevel", 0, &off, 0), WBEM_E_TYPE_MISMATCH);
     _variant_t date(45000.0, VT_DATE);
-    in->Put(L"uint32DebugLevel", 0, &date, 0);
-    EXPECT_EQ(services->ExecMethod(path, _bstr_t(L"SetDebugLevel"), 0, nullptr, in.Get(), nullptr, nullptr), E_FAIL);
+    EXPECT_EQ(in->Put(L"uint32DebugLevel", 0, &date, 0), WBEM_E_TYPE_MISMATCH);
+    EXPECT_EQ(in->Put(L"uint32DebugLevel", 0, &level, CIM_UINT32), WBEM_E_INVALID_PARAMETER)
+        << "an instance takes no type";
+    VARIANT tooLarge;
+    VariantInit(&tooLarge);
+    tooLarge.vt = VT_I8;
+    tooLarge.llVal = 1LL << 32;
+    EXPECT_EQ(in->Put(L"uint32DebugLevel", 0, &tooLarge, 0), WBEM_E_TYPE_MISMATCH);
+
+    // A failure with the reason in __ExtendedStatus: StatusCode and Description come from the provider,
+    // Operation, ParameterInfo and ProviderName from WMI.
+    ComPtr<IWbemClassObject> enumerateSignature;
+    ASSERT_EQ(wpdClass->GetMethod(L"EnumerateDevicePath", 0, &enumerateSignature, nullptr), S_OK);
+    ComPtr<IWbemClassObject> enumerateIn;
+    enumerateSignature->SpawnInstance(0, &enumerateIn);
+    _variant_t nowhere(L"Nowhere");
+    _variant_t nobody(L"usb#nobody");
+    enumerateIn->Put(L"strObjectStoragePath", 0, &nowhere, 0);
+    enumerateIn->Put(L"strObjectDeviceId", 0, &nobody, 0);
+    EXPECT_EQ(services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(L"EnumerateDevicePath"), 0, nullptr,
+                                   enumerateIn.Get(), nullptr, nullptr),
+              E_FAIL);
     ComPtr<IErrorInfo> error;
     ASSERT_EQ(GetErrorInfo(0, &error), S_OK);
     ComPtr<IWbemClassObject> status;
     ASSERT_EQ(error.As(&status), S_OK);
-    EXPECT_EQ(Text(status.Get(), L"Description"),
-              L"CDorWEXWPDWMI::MethodSetDebugLevel: Unknown variable (variant) type passed in:7.  Desired variable "
-              L"type:8.  Parameter index:0");
-    EXPECT_EQ(Text(status.Get(), L"Operation"), L"CDorWEXWPDWMI::MethodSetDebugLevel");
+    EXPECT_EQ(Text(status.Get(), L"Description"), L"Device not found");
+    EXPECT_EQ(Text(status.Get(), L"Operation"), L"ExecMethod");
+    EXPECT_EQ(Text(status.Get(), L"ParameterInfo"), L"Win32ext_WPD");
     EXPECT_EQ(Text(status.Get(), L"ProviderName"), L"Win32ext_WPD_Provider");
     _variant_t code;
     status->Get(L"StatusCode", 0, &code, nullptr, nullptr);
@@ -328,7 +346,7 @@ TEST(WmiEndToEnd, MethodOutcomes) {
     out->Get(L"ReturnValue", 0, &returnValue, nullptr, nullptr);
     EXPECT_TRUE(returnValue.vt == VT_NULL || returnValue.vt == VT_EMPTY);
     EXPECT_EQ(services->ExecMethod(path, _bstr_t(L"NoSuchMethod"), 0, nullptr, in.Get(), nullptr, nullptr),
-              WBEM_E_NOT_FOUND);
+              WBEM_E_INVALID_METHOD);
 }
 
 }  // namespace
@@ -401,7 +419,11 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     EXPECT_EQ(sink.completions, 1);
     EXPECT_EQ(sink.status, S_OK);
     EXPECT_TRUE(sink.indicated.empty()) << "a query yields no instances";
-    EXPECT_EQ(provider->GetObjectAsync(nullptr, 0, nullptr, &sink), WBEM_E_INVALID_PARAMETER);
+    // A call that fails at once still completes on the handler it was given.
+    RecordingSink invalid;
+    EXPECT_EQ(provider->GetObjectAsync(nullptr, 0, nullptr, &invalid), WBEM_E_INVALID_PARAMETER);
+    EXPECT_EQ(invalid.completions, 1);
+    EXPECT_EQ(invalid.status, WBEM_E_INVALID_PARAMETER);
     EXPECT_EQ(provider->ExecQuery(nullptr, nullptr, 0, nullptr, nullptr), WBEM_E_NOT_SUPPORTED);
 
     // Without namespace services WMI is told the initialisation failed; the call itself succeeds.
@@ -423,6 +445,23 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     EXPECT_EQ(enumeration.completions, 1);
     ASSERT_EQ(enumeration.indicated.size(), 2u);
     EXPECT_EQ(Text(enumeration.indicated[0].Get(), L"strSerialNumber"), L"ATT1");
+
+    // A put or delete that returns success has told its handler: WMI waits for that SetStatus.
+    ComPtr<IWbemClassObject> wpdClass;
+    ASSERT_EQ(services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr), S_OK);
+    ComPtr<IWbemClassObject> instance;
+    ASSERT_EQ(wpdClass->SpawnInstance(0, &instance), S_OK);
+    _variant_t internal(L"_internal");
+    instance->Put(L"strId", 0, &internal, 0);
+    RecordingSink put;
+    EXPECT_EQ(secondServices->PutInstanceAsync(instance.Get(), 0, nullptr, &put), S_OK);
+    EXPECT_EQ(put.completions, 1);
+    EXPECT_EQ(put.status, S_OK);
+    RecordingSink removed;
+    EXPECT_EQ(secondServices->DeleteInstanceAsync(_bstr_t(L"Win32ext_WPD.strId=\"usb#nobody\""), 0, nullptr, &removed),
+              S_OK) << "the failure goes to the handler";
+    EXPECT_EQ(removed.completions, 1);
+    EXPECT_EQ(removed.status, E_FAIL);
 
     // Any path gives one blank instance.
     RecordingSink object;
@@ -482,7 +521,7 @@ TEST(WmiContent, ListingAndProperties) {
     EXPECT_EQ(folders.returnValue, L"DCIM@" + dcim + L"@DIR~");
     Outcome files = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"PHONE\\dcim")},
                                                         {L"strObjectDeviceId", _variant_t(kDevice)},
-                                                        {L"uint32ContentType", _variant_t(L"2")}});
+                                                        {L"uint32ContentType", _variant_t(2L, VT_I4)}});
     EXPECT_EQ(files.returnValue.substr(0, 6), L"a.jpg@");
     EXPECT_EQ(files.returnValue.substr(files.returnValue.size() - 6), L"@FILE~");
 
@@ -543,14 +582,12 @@ TEST(WmiContent, WriteTokensGateCopiesToTheDevice) {
     EXPECT_EQ(refused.description, L"Invalid PID specified when requesting a write token.");
     Outcome noContext = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}});
     EXPECT_EQ(noContext.description, L"Invalid PID specified when requesting a write token.");
+    // WMI refuses a text for the uint32 process id; the provider's own conversion of texts is for callers
+    // in process.
     Outcome notANumber = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(L"twelve")}}, self);
-    EXPECT_EQ(notANumber.description,
-              L"CDorWEXWPDWMI::MethodRequestWriteToken: Could not convert parameter 0 to proper data type: 23");
-
-    // The process id may come as text.
+    EXPECT_EQ(notANumber.status, WBEM_E_TYPE_MISMATCH);
     const std::wstring first =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(std::to_wstring(self).c_str())}}, self)
-            .returnValue;
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
     ASSERT_EQ(first.size(), 36u);
     const std::wstring token =
         CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
@@ -1013,6 +1050,9 @@ TEST(WmiRobustness, EveryMethodTakesEveryValueTypeOnEveryParameter) {
                 }
                 const Outcome outcome = CallMethod(method.name, parameters, self);
                 SCOPED_TRACE(std::wstring(method.name) + L" " + method.inputs[slot].name + L" = " + value.first);
+                if (outcome.status == static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH)) {
+                    continue;  // WMI does not pass such a value on; the conversions have their own tests
+                }
                 EXPECT_TRUE(outcome.status == S_OK || outcome.status == E_FAIL) << std::hex << outcome.status;
                 if (outcome.status == E_FAIL) {
                     EXPECT_FALSE(outcome.description.empty()) << "a failure says what failed";
