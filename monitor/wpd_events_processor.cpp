@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "../wmi/module.h"
+#include "../wmi/object_path.h"
 #include "../wmi/schema.h"
 #include "../wmi/trace.h"
 #include "pnp_topology.h"
@@ -209,8 +210,10 @@ HRESULT CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent(const wchar_t* pwcharNa
         Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, l_IWbemServices == NULL\n");
         return l_HRESULT;
     }
-    // Win32ext_WPD='<name>': the key is not named and the name is not escaped.
-    const std::wstring l_wstringPath = std::wstring(dorwex::schema::kClassWPD) + L"='" + pwcharName_in + L"'";
+    // Win32ext_WPD.strId="<name>" with the name escaped: an interface name is full of backslashes
+    // ("\\?\usb#..."), which WMI's path grammar reads as escapes.
+    const std::wstring l_wstringPath = std::wstring(dorwex::schema::kClassWPD) + L"." + dorwex::schema::kKeyProperty +
+                                       L"=" + dorwex::QuotedKeyValue(pwcharName_in);
     const _bstr_t l_bstr_tPath(l_wstringPath.c_str());
     l_HRESULT = l_Services->DeleteInstance(l_bstr_tPath, 0, nullptr, nullptr);
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, %s, HRESULT = 0x%08x.\n",

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 #include <comdef.h>
+#include <wbemcli.h>
 
 #include <new>
 
@@ -18,4 +19,17 @@ HRESULT CallAtComBoundary(Call&& call_in) noexcept {
     } catch (...) {
         return E_FAIL;
     }
+}
+
+// The end of an asynchronous WMI call that has a response handler: the result goes to the handler's
+// SetStatus and the call returns WBEM_S_NO_ERROR. WMI uses the handler only after a call that returned
+// WBEM_S_NO_ERROR, and then waits for its SetStatus; a failure returned instead would leave the handler
+// unread and any status object with it. Without a handler the result is returned.
+inline HRESULT CompleteOnHandler(IWbemObjectSink* pResponseHandler_in, HRESULT result_in,
+                                 IWbemClassObject* pStatus_in = nullptr) {
+    if (pResponseHandler_in == nullptr) {
+        return result_in;
+    }
+    pResponseHandler_in->SetStatus(WBEM_STATUS_COMPLETE, result_in, nullptr, pStatus_in);
+    return WBEM_S_NO_ERROR;
 }

@@ -2,6 +2,8 @@
 // back as "ReturnValue" or as an __ExtendedStatus.
 #include "method_dispatch.h"
 
+#include "com_boundary.h"
+
 #include <wrl/client.h>
 
 #include <cwchar>
@@ -144,7 +146,8 @@ IWbemClassObject* CreateExtendedStatus(IWbemServices* pIWbemServices_in, const w
     l_pStatus->Put(dorwex::schema::kStatusDescription, 0, &l_Description, 0);
     l_pStatus->Put(dorwex::schema::kStatusOperation, 0, &l_Operation, 0);
     l_pStatus->Put(dorwex::schema::kStatusProviderName, 0, &l_ProviderName, 0);
-    l_pStatus->Put(dorwex::schema::kStatusCode, 0, &l_StatusCode, CIM_UINT32);
+    // An instance's property keeps its class's type: Put takes no type for it (0), and uint32 is VT_I4.
+    l_pStatus->Put(dorwex::schema::kStatusCode, 0, &l_StatusCode, 0);
     return l_pStatus;
 }
 
@@ -208,11 +211,11 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
         l_pStatusObject = CreateExtendedStatus(m_pIWbemServices, l_Call.pErrorRecord->wstringOperation.c_str(),
                                                l_Call.pErrorRecord->wstringDescription.c_str());
     }
-    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULTStatus, nullptr, l_pStatusObject);
+    const HRESULT l_HRESULTReturn = CompleteOnHandler(pResponseHandler, l_HRESULTStatus, l_pStatusObject);
     if (l_pStatusObject != nullptr) {
         l_pStatusObject->Release();
     }
-    return l_HRESULTStatus;
+    return l_HRESULTReturn;
 }
 
 HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io) {

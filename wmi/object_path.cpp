@@ -174,4 +174,15 @@ std::optional<ObjectPath> ParseObjectPath(std::wstring_view path) {
     }
 }
 
+std::wstring QuotedKeyValue(std::wstring_view value) {
+    std::wstring quoted = L"\"";
+    for (const wchar_t c : value) {
+        if (c == L'"' || c == L'\\') {
+            quoted += L'\\';
+        }
+        quoted += c;
+    }
+    return quoted + L"\"";
+}
+
 }  // namespace dorwex

@@ -32,4 +32,7 @@ struct ObjectPath {
 // give 1 and 0. Anything else does not parse.
 std::optional<ObjectPath> ParseObjectPath(std::wstring_view path);
 
+// A string key value for a path: in double quotes, with '"' and '\' escaped, as WMI writes __RELPATH.
+std::wstring QuotedKeyValue(std::wstring_view value);
+
 }  // namespace dorwex

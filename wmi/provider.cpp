@@ -215,11 +215,10 @@ STDMETHODIMP CDorWEXWPDWMI::PutInstance(IWbemClassObject* pInst, LONG lFlags, IW
     return CallAtComBoundary([&] { return PutWPDInstance(pInst, lFlags, pCtx); });
 }
 
-// The response handler is not called: WMI takes the returned value.
 STDMETHODIMP CDorWEXWPDWMI::PutInstanceAsync(IWbemClassObject* pInst, LONG lFlags, IWbemContext* pCtx,
-                                             IWbemObjectSink*) {
+                                             IWbemObjectSink* pResponseHandler) {
     Trace(L"CDorWEXWPDWMI::PutInstanceAsync");
-    return CallAtComBoundary([&] { return PutWPDInstance(pInst, lFlags, pCtx); });
+    return CompleteOnHandler(pResponseHandler, CallAtComBoundary([&] { return PutWPDInstance(pInst, lFlags, pCtx); }));
 }
 
 STDMETHODIMP CDorWEXWPDWMI::DeleteInstance(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
@@ -229,9 +228,10 @@ STDMETHODIMP CDorWEXWPDWMI::DeleteInstance(const BSTR strObjectPath, LONG lFlags
 }
 
 STDMETHODIMP CDorWEXWPDWMI::DeleteInstanceAsync(const BSTR strObjectPath, LONG lFlags, IWbemContext* pCtx,
-                                                IWbemObjectSink*) {
+                                                IWbemObjectSink* pResponseHandler) {
     Trace(L"CDorWEXWPDWMI::DeleteInstanceAsync enter.\n");
-    return CallAtComBoundary([&] { return DeleteWPDInstance(strObjectPath, lFlags, pCtx); });
+    return CompleteOnHandler(pResponseHandler,
+                             CallAtComBoundary([&] { return DeleteWPDInstance(strObjectPath, lFlags, pCtx); }));
 }
 
 HRESULT CDorWEXWPDWMI::PutWPDInstance(IWbemClassObject* pInstance_in, LONG, IWbemContext* pIWbemContext_in) {
@@ -357,6 +357,9 @@ HRESULT CDorWEXWPDWMI::GetIWbemClassObjectClassInstance(IWbemClassObject** ppCla
 STDMETHODIMP CDorWEXWPDWMI::GetObjectAsync(const BSTR strObjectPath, LONG, IWbemContext*,
                                            IWbemObjectSink* pResponseHandler) {
     if (strObjectPath == nullptr || pResponseHandler == nullptr || m_pIWbemServices == nullptr) {
+        if (pResponseHandler != nullptr) {
+            pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_INVALID_PARAMETER, nullptr, nullptr);
+        }
         return WBEM_E_INVALID_PARAMETER;
     }
     // Any path gives one blank instance: what WMI has always been given here.
@@ -366,8 +369,7 @@ STDMETHODIMP CDorWEXWPDWMI::GetObjectAsync(const BSTR strObjectPath, LONG, IWbem
         pResponseHandler->Indicate(1, &l_pInstance);
         l_pInstance->Release();
     }
-    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULT, nullptr, nullptr);
-    return l_HRESULT;
+    return CompleteOnHandler(pResponseHandler, l_HRESULT);
 }
 
 STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, IWbemContext* pCtx,
@@ -398,8 +400,7 @@ STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, I
         }
         return l_HRESULTEnum;
     });
-    pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, l_HRESULT, nullptr, nullptr);
-    return l_HRESULT;
+    return CompleteOnHandler(pResponseHandler, l_HRESULT);
 }
 
 // A query yields no instances here; WMI answers queries by enumerating.
