@@ -29,3 +29,13 @@ On Error Resume Next
 Set outParams = wpdClass.ExecMethod_("RequestWriteToken", inParams)
 WScript.Echo "error: " & Hex(Err.Number) & " " & Err.Description
 On Error GoTo 0
+
+' The way scripts call a static method: bind to the class by its moniker and call the method on the class.
+' (Wine's scripting API resolves neither a direct call such as staticClass.SetDebugLevel(0) nor
+' Qualifiers_; those two forms are for a Windows host.)
+Dim staticClass
+Set staticClass = GetObject("winmgmts:root\cimv2:Win32ext_WPD")
+Set inParams = staticClass.Methods_("SetDebugLevel").InParameters
+inParams.uint32DebugLevel = 0
+Set outParams = staticClass.ExecMethod_("SetDebugLevel", inParams)
+WScript.Echo "static: [" & outParams.ReturnValue & "]"

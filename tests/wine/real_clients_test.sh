@@ -58,6 +58,7 @@ expect_line "$script" '^device: Apple iPhone \| Apple Inc\. \| Internal Storage$
 expect_line "$script" '^ReturnValue: DCIM@[^@]+@DIR~$' "EnumerateDevicePath's ReturnValue through the scripting API"
 expect_line "$script" '^error: 80004005 Invalid PID specified when requesting a write token\.$' \
     "the refused RequestWriteToken and its reason"
+expect_line "$script" '^static: \[\]$' "SetDebugLevel called on the class bound by its moniker"
 # The C++ consumer example (IWbemServices directly): lists, copies a file onto the first device with a
 # write token, and receives the write event.
 echo "from the example" >"$work/example.txt"

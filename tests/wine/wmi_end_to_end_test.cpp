@@ -273,6 +273,49 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
     device->Close();
 }
 
+// Scripting clients decide how to call a method from its qualifiers, and find the key the same way.
+TEST(WmiEndToEnd, QualifiersComeFromTheSchema) {
+    auto services = Connect();
+    ComPtr<IWbemClassObject> wpdClass;
+    ASSERT_EQ(services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr), S_OK);
+    const auto flag = [](IWbemQualifierSet* set, const wchar_t* name) {
+        _variant_t value;
+        const HRESULT hr = set->Get(name, 0, &value, nullptr);
+        return SUCCEEDED(hr) && value.vt == VT_BOOL && value.boolVal == VARIANT_TRUE;
+    };
+    ComPtr<IWbemQualifierSet> method;
+    ASSERT_EQ(wpdClass->GetMethodQualifierSet(L"EjectDevice", &method), S_OK);
+    EXPECT_TRUE(flag(method.Get(), L"Static"));
+    EXPECT_TRUE(flag(method.Get(), L"implemented"));
+    EXPECT_EQ(method->Get(L"key", 0, nullptr, nullptr), WBEM_E_NOT_FOUND);
+    ComPtr<IWbemQualifierSet> none;
+    EXPECT_EQ(wpdClass->GetMethodQualifierSet(L"NoSuchMethod", &none), WBEM_E_NOT_FOUND);
+    EXPECT_FALSE(none);
+
+    ComPtr<IWbemQualifierSet> key;
+    ASSERT_EQ(wpdClass->GetPropertyQualifierSet(L"strId", &key), S_OK);
+    EXPECT_TRUE(flag(key.Get(), L"key"));
+    _variant_t cimType;
+    ASSERT_EQ(key->Get(L"CIMTYPE", 0, &cimType, nullptr), S_OK);
+    EXPECT_EQ(std::wstring(cimType.bstrVal), L"string");
+    ComPtr<IWbemQualifierSet> plain;
+    ASSERT_EQ(wpdClass->GetPropertyQualifierSet(L"strFriendlyName", &plain), S_OK);
+    EXPECT_FALSE(flag(plain.Get(), L"key"));
+
+    ComPtr<IWbemQualifierSet> classSet;
+    ASSERT_EQ(wpdClass->GetQualifierSet(&classSet), S_OK);
+    EXPECT_TRUE(flag(classSet.Get(), L"dynamic"));
+    _variant_t provider;
+    ASSERT_EQ(classSet->Get(L"provider", 0, &provider, nullptr), S_OK);
+    EXPECT_EQ(std::wstring(provider.bstrVal), L"Win32ext_WPD_Provider");
+
+    // Methods belong to the class: an instance has no method qualifiers.
+    ComPtr<IWbemClassObject> instance;
+    ASSERT_EQ(wpdClass->SpawnInstance(0, &instance), S_OK);
+    EXPECT_TRUE(FAILED(instance->GetMethodQualifierSet(L"EjectDevice", &none)));
+    EXPECT_FALSE(none);
+}
+
 TEST(WmiEndToEnd, MethodOutcomes) {
     auto services = Connect();
     ComPtr<IWbemClassObject> wpdClass;
