@@ -5,7 +5,9 @@
 
 #include <wrl/client.h>
 
+#include <atomic>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "device/com_memory.h"
@@ -109,6 +111,87 @@ TEST_F(Emulator, ManagerAnswersWithTheSizeQueryConvention) {
     manager->RefreshDeviceList();
     manager->GetDevices(nullptr, &count);
     EXPECT_EQ(count, 2u);
+}
+
+// Count first, then fetch; a buffer smaller than the list is filled and answered with S_FALSE.
+TEST_F(Emulator, ManagerCountsThenFetchesAndSaysWhenTheBufferIsShort) {
+    emulator.Attach(PhoneSpec("usb#second", "Acme", "E2"));
+    ComPtr<IPortableDeviceManager> manager;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager)), S_OK);
+    EXPECT_EQ(manager->GetDevices(nullptr, nullptr), E_POINTER);
+    DWORD count = 0;
+    ASSERT_EQ(manager->GetDevices(nullptr, &count), S_OK);
+    ASSERT_EQ(count, 2u);
+
+    LPWSTR ids[2] = {};
+    count = 1;
+    EXPECT_EQ(manager->GetDevices(ids, &count), S_FALSE) << "one place for two devices";
+    EXPECT_EQ(count, 1u);
+    ASSERT_NE(ids[0], nullptr);
+    EXPECT_EQ(ids[1], nullptr) << "nothing written past the place given";
+    CoTaskMemFree(ids[0]);
+    ids[0] = nullptr;
+
+    count = 2;
+    ASSERT_EQ(manager->GetDevices(ids, &count), S_OK);
+    ASSERT_EQ(count, 2u);
+    EXPECT_STRNE(ids[0], ids[1]);
+    CoTaskMemFree(ids[0]);
+    CoTaskMemFree(ids[1]);
+}
+
+TEST_F(Emulator, OpenTwiceIsRefusedAndNeedsClientInformation) {
+    ComPtr<IPortableDevice> second;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&second)), S_OK);
+    ComPtr<IPortableDeviceContent> notYet;
+    EXPECT_EQ(second->Content(&notYet), E_WPD_DEVICE_NOT_OPEN);
+    EXPECT_EQ(second->Open(L"usb#emu", nullptr), E_POINTER);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 1) << "only the fixture's session";
+    ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)),
+              S_OK);
+    ASSERT_EQ(second->Open(L"usb#emu", client.Get()), S_OK);
+    EXPECT_EQ(second->Open(L"usb#emu", client.Get()), E_WPD_DEVICE_ALREADY_OPENED);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 2) << "the refused Open opened nothing";
+    EXPECT_EQ(second->Close(), S_OK);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 1);
+}
+
+// An enumerator lists the direct children of its parent only, and says S_FALSE when fewer than asked for
+// are left.
+TEST_F(Emulator, EnumeratorListsDirectChildrenAndSaysWhenFewerAreLeft) {
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\deep.jpg", "jpeg");
+    emulator.WriteFile(storage + L"\\top.txt", "text");
+    ComPtr<IEnumPortableDeviceObjectIDs> ids;
+    ASSERT_EQ(content->EnumObjects(0, L"s10001", nullptr, &ids), S_OK);
+    LPWSTR batch[8] = {};
+    ULONG fetched = 0;
+    ASSERT_EQ(ids->Next(1, batch, &fetched), S_OK);
+    EXPECT_EQ(fetched, 1u);
+    CoTaskMemFree(batch[0]);
+    ASSERT_EQ(ids->Next(8, batch, &fetched), S_FALSE) << "one left, eight asked for";
+    EXPECT_EQ(fetched, 1u);
+    CoTaskMemFree(batch[0]);
+    EXPECT_EQ(ids->Next(8, batch, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, 0u);
+
+    EXPECT_EQ(ids->Reset(), S_OK);
+    std::vector<std::wstring> names;
+    ComPtr<IPortableDeviceProperties> properties;
+    content->Properties(&properties);
+    ids->Next(8, batch, &fetched);
+    for (ULONG i = 0; i < fetched; ++i) {
+        ComPtr<IPortableDeviceValues> values;
+        CoTaskString name;
+        if (SUCCEEDED(properties->GetValues(batch[i], nullptr, &values)) &&
+            SUCCEEDED(values->GetStringValue(WPD_OBJECT_NAME, &name))) {
+            names.emplace_back(name.Get());
+        }
+        CoTaskMemFree(batch[i]);
+    }
+    EXPECT_EQ(names, (std::vector<std::wstring>{L"DCIM", L"top.txt"})) << "deep.jpg is a grandchild";
 }
 
 TEST_F(Emulator, StreamsReadFilesAndHonourShortReads) {
