@@ -46,6 +46,42 @@ public:
     std::vector<std::pair<GUID, std::wstring>> events;
 };
 
+// Records the keys of every event's parameters, in order, and the persistent unique id each carried.
+class ParameterRecorder : public IPortableDeviceEventCallback {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
+            *ppv = this;
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* parameters) override {
+        std::vector<std::pair<GUID, DWORD>> seen;
+        DWORD count = 0;
+        parameters->GetCount(&count);
+        for (DWORD i = 0; i < count; ++i) {
+            PROPERTYKEY key{};
+            parameters->GetAt(i, &key, nullptr);
+            seen.emplace_back(key.fmtid, key.pid);
+        }
+        CoTaskString uniqueId;
+        parameters->GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &uniqueId);
+        std::lock_guard<std::mutex> guard(lock);
+        keys.push_back(seen);
+        uniqueIds.emplace_back(uniqueId.Get() != nullptr ? uniqueId.Get() : L"");
+        return S_OK;
+    }
+    std::atomic<ULONG> refs{1};
+    std::mutex lock;
+    std::vector<std::vector<std::pair<GUID, DWORD>>> keys;
+    std::vector<std::wstring> uniqueIds;
+};
+
 class Emulator : public testing::Test {
 protected:
     void SetUp() override {
@@ -293,6 +329,41 @@ TEST_F(Emulator, ContentChangesRaiseEventsAndFoldersNeedRecursionToGo) {
     EXPECT_EQ(device->Unadvise(cookie), S_OK);
     CoTaskMemFree(cookie);
     EXPECT_EQ(callback.refs, 1u) << "the stack let go of the callback";
+}
+
+// A device that sends only what every driver must: the event id, its own id and the object's persistent
+// unique id, nothing else.
+TEST_F(Emulator, MinimalDriverEventsCarryOnlyTheRequiredParameters) {
+    EmulatedDeviceSpec minimalSpec = PhoneSpec("usb#minimal", "Acme", "M1");
+    minimalSpec.deviceLines.push_back("minimal_driver = yes");
+    emulator.Attach(minimalSpec);
+    emulator.WriteFile(emulator.StorageDirectory(minimalSpec, 0) + L"\\a.txt", "a");
+    ComPtr<IPortableDevice> minimal;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&minimal)), S_OK);
+    ComPtr<IPortableDeviceValues> client;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client));
+    ASSERT_EQ(minimal->Open(L"usb#minimal", client.Get()), S_OK);
+    content.Reset();
+    ASSERT_EQ(minimal->Content(&content), S_OK);
+    const std::wstring file = Child(L"s10001", L"a.txt");
+    ASSERT_FALSE(file.empty());
+
+    ParameterRecorder recorder;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(minimal->Advise(0, &recorder, nullptr, &cookie), S_OK);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", &WPD_EVENT_OBJECT_ADDED, file.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    {
+        std::lock_guard<std::mutex> guard(recorder.lock);
+        ASSERT_EQ(recorder.keys.size(), 1u);
+        EXPECT_EQ(recorder.keys[0], (std::vector<std::pair<GUID, DWORD>>{
+                                        {WPD_EVENT_PARAMETER_EVENT_ID.fmtid, WPD_EVENT_PARAMETER_EVENT_ID.pid},
+                                        {WPD_EVENT_PARAMETER_PNP_DEVICE_ID.fmtid, WPD_EVENT_PARAMETER_PNP_DEVICE_ID.pid},
+                                        {WPD_OBJECT_PERSISTENT_UNIQUE_ID.fmtid, WPD_OBJECT_PERSISTENT_UNIQUE_ID.pid}}));
+        EXPECT_EQ(recorder.uniqueIds[0], L"{PUID-M1-1}\\a.txt");
+    }
+    minimal->Unadvise(cookie);
+    CoTaskMemFree(cookie);
 }
 
 TEST_F(Emulator, RemovedDeviceRaisesItsEventAndRefusesFurtherCalls) {

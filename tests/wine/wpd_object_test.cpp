@@ -244,6 +244,72 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
 
 // A BlackBerry's second storage is learnt from its pipe while WMI threads read the device: every reader sees
 // the storage's four texts all from before or all from after a change, and nothing is freed under it.
+// A driver that sends only what every driver must (event id, device id, the object's persistent unique id):
+// the callback's text holds only the parts it could read, and an object of unknown content type is neither
+// a folder nor a storage, so an addition of it is passed on.
+TEST_F(DeviceObject, MinimalDriverEventsAreTracedWithWhatTheyCarryAndPassedOn) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#minimal", "SAMSUNG", "MIN1");
+    spec.deviceLines.push_back("minimal_driver = yes");
+    emulator.Attach(spec);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#minimal"), S_OK);
+    const std::wstring file = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\a.jpg", L"ObjectId"));
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(file.empty());
+    ASSERT_FALSE(folder.empty());
+
+    const struct {
+        const GUID* event;
+        std::wstring object;
+        std::wstring text;
+    } cases[] = {
+        {&WPD_EVENT_OBJECT_ADDED, file,
+         L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}\\DCIM\\a.jpg"},
+        {&WPD_EVENT_OBJECT_ADDED, folder, L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}\\DCIM"},
+        {&WPD_EVENT_OBJECT_ADDED, L"s10001", L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}"},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", c.event, c.object.c_str()), S_OK);
+        ASSERT_TRUE(emulator.WaitForEvents(5000));
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectEvents::OnEvent, ").size(), 1u) << "object " << c.object;
+        EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent, " + c.text + L"\n")) << "object " << c.object;
+        EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::SendEvent enter.\n"), 1u) << "object " << c.object;
+    }
+
+    // A removal says the same; whether it is passed on depends on the system, as for any driver.
+    TraceCapture trace(1);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", &WPD_EVENT_OBJECT_REMOVED, file.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent,  Event: WPD_EVENT_OBJECT_REMOVEDObject Persistent Unique "
+                          L"Id: {PUID-MIN1-1}\\DCIM\\a.jpg\n"));
+    device.Terminate();
+}
+
+// The same folder on a device whose events carry everything is known as a folder and not passed on: the
+// minimal driver's folder event above is passed on only because its content type is missing.
+TEST_F(DeviceObject, FolderEventsWithTheirContentTypeAreNotPassedOn) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#complete", "SAMSUNG", "FUL1");
+    emulator.Attach(spec);
+    CreateDirectoryW((emulator.StorageDirectory(spec, 0) + L"\\DCIM").c_str(), nullptr);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#complete"), S_OK);
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(folder.empty());
+    TraceCapture trace(1);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#complete", &WPD_EVENT_OBJECT_ADDED, folder.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent, Object Id: " + folder +
+                          L" Object Name: DCIM Original File Name: DCIM Parent Id: s10001 Event: WPD_EVENT_OBJECT_ADDED "
+                          L"ContentType: {27E2E392-A111-48E0-AB0C-E17705A05F85}Object Persistent Unique Id: "
+                          L"{PUID-FUL1-1}\\DCIM\n"));
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::SendEvent enter.\n"), 0u);
+    device.Terminate();
+}
+
 TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
     CDorWEXWPDObject device(nullptr);
     std::atomic<bool> writing{true};
