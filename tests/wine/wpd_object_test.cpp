@@ -2,11 +2,14 @@
 // storages, the storage retry and the failure paths.
 #include <gtest/gtest.h>
 
+#include <wrl/client.h>
+
 #include <atomic>
 #include <thread>
 #include <vector>
 
 #include "device/wpd_object.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 
@@ -307,6 +310,55 @@ TEST_F(DeviceObject, FolderEventsWithTheirContentTypeAreNotPassedOn) {
                           L"ContentType: {27E2E392-A111-48E0-AB0C-E17705A05F85}Object Persistent Unique Id: "
                           L"{PUID-FUL1-1}\\DCIM\n"));
     EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::SendEvent enter.\n"), 0u);
+    device.Terminate();
+}
+
+// The device checks the byte count against the size the object was created with: a copy of a file larger
+// than one buffer, and a copy from a source that hands out a few bytes per read, still send exactly that.
+TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#counted", "SAMSUNG", "CNT1");
+    spec.deviceLines.push_back("short_read = 7");
+    emulator.Attach(spec);
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    std::string large(300000, '\0');
+    for (size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>('a' + i % 26);
+    }
+    emulator.WriteFile(local + L"\\large.bin", large);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#counted"), S_OK);
+    ASSERT_EQ(Text(device.CopyFileToDevice(L"Phone", (local + L"\\large.bin").c_str(), nullptr, 1)), L"1");
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\large.bin"), large);
+
+    // The device's own stream reads 7 bytes at a time; copied into a new object of the same size.
+    const std::wstring source = Text(device.GetStorageObjectProperty(L"Phone\\large.bin", L"ObjectId"));
+    ASSERT_FALSE(source.empty());
+    Microsoft::WRL::ComPtr<IPortableDevice> session;
+    Microsoft::WRL::ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&session)), S_OK);
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)), S_OK);
+    ASSERT_EQ(session->Open(L"usb#counted", client.Get()), S_OK);
+    Microsoft::WRL::ComPtr<IPortableDeviceContent> content;
+    Microsoft::WRL::ComPtr<IPortableDeviceResources> resources;
+    ASSERT_EQ(session->Content(&content), S_OK);
+    ASSERT_EQ(content->Transfer(&resources), S_OK);
+    Microsoft::WRL::ComPtr<IStream> from;
+    DWORD optimal = 0;
+    ASSERT_EQ(resources->GetStream(source.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, &optimal, &from), S_OK);
+    Microsoft::WRL::ComPtr<IPortableDeviceValues> values;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&values)), S_OK);
+    values->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    values->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, L"copy.bin");
+    values->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, large.size());
+    Microsoft::WRL::ComPtr<IStream> to;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(values.Get(), &to, &optimal, nullptr), S_OK);
+    ULONGLONG written = 0;
+    ASSERT_EQ(CDorWEXWPDObject::StreamCopy(to.Get(), from.Get(), optimal, &written), S_OK);
+    EXPECT_EQ(written, large.size());
+    EXPECT_EQ(to->Commit(STGC_DEFAULT), S_OK);
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\copy.bin"), large);
+    session->Close();
     device.Terminate();
 }
 
