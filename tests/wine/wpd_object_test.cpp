@@ -313,6 +313,24 @@ TEST_F(DeviceObject, FolderEventsWithTheirContentTypeAreNotPassedOn) {
     device.Terminate();
 }
 
+// A device may refuse a new file that does not say what it is: the copy names the content type and the
+// format.
+TEST_F(DeviceObject, CopyToADeviceThatNeedsContentTypeAndFormat) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#strict", "SAMSUNG", "STR1");
+    spec.deviceLines.push_back("strict_creation = yes");
+    emulator.Attach(spec);
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#strict"), S_OK);
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Phone", (local + L"\\up.txt").c_str(), nullptr, 1)), L"1");
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\up.txt"), "uploaded");
+    EXPECT_EQ(Text(device.GetStorageObjectProperty(L"Phone\\up.txt", L"WPD_OBJECT_CONTENT_TYPE")),
+              L"{0085E0A6-8D34-45D7-BC5C-447E59C73D48}");
+    device.Terminate();
+}
+
 // The device checks the byte count against the size the object was created with: a copy of a file larger
 // than one buffer, and a copy from a source that hands out a few bytes per read, still send exactly that.
 TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
