@@ -477,9 +477,12 @@ public:
         // told what the object is.
         ULONGLONG declaredSize = 0;
         GUID contentType{}, format{};
-        if (SetsDeviceAssignedIds(pValues) || FAILED(pValues->GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &declaredSize)) ||
-            (m_device->StrictCreation() && (FAILED(pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType)) ||
-                                            FAILED(pValues->GetGuidValue(WPD_OBJECT_FORMAT, &format))))) {
+        if (SetsDeviceAssignedIds(pValues) ||
+            FAILED(pValues->GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &declaredSize))) {
+            return E_INVALIDARG;
+        }
+        if (m_device->StrictCreation() && (FAILED(pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType)) ||
+                                           FAILED(pValues->GetGuidValue(WPD_OBJECT_FORMAT, &format)))) {
             return E_INVALIDARG;
         }
         ObjectInfo parent;
