@@ -485,6 +485,13 @@ _bstr_t CDorWEXWPDObject::CopyFileToDevice1(const wchar_t* pwcharObjectStoragePa
     if (SUCCEEDED(l_HRESULT) && wcsstr(pwcharFileToCopy_in, kTrackerFile) != nullptr) {
         l_HRESULT = l_pValues->SetBoolValue(WPD_OBJECT_ISSYSTEM, TRUE);  // the tracker file is a system object
     }
+    // Some devices refuse a new object that does not say what it is.
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = l_pValues->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
+    }
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = l_pValues->SetGuidValue(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
+    }
     if (FAILED(l_HRESULT)) {
         return _bstr_t(L"Could not create required properties for target file content, reason=4");
     }

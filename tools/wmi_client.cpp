@@ -185,6 +185,9 @@ int Call(IWbemServices* services, const std::vector<std::wstring>& args) {
     return 0;
 }
 
+// What wpd-put writes.
+constexpr char kText[] = "written by wmi_client\n";
+
 int PutFile(const std::vector<std::wstring>& args) {
     if (args.size() != 3) {
         wprintf(L"wpd-put DEVICE-ID PARENT-ID NAME\n");
@@ -213,11 +216,11 @@ int PutFile(const std::vector<std::wstring>& args) {
         properties->SetStringValue(WPD_OBJECT_PARENT_ID, args[1].c_str());
         properties->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, args[2].c_str());
         properties->SetStringValue(WPD_OBJECT_NAME, args[2].c_str());
+        properties->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, sizeof kText - 1);  // what Commit checks
         hr = content->CreateObjectWithPropertiesAndData(properties.Get(), &data, nullptr, nullptr);
     }
     if (SUCCEEDED(hr)) {
-        const char text[] = "written by wmi_client\n";
-        data->Write(text, sizeof text - 1, nullptr);
+        data->Write(kText, sizeof kText - 1, nullptr);
         hr = data->Commit(STGC_DEFAULT);
     }
     if (device) {

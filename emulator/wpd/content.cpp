@@ -13,6 +13,21 @@ namespace dorwex::emulator {
 namespace {
 
 constexpr DWORD kOptimalBufferSize = 262144;  // what MTP devices commonly report
+// Commit of a transfer whose byte count differs from the size the object was created with.
+constexpr HRESULT kWrongByteCount = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+
+bool Has(IPortableDeviceValues* values, const PROPERTYKEY& key) {
+    PROPVARIANT value;
+    PropVariantInit(&value);
+    const bool present = SUCCEEDED(values->GetValue(key, &value));
+    PropVariantClear(&value);
+    return present;
+}
+
+// The object id and the persistent unique id are the device's to give: no creation may set them.
+bool SetsDeviceAssignedIds(IPortableDeviceValues* values) {
+    return Has(values, WPD_OBJECT_ID) || Has(values, WPD_OBJECT_PERSISTENT_UNIQUE_ID);
+}
 
 HRESULT LastError() {
     return HRESULT_FROM_WIN32(GetLastError());
@@ -58,19 +73,21 @@ private:
 
 // A stream over an object's data. A read stream reads an existing file; a write stream fills a hidden
 // file next to the target and becomes the object on Commit, as a device only shows an object once the
-// transfer is complete.
+// transfer is complete. Commit refuses a transfer whose byte count is not the size the object was created
+// with; that, Revert and a release without Commit abandon the transfer and leave no object.
 class ObjectStream final : public ComObject<IPortableDeviceDataStream, IStream, ISequentialStream> {
 public:
     ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring objectId)
         : m_device(std::move(device)), m_file(file), m_objectId(std::move(objectId)) {}
     ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring temporaryPath,
-                 std::wstring targetPath, int storage)
+                 std::wstring targetPath, int storage, ULONGLONG declaredSize)
         : m_device(std::move(device)),
           m_file(file),
           m_writing(true),
           m_temporaryPath(std::move(temporaryPath)),
           m_targetPath(std::move(targetPath)),
-          m_storage(storage) {}
+          m_storage(storage),
+          m_declaredSize(declaredSize) {}
     ~ObjectStream() override { Discard(); }
 
     HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
@@ -103,7 +120,7 @@ public:
         if (pv == nullptr) {
             return STG_E_INVALIDPOINTER;
         }
-        if (!m_writing || m_committed) {
+        if (!m_writing || m_committed || m_abandoned) {
             return STG_E_ACCESSDENIED;
         }
         if (m_device->Removed()) {
@@ -127,6 +144,7 @@ public:
         } else if (!WriteFile(m_file, pv, cb, &written, nullptr)) {
             return LastError();
         }
+        m_bytesWritten += written;
         if (pcbWritten != nullptr) {
             *pcbWritten = written;
         }
@@ -155,6 +173,9 @@ public:
         if (m_committed) {
             return S_OK;
         }
+        if (m_abandoned) {
+            return STG_E_REVERTED;
+        }
         if (m_device->Removed()) {
             return kDeviceGone;
         }
@@ -162,13 +183,17 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
+        if (m_bytesWritten != m_declaredSize) {
+            Discard();  // the object was announced with another size: the transfer is void
+            return kWrongByteCount;
+        }
         SetEndOfFile(m_file);  // the end of the data, also after a final run of zeros
         CloseHandle(m_file);
         m_file = INVALID_HANDLE_VALUE;
         if (!MoveFileW(m_temporaryPath.c_str(), m_targetPath.c_str())) {
             const HRESULT hr = LastError();
             DeleteFileW(m_temporaryPath.c_str());
-            m_committed = true;  // nothing left to write into
+            m_abandoned = true;  // nothing left to write into
             return hr;
         }
         m_committed = true;
@@ -180,7 +205,13 @@ public:
         return S_OK;
     }
 
-    HRESULT STDMETHODCALLTYPE Revert() override { return S_OK; }
+    // A write not yet committed is abandoned: its data go and no object is created.
+    HRESULT STDMETHODCALLTYPE Revert() override {
+        if (m_writing && !m_committed) {
+            Discard();
+        }
+        return S_OK;
+    }
     HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
         return STG_E_INVALIDFUNCTION;
     }
@@ -224,9 +255,9 @@ private:
             CloseHandle(m_file);
             m_file = INVALID_HANDLE_VALUE;
         }
-        if (m_writing && !m_committed) {
+        if (m_writing && !m_committed && !m_abandoned) {
             DeleteFileW(m_temporaryPath.c_str());
-            m_committed = true;
+            m_abandoned = true;
         }
     }
 
@@ -234,8 +265,11 @@ private:
     HANDLE m_file;
     bool m_writing = false;
     bool m_committed = false;
+    bool m_abandoned = false;
     std::wstring m_temporaryPath, m_targetPath;
     int m_storage = -1;
+    ULONGLONG m_declaredSize = 0;  // WPD_OBJECT_SIZE of the creation
+    ULONGLONG m_bytesWritten = 0;
     std::wstring m_objectId;
 };
 
@@ -397,6 +431,9 @@ public:
         if (FAILED(hr)) {
             return hr;
         }
+        if (SetsDeviceAssignedIds(pValues)) {
+            return E_INVALIDARG;
+        }
         GUID contentType{};
         if (FAILED(pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType)) ||
             contentType != WPD_CONTENT_TYPE_FOLDER) {
@@ -436,6 +473,18 @@ public:
         if (FAILED(hr)) {
             return hr;
         }
+        // The size announces the byte count Commit will check; a device in strict mode also wants to be
+        // told what the object is.
+        ULONGLONG declaredSize = 0;
+        GUID contentType{}, format{};
+        if (SetsDeviceAssignedIds(pValues) ||
+            FAILED(pValues->GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &declaredSize))) {
+            return E_INVALIDARG;
+        }
+        if (m_device->StrictCreation() && (FAILED(pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType)) ||
+                                           FAILED(pValues->GetGuidValue(WPD_OBJECT_FORMAT, &format)))) {
+            return E_INVALIDARG;
+        }
         ObjectInfo parent;
         std::wstring name;
         hr = Target(pValues, WPD_OBJECT_ORIGINAL_FILE_NAME, parent, name);
@@ -458,7 +507,7 @@ public:
             *pdwOptimalWriteBufferSize = kOptimalBufferSize;
         }
         return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppData), m_device, file,
-                                             temporary, target, parent.storage);
+                                             temporary, target, parent.storage, declaredSize);
     }
 
     HRESULT STDMETHODCALLTYPE Delete(const DWORD dwOptions, IPortableDevicePropVariantCollection* pObjectIDs,

@@ -48,6 +48,25 @@ bool ParseUnsigned(std::string_view text, std::uint64_t& value_out) {
     return true;
 }
 
+// yes/no, true/false, on/off, 1/0, in any case.
+bool ParseSwitch(std::string_view text, bool& value_out) {
+    std::string lower(Trim(text));
+    for (auto& c : lower) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    if (lower == "yes" || lower == "true" || lower == "on" || lower == "1") {
+        value_out = true;
+        return true;
+    }
+    if (lower == "no" || lower == "false" || lower == "off" || lower == "0") {
+        value_out = false;
+        return true;
+    }
+    return false;
+}
+
 // "0x800710D2" or "0x800710D2 x 2"
 bool ParseFault(std::string_view text, FaultDescription& fault_out) {
     std::string_view code = text;
@@ -137,6 +156,11 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                     error("short_read needs a positive byte count");
                 } else {
                     device.shortRead = static_cast<std::uint32_t>(bytes);
+                }
+            } else if (name == "minimal_driver" || name == "strict_creation") {
+                bool& mode = name == "minimal_driver" ? device.minimalDriver : device.strictCreation;
+                if (!ParseSwitch(value, mode)) {
+                    error(name + " needs yes or no");
                 }
             } else if (name.rfind("WPD_", 0) == 0) {
                 device.properties[name] = value;

@@ -9,6 +9,9 @@
 //   description = SM-G960F
 //   categories = storage, still_image_capture, sms
 //   short_read = 7                          (each IStream::Read returns at most 7 bytes)
+//   minimal_driver = yes                    (events carry only the event id, the device id and the
+//                                            object's persistent unique id)
+//   strict_creation = yes                   (a new file object needs its content type and format)
 //   WPD_DEVICE_SERIAL_NUMBER = R58M123      (any WPD_DEVICE_* or WPD_OBJECT_* key of the root object)
 //   [registry]                              (what IPortableDeviceManager::GetDeviceProperty answers)
 //   BBPIN = 2A3B4C5D
@@ -52,6 +55,8 @@ struct DeviceDescription {
     std::string description;
     std::vector<std::string> categories;  // names such as "storage", "sms"
     std::uint32_t shortRead = 0;          // 0: reads are not shortened
+    bool minimalDriver = false;           // events carry only what every driver must send
+    bool strictCreation = false;          // new files must name their content type and format
     std::map<std::string, std::string> properties;  // WPD key name -> value text
     std::map<std::string, std::string> registry;    // device property name -> value
     std::vector<StorageDescription> storages;

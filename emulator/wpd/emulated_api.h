@@ -16,7 +16,7 @@ HRESULT CreateContent(const std::shared_ptr<EmulatedDevice>& device, IPortableDe
 
 // The error every call on a device gives once the device has gone.
 constexpr HRESULT kDeviceGone = HRESULT_FROM_WIN32(ERROR_DEVICE_NOT_CONNECTED);
-// IPortableDevice calls made before Open (E_WPD_DEVICE_NOT_OPEN).
-constexpr HRESULT kDeviceNotOpen = static_cast<HRESULT>(0x80042002L);
+// IPortableDevice calls made before Open.
+constexpr HRESULT kDeviceNotOpen = E_WPD_DEVICE_NOT_OPEN;
 
 }  // namespace dorwex::emulator

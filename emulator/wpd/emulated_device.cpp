@@ -455,7 +455,10 @@ void EmulatedDevice::RaiseEvent(REFGUID event, const ObjectInfo* object) {
         PropertySet set(parameters);
         set.Guid(WPD_EVENT_PARAMETER_EVENT_ID, event);
         set.String(WPD_EVENT_PARAMETER_PNP_DEVICE_ID, m_id);
-        if (object != nullptr) {
+        if (object != nullptr && m_description.minimalDriver) {
+            // What every driver must send: the event, the device and which object (by its persistent id).
+            set.String(WPD_OBJECT_PERSISTENT_UNIQUE_ID, object->persistentUniqueId);
+        } else if (object != nullptr) {
             set.String(WPD_OBJECT_ID, object->id);
             set.String(WPD_OBJECT_NAME, object->name);
             set.String(WPD_OBJECT_PARENT_ID, object->parentId);

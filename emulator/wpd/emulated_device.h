@@ -63,6 +63,8 @@ public:
     bool Unadvise(const std::wstring& cookie);
     void UnadviseSession(const void* session);
     size_t SubscriptionCount();
+    // A device in minimal-driver mode sends only the event id, its own id and the object's persistent
+    // unique id.
     void RaiseEvent(REFGUID event, const ObjectInfo* object);
 
     // Sessions and the client information the last Open carried.
@@ -73,6 +75,7 @@ public:
 
     std::wstring DevicePropertyText(const std::string& name);
     std::uint32_t ShortRead() const { return m_description.shortRead; }
+    bool StrictCreation() const { return m_description.strictCreation; }
     // The directory that backs a storage.
     std::wstring StoragePath(int storage) const;
 

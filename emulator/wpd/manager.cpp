@@ -59,7 +59,7 @@ public:
             ++filled;
         }
         *pcPnPDeviceIDs = filled;
-        return S_OK;
+        return filled < m_devices.size() ? S_FALSE : S_OK;  // the buffer was too small for the whole list
     }
 
     HRESULT STDMETHODCALLTYPE RefreshDeviceList() override {

@@ -118,7 +118,7 @@ public:
         }
         std::lock_guard<std::mutex> guard(m_lock);
         if (m_device) {
-            return HRESULT_FROM_WIN32(ERROR_ALREADY_INITIALIZED);
+            return E_WPD_DEVICE_ALREADY_OPENED;
         }
         auto device = EmulatorState::Get().Find(pszPnPDeviceID);
         if (!device || device->Removed()) {

@@ -15,6 +15,8 @@ TEST(DeviceDescription, ReadsEverySection) {
         "friendly_name = Galaxy\n"
         "categories = storage, sms,,still_image_capture\n"
         "short_read = 7\n"
+        "minimal_driver = yes\n"
+        "strict_creation = true\n"
         "WPD_DEVICE_SERIAL_NUMBER = R58M\n"
         "[registry]\n"
         "BBPIN = 2A3B\n"
@@ -33,6 +35,8 @@ TEST(DeviceDescription, ReadsEverySection) {
     EXPECT_EQ(device.manufacturer, "SAMSUNG Electronics");
     EXPECT_EQ(device.categories, (std::vector<std::string>{"storage", "sms", "still_image_capture"}));
     EXPECT_EQ(device.shortRead, 7u);
+    EXPECT_TRUE(device.minimalDriver);
+    EXPECT_TRUE(device.strictCreation);
     EXPECT_EQ(device.properties.at("WPD_DEVICE_SERIAL_NUMBER"), "R58M");
     EXPECT_EQ(device.registry.at("BBPIN"), "2A3B");
     ASSERT_EQ(device.storages.size(), 2u);
@@ -58,6 +62,8 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         {"id = a\n", "line 1: entry outside a section"},
         {"[device]\nid = a\ncolour = red\n", "line 3: unknown device entry colour"},
         {"[device]\nid = a\nshort_read = -1\n", "line 3: short_read needs a positive byte count"},
+        {"[device]\nid = a\nminimal_driver = maybe\n", "line 3: minimal_driver needs yes or no"},
+        {"[device]\nid = a\nstrict_creation =\n", "line 3: strict_creation needs yes or no"},
         {"[device]\nid = a\n[fault]\nOpen = often\n",
          "line 4: fault Open needs an HRESULT, optionally followed by x COUNT"},
         {"[device]\nid = a\n[fault]\nOpen = 0x1FFFFFFFF\n",
@@ -68,6 +74,27 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         const auto result = ParseDeviceDescription(c.text);
         ASSERT_FALSE(result.errors.empty()) << c.text;
         EXPECT_EQ(result.errors.front(), c.error) << c.text;
+    }
+}
+
+TEST(DeviceDescription, ModesAreOffUnlessSwitchedOn) {
+    struct Case {
+        const char* lines;
+        bool minimalDriver;
+        bool strictCreation;
+    };
+    const Case cases[] = {
+        {"", false, false},
+        {"minimal_driver = no\nstrict_creation = false\n", false, false},
+        {"minimal_driver = 1\n", true, false},
+        {"strict_creation = YES\n", false, true},
+        {"minimal_driver = true\nminimal_driver = 0\nstrict_creation = on\n", false, true},
+    };
+    for (const auto& c : cases) {
+        const auto result = ParseDeviceDescription(std::string("[device]\nid = a\n") + c.lines);
+        ASSERT_TRUE(result.errors.empty()) << c.lines << result.errors.front();
+        EXPECT_EQ(result.device.minimalDriver, c.minimalDriver) << c.lines;
+        EXPECT_EQ(result.device.strictCreation, c.strictCreation) << c.lines;
     }
 }
 

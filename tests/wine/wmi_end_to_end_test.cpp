@@ -214,6 +214,7 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
     CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&file));
     file->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
     file->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, L"photo.jpg");
+    file->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, 4);
     ComPtr<IStream> data;
     ASSERT_EQ(content->CreateObjectWithPropertiesAndData(file.Get(), &data, nullptr, nullptr), S_OK);
     data->Write("jpeg", 4, nullptr);
@@ -246,6 +247,7 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
     CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&second));
     second->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
     second->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, unicode.c_str());
+    second->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, 0);
     ComPtr<IStream> secondData;
     ASSERT_EQ(content->CreateObjectWithPropertiesAndData(second.Get(), &secondData, nullptr, nullptr), S_OK);
     ASSERT_EQ(secondData->Commit(0), S_OK);

@@ -5,7 +5,9 @@
 
 #include <wrl/client.h>
 
+#include <atomic>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "device/com_memory.h"
@@ -42,6 +44,42 @@ public:
     std::atomic<ULONG> refs{1};
     std::mutex lock;
     std::vector<std::pair<GUID, std::wstring>> events;
+};
+
+// Records the keys of every event's parameters, in order, and the persistent unique id each carried.
+class ParameterRecorder : public IPortableDeviceEventCallback {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
+            *ppv = this;
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* parameters) override {
+        std::vector<std::pair<GUID, DWORD>> seen;
+        DWORD count = 0;
+        parameters->GetCount(&count);
+        for (DWORD i = 0; i < count; ++i) {
+            PROPERTYKEY key{};
+            parameters->GetAt(i, &key, nullptr);
+            seen.emplace_back(key.fmtid, key.pid);
+        }
+        CoTaskString uniqueId;
+        parameters->GetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, &uniqueId);
+        std::lock_guard<std::mutex> guard(lock);
+        keys.push_back(seen);
+        uniqueIds.emplace_back(uniqueId.Get() != nullptr ? uniqueId.Get() : L"");
+        return S_OK;
+    }
+    std::atomic<ULONG> refs{1};
+    std::mutex lock;
+    std::vector<std::vector<std::pair<GUID, DWORD>>> keys;
+    std::vector<std::wstring> uniqueIds;
 };
 
 class Emulator : public testing::Test {
@@ -111,6 +149,87 @@ TEST_F(Emulator, ManagerAnswersWithTheSizeQueryConvention) {
     EXPECT_EQ(count, 2u);
 }
 
+// Count first, then fetch; a buffer smaller than the list is filled and answered with S_FALSE.
+TEST_F(Emulator, ManagerCountsThenFetchesAndSaysWhenTheBufferIsShort) {
+    emulator.Attach(PhoneSpec("usb#second", "Acme", "E2"));
+    ComPtr<IPortableDeviceManager> manager;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&manager)), S_OK);
+    EXPECT_EQ(manager->GetDevices(nullptr, nullptr), E_POINTER);
+    DWORD count = 0;
+    ASSERT_EQ(manager->GetDevices(nullptr, &count), S_OK);
+    ASSERT_EQ(count, 2u);
+
+    LPWSTR ids[2] = {};
+    count = 1;
+    EXPECT_EQ(manager->GetDevices(ids, &count), S_FALSE) << "one place for two devices";
+    EXPECT_EQ(count, 1u);
+    ASSERT_NE(ids[0], nullptr);
+    EXPECT_EQ(ids[1], nullptr) << "nothing written past the place given";
+    CoTaskMemFree(ids[0]);
+    ids[0] = nullptr;
+
+    count = 2;
+    ASSERT_EQ(manager->GetDevices(ids, &count), S_OK);
+    ASSERT_EQ(count, 2u);
+    EXPECT_STRNE(ids[0], ids[1]);
+    CoTaskMemFree(ids[0]);
+    CoTaskMemFree(ids[1]);
+}
+
+TEST_F(Emulator, OpenTwiceIsRefusedAndNeedsClientInformation) {
+    ComPtr<IPortableDevice> second;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&second)), S_OK);
+    ComPtr<IPortableDeviceContent> notYet;
+    EXPECT_EQ(second->Content(&notYet), E_WPD_DEVICE_NOT_OPEN);
+    EXPECT_EQ(second->Open(L"usb#emu", nullptr), E_POINTER);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 1) << "only the fixture's session";
+    ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)),
+              S_OK);
+    ASSERT_EQ(second->Open(L"usb#emu", client.Get()), S_OK);
+    EXPECT_EQ(second->Open(L"usb#emu", client.Get()), E_WPD_DEVICE_ALREADY_OPENED);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 2) << "the refused Open opened nothing";
+    EXPECT_EQ(second->Close(), S_OK);
+    EXPECT_EQ(emulator.OpenSessions(L"usb#emu"), 1);
+}
+
+// An enumerator lists the direct children of its parent only, and says S_FALSE when fewer than asked for
+// are left.
+TEST_F(Emulator, EnumeratorListsDirectChildrenAndSaysWhenFewerAreLeft) {
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\deep.jpg", "jpeg");
+    emulator.WriteFile(storage + L"\\top.txt", "text");
+    ComPtr<IEnumPortableDeviceObjectIDs> ids;
+    ASSERT_EQ(content->EnumObjects(0, L"s10001", nullptr, &ids), S_OK);
+    LPWSTR batch[8] = {};
+    ULONG fetched = 0;
+    ASSERT_EQ(ids->Next(1, batch, &fetched), S_OK);
+    EXPECT_EQ(fetched, 1u);
+    CoTaskMemFree(batch[0]);
+    ASSERT_EQ(ids->Next(8, batch, &fetched), S_FALSE) << "one left, eight asked for";
+    EXPECT_EQ(fetched, 1u);
+    CoTaskMemFree(batch[0]);
+    EXPECT_EQ(ids->Next(8, batch, &fetched), S_FALSE);
+    EXPECT_EQ(fetched, 0u);
+
+    EXPECT_EQ(ids->Reset(), S_OK);
+    std::vector<std::wstring> names;
+    ComPtr<IPortableDeviceProperties> properties;
+    content->Properties(&properties);
+    ids->Next(8, batch, &fetched);
+    for (ULONG i = 0; i < fetched; ++i) {
+        ComPtr<IPortableDeviceValues> values;
+        CoTaskString name;
+        if (SUCCEEDED(properties->GetValues(batch[i], nullptr, &values)) &&
+            SUCCEEDED(values->GetStringValue(WPD_OBJECT_NAME, &name))) {
+            names.emplace_back(name.Get());
+        }
+        CoTaskMemFree(batch[i]);
+    }
+    EXPECT_EQ(names, (std::vector<std::wstring>{L"DCIM", L"top.txt"})) << "deep.jpg is a grandchild";
+}
+
 TEST_F(Emulator, StreamsReadFilesAndHonourShortReads) {
     emulator.WriteFile(emulator.StorageDirectory(spec, 0) + L"\\a.txt", "0123456789");
     const std::wstring file = Child(L"s10001", L"a.txt");
@@ -174,6 +293,7 @@ TEST_F(Emulator, ContentChangesRaiseEventsAndFoldersNeedRecursionToGo) {
     CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&file));
     file->SetStringValue(WPD_OBJECT_PARENT_ID, folderId.Get());
     file->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, L"b.jpg");
+    file->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, 4);
     ComPtr<IStream> data;
     DWORD optimal = 0;
     ASSERT_EQ(content->CreateObjectWithPropertiesAndData(file.Get(), &data, &optimal, nullptr), S_OK);
@@ -210,6 +330,220 @@ TEST_F(Emulator, ContentChangesRaiseEventsAndFoldersNeedRecursionToGo) {
     EXPECT_EQ(device->Unadvise(cookie), S_OK);
     CoTaskMemFree(cookie);
     EXPECT_EQ(callback.refs, 1u) << "the stack let go of the callback";
+}
+
+// The properties of a new file: parent, size and name.
+ComPtr<IPortableDeviceValues> NewFile(const wchar_t* name, ULONGLONG size) {
+    ComPtr<IPortableDeviceValues> values;
+    EXPECT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&values)), S_OK);
+    values->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    values->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, name);
+    values->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, size);
+    return values;
+}
+
+// Every file of a directory, hidden ones included.
+std::vector<std::wstring> FilesIn(const std::wstring& directory) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found{};
+    HANDLE search = FindFirstFileW((directory + L"\\*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) {
+        return names;
+    }
+    do {
+        if (wcscmp(found.cFileName, L".") != 0 && wcscmp(found.cFileName, L"..") != 0) {
+            names.emplace_back(found.cFileName);
+        }
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
+    return names;
+}
+
+TEST_F(Emulator, CommitRefusesAByteCountOtherThanTheCreatedSizeAndLeavesNoObject) {
+    RecordingCallback callback;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(device->Advise(0, &callback, nullptr, &cookie), S_OK);
+    const struct {
+        const wchar_t* name;
+        ULONGLONG size;
+    } wrong[] = {{L"short.bin", 10}, {L"long.bin", 2}, {L"empty.bin", 1}};
+    for (const auto& c : wrong) {
+        ComPtr<IStream> data;
+        ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(c.name, c.size).Get(), &data, nullptr, nullptr),
+                  S_OK);
+        if (c.size != 1) {
+            ULONG written = 0;
+            ASSERT_EQ(data->Write("four", 4, &written), S_OK);
+        }
+        EXPECT_TRUE(FAILED(data->Commit(STGC_DEFAULT))) << c.name;
+        EXPECT_TRUE(FAILED(data->Commit(STGC_DEFAULT))) << c.name << ": a refused transfer stays refused";
+        EXPECT_TRUE(Child(L"s10001", c.name).empty()) << c.name;
+    }
+    EXPECT_TRUE(FilesIn(emulator.StorageDirectory(spec, 0)).empty()) << "no data left behind";
+
+    ComPtr<IStream> data;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(L"right.bin", 4).Get(), &data, nullptr, nullptr), S_OK);
+    data->Write("fo", 2, nullptr);
+    data->Write("ur", 2, nullptr);
+    EXPECT_EQ(data->Commit(STGC_DEFAULT), S_OK);
+    EXPECT_FALSE(Child(L"s10001", L"right.bin").empty());
+
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    {
+        std::lock_guard<std::mutex> guard(callback.lock);
+        ASSERT_EQ(callback.events.size(), 1u) << "only the committed object was added";
+        EXPECT_EQ(callback.events[0], std::make_pair(WPD_EVENT_OBJECT_ADDED, std::wstring(L"right.bin")));
+    }
+    device->Unadvise(cookie);
+    CoTaskMemFree(cookie);
+}
+
+// Nothing is on the device before Commit; Revert, or letting the stream go without Commit, leaves nothing.
+TEST_F(Emulator, ObjectExistsOnlyAfterCommit) {
+    RecordingCallback callback;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(device->Advise(0, &callback, nullptr, &cookie), S_OK);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    {
+        ComPtr<IStream> data;
+        ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(L"reverted.bin", 4).Get(), &data, nullptr, nullptr),
+                  S_OK);
+        ASSERT_EQ(data->Write("four", 4, nullptr), S_OK);
+        EXPECT_TRUE(Child(L"s10001", L"reverted.bin").empty()) << "not before Commit";
+        EXPECT_EQ(data->Revert(), S_OK);
+        EXPECT_TRUE(FilesIn(storage).empty()) << "Revert dropped the data while the stream is still held";
+        EXPECT_TRUE(FAILED(data->Commit(STGC_DEFAULT))) << "nothing left to commit";
+        EXPECT_EQ(data->Write("four", 4, nullptr), STG_E_ACCESSDENIED);
+    }
+    {
+        ComPtr<IStream> data;
+        ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(L"released.bin", 4).Get(), &data, nullptr, nullptr),
+                  S_OK);
+        ASSERT_EQ(data->Write("four", 4, nullptr), S_OK);
+    }
+    EXPECT_TRUE(Child(L"s10001", L"released.bin").empty());
+    EXPECT_TRUE(FilesIn(storage).empty());
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    {
+        std::lock_guard<std::mutex> guard(callback.lock);
+        EXPECT_TRUE(callback.events.empty()) << "no object was added";
+    }
+    device->Unadvise(cookie);
+    CoTaskMemFree(cookie);
+}
+
+// The object id and persistent unique id are the device's to give; a file needs its parent and size.
+TEST_F(Emulator, CreationRefusesDeviceAssignedIdsAndNeedsParentAndSize) {
+    ComPtr<IStream> data;
+    ComPtr<IPortableDeviceValues> withId = NewFile(L"a.bin", 1);
+    withId->SetStringValue(WPD_OBJECT_ID, L"mine");
+    EXPECT_EQ(content->CreateObjectWithPropertiesAndData(withId.Get(), &data, nullptr, nullptr), E_INVALIDARG);
+    ComPtr<IPortableDeviceValues> withUniqueId = NewFile(L"a.bin", 1);
+    withUniqueId->SetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, L"{MINE}");
+    EXPECT_EQ(content->CreateObjectWithPropertiesAndData(withUniqueId.Get(), &data, nullptr, nullptr), E_INVALIDARG);
+    ComPtr<IPortableDeviceValues> withoutSize = NewFile(L"a.bin", 1);
+    withoutSize->RemoveValue(WPD_OBJECT_SIZE);
+    EXPECT_EQ(content->CreateObjectWithPropertiesAndData(withoutSize.Get(), &data, nullptr, nullptr), E_INVALIDARG);
+    ComPtr<IPortableDeviceValues> withoutParent = NewFile(L"a.bin", 1);
+    withoutParent->RemoveValue(WPD_OBJECT_PARENT_ID);
+    EXPECT_EQ(content->CreateObjectWithPropertiesAndData(withoutParent.Get(), &data, nullptr, nullptr), E_INVALIDARG);
+    EXPECT_EQ(data, nullptr);
+
+    ComPtr<IPortableDeviceValues> folder;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&folder));
+    folder->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    folder->SetStringValue(WPD_OBJECT_NAME, L"Music");
+    folder->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+    folder->SetStringValue(WPD_OBJECT_ID, L"mine");
+    CoTaskString folderId;
+    EXPECT_EQ(content->CreateObjectWithPropertiesOnly(folder.Get(), &folderId), E_INVALIDARG);
+    EXPECT_TRUE(FilesIn(emulator.StorageDirectory(spec, 0)).empty());
+}
+
+// A device in strict creation mode wants a new file's content type and format; a plain device takes the
+// file without them and reports it as a generic file of unspecified format.
+TEST_F(Emulator, StrictDeviceWantsContentTypeAndFormatOfANewFile) {
+    EmulatedDeviceSpec strictSpec = PhoneSpec("usb#strict", "Acme", "S1");
+    strictSpec.deviceLines.push_back("strict_creation = yes");
+    emulator.Attach(strictSpec);
+    ComPtr<IPortableDevice> strictDevice;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&strictDevice)),
+              S_OK);
+    ComPtr<IPortableDeviceValues> client;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client));
+    ASSERT_EQ(strictDevice->Open(L"usb#strict", client.Get()), S_OK);
+    ComPtr<IPortableDeviceContent> strictContent;
+    ASSERT_EQ(strictDevice->Content(&strictContent), S_OK);
+
+    ComPtr<IStream> data;
+    ComPtr<IPortableDeviceValues> bare = NewFile(L"a.bin", 1);
+    EXPECT_TRUE(FAILED(strictContent->CreateObjectWithPropertiesAndData(bare.Get(), &data, nullptr, nullptr)));
+    ComPtr<IPortableDeviceValues> typeOnly = NewFile(L"a.bin", 1);
+    typeOnly->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
+    EXPECT_TRUE(FAILED(strictContent->CreateObjectWithPropertiesAndData(typeOnly.Get(), &data, nullptr, nullptr)));
+    ComPtr<IPortableDeviceValues> formatOnly = NewFile(L"a.bin", 1);
+    formatOnly->SetGuidValue(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
+    EXPECT_TRUE(FAILED(strictContent->CreateObjectWithPropertiesAndData(formatOnly.Get(), &data, nullptr, nullptr)));
+    EXPECT_TRUE(FilesIn(emulator.StorageDirectory(strictSpec, 0)).empty());
+    ComPtr<IPortableDeviceValues> both = NewFile(L"a.bin", 1);
+    both->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
+    both->SetGuidValue(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
+    ASSERT_EQ(strictContent->CreateObjectWithPropertiesAndData(both.Get(), &data, nullptr, nullptr), S_OK);
+    data->Write("x", 1, nullptr);
+    EXPECT_EQ(data->Commit(STGC_DEFAULT), S_OK);
+    strictDevice->Close();
+
+    // The plain device of the fixture.
+    data.Reset();
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(L"plain.bin", 1).Get(), &data, nullptr, nullptr), S_OK);
+    data->Write("x", 1, nullptr);
+    ASSERT_EQ(data->Commit(STGC_DEFAULT), S_OK);
+    const std::wstring plain = Child(L"s10001", L"plain.bin");
+    ASSERT_FALSE(plain.empty());
+    ComPtr<IPortableDeviceProperties> properties;
+    content->Properties(&properties);
+    ComPtr<IPortableDeviceValues> values;
+    ASSERT_EQ(properties->GetValues(plain.c_str(), nullptr, &values), S_OK);
+    GUID contentType{}, format{};
+    EXPECT_EQ(values->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &contentType), S_OK);
+    EXPECT_EQ(contentType, WPD_CONTENT_TYPE_GENERIC_FILE);
+    EXPECT_EQ(values->GetGuidValue(WPD_OBJECT_FORMAT, &format), S_OK);
+    EXPECT_EQ(format, WPD_OBJECT_FORMAT_UNSPECIFIED);
+}
+
+// A device that sends only what every driver must: the event id, its own id and the object's persistent
+// unique id, nothing else.
+TEST_F(Emulator, MinimalDriverEventsCarryOnlyTheRequiredParameters) {
+    EmulatedDeviceSpec minimalSpec = PhoneSpec("usb#minimal", "Acme", "M1");
+    minimalSpec.deviceLines.push_back("minimal_driver = yes");
+    emulator.Attach(minimalSpec);
+    emulator.WriteFile(emulator.StorageDirectory(minimalSpec, 0) + L"\\a.txt", "a");
+    ComPtr<IPortableDevice> minimal;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&minimal)), S_OK);
+    ComPtr<IPortableDeviceValues> client;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client));
+    ASSERT_EQ(minimal->Open(L"usb#minimal", client.Get()), S_OK);
+    content.Reset();
+    ASSERT_EQ(minimal->Content(&content), S_OK);
+    const std::wstring file = Child(L"s10001", L"a.txt");
+    ASSERT_FALSE(file.empty());
+
+    ParameterRecorder recorder;
+    LPWSTR cookie = nullptr;
+    ASSERT_EQ(minimal->Advise(0, &recorder, nullptr, &cookie), S_OK);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", &WPD_EVENT_OBJECT_ADDED, file.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    {
+        std::lock_guard<std::mutex> guard(recorder.lock);
+        ASSERT_EQ(recorder.keys.size(), 1u);
+        EXPECT_EQ(recorder.keys[0], (std::vector<std::pair<GUID, DWORD>>{
+                                        {WPD_EVENT_PARAMETER_EVENT_ID.fmtid, WPD_EVENT_PARAMETER_EVENT_ID.pid},
+                                        {WPD_EVENT_PARAMETER_PNP_DEVICE_ID.fmtid, WPD_EVENT_PARAMETER_PNP_DEVICE_ID.pid},
+                                        {WPD_OBJECT_PERSISTENT_UNIQUE_ID.fmtid, WPD_OBJECT_PERSISTENT_UNIQUE_ID.pid}}));
+        EXPECT_EQ(recorder.uniqueIds[0], L"{PUID-M1-1}\\a.txt");
+    }
+    minimal->Unadvise(cookie);
+    CoTaskMemFree(cookie);
 }
 
 TEST_F(Emulator, RemovedDeviceRaisesItsEventAndRefusesFurtherCalls) {

@@ -2,11 +2,14 @@
 // storages, the storage retry and the failure paths.
 #include <gtest/gtest.h>
 
+#include <wrl/client.h>
+
 #include <atomic>
 #include <thread>
 #include <vector>
 
 #include "device/wpd_object.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 
@@ -244,6 +247,139 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
 
 // A BlackBerry's second storage is learnt from its pipe while WMI threads read the device: every reader sees
 // the storage's four texts all from before or all from after a change, and nothing is freed under it.
+// A driver that sends only what every driver must (event id, device id, the object's persistent unique id):
+// the callback's text holds only the parts it could read, and an object of unknown content type is neither
+// a folder nor a storage, so an addition of it is passed on.
+TEST_F(DeviceObject, MinimalDriverEventsAreTracedWithWhatTheyCarryAndPassedOn) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#minimal", "SAMSUNG", "MIN1");
+    spec.deviceLines.push_back("minimal_driver = yes");
+    emulator.Attach(spec);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#minimal"), S_OK);
+    const std::wstring file = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\a.jpg", L"ObjectId"));
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(file.empty());
+    ASSERT_FALSE(folder.empty());
+
+    const struct {
+        const GUID* event;
+        std::wstring object;
+        std::wstring text;
+    } cases[] = {
+        {&WPD_EVENT_OBJECT_ADDED, file,
+         L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}\\DCIM\\a.jpg"},
+        {&WPD_EVENT_OBJECT_ADDED, folder, L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}\\DCIM"},
+        {&WPD_EVENT_OBJECT_ADDED, L"s10001", L" Event: WPD_EVENT_OBJECT_ADDEDObject Persistent Unique Id: {PUID-MIN1-1}"},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", c.event, c.object.c_str()), S_OK);
+        ASSERT_TRUE(emulator.WaitForEvents(5000));
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectEvents::OnEvent, ").size(), 1u) << "object " << c.object;
+        EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent, " + c.text + L"\n")) << "object " << c.object;
+        EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::SendEvent enter.\n"), 1u) << "object " << c.object;
+    }
+
+    // A removal says the same; whether it is passed on depends on the system, as for any driver.
+    TraceCapture trace(1);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#minimal", &WPD_EVENT_OBJECT_REMOVED, file.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent,  Event: WPD_EVENT_OBJECT_REMOVEDObject Persistent Unique "
+                          L"Id: {PUID-MIN1-1}\\DCIM\\a.jpg\n"));
+    device.Terminate();
+}
+
+// The same folder on a device whose events carry everything is known as a folder and not passed on: the
+// minimal driver's folder event above is passed on only because its content type is missing.
+TEST_F(DeviceObject, FolderEventsWithTheirContentTypeAreNotPassedOn) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#complete", "SAMSUNG", "FUL1");
+    emulator.Attach(spec);
+    CreateDirectoryW((emulator.StorageDirectory(spec, 0) + L"\\DCIM").c_str(), nullptr);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#complete"), S_OK);
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(folder.empty());
+    TraceCapture trace(1);
+    ASSERT_EQ(emulator.RaiseEvent(L"usb#complete", &WPD_EVENT_OBJECT_ADDED, folder.c_str()), S_OK);
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent, Object Id: " + folder +
+                          L" Object Name: DCIM Original File Name: DCIM Parent Id: s10001 Event: WPD_EVENT_OBJECT_ADDED "
+                          L"ContentType: {27E2E392-A111-48E0-AB0C-E17705A05F85}Object Persistent Unique Id: "
+                          L"{PUID-FUL1-1}\\DCIM\n"));
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::SendEvent enter.\n"), 0u);
+    device.Terminate();
+}
+
+// A device may refuse a new file that does not say what it is: the copy names the content type and the
+// format.
+TEST_F(DeviceObject, CopyToADeviceThatNeedsContentTypeAndFormat) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#strict", "SAMSUNG", "STR1");
+    spec.deviceLines.push_back("strict_creation = yes");
+    emulator.Attach(spec);
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#strict"), S_OK);
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Phone", (local + L"\\up.txt").c_str(), nullptr, 1)), L"1");
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\up.txt"), "uploaded");
+    EXPECT_EQ(Text(device.GetStorageObjectProperty(L"Phone\\up.txt", L"WPD_OBJECT_CONTENT_TYPE")),
+              L"{0085E0A6-8D34-45D7-BC5C-447E59C73D48}");
+    device.Terminate();
+}
+
+// The device checks the byte count against the size the object was created with: a copy of a file larger
+// than one buffer, and a copy from a source that hands out a few bytes per read, still send exactly that.
+TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#counted", "SAMSUNG", "CNT1");
+    spec.deviceLines.push_back("short_read = 7");
+    emulator.Attach(spec);
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    std::string large(300000, '\0');
+    for (size_t i = 0; i < large.size(); ++i) {
+        large[i] = static_cast<char>('a' + i % 26);
+    }
+    emulator.WriteFile(local + L"\\large.bin", large);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#counted"), S_OK);
+    ASSERT_EQ(Text(device.CopyFileToDevice(L"Phone", (local + L"\\large.bin").c_str(), nullptr, 1)), L"1");
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\large.bin"), large);
+
+    // The device's own stream reads 7 bytes at a time; copied into a new object of the same size.
+    const std::wstring source = Text(device.GetStorageObjectProperty(L"Phone\\large.bin", L"ObjectId"));
+    ASSERT_FALSE(source.empty());
+    Microsoft::WRL::ComPtr<IPortableDevice> session;
+    Microsoft::WRL::ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&session)), S_OK);
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)), S_OK);
+    ASSERT_EQ(session->Open(L"usb#counted", client.Get()), S_OK);
+    Microsoft::WRL::ComPtr<IPortableDeviceContent> content;
+    Microsoft::WRL::ComPtr<IPortableDeviceResources> resources;
+    ASSERT_EQ(session->Content(&content), S_OK);
+    ASSERT_EQ(content->Transfer(&resources), S_OK);
+    Microsoft::WRL::ComPtr<IStream> from;
+    DWORD optimal = 0;
+    ASSERT_EQ(resources->GetStream(source.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, &optimal, &from), S_OK);
+    Microsoft::WRL::ComPtr<IPortableDeviceValues> values;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&values)), S_OK);
+    values->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    values->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, L"copy.bin");
+    values->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, large.size());
+    Microsoft::WRL::ComPtr<IStream> to;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(values.Get(), &to, &optimal, nullptr), S_OK);
+    ULONGLONG written = 0;
+    ASSERT_EQ(CDorWEXWPDObject::StreamCopy(to.Get(), from.Get(), optimal, &written), S_OK);
+    EXPECT_EQ(written, large.size());
+    EXPECT_EQ(to->Commit(STGC_DEFAULT), S_OK);
+    EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\copy.bin"), large);
+    session->Close();
+    device.Terminate();
+}
+
 TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
     CDorWEXWPDObject device(nullptr);
     std::atomic<bool> writing{true};
