@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <new>
 #include <string>
 
 #include "client_context.h"
@@ -60,6 +61,15 @@ bool IsExtendedStatus(IWbemClassObject* object) {
     return is;
 }
 
+void PutText(IWbemClassObject* object, const wchar_t* name, const std::wstring& text) {
+    VARIANT value;
+    VariantInit(&value);
+    value.vt = VT_BSTR;
+    value.bstrVal = Text(text);
+    object->Put(name, 0, &value, 0);
+    VariantClear(&value);
+}
+
 // An __ExtendedStatus as WMI hands it to clients. The provider's StatusCode and Description are kept
 // (from `base` when there is one); WMI itself fills Operation, ParameterInfo and ProviderName.
 IWbemClassObject* ClientStatus(IWbemClassObject* base, const wchar_t* operation, const std::wstring& parameter,
@@ -75,34 +85,15 @@ IWbemClassObject* ClientStatus(IWbemClassObject* base, const wchar_t* operation,
         }
     } else {
         const auto definition = Namespace::Get().FindClass(L"__ExtendedStatus");
-        IWbemClassObject* statusClass = definition ? ClassObject::NewClass(definition) : nullptr;
-        if (statusClass == nullptr || FAILED(statusClass->SpawnInstance(0, &status))) {
-            if (statusClass != nullptr) {
-                statusClass->Release();
-            }
+        status = definition ? new (std::nothrow) ClassObject(definition, true) : nullptr;
+        if (status == nullptr) {
             return nullptr;
         }
-        statusClass->Release();
-        VARIANT value;
-        VariantInit(&value);
-        value.vt = VT_BSTR;
-        value.bstrVal = Text(description);
-        status->Put(L"Description", 0, &value, 0);
-        VariantClear(&value);
+        PutText(status, L"Description", description);
     }
-    const std::pair<const wchar_t*, std::wstring> filled[] = {
-        {L"Operation", operation},
-        {L"ParameterInfo", parameter},
-        {L"ProviderName", Namespace::Get().ProviderName()},
-    };
-    for (const auto& property : filled) {
-        VARIANT value;
-        VariantInit(&value);
-        value.vt = VT_BSTR;
-        value.bstrVal = Text(property.second);
-        status->Put(property.first, 0, &value, 0);
-        VariantClear(&value);
-    }
+    PutText(status, L"Operation", operation);
+    PutText(status, L"ParameterInfo", parameter);
+    PutText(status, L"ProviderName", Namespace::Get().ProviderName());
     return status;
 }
 
@@ -152,12 +143,12 @@ void CallProvider(const wchar_t* operation, const std::wstring& parameter,
     IWbemClassObject* providerStatus = nullptr;
     if (FAILED(result.hr)) {
         // The sink is not used after a failing return: what reached it anyway is dropped.
-    } else if (!sink->WaitCompleted(StatusWait())) {
+    } else if (const DWORD wait = StatusWait(); !sink->WaitCompleted(wait)) {
         result.hr = WBEM_E_FAILED;
         result.status = ClientStatus(nullptr, operation, parameter,
                                      std::wstring(L"The provider's ") + operation +
                                          L"Async returned success but did not call SetStatus on its response "
-                                         L"handler within " + std::to_wstring(StatusWait()) + L" ms.");
+                                         L"handler within " + std::to_wstring(wait) + L" ms.");
     } else {
         result.hr = sink->Status();
         result.objects = sink->TakeObjects();

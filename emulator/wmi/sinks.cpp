@@ -66,11 +66,6 @@ std::vector<IWbemClassObject*> CollectingSink::TakeObjects() {
     return objects;
 }
 
-bool CollectingSink::Completed() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_completed;
-}
-
 HRESULT CollectingSink::Status() {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_status;

@@ -24,7 +24,6 @@ public:
 
     // The objects indicated so far, each with a reference for the caller.
     std::vector<IWbemClassObject*> TakeObjects();
-    bool Completed();
     // Waits for the final SetStatus; false when it has not come within the time.
     bool WaitCompleted(DWORD milliseconds);
     HRESULT Status();

@@ -92,11 +92,12 @@ HRESULT Real(const VARIANT& value, VARTYPE type, VARIANT& out) {
                                                                                     : WBEM_E_TYPE_MISMATCH;
 }
 
-HRESULT Copy(const VARIANT& value, VARTYPE expected, VARIANT& out) {
-    if (value.vt != expected) {
-        return WBEM_E_TYPE_MISMATCH;
-    }
+HRESULT Copy(const VARIANT& value, VARIANT& out) {
     return SUCCEEDED(VariantCopy(&out, const_cast<VARIANT*>(&value))) ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
+}
+
+HRESULT CopyOf(const VARIANT& value, VARTYPE expected, VARIANT& out) {
+    return value.vt == expected ? Copy(value, out) : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
 }
 
 }  // namespace
@@ -112,13 +113,13 @@ HRESULT CoerceToCimType(CIMTYPE type, const VARIANT& value, VARIANT& out) {
         if ((type & CIM_FLAG_ARRAY) == 0 || (value.vt & VT_ARRAY) == 0) {
             return WBEM_E_TYPE_MISMATCH;
         }
-        return SUCCEEDED(VariantCopy(&out, const_cast<VARIANT*>(&value))) ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
+        return Copy(value, out);
     }
     switch (type) {
     case CIM_STRING:
     case CIM_DATETIME:
-    case CIM_REFERENCE: return Copy(value, VT_BSTR, out);
-    case CIM_BOOLEAN: return Copy(value, VT_BOOL, out);
+    case CIM_REFERENCE: return CopyOf(value, VT_BSTR, out);
+    case CIM_BOOLEAN: return CopyOf(value, VT_BOOL, out);
     case CIM_SINT8:
     case CIM_SINT16: return Integer(value, type == CIM_SINT8 ? 8 : 16, VT_I2, out);
     case CIM_UINT8: return Integer(value, 8, VT_UI1, out);
@@ -130,10 +131,8 @@ HRESULT CoerceToCimType(CIMTYPE type, const VARIANT& value, VARIANT& out) {
     case CIM_REAL32: return Real(value, VT_R4, out);
     case CIM_REAL64: return Real(value, VT_R8, out);
     case CIM_OBJECT:
-        if (value.vt != VT_UNKNOWN && value.vt != VT_DISPATCH) {
-            return WBEM_E_TYPE_MISMATCH;
-        }
-        return SUCCEEDED(VariantCopy(&out, const_cast<VARIANT*>(&value))) ? WBEM_S_NO_ERROR : WBEM_E_OUT_OF_MEMORY;
+        return value.vt == VT_UNKNOWN || value.vt == VT_DISPATCH ? Copy(value, out)
+                                                                : static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
     default: return WBEM_E_TYPE_MISMATCH;
     }
 }

@@ -18,8 +18,8 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// Counts the events it receives, remembering the event id and object name of each.
-class RecordingCallback : public IPortableDeviceEventCallback {
+// A callback that lives on the test's stack: COM's reference count is only counted.
+class StackCallback : public IPortableDeviceEventCallback {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
         if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
@@ -32,6 +32,12 @@ public:
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    std::atomic<ULONG> refs{1};
+};
+
+// Counts the events it receives, remembering the event id and object name of each.
+class RecordingCallback : public StackCallback {
+public:
     HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* parameters) override {
         GUID event{};
         parameters->GetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, &event);
@@ -41,25 +47,13 @@ public:
         events.emplace_back(event, name.Get() != nullptr ? name.Get() : L"");
         return S_OK;
     }
-    std::atomic<ULONG> refs{1};
     std::mutex lock;
     std::vector<std::pair<GUID, std::wstring>> events;
 };
 
 // Records the keys of every event's parameters, in order, and the persistent unique id each carried.
-class ParameterRecorder : public IPortableDeviceEventCallback {
+class ParameterRecorder : public StackCallback {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-        if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
-            *ppv = this;
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
     HRESULT STDMETHODCALLTYPE OnEvent(IPortableDeviceValues* parameters) override {
         std::vector<std::pair<GUID, DWORD>> seen;
         DWORD count = 0;
@@ -76,7 +70,6 @@ public:
         uniqueIds.emplace_back(uniqueId.Get() != nullptr ? uniqueId.Get() : L"");
         return S_OK;
     }
-    std::atomic<ULONG> refs{1};
     std::mutex lock;
     std::vector<std::vector<std::pair<GUID, DWORD>>> keys;
     std::vector<std::wstring> uniqueIds;
