@@ -7,6 +7,7 @@
 
 #include <comdef.h>
 #include <wbemcli.h>
+#include <wbemprov.h>
 #include <wrl/client.h>
 
 #include <atomic>
@@ -97,14 +98,16 @@ bool ProviderDllMapped() {
     return GetModuleHandleW(kProviderDll) != nullptr;
 }
 
-// Unloads the provider and expects its DLL to be gone.
+// Unloads the provider and expects its DLL to be gone. A provider thread may still be on its way out of
+// the last call into an object (an event it just delivered): DllCanUnloadNow then refuses, and the service
+// asks again a second later, as WMI's host does.
 void UnloadAndExpectTheDllFreed(const Controls& controls) {
     BOOL freed = FALSE;
     ASSERT_EQ(controls.unload(&freed), S_OK);
-    EXPECT_TRUE(freed) << "DllCanUnloadNow did not allow the unload";
-    EXPECT_FALSE(ProviderDllMapped());
     EXPECT_FALSE(controls.loaded());
     EXPECT_EQ(controls.Counts().objects, 0);
+    EXPECT_TRUE(freed || WaitUntil([] { return !ProviderDllMapped(); })) << "DllCanUnloadNow never allowed the unload";
+    EXPECT_FALSE(ProviderDllMapped());
     EXPECT_EQ(controls.Counts().eventSinks, 0) << "the provider kept the sink of ProvideEvents";
 }
 
@@ -166,13 +169,15 @@ public:
         indicated += count;
         return WBEM_S_NO_ERROR;
     }
-    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT, BSTR, IWbemClassObject*) override {
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT hResult, BSTR, IWbemClassObject*) override {
+        lastStatus = hResult;
         ++statuses;
         return WBEM_S_NO_ERROR;
     }
     std::atomic<long> references{1};
     std::atomic<long> indicated{0};
     std::atomic<long> statuses{0};
+    std::atomic<HRESULT> lastStatus{E_PENDING};
 };
 
 TEST(ProviderLifetime, UnloadLeavesNothingTheServiceGaveTheProviderAlive) {
@@ -342,5 +347,183 @@ TEST_F(SeparateRoles, MethodsBeforeEventsAndAcrossAnUnload) {
     WriteThroughTheDeviceApi(L"separate-3.jpg");
     EXPECT_EQ(NextEventName(events.Get()), L"separate-3.jpg");
 }
+
+}  // namespace
+
+namespace {
+
+// A provider that initialises as told, registered in this process in place of the real one (COM looks at
+// class objects registered in-process first). It counts what the service dispatches to it.
+enum class InitAnswer { Ready, NoStatus, Failed, NonZeroFlags };
+
+class DoubleProvider final : public IWbemProviderInit, public IWbemServices {
+public:
+    explicit DoubleProvider(InitAnswer answer) : m_answer(answer) {}
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IWbemProviderInit) {
+            *ppv = static_cast<IWbemProviderInit*>(this);
+        } else if (riid == IID_IWbemServices) {
+            *ppv = static_cast<IWbemServices*>(this);
+        } else {
+            *ppv = nullptr;
+            return E_NOINTERFACE;
+        }
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
+    ULONG STDMETHODCALLTYPE Release() override { return --references; }
+
+    HRESULT STDMETHODCALLTYPE Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices*, IWbemContext*,
+                                         IWbemProviderInitSink* sink) override {
+        ++initializations;
+        switch (m_answer) {
+        case InitAnswer::Ready:
+            statusAnswer = sink->SetStatus(WBEM_S_INITIALIZED, 0);
+            break;
+        case InitAnswer::Failed:
+            statusAnswer = sink->SetStatus(WBEM_E_FAILED, 0);
+            break;
+        case InitAnswer::NonZeroFlags:
+            statusAnswer = sink->SetStatus(WBEM_S_INITIALIZED, 1);
+            break;
+        case InitAnswer::NoStatus:
+            break;
+        }
+        return WBEM_S_NO_ERROR;
+    }
+
+#define DORWEX_DOUBLE_REFUSES(signature) \
+    HRESULT STDMETHODCALLTYPE signature override { return Dispatched(); }
+    DORWEX_DOUBLE_REFUSES(OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(CancelAsyncCall(IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(QueryObjectSink(LONG, IWbemObjectSink**))
+    DORWEX_DOUBLE_REFUSES(GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(GetObjectAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+    DORWEX_DOUBLE_REFUSES(CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
+    DORWEX_DOUBLE_REFUSES(DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+    DORWEX_DOUBLE_REFUSES(ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+    DORWEX_DOUBLE_REFUSES(ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+    DORWEX_DOUBLE_REFUSES(ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+    DORWEX_DOUBLE_REFUSES(ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                     IWbemClassObject**, IWbemCallResult**))
+#undef DORWEX_DOUBLE_REFUSES
+
+    // The two calls the test makes: each completes at once with nothing.
+    HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink* sink) override {
+        Dispatched();
+        sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_S_NO_ERROR, nullptr, nullptr);
+        return WBEM_S_NO_ERROR;
+    }
+    HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                              IWbemObjectSink* sink) override {
+        Dispatched();
+        sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_S_NO_ERROR, nullptr, nullptr);
+        return WBEM_S_NO_ERROR;
+    }
+
+    std::atomic<long> references{1};
+    std::atomic<long> initializations{0};
+    std::atomic<long> dispatched{0};
+    HRESULT statusAnswer = E_PENDING;  // what the service's SetStatus returned
+
+private:
+    HRESULT Dispatched() {
+        ++dispatched;
+        return WBEM_E_NOT_SUPPORTED;
+    }
+    const InitAnswer m_answer;
+};
+
+// Hands out the one double and keeps it.
+class DoubleFactory final : public IClassFactory {
+public:
+    explicit DoubleFactory(DoubleProvider* provider) : m_provider(provider) {}
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IClassFactory) {
+            *ppv = static_cast<IClassFactory*>(this);
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID riid, void** ppv) override {
+        return outer != nullptr ? CLASS_E_NOAGGREGATION : m_provider->QueryInterface(riid, ppv);
+    }
+    HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+
+private:
+    DoubleProvider* m_provider;
+};
+
+// The real provider unloaded and the double registered in its place for the test's duration.
+class ProviderInitialization : public testing::TestWithParam<InitAnswer> {
+protected:
+    void SetUp() override {
+        BOOL freed = FALSE;
+        ASSERT_TRUE(SUCCEEDED(controls.unload(&freed)));
+        ASSERT_EQ(CoRegisterClassObject(kProviderClsid, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie),
+                  S_OK);
+    }
+    void TearDown() override {
+        CoRevokeClassObject(cookie);
+        BOOL freed = FALSE;
+        controls.unload(&freed);
+        EXPECT_EQ(provider.references, 1) << "the service still holds the double";
+    }
+
+    // {5C2F4E1A-7B3D-4E8A-9D61-2A4F0B7C3E91}, the provider's class (wmi/provider_clsid.h).
+    static constexpr CLSID kProviderClsid = {
+        0x5c2f4e1a, 0x7b3d, 0x4e8a, {0x9d, 0x61, 0x2a, 0x4f, 0x0b, 0x7c, 0x3e, 0x91}};
+    Controls controls;
+    DoubleProvider provider{GetParam()};
+    DoubleFactory factory{&provider};
+    DWORD cookie = 0;
+};
+
+// Only SetStatus(WBEM_S_INITIALIZED, 0) makes a provider ready: without it nothing is dispatched and the
+// request fails with WBEM_E_PROVIDER_LOAD_FAILURE; flags other than 0 are refused.
+TEST_P(ProviderInitialization, OnlyAReadyProviderIsCalled) {
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    const bool ready = GetParam() == InitAnswer::Ready;
+    ComPtr<IEnumWbemClassObject> enumerator;
+    const HRESULT enumerated = services->CreateInstanceEnum(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &enumerator);
+    // ExecMethodAsync: the service reports the outcome to the client's sink.
+    CountingSink method;
+    EXPECT_EQ(services->ExecMethodAsync(_bstr_t(L"Win32ext_WPD"), _bstr_t(L"SetDebugLevel"), 0, nullptr, nullptr,
+                                        &method),
+              WBEM_S_NO_ERROR);
+    EXPECT_EQ(method.statuses, 1);
+    const HRESULT called = method.lastStatus;
+    EXPECT_EQ(enumerated, ready ? S_OK : WBEM_E_PROVIDER_LOAD_FAILURE);
+    EXPECT_EQ(called, ready ? S_OK : WBEM_E_PROVIDER_LOAD_FAILURE);
+    EXPECT_EQ(provider.dispatched, ready ? 2 : 0);
+    EXPECT_EQ(controls.loaded(), ready ? TRUE : FALSE);
+    // A provider that failed is loaded again, and initialised again, by the next request.
+    EXPECT_EQ(provider.initializations, ready ? 1 : 2);
+    if (GetParam() == InitAnswer::NonZeroFlags) {
+        EXPECT_TRUE(FAILED(provider.statusAnswer)) << "SetStatus with reserved flags was accepted";
+    } else if (GetParam() != InitAnswer::NoStatus) {
+        EXPECT_EQ(provider.statusAnswer, WBEM_S_NO_ERROR);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, ProviderInitialization,
+                         testing::Values(InitAnswer::Ready, InitAnswer::NoStatus, InitAnswer::Failed,
+                                         InitAnswer::NonZeroFlags));
 
 }  // namespace
