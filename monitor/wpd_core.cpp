@@ -82,17 +82,19 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
                                      const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
                                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) {
     // WMI releases provider objects whenever it likes: the event holds a reference of its own, taken under
-    // the providers' lock from one that is not already on its way out.
+    // the providers' lock from one that is not already on its way out. WMI may give the event role an
+    // object of its own: the newest object WMI asked for events goes first, else the newest of all.
     ComPtr<CDorWEXWPDWMI> l_pOwner;
     {
         std::lock_guard<std::mutex> l_guard(m_mutexProviders);
-        for (auto l_It = m_Providers.rbegin(); l_It != m_Providers.rend(); ++l_It) {
-            if ((*l_It)->TryAddRef()) {
-                // ComPtr::Attach adds a reference in mingw-w64 but not in the Windows SDK: take one through
-                // assignment and give back the one taken here.
-                l_pOwner = *l_It;
-                (*l_It)->Release();
-                break;
+        for (const bool l_boolAskedForEvents : {true, false}) {
+            for (auto l_It = m_Providers.rbegin(); l_It != m_Providers.rend() && !l_pOwner; ++l_It) {
+                if ((*l_It)->ProvidesEvents() == l_boolAskedForEvents && (*l_It)->TryAddRef()) {
+                    // ComPtr::Attach adds a reference in mingw-w64 but not in the Windows SDK: take one
+                    // through assignment and give back the one taken here.
+                    l_pOwner = *l_It;
+                    (*l_It)->Release();
+                }
             }
         }
     }

@@ -419,6 +419,7 @@ STDMETHODIMP CDorWEXWPDWMI::ProvideEvents(IWbemObjectSink* pSink, LONG) {
     m_pIWbemObjectSink = pSink;  // an earlier sink keeps the references it was given
     pSink->AddRef();
     ++m_ulongIWbemObjectSinkCount;
+    m_boolProvidesEvents = true;
     return WBEM_S_NO_ERROR;
 }
 

@@ -8,6 +8,7 @@
 #include <wbemcli.h>
 #include <wbemprov.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -98,6 +99,9 @@ public:
                       const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
                       const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in);
 
+    // Whether WMI gave this object a sink for events (ProvideEvents): only such an object can deliver them.
+    bool ProvidesEvents() const { return m_boolProvidesEvents.load(); }
+
     IWbemServices* GetNamespace() const { return m_pIWbemServices; }
     CDorWEXWMIWPDCore* GetCore() const { return m_pCore; }
 
@@ -109,6 +113,7 @@ private:
     IWbemServices* m_pIWbemServices = nullptr;
     IWbemObjectSink* m_pIWbemObjectSink = nullptr;
     ULONG m_ulongIWbemObjectSinkCount = 0;
+    std::atomic<bool> m_boolProvidesEvents{false};
     volatile LONG m_longReferenceCount = 0;
     std::map<ULONG, std::wstring> m_QueryMap;
     std::mutex m_mutexQueries;

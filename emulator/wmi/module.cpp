@@ -11,6 +11,7 @@
 
 #include "client_context.h"
 #include "context.h"
+#include "control.h"
 #include "emulator/common/com_server.h"
 #include "namespace.h"
 
@@ -101,4 +102,35 @@ extern "C" void WINAPI DorwexWmiSetClientContext(BOOL provided) {
 
 extern "C" void WINAPI DorwexWmiImpersonations(LONG* impersonations, LONG* reverts) {
     ImpersonationCounts(impersonations, reverts);
+}
+
+// --- Provider lifetime ------------------------------------------------------------------------------
+
+extern "C" HRESULT WINAPI DorwexWmiUnloadProvider(BOOL* moduleFreed) {
+    bool freed = false;
+    const HRESULT hr = Namespace::Get().UnloadProvider(&freed);
+    if (moduleFreed != nullptr) {
+        *moduleFreed = freed ? TRUE : FALSE;
+    }
+    return hr;
+}
+
+extern "C" void WINAPI DorwexWmiSetClearAfter(DWORD milliseconds) {
+    Namespace::Get().SetClearAfter(milliseconds);
+}
+
+extern "C" void WINAPI DorwexWmiSetSeparateRoles(BOOL separate) {
+    Namespace::Get().SetSeparateRoles(separate != FALSE);
+}
+
+extern "C" void WINAPI DorwexWmiProviderCounts(DorwexWmiProviderCounts* counts) {
+    if (counts == nullptr) {
+        return;
+    }
+    const Namespace::LifetimeCounts current = Namespace::Get().Counts();
+    counts->initializations = current.initializations;
+    counts->moduleLoads = current.moduleLoads;
+    counts->unloads = current.unloads;
+    counts->objects = current.objects;
+    counts->eventSinks = current.eventSinks;
 }

@@ -7,7 +7,6 @@
 #include <cwctype>
 
 #include "mof_reader.h"
-#include "sinks.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -100,30 +99,6 @@ std::wstring MofPath() {
     std::wstring directory(path);
     return directory.substr(0, directory.find_last_of(L'\\') + 1) + L"dorwex_wpd_provider.mof";
 }
-
-// Receives the events the provider indicates and hands them to the consumers.
-class ProviderEventSink final : public ComObject<IWbemObjectSink> {
-public:
-    HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override {
-        for (LONG i = 0; i < lObjectCount; ++i) {
-            if (apObjArray != nullptr && apObjArray[i] != nullptr) {
-                Namespace::Get().DeliverEvent(apObjArray[i]);
-            }
-        }
-        return WBEM_S_NO_ERROR;
-    }
-    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT, BSTR, IWbemClassObject*) override { return WBEM_S_NO_ERROR; }
-};
-
-// What a provider reports from Initialize; a provider that reports nothing has not initialised.
-class InitSink final : public ComObject<IWbemProviderInitSink> {
-public:
-    HRESULT STDMETHODCALLTYPE SetStatus(LONG lStatus, LONG) override {
-        status = lStatus;
-        return WBEM_S_NO_ERROR;
-    }
-    HRESULT status = WBEM_E_PROVIDER_LOAD_FAILURE;
-};
 
 std::wstring Trim(const std::wstring& text) {
     const auto first = text.find_first_not_of(L" \t");
@@ -389,155 +364,6 @@ std::shared_ptr<const ClassDefinition> Namespace::FindClass(const std::wstring& 
 std::wstring Namespace::ProviderName() {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_providerName;
-}
-
-bool Namespace::ProviderLoaded() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_provider != nullptr;
-}
-
-HRESULT Namespace::Provider(IWbemServices** provider_out) {
-    *provider_out = nullptr;
-    static std::mutex loading;  // one load at a time; the namespace lock stays free for the provider's calls
-    std::lock_guard<std::mutex> loadGuard(loading);
-    CLSID clsid;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        const HRESULT hr = LoadLocked();
-        if (FAILED(hr)) {
-            return hr;
-        }
-        if (m_provider != nullptr) {
-            m_provider->AddRef();
-            *provider_out = m_provider;
-            return WBEM_S_NO_ERROR;
-        }
-        clsid = m_providerClsid;
-    }
-    IWbemProviderInit* init = nullptr;
-    HRESULT hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemProviderInit,
-                                  reinterpret_cast<void**>(&init));
-    if (FAILED(hr)) {
-        return WBEM_E_PROVIDER_LOAD_FAILURE;
-    }
-    IWbemServices* services = nullptr;
-    CreateServices(IID_IWbemServices, reinterpret_cast<void**>(&services));
-    auto* initSink = new InitSink();
-    hr = init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
-    services->Release();
-    const HRESULT status = initSink->status;
-    initSink->Release();
-    IWbemServices* provider = nullptr;
-    if (SUCCEEDED(hr) && status == WBEM_S_INITIALIZED) {
-        hr = init->QueryInterface(IID_IWbemServices, reinterpret_cast<void**>(&provider));
-    } else {
-        hr = WBEM_E_PROVIDER_LOAD_FAILURE;
-    }
-    init->Release();
-    if (FAILED(hr)) {
-        return hr;
-    }
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_provider = provider;  // kept for the life of the process, as the provider host keeps it
-    m_provider->AddRef();
-    *provider_out = m_provider;
-    return WBEM_S_NO_ERROR;
-}
-
-HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
-    Query query;
-    if (sink == nullptr || !ParseQuery(text, query)) {
-        return WBEM_E_INVALID_QUERY;
-    }
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        LoadLocked();
-        const auto definition = FindClass(query.className);
-        if (!definition) {
-            return WBEM_E_INVALID_CLASS;
-        }
-        bool isEvent = false;
-        for (const auto& ancestor : definition->ancestors) {
-            isEvent = isEvent || ancestor == L"__Event";
-        }
-        if (!isEvent) {
-            return WBEM_E_NOT_EVENT_CLASS;
-        }
-    }
-    IWbemServices* provider = nullptr;
-    HRESULT hr = Provider(&provider);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    bool provideEvents = false;
-    ULONG id;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        if (!m_eventsProvided) {
-            m_eventsProvided = true;
-            provideEvents = true;
-            m_eventSink = new ProviderEventSink();
-        }
-        id = m_nextQueryId++;
-        sink->AddRef();
-        m_subscriptions.push_back({id, text, query, sink});
-    }
-    if (provideEvents) {
-        IWbemEventProvider* events = nullptr;
-        if (SUCCEEDED(provider->QueryInterface(IID_IWbemEventProvider, reinterpret_cast<void**>(&events)))) {
-            events->ProvideEvents(m_eventSink, 0);
-            events->Release();
-        }
-    }
-    IWbemEventProviderQuerySink* querySink = nullptr;
-    if (SUCCEEDED(provider->QueryInterface(IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&querySink)))) {
-        querySink->NewQuery(id, const_cast<LPWSTR>(L"WQL"), const_cast<LPWSTR>(text));
-        querySink->Release();
-    }
-    provider->Release();
-    return WBEM_S_NO_ERROR;
-}
-
-HRESULT Namespace::Unsubscribe(IWbemObjectSink* sink) {
-    std::vector<Subscription> cancelled;
-    IWbemServices* provider = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
-            if (it->sink == sink) {
-                cancelled.push_back(*it);
-                it = m_subscriptions.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        provider = m_provider;
-        if (provider != nullptr) {
-            provider->AddRef();
-        }
-    }
-    if (cancelled.empty()) {
-        if (provider != nullptr) {
-            provider->Release();
-        }
-        return WBEM_E_NOT_FOUND;
-    }
-    IWbemEventProviderQuerySink* querySink = nullptr;
-    if (provider != nullptr &&
-        SUCCEEDED(provider->QueryInterface(IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&querySink)))) {
-        for (const auto& subscription : cancelled) {
-            querySink->CancelQuery(subscription.id);
-        }
-        querySink->Release();
-    }
-    for (auto& subscription : cancelled) {
-        subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);
-        subscription.sink->Release();
-    }
-    if (provider != nullptr) {
-        provider->Release();
-    }
-    return WBEM_S_NO_ERROR;
 }
 
 void Namespace::DeliverEvent(IWbemClassObject* event) {

@@ -6,6 +6,7 @@
 #include <wbemcli.h>
 #include <wbemprov.h>
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,7 +42,9 @@ public:
     std::wstring LoadError();
     std::shared_ptr<const ClassDefinition> FindClass(const std::wstring& name);
 
-    // The provider's IWbemServices, loaded and initialised on first use (with a reference for the caller).
+    // The provider's IWbemServices for instance and method calls, loaded and initialised on first use (with
+    // a reference for the caller). What it hands out counts as a call in flight until it is released: the
+    // provider is not unloaded under it.
     HRESULT Provider(IWbemServices** provider_out);
     bool ProviderLoaded();
     // The Name of the registered __Win32Provider, which WMI reports as ProviderName in a status.
@@ -54,9 +57,43 @@ public:
     void DeliverEvent(IWbemClassObject* event);
     size_t SubscriptionCount();
 
+    // --- Provider lifetime (provider_lifetime.cpp) ---
+    // Releases the provider objects of every role, then lets COM free the provider's DLL if its
+    // DllCanUnloadNow allows (module_freed_out tells whether it is gone). Subscriptions stay: the next
+    // request loads the provider again and registers them anew. S_OK: unloaded; S_FALSE: nothing was
+    // loaded; HRESULT_FROM_WIN32(ERROR_BUSY): a call is in flight, nothing was released.
+    HRESULT UnloadProvider(bool* module_freed_out);
+    // How long a provider may stay idle before it is unloaded, in milliseconds (0: never); the environment
+    // variable DORWEX_WMI_CLEAR_AFTER_MS gives the first value.
+    void SetClearAfter(DWORD milliseconds);
+    // Whether the event role and the instance/method role get separate provider objects (from the next
+    // load on); the environment variable DORWEX_WMI_SEPARATE_ROLES=1 gives the first value.
+    void SetSeparateRoles(bool separate);
+    struct LifetimeCounts {
+        LONG initializations = 0;  // provider objects initialised successfully
+        LONG moduleLoads = 0;      // loads that found the provider's module not mapped before
+        LONG unloads = 0;          // unloads that released provider objects
+        LONG objects = 0;          // distinct provider objects held now
+        LONG eventSinks = 0;       // sinks given to ProvideEvents still alive
+    };
+    LifetimeCounts Counts();
+    // A provider call starts or ends (the calls handed out by Provider count themselves).
+    void CallStarted();
+    void CallEnded();
+
 private:
     Namespace() = default;
     HRESULT LoadLocked();
+
+    // Under m_roleLock: the role objects, made (and initialised) when missing.
+    HRESULT EnsureInstanceRole();
+    // Also starts the events (ProvideEvents, NewQuery of every live subscription) when they are not
+    // started on the current object; activated_out tells whether that happened.
+    HRESULT EnsureEventRole(bool* activated_out);
+    HRESULT CreateRoleObject(IUnknown** object_out);
+    HRESULT UnloadProviderIf(bool idle_only, bool* module_freed_out);
+    void StartServiceThread();
+    void ServiceThread();
 
     struct Subscription {
         ULONG id;
@@ -66,17 +103,33 @@ private:
     };
 
     std::mutex m_lock;
+    // One load, unload or event start at a time; held while the provider is called to load or start, so
+    // m_lock stays free for what the provider calls back.
+    std::mutex m_roleLock;
     bool m_loaded = false;
     HRESULT m_loadResult = S_OK;
     std::wstring m_loadError;
     std::vector<std::shared_ptr<ClassDefinition>> m_classes;
     CLSID m_providerClsid{};
     std::wstring m_providerName;
-    IWbemServices* m_provider = nullptr;
+    IWbemServices* m_provider = nullptr;     // the instance and method role
+    IUnknown* m_eventProvider = nullptr;     // the event role: the same object unless roles are separate
     IWbemObjectSink* m_eventSink = nullptr;  // what the provider indicates events to
-    bool m_eventsProvided = false;
+    bool m_eventsProvided = false;           // ProvideEvents was called on the current event object
     std::vector<Subscription> m_subscriptions;
     ULONG m_nextQueryId = 1;
+
+    bool m_settingsRead = false;
+    bool m_separateRoles = false;
+    DWORD m_clearAfter = 0;
+    LONG m_callsInFlight = 0;
+    DWORD m_lastActivity = 0;  // tick count of the last provider call's end or subscription change
+    std::wstring m_modulePath;  // the module the provider's class was loaded from
+    bool m_rolesShared = false;  // both roles are held by one object
+    bool m_freePending = false;  // unloaded, but the DLL was still mapped after COM asked it
+    LifetimeCounts m_counts;
+    bool m_serviceThreadStarted = false;
+    std::condition_variable m_serviceWake;
 };
 
 // An IWbemServices of the namespace: what ConnectServer hands to clients and Initialize to the provider.

@@ -1,0 +1,648 @@
+// How the emulated WMI service holds its provider, as WMI's provider host does: loaded through COM on the
+// first request, initialised (IWbemProviderInit) before anything is dispatched to it, asked for events
+// when the first consumer subscribes, released when it has been idle for the ClearAfter interval (or when
+// a test unloads it), and its DLL freed when its DllCanUnloadNow allows. The next request loads it again.
+//
+// Idle means no provider call in flight and no event consumer: WMI keeps an event provider while consumers
+// have queries registered with it. An unload asked for directly (DorwexWmiUnloadProvider) waits only for
+// calls in flight; the subscriptions survive it and are registered with the provider again (ProvideEvents,
+// then NewQuery for each) when the next request loads it.
+//
+// WMI does not promise one object for every role the provider is registered for. With separate roles the
+// instance/method role and the event role each get their own object from the class factory, each
+// initialised on its own.
+#include <objbase.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "emulator/common/com_object.h"
+#include "namespace.h"
+
+namespace dorwex::emulator::wmi {
+
+namespace {
+
+std::atomic<long> g_eventSinks{0};
+
+// Receives the events the provider indicates and hands them to the consumers.
+class ProviderEventSink final : public ComObject<IWbemObjectSink> {
+public:
+    ProviderEventSink() { ++g_eventSinks; }
+    ~ProviderEventSink() override { --g_eventSinks; }
+    HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override {
+        for (LONG i = 0; i < lObjectCount; ++i) {
+            if (apObjArray != nullptr && apObjArray[i] != nullptr) {
+                Namespace::Get().DeliverEvent(apObjArray[i]);
+            }
+        }
+        return WBEM_S_NO_ERROR;
+    }
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT, BSTR, IWbemClassObject*) override { return WBEM_S_NO_ERROR; }
+};
+
+// What a provider reports from Initialize. Only SetStatus(WBEM_S_INITIALIZED, 0) makes it ready: a provider
+// that reports nothing, reports WBEM_E_FAILED or passes flags (reserved, must be 0) has not initialised.
+class InitSink final : public ComObject<IWbemProviderInitSink> {
+public:
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG lStatus, LONG lFlags) override {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (lFlags != 0) {
+            m_refused = true;
+            return WBEM_E_INVALID_PARAMETER;
+        }
+        m_reported = true;
+        m_status = lStatus;
+        return WBEM_S_NO_ERROR;
+    }
+    bool Initialized() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_reported && !m_refused && m_status == WBEM_S_INITIALIZED;
+    }
+
+private:
+    std::mutex m_lock;
+    bool m_reported = false;
+    bool m_refused = false;
+    HRESULT m_status = WBEM_E_PROVIDER_LOAD_FAILURE;
+};
+
+// One provider call: forwards to the provider's IWbemServices and counts as a call in flight while any
+// reference to it is held.
+class ProviderCall final : public ComObject<IWbemServices> {
+public:
+    explicit ProviderCall(IWbemServices* provider) : m_provider(provider) {
+        m_provider->AddRef();
+        Namespace::Get().CallStarted();
+    }
+    ~ProviderCall() override {
+        m_provider->Release();
+        Namespace::Get().CallEnded();
+    }
+
+    HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR a, LONG b, IWbemContext* c, IWbemServices** d,
+                                            IWbemCallResult** e) override {
+        return m_provider->OpenNamespace(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink* a) override { return m_provider->CancelAsyncCall(a); }
+    HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG a, IWbemObjectSink** b) override {
+        return m_provider->QueryObjectSink(a, b);
+    }
+    HRESULT STDMETHODCALLTYPE GetObject(const BSTR a, LONG b, IWbemContext* c, IWbemClassObject** d,
+                                        IWbemCallResult** e) override {
+        return m_provider->GetObject(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR a, LONG b, IWbemContext* c, IWbemObjectSink* d) override {
+        return m_provider->GetObjectAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject* a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
+        return m_provider->PutClass(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject* a, LONG b, IWbemContext* c,
+                                            IWbemObjectSink* d) override {
+        return m_provider->PutClassAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
+        return m_provider->DeleteClass(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR a, LONG b, IWbemContext* c, IWbemObjectSink* d) override {
+        return m_provider->DeleteClassAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR a, LONG b, IWbemContext* c,
+                                              IEnumWbemClassObject** d) override {
+        return m_provider->CreateClassEnum(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR a, LONG b, IWbemContext* c,
+                                                   IWbemObjectSink* d) override {
+        return m_provider->CreateClassEnumAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject* a, LONG b, IWbemContext* c,
+                                          IWbemCallResult** d) override {
+        return m_provider->PutInstance(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject* a, LONG b, IWbemContext* c,
+                                               IWbemObjectSink* d) override {
+        return m_provider->PutInstanceAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
+        return m_provider->DeleteInstance(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR a, LONG b, IWbemContext* c,
+                                                  IWbemObjectSink* d) override {
+        return m_provider->DeleteInstanceAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR a, LONG b, IWbemContext* c,
+                                                 IEnumWbemClassObject** d) override {
+        return m_provider->CreateInstanceEnum(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR a, LONG b, IWbemContext* c,
+                                                      IWbemObjectSink* d) override {
+        return m_provider->CreateInstanceEnumAsync(a, b, c, d);
+    }
+    HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
+                                        IEnumWbemClassObject** e) override {
+        return m_provider->ExecQuery(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
+                                             IWbemObjectSink* e) override {
+        return m_provider->ExecQueryAsync(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
+                                                    IEnumWbemClassObject** e) override {
+        return m_provider->ExecNotificationQuery(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
+                                                         IWbemObjectSink* e) override {
+        return m_provider->ExecNotificationQueryAsync(a, b, c, d, e);
+    }
+    HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR a, const BSTR b, LONG c, IWbemContext* d, IWbemClassObject* e,
+                                         IWbemClassObject** f, IWbemCallResult** g) override {
+        return m_provider->ExecMethod(a, b, c, d, e, f, g);
+    }
+    HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
+                                              IWbemClassObject* e, IWbemObjectSink* f) override {
+        return m_provider->ExecMethodAsync(a, b, c, d, e, f);
+    }
+
+private:
+    IWbemServices* m_provider;
+};
+
+template <class T>
+void ReleaseAndClear(T*& pointer) {
+    if (pointer != nullptr) {
+        pointer->Release();
+        pointer = nullptr;
+    }
+}
+
+bool InMultithreadedApartment() {
+    APTTYPE type;
+    APTTYPEQUALIFIER qualifier;
+    return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) && type == APTTYPE_MTA;
+}
+
+// Runs work on a thread of the multithreaded apartment, where the service loads and frees provider DLLs
+// (COM keeps its list of loaded DLLs per apartment): here when this thread is one, else on a new one.
+void RunInMultithreadedApartment(const std::function<void()>& work) {
+    if (InMultithreadedApartment()) {
+        work();
+        return;
+    }
+    std::thread worker([&work] {
+        const HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        work();
+        if (SUCCEEDED(hr)) {
+            CoUninitialize();
+        }
+    });
+    worker.join();
+}
+
+// The module whose code an interface pointer's methods are in, as a full path; empty when unknown.
+std::wstring ModuleOf(IUnknown* object) {
+    HMODULE module = nullptr;
+    const void* vtable = *reinterpret_cast<void* const*>(object);
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                            static_cast<LPCWSTR>(vtable), &module)) {
+        return std::wstring();
+    }
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = GetModuleFileNameW(module, path, MAX_PATH);
+    return length > 0 && length < MAX_PATH ? std::wstring(path, length) : std::wstring();
+}
+
+bool ModuleMapped(const std::wstring& path) {
+    return !path.empty() && GetModuleHandleW(path.c_str()) != nullptr;
+}
+
+DWORD EnvironmentNumber(const wchar_t* name, DWORD fallback) {
+    wchar_t text[32] = {};
+    const DWORD length = GetEnvironmentVariableW(name, text, 32);
+    if (length == 0 || length >= 32) {
+        return fallback;
+    }
+    wchar_t* end = nullptr;
+    const unsigned long value = wcstoul(text, &end, 10);
+    return end != text && *end == L'\0' ? static_cast<DWORD>(value) : fallback;
+}
+
+}  // namespace
+
+bool Namespace::ProviderLoaded() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_provider != nullptr || m_eventProvider != nullptr;
+}
+
+void Namespace::CallStarted() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    ++m_callsInFlight;
+}
+
+void Namespace::CallEnded() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    --m_callsInFlight;
+    m_lastActivity = GetTickCount();
+}
+
+Namespace::LifetimeCounts Namespace::Counts() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    LifetimeCounts counts = m_counts;
+    const bool both = m_provider != nullptr && m_eventProvider != nullptr;
+    counts.objects = (m_provider != nullptr ? 1 : 0) + (m_eventProvider != nullptr ? 1 : 0) -
+                     (both && m_rolesShared ? 1 : 0);
+    counts.eventSinks = g_eventSinks.load();
+    return counts;
+}
+
+void Namespace::SetClearAfter(DWORD milliseconds) {
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_settingsRead = true;
+        m_clearAfter = milliseconds;
+    }
+    m_serviceWake.notify_all();
+}
+
+void Namespace::SetSeparateRoles(bool separate) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_settingsRead = true;
+    m_separateRoles = separate;
+}
+
+HRESULT Namespace::Provider(IWbemServices** provider_out) {
+    *provider_out = nullptr;
+    std::lock_guard<std::mutex> roles(m_roleLock);
+    bool eventsWanted = false;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const HRESULT hr = LoadLocked();
+        if (FAILED(hr)) {
+            return hr;
+        }
+        eventsWanted = !m_subscriptions.empty();
+    }
+    HRESULT hr = EnsureInstanceRole();
+    if (FAILED(hr)) {
+        return hr;
+    }
+    if (eventsWanted) {
+        // Consumers that subscribed before an unload get their events again from the reloaded provider.
+        bool activated = false;
+        EnsureEventRole(&activated);
+    }
+    auto* call = new (std::nothrow) ProviderCall(m_provider);
+    if (call == nullptr) {
+        return WBEM_E_OUT_OF_MEMORY;
+    }
+    *provider_out = call;
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
+    *object_out = nullptr;
+    StartServiceThread();
+    CLSID clsid;
+    std::wstring knownModule;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        clsid = m_providerClsid;
+        knownModule = m_modulePath;
+    }
+    const bool wasMapped = ModuleMapped(knownModule);
+    HRESULT hr = WBEM_E_PROVIDER_LOAD_FAILURE;
+    IWbemProviderInit* init = nullptr;
+    RunInMultithreadedApartment([&] {
+        IClassFactory* factory = nullptr;
+        if (FAILED(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                    reinterpret_cast<void**>(&factory)))) {
+            return;
+        }
+        const HRESULT created = factory->CreateInstance(nullptr, IID_IWbemProviderInit, reinterpret_cast<void**>(&init));
+        factory->Release();
+        if (FAILED(created) || init == nullptr) {
+            init = nullptr;
+            return;
+        }
+        IWbemServices* services = nullptr;
+        if (FAILED(CreateServices(IID_IWbemServices, reinterpret_cast<void**>(&services)))) {
+            return;
+        }
+        auto* initSink = new InitSink();
+        const HRESULT initialized =
+            init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
+        services->Release();
+        hr = SUCCEEDED(initialized) && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
+        initSink->Release();
+    });
+    if (init == nullptr) {
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    const std::wstring module = ModuleOf(init);
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!module.empty()) {
+            m_modulePath = module;
+        }
+        if (!wasMapped) {
+            ++m_counts.moduleLoads;
+        }
+        if (SUCCEEDED(hr)) {
+            ++m_counts.initializations;
+        }
+    }
+    if (FAILED(hr)) {
+        init->Release();  // a provider that did not initialise is released without a call
+        return hr;
+    }
+    *object_out = init;  // IWbemProviderInit derives from IUnknown
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::EnsureInstanceRole() {
+    if (m_provider != nullptr) {
+        return WBEM_S_NO_ERROR;
+    }
+    bool separate;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        separate = m_separateRoles;
+    }
+    IUnknown* object = nullptr;
+    if (!separate && m_eventProvider != nullptr) {
+        object = m_eventProvider;
+        object->AddRef();
+    } else {
+        const HRESULT hr = CreateRoleObject(&object);
+        if (FAILED(hr)) {
+            return hr;
+        }
+    }
+    IWbemServices* services = nullptr;
+    const HRESULT hr = object->QueryInterface(IID_IWbemServices, reinterpret_cast<void**>(&services));
+    object->Release();
+    if (FAILED(hr)) {
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_provider = services;
+    m_rolesShared = !separate && m_eventProvider != nullptr;
+    m_freePending = false;
+    m_lastActivity = GetTickCount();
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::EnsureEventRole(bool* activated_out) {
+    *activated_out = false;
+    if (m_eventProvider == nullptr) {
+        bool separate;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            separate = m_separateRoles;
+        }
+        IUnknown* object = nullptr;
+        if (!separate && m_provider != nullptr) {
+            m_provider->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&object));
+        } else {
+            const HRESULT hr = CreateRoleObject(&object);
+            if (FAILED(hr)) {
+                return hr;
+            }
+        }
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_eventProvider = object;
+        m_rolesShared = !separate && m_provider != nullptr;
+        m_freePending = false;
+        m_eventsProvided = false;
+        m_lastActivity = GetTickCount();
+    }
+    if (m_eventsProvided) {
+        return WBEM_S_NO_ERROR;
+    }
+    // ProvideEvents once per object, then every live query: those registered before an unload as well.
+    auto* sink = new ProviderEventSink();
+    std::vector<std::pair<ULONG, std::wstring>> queries;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ReleaseAndClear(m_eventSink);
+        m_eventSink = sink;
+        m_eventsProvided = true;
+        for (const auto& subscription : m_subscriptions) {
+            queries.emplace_back(subscription.id, subscription.text);
+        }
+    }
+    IWbemEventProvider* events = nullptr;
+    if (SUCCEEDED(m_eventProvider->QueryInterface(IID_IWbemEventProvider, reinterpret_cast<void**>(&events)))) {
+        events->ProvideEvents(sink, 0);
+        events->Release();
+    }
+    IWbemEventProviderQuerySink* querySink = nullptr;
+    if (SUCCEEDED(
+            m_eventProvider->QueryInterface(IID_IWbemEventProviderQuerySink, reinterpret_cast<void**>(&querySink)))) {
+        for (auto& query : queries) {
+            querySink->NewQuery(query.first, const_cast<LPWSTR>(L"WQL"), &query.second[0]);
+        }
+        querySink->Release();
+    }
+    *activated_out = true;
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
+    Query query;
+    if (sink == nullptr || !ParseQuery(text, query)) {
+        return WBEM_E_INVALID_QUERY;
+    }
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        LoadLocked();
+        const auto definition = FindClass(query.className);
+        if (!definition) {
+            return WBEM_E_INVALID_CLASS;
+        }
+        bool isEvent = false;
+        for (const auto& ancestor : definition->ancestors) {
+            isEvent = isEvent || ancestor == L"__Event";
+        }
+        if (!isEvent) {
+            return WBEM_E_NOT_EVENT_CLASS;
+        }
+    }
+    std::lock_guard<std::mutex> roles(m_roleLock);
+    ULONG id;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        const HRESULT hr = LoadLocked();
+        if (FAILED(hr)) {
+            return hr;
+        }
+        id = m_nextQueryId++;
+        sink->AddRef();
+        m_subscriptions.push_back({id, text, query, sink});
+    }
+    bool activated = false;
+    const HRESULT hr = EnsureEventRole(&activated);
+    if (FAILED(hr)) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_subscriptions.pop_back();
+        sink->Release();
+        return hr;
+    }
+    if (!activated) {  // an activation registered every live query already
+        IWbemEventProviderQuerySink* querySink = nullptr;
+        if (SUCCEEDED(m_eventProvider->QueryInterface(IID_IWbemEventProviderQuerySink,
+                                                      reinterpret_cast<void**>(&querySink)))) {
+            querySink->NewQuery(id, const_cast<LPWSTR>(L"WQL"), const_cast<LPWSTR>(text));
+            querySink->Release();
+        }
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_lastActivity = GetTickCount();
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::Unsubscribe(IWbemObjectSink* sink) {
+    std::vector<Subscription> cancelled;
+    {
+        std::lock_guard<std::mutex> roles(m_roleLock);
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
+                if (it->sink == sink) {
+                    cancelled.push_back(*it);
+                    it = m_subscriptions.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            m_lastActivity = GetTickCount();
+        }
+        if (cancelled.empty()) {
+            return WBEM_E_NOT_FOUND;
+        }
+        IWbemEventProviderQuerySink* querySink = nullptr;
+        if (m_eventProvider != nullptr && m_eventsProvided &&
+            SUCCEEDED(m_eventProvider->QueryInterface(IID_IWbemEventProviderQuerySink,
+                                                      reinterpret_cast<void**>(&querySink)))) {
+            for (const auto& subscription : cancelled) {
+                querySink->CancelQuery(subscription.id);
+            }
+            querySink->Release();
+        }
+    }
+    for (auto& subscription : cancelled) {
+        subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);
+        subscription.sink->Release();
+    }
+    m_serviceWake.notify_all();
+    return WBEM_S_NO_ERROR;
+}
+
+HRESULT Namespace::UnloadProvider(bool* module_freed_out) {
+    return UnloadProviderIf(false, module_freed_out);
+}
+
+HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
+    *module_freed_out = false;
+    IWbemServices* instanceRole = nullptr;
+    IUnknown* eventRole = nullptr;
+    IWbemObjectSink* eventSink = nullptr;
+    std::wstring module;
+    {
+        std::lock_guard<std::mutex> roles(m_roleLock);
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_provider == nullptr && m_eventProvider == nullptr) {
+            return S_FALSE;
+        }
+        if (m_callsInFlight > 0) {
+            return HRESULT_FROM_WIN32(ERROR_BUSY);
+        }
+        if (idle_only && (!m_subscriptions.empty() || m_clearAfter == 0 ||
+                          GetTickCount() - m_lastActivity < m_clearAfter)) {
+            return HRESULT_FROM_WIN32(ERROR_BUSY);
+        }
+        std::swap(instanceRole, m_provider);
+        std::swap(eventRole, m_eventProvider);
+        std::swap(eventSink, m_eventSink);
+        m_eventsProvided = false;
+        module = m_modulePath;
+        ++m_counts.unloads;
+    }
+    // Released outside the locks: the provider's Release may call back into the namespace. The provider
+    // releases the sink it was given in ProvideEvents and the namespace it was given in Initialize.
+    ReleaseAndClear(instanceRole);
+    ReleaseAndClear(eventRole);
+    ReleaseAndClear(eventSink);
+    // COM asks every DLL of the apartment that it loaded whether it can be unloaded, and frees those that
+    // answer S_OK, without delay.
+    RunInMultithreadedApartment([] { CoFreeUnusedLibrariesEx(0, 0); });
+    *module_freed_out = !module.empty() && !ModuleMapped(module);
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_freePending = !*module_freed_out && !module.empty() && m_provider == nullptr && m_eventProvider == nullptr;
+    return S_OK;
+}
+
+void Namespace::StartServiceThread() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_serviceThreadStarted) {
+        return;
+    }
+    m_serviceThreadStarted = true;
+    if (!m_settingsRead) {
+        m_settingsRead = true;
+        m_clearAfter = EnvironmentNumber(L"DORWEX_WMI_CLEAR_AFTER_MS", 0);
+        m_separateRoles = EnvironmentNumber(L"DORWEX_WMI_SEPARATE_ROLES", 0) != 0;
+    }
+    // The thread belongs to the multithreaded apartment for the life of the process, so the apartment the
+    // provider is loaded in outlives the short-lived threads that load and free it. Its code stays mapped
+    // as long as it runs.
+    HMODULE self = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<LPCWSTR>(&EnvironmentNumber), &self);
+    HANDLE joined = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::thread([this, joined] {
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        SetEvent(joined);
+        ServiceThread();
+    }).detach();
+    WaitForSingleObject(joined, INFINITE);
+    CloseHandle(joined);
+}
+
+// Unloads the provider once it has been idle for the ClearAfter interval. The interval is checked at least
+// every half interval, so an unload comes between one and one and a half intervals after the last call.
+// A DLL that refused to go when it was unloaded is asked again every second, as WMI's host keeps asking.
+void Namespace::ServiceThread() {
+    std::unique_lock<std::mutex> guard(m_lock);
+    for (;;) {
+        if (m_freePending) {
+            const std::wstring module = m_modulePath;
+            guard.unlock();
+            CoFreeUnusedLibrariesEx(0, 0);
+            guard.lock();
+            if (!ModuleMapped(module) || m_provider != nullptr || m_eventProvider != nullptr) {
+                m_freePending = false;
+            }
+        }
+        const DWORD clearAfter = m_clearAfter;
+        const bool loaded = m_provider != nullptr || m_eventProvider != nullptr;
+        if (clearAfter == 0 || !loaded || !m_subscriptions.empty() || m_callsInFlight > 0) {
+            m_serviceWake.wait_for(guard,
+                                   std::chrono::milliseconds(clearAfter == 0 || m_freePending ? 1000 : clearAfter / 2 + 1));
+            continue;
+        }
+        const DWORD idle = GetTickCount() - m_lastActivity;
+        if (idle < clearAfter) {
+            m_serviceWake.wait_for(guard, std::chrono::milliseconds(clearAfter - idle));
+            continue;
+        }
+        guard.unlock();
+        bool freed = false;
+        UnloadProviderIf(true, &freed);
+        guard.lock();
+    }
+}
+
+}  // namespace dorwex::emulator::wmi
