@@ -5,6 +5,7 @@
 #include <wbemcli.h>
 #include <wbemprov.h>
 
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -243,7 +244,27 @@ TEST(ProviderObject, EventQueriesAndEventsWithoutConsumers) {
         // A put without an instance does nothing; a put from a client without context is refused.
         EXPECT_EQ(services->PutInstance(nullptr, 0, nullptr, nullptr), S_OK);
         EXPECT_EQ(services->DeleteInstance(nullptr, 0, nullptr, nullptr), E_FAIL);
-        EXPECT_EQ(services->OpenNamespace(nullptr, 0, nullptr, nullptr, nullptr), WBEM_E_NOT_SUPPORTED);
+        // What the provider does not serve is WBEM_E_NOT_SUPPORTED, whatever it is given.
+        const HRESULT notServed[] = {
+            services->OpenNamespace(nullptr, 0, nullptr, nullptr, nullptr),
+            services->CancelAsyncCall(nullptr),
+            services->QueryObjectSink(0, nullptr),
+            services->GetObject(nullptr, 0, nullptr, nullptr, nullptr),
+            services->PutClass(nullptr, 0, nullptr, nullptr),
+            services->PutClassAsync(nullptr, 0, nullptr, nullptr),
+            services->DeleteClass(nullptr, 0, nullptr, nullptr),
+            services->DeleteClassAsync(nullptr, 0, nullptr, nullptr),
+            services->CreateClassEnum(nullptr, 0, nullptr, nullptr),
+            services->CreateClassEnumAsync(nullptr, 0, nullptr, nullptr),
+            services->CreateInstanceEnum(nullptr, 0, nullptr, nullptr),
+            services->ExecQuery(nullptr, nullptr, 0, nullptr, nullptr),
+            services->ExecNotificationQuery(nullptr, nullptr, 0, nullptr, nullptr),
+            services->ExecNotificationQueryAsync(nullptr, nullptr, 0, nullptr, nullptr),
+            services->ExecMethod(nullptr, nullptr, 0, nullptr, nullptr, nullptr, nullptr),
+        };
+        for (size_t index = 0; index < std::size(notServed); ++index) {
+            EXPECT_EQ(notServed[index], WBEM_E_NOT_SUPPORTED) << "operation " << index;
+        }
         services->Release();
     }
     EXPECT_EQ(queries->Release(), 0u);
