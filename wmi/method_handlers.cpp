@@ -314,6 +314,7 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     TraceEnter(kInner);
     const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[0], Text());
     if (!l_pDevice) {
+        SetOneOrZero(call_io, 0);
         return S_OK;
     }
     const _bstr_t l_bstr_tDeviceId = l_pDevice->Identity()->m_bstr_tDeviceId;

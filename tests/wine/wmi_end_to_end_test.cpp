@@ -729,8 +729,11 @@ TEST(WmiContent, BadInputNeverCrashes) {
             EXPECT_TRUE(listing || outcome.returnValue == L"0") << outcome.returnValue.substr(0, 60);
         }
     }
-    EXPECT_EQ(CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}}).description,
-              L"Device not found");
+    // A device that is not there: the reason, and "0" as for any eject that did not happen.
+    const Outcome ejectMissing = CallMethodAsync(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}});
+    EXPECT_EQ(ejectMissing.status, E_FAIL);
+    EXPECT_EQ(ejectMissing.description, L"Device not found");
+    EXPECT_EQ(ejectMissing.returnValue, L"0");
     // The prefix's own Plug and Play tree has no node for an emulated device: nothing to eject, "0".
     const Outcome eject = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(kDevice)}});
     EXPECT_EQ(eject.status, S_OK);
