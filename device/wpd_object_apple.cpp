@@ -6,6 +6,7 @@
 
 #include "../wmi/trace.h"
 #include "../wmi/trace_helpers.h"
+#include "com_error.h"
 #include "com_memory.h"
 
 namespace {
@@ -179,10 +180,15 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice2(const wchar_t* pwcharObjectStorage
         return E_FAIL;
     }
     _variant_t l_variant_tResult;
-    return Outcome(L"CopyFileFromDevice2",
-                   l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
-                                                _bstr_t(pwcharLocalFileName_in), &l_variant_tResult),
-                   l_variant_tResult);
+    ClearThreadErrorInfo();
+    const HRESULT l_HRESULT = l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
+                                                           _bstr_t(pwcharLocalFileName_in), &l_variant_tResult);
+    if (FAILED(l_HRESULT)) {
+        // The companion's failure goes to the caller with what the companion said about it.
+        TraceComError(L"CopyFileFromDevice2", l_HRESULT);
+        RaiseComError(l_HRESULT, TakeThreadErrorInfo());
+    }
+    return Outcome(L"CopyFileFromDevice2", l_HRESULT, l_variant_tResult);
 }
 
 int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in) {
@@ -216,7 +222,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice2(const wchar_t* pwcharParentPath_
 // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
 int CDorWEXWPDObject::MoveFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in,
                                           const wchar_t* pwcharLocalFileName_in) {
-    if (FAILED(CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in))) {
+    if (!CopiedFromDevice([&] { return CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in); })) {
         return 0;
     }
     DeleteFileFromDevice2(pwcharObjectStoragePath_in);
