@@ -395,8 +395,9 @@ HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* p
                   l_HRESULT);
             return l_HRESULT;
         }
+        // What every read gave is written, the final nothing too, and the last write's result is the answer.
         ULONG l_ulongWritten = 0;
-        l_HRESULT = l_ulongRead == 0 ? S_OK : pIStreamDestination_in->Write(l_pBuffer.get(), l_ulongRead, &l_ulongWritten);
+        l_HRESULT = pIStreamDestination_in->Write(l_pBuffer.get(), l_ulongRead, &l_ulongWritten);
         if (FAILED(l_HRESULT)) {
             Trace(L"! Failed to write %d bytes of object data to the destination stream, l_HRESULT = 0x%lx\n",
                   l_ulongRead, l_HRESULT);

@@ -4,7 +4,9 @@
 
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -378,6 +380,98 @@ TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
     EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\copy.bin"), large);
     session->Close();
     device.Terminate();
+}
+
+// A source that hands out the given read sizes in turn, and a destination that records the size of each
+// write and answers each with the next of the given results (S_OK once they run out).
+class ScriptedStream : public IStream {
+public:
+    ScriptedStream(std::vector<ULONG> reads, std::vector<HRESULT> writeResults)
+        : m_reads(std::move(reads)), m_writeResults(std::move(writeResults)) {}
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_ISequentialStream || riid == IID_IStream) {
+            *ppv = static_cast<IStream*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++m_refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --m_refs; }
+    HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        const ULONG size = m_nextRead < m_reads.size() ? std::min(cb, m_reads[m_nextRead++]) : 0;
+        std::memset(pv, 'r', size);
+        *pcbRead = size;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Write(const void*, ULONG cb, ULONG* pcbWritten) override {
+        writes.push_back(cb);
+        const HRESULT result = writes.size() <= m_writeResults.size() ? m_writeResults[writes.size() - 1] : S_OK;
+        if (pcbWritten != nullptr) {
+            *pcbWritten = SUCCEEDED(result) ? cb : 0;
+        }
+        return result;
+    }
+    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Commit(DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Revert() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
+
+    std::vector<ULONG> writes;
+
+private:
+    ULONG m_refs = 1;
+    std::vector<ULONG> m_reads;
+    size_t m_nextRead = 0;
+    std::vector<HRESULT> m_writeResults;
+};
+
+// The copy loop writes what every read gave, the final read of nothing included, and answers with the
+// result of its last write.
+TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
+    const struct {
+        const char* name;
+        std::vector<ULONG> reads;
+        std::vector<HRESULT> writeResults;
+        HRESULT result;
+        std::vector<ULONG> writes;
+        ULONGLONG total;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"two chunks", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}},
+        {"empty source", {}, {}, S_OK, {0}, 0, {}},
+        {"last write's own success code", {4}, {S_OK, S_FALSE}, S_FALSE, {4, 0}, 4,
+         {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}},
+        {"last write fails", {4}, {S_OK, E_ACCESSDENIED}, E_ACCESSDENIED, {4, 0}, 0,
+         {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n",
+          L"! Failed to write 0 bytes of object data to the destination stream, l_HRESULT = 0x80070005\n"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedStream source(c.reads, {});
+        ScriptedStream destination({}, c.writeResults);
+        TraceCapture trace(1);
+        ULONGLONG total = 0;
+        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total), c.result);
+        EXPECT_EQ(destination.writes, c.writes);
+        if (SUCCEEDED(c.result)) {
+            EXPECT_EQ(total, c.total);
+        }
+        EXPECT_EQ(trace.Lines().size(), c.lines.size());
+        for (size_t i = 0; i < c.lines.size(); ++i) {
+            EXPECT_EQ(trace.IndexOf(c.lines[i]), static_cast<long>(i)) << std::string(c.lines[i].begin(), c.lines[i].end());
+        }
+    }
 }
 
 TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
