@@ -124,7 +124,8 @@ _bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStor
     }
     const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
     const auto l_pIdentity = Identity();
-    const _bstr_t& l_bstr_tRoot = SameName(l_pIdentity->m_bstr_tDisk2Name, l_Path.storage.c_str())
+    // An empty first component equals an empty second storage name: such a path names no known storage.
+    const _bstr_t& l_bstr_tRoot = SameName(BstrText(l_pIdentity->m_bstr_tDisk2Name), l_Path.storage.c_str())
                                       ? l_pIdentity->m_bstr_tDisk2ObjectId
                                       : l_pIdentity->m_bstr_tDisk1ObjectId;
     return l_bstr_tRoot.length() == 0 ? _bstr_t() : l_bstr_tRoot;

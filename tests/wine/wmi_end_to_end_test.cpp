@@ -724,7 +724,7 @@ TEST(WmiContent, BadInputNeverCrashes) {
                                                   {L"strLocalFileName", _variant_t(path.c_str())},
                                                   {L"strNewFolderName", _variant_t(path.c_str())}});
             EXPECT_EQ(outcome.status, S_OK);
-            // A path whose storage name is unknown or empty reads in the first storage: listings may show it.
+            // A path whose storage name is unknown reads in the first storage: listings may show it.
             const bool listing = wcscmp(method, L"EnumerateDevicePath") == 0 || wcscmp(method, L"GetProperty") == 0;
             EXPECT_TRUE(listing || outcome.returnValue == L"0") << outcome.returnValue.substr(0, 60);
         }

@@ -247,6 +247,38 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     other.Terminate();
 }
 
+// A path whose first component is empty names the storage whose name equals the empty text: the second
+// one of a device that has no second storage (whose root is unknown, so the path names nothing), the first
+// one of a device with two.
+TEST_F(DeviceObject, PathWithAnEmptyStorageNameNamesTheStorageWithAnEmptyName) {
+    EmulatedDeviceSpec single = PhoneSpec("usb#single", "SAMSUNG", "SGL1");
+    emulator.Attach(single);
+    CreateDirectoryW((emulator.StorageDirectory(single, 0) + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(emulator.StorageDirectory(single, 0) + L"\\DCIM\\a.jpg", "jpeg");
+    EmulatedDeviceSpec both = PhoneSpec("usb#both", "SAMSUNG", "BTH1", 2);
+    emulator.Attach(both);
+    CreateDirectoryW((emulator.StorageDirectory(both, 0) + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(emulator.StorageDirectory(both, 0) + L"\\DCIM\\a.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\up.txt";
+    emulator.WriteFile(local, "up");
+
+    CDorWEXWPDObject one(nullptr);
+    ASSERT_EQ(one.InitializeWPD(L"usb#single"), S_OK);
+    ASSERT_EQ(Text(one.Identity()->m_bstr_tDisk2Name), L"");
+    EXPECT_EQ(Text(one.GetStorageRootObjectId(L"\\DCIM\\a.jpg")), L"");
+    EXPECT_EQ(Text(one.GetStorageRootObjectId(L"Phone\\DCIM\\a.jpg")), L"s10001");
+    EXPECT_EQ(Text(one.GetStorageObjectProperty(L"\\DCIM\\a.jpg", L"ObjectId")), L"");
+    EXPECT_EQ(Text(one.CopyFileToDevice(L"\\DCIM", local.c_str(), nullptr, 1)),
+              L"Could not obtain portable device object id, reason=2");
+    one.Terminate();
+
+    CDorWEXWPDObject two(nullptr);
+    ASSERT_EQ(two.InitializeWPD(L"usb#both"), S_OK);
+    EXPECT_EQ(Text(two.GetStorageRootObjectId(L"\\DCIM\\a.jpg")), L"s10001");
+    EXPECT_FALSE(Text(two.GetStorageObjectProperty(L"\\DCIM\\a.jpg", L"ObjectId")).empty());
+    two.Terminate();
+}
+
 // A BlackBerry's second storage is learnt from its pipe while WMI threads read the device: every reader sees
 // the storage's four texts all from before or all from after a change, and nothing is freed under it.
 // A driver that sends only what every driver must (event id, device id, the object's persistent unique id):
