@@ -91,14 +91,16 @@ HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
         return l_HRESULT;
     }
     const _bstr_t l_bstr_tSerialNumber = AppleSerialNumber();
+    // The serial number is also the device's object id: the companion names the device by it.
     const struct {
         const wchar_t* pwcharName;
         _bstr_t DeviceIdentity::*pMember;
+        _bstr_t DeviceIdentity::*pAlsoMember;
     } l_Values[] = {
-        {L"SerialNumber", &DeviceIdentity::m_bstr_tSerialNumber},
-        {L"BluetoothAddress", &DeviceIdentity::m_bstr_tBluetoothAddress},
-        {L"EthernetAddress", &DeviceIdentity::m_bstr_tEthernetAddress},
-        {L"WiFiAddress", &DeviceIdentity::m_bstr_tWiFiAddress},
+        {L"SerialNumber", &DeviceIdentity::m_bstr_tSerialNumber, &DeviceIdentity::m_bstr_tDeviceObjectId},
+        {L"BluetoothAddress", &DeviceIdentity::m_bstr_tBluetoothAddress, nullptr},
+        {L"EthernetAddress", &DeviceIdentity::m_bstr_tEthernetAddress, nullptr},
+        {L"WiFiAddress", &DeviceIdentity::m_bstr_tWiFiAddress, nullptr},
     };
     for (const auto& l_Value : l_Values) {
         _variant_t l_variant_tValue;
@@ -110,7 +112,12 @@ HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
         }
         if (l_variant_tValue.vt == VT_BSTR && SysStringLen(l_variant_tValue.bstrVal) != 0) {
             const _bstr_t l_bstr_tValue(l_variant_tValue.bstrVal);
-            UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.*l_Value.pMember = l_bstr_tValue; });
+            UpdateIdentity([&](DeviceIdentity& identity_io) {
+                identity_io.*l_Value.pMember = l_bstr_tValue;
+                if (l_Value.pAlsoMember != nullptr) {
+                    identity_io.*l_Value.pAlsoMember = l_bstr_tValue;
+                }
+            });
         }
     }
     UpdateIdentity([](DeviceIdentity& identity_io) {
