@@ -353,6 +353,31 @@ TEST_F(BlackBerryPipe, TheTryLimitSkipsExactlyOnceAtTen) {
               1u);
 }
 
+// The last BlackBerry leaves: its session ends first, then its share leaves monitoring, then monitoring
+// stops, and the device object goes before the entry's line.
+TEST_F(BlackBerryPipe, RemovalTerminatesThenLeavesMonitoringThenStopsThenDestroys) {
+    device.reset();
+    trace.Clear();
+    EXPECT_EQ(core.GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#bb"), 0);
+    const std::vector<std::wstring> order = {
+        L"CDorWEXWPDCollection::RemoveWPD",
+        L"CDorWEXWPDObject::Terminate",
+        L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring entered...\n",
+        L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring removed \\\\10.0.0.1\\media\n",
+        L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring...",
+        L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring",
+        L"CDorWEXWPDObject::~CDorWEXWPDObject",
+        L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.erase.\n",
+    };
+    long previous = -1;
+    for (const auto& line : order) {
+        const long at = trace.IndexOf(line);
+        EXPECT_GT(at, previous) << std::string(line.begin(), line.end());
+        previous = at;
+    }
+    EXPECT_FALSE(core.HasBlackBerryMonitoring());
+}
+
 // A copy off the device that the share refuses raises a COM error with the share's error object: what
 // failed and the system's reason. One whose wait for the share runs out is a plain failure.
 TEST_F(BlackBerryPipe, ShareCopyFailureIsRaisedWithItsErrorObject) {

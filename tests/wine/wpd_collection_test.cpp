@@ -219,6 +219,31 @@ TEST_F(Collection, ArrivalBetweenTheLastRemovalAndItsStopKeepsAppleMonitoring) {
     EXPECT_EQ(core->GetAppleEventsProcessor(), nullptr);
 }
 
+// The same device plugged in again while its removal waits for the Apple stop: its entry has already left
+// the map, so it is added again, not refused as present and then lost with the old entry.
+TEST_F(Collection, DeviceBackWhileItsRemovalStopsTheCompanionIsKept) {
+    emulator.Attach(PhoneSpec("usb#replugged", "Apple Inc.", "R1"));
+    ASSERT_EQ(devices.AddWPD(L"usb#replugged"), S_OK);
+    TraceCapture trace(1);
+    {
+        TraceGate gate(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
+        std::thread removal([&] {
+            CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            devices.RemoveWPD(L"usb#replugged");
+            CoUninitialize();
+        });
+        ASSERT_TRUE(gate.WaitHeld());
+        EXPECT_FALSE(devices.FindWPDObjectById(L"usb#replugged")) << "a device being removed is not found";
+        EXPECT_EQ(devices.AddWPD(L"usb#replugged"), S_OK);
+        gate.Release();
+        removal.join();
+    }
+    EXPECT_TRUE(devices.FindWPDObjectById(L"usb#replugged"));
+    EXPECT_EQ(devices.GetAppleCount(), 1);
+    EXPECT_TRUE(core->HasAppleMonitoring());
+    devices.RemoveWPD(L"usb#replugged");
+}
+
 TEST_F(Collection, RemovedDeviceStaysValidForItsHolder) {
     emulator.Attach(PhoneSpec("usb#held", "SAMSUNG", "H1"));
     ASSERT_EQ(devices.AddWPD(L"usb#held"), S_OK);
