@@ -996,7 +996,8 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
     EXPECT_EQ(Upper(Text(event, L"strObjectDeviceId")), Upper(Wide(id)));
     EXPECT_EQ(Text(event, L"strTargetPath"), L"/private/var/mobile/Media/DCIM") << "the device's own path";
     EXPECT_EQ(Text(event, L"strDeviceName"), L"Apple iPhone");
-    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(self));
+    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(GetCurrentProcessId())) << "the process that raised it";
+    EXPECT_EQ(Text(event, L"strObjectDevicePersistentUniqueId"), std::to_wstring(self)) << "the writer";
     EXPECT_NE(Text(event, L"strEventText").find(L" Event: WPD_EVENT_OBJECT_ADDED"), std::wstring::npos);
     CloseHandle(pipe);
 
