@@ -159,6 +159,13 @@ TEST_F(DeviceObject, EmptyMakerLeavesTheClassUnknown) {
     EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer call toGetDeviceManufacturer failed, HRESULT=00000000, "
                           L"l_DWORDManufacturer=0\n"));
+    // The unknown class goes through the BlackBerry identity step: its texts replace what WPD reported,
+    // the serial number WPD reported stays (the device has no IMEI to replace it).
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"\\\\\\media");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"N1");
     device.Terminate();
 }
 
@@ -218,6 +225,9 @@ TEST_F(DeviceObject, FailingCategoryAndStorageReadsAreTraced) {
     second.Terminate();
 }
 
+// A device whose class is still unknown goes through the BlackBerry identity step: with the BlackBerry
+// record it becomes one; without, it still gets the step's fixed texts and its share storage (with no
+// address in it), keeps its class, and is taken on.
 TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EmulatedDeviceSpec blackberry = PhoneSpec("usb#rim", "Research In Motion", "BB1");
     blackberry.faultLines = {"Open = 0x80070005"};
@@ -241,9 +251,23 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStorage);
     device.Terminate();
 
+    TraceCapture trace(1);
     CDorWEXWPDObject other(nullptr);
-    EXPECT_EQ(other.InitializeWPD(L"usb#locked"), static_cast<HRESULT>(0x80070005));
+    EXPECT_EQ(other.InitializeWPD(L"usb#locked"), S_OK);
     EXPECT_EQ(other.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_TRUE(other.Identity()->m_bFunctionalCategoryStorage);
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tSerialNumber), L"");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1Name), L"\\\\\\media");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1ObjectId), L"s1001");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1Description), L"Flash Memory");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tWPDSerialNumber), L"");
+    ASSERT_NE(other.CompanionRecord(), nullptr) << "the record is built, empty";
+    EXPECT_TRUE(other.CompanionRecord()->Empty());
+    EXPECT_FALSE(other.m_pCDorWEXBlackBerry) << "no share access for a device that is no BlackBerry";
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, 0\n"));
     other.Terminate();
 }
 
