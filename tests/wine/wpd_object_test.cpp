@@ -271,6 +271,21 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     other.Terminate();
 }
 
+// A delete the device answers with S_FALSE deleted nothing (the device keeps a storage): a failure, not
+// a success.
+TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
+    emulator.Attach(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"));
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#keeper"), S_OK);
+    TraceCapture trace(1);
+    EXPECT_EQ(device.DeleteWPDObject(L"s10001", L"usb#keeper"), E_FAIL);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete failed, "
+                          L"HRESULT=0x00000001.\n"));
+    EXPECT_NE(GetFileAttributesW(emulator.StorageDirectory(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"), 0).c_str()),
+              INVALID_FILE_ATTRIBUTES);
+    device.Terminate();
+}
+
 // A path whose first component is empty names the storage whose name equals the empty text: the second
 // one of a device that has no second storage (whose root is unknown, so the path names nothing), the first
 // one of a device with two.
