@@ -8,7 +8,6 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -29,9 +28,5 @@ enum class AppleReportStatus {
 };
 
 AppleReportStatus ParseAppleWriteReport(std::wstring_view message, AppleWriteReport& report);
-
-// The C runtime's atol on a decimal text: leading blanks, an optional sign, digits up to the first
-// non-digit; 0 when there are none; clamped to the 32-bit range.
-std::int32_t DecimalTextToLong(std::wstring_view text);
 
 }  // namespace dorwex

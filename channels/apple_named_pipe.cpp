@@ -26,8 +26,8 @@ int CDorWEXWMIAppleNamedPipe::ProcessData1(const PipeInstance& instance_in) {
         break;
     }
     using Field = dorwex::AppleWriteReport;
-    dorwex::DecimalTextToLong(l_Report.values[Field::STR_PID]);  // read, as the protocol has it, and not used
-    const DWORD l_dwordClientPid = static_cast<DWORD>(dorwex::DecimalTextToLong(l_Report.values[Field::CLIENT_PID]));
+    ProcessIdFromText(l_Report.values[Field::STR_PID]);  // read, as the protocol has it, and not used
+    const DWORD l_dwordClientPid = static_cast<DWORD>(ProcessIdFromText(l_Report.values[Field::CLIENT_PID]));
     const auto l_Text = [&](Field::Field field_in) -> const wchar_t* {
         return l_Report.values[field_in].empty() ? nullptr : l_Report.values[field_in].c_str();
     };

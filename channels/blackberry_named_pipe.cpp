@@ -55,7 +55,7 @@ int CDorWEXWMIBlackBerryNamedPipe::ProcessData(PipeInstance instance_in) {
 // A file written to the device through the companion: its write event, with no local file name.
 int CDorWEXWMIBlackBerryNamedPipe::ProcessFileWrite(const std::wstring& wstringMessage_in) {
     const auto l_Tokens = dorwex::BlackBerryTokens(wstringMessage_in);
-    const DWORD l_dwordProcessId = static_cast<DWORD>(dorwex::DecimalTextToLong(l_Tokens[0]));
+    const DWORD l_dwordProcessId = static_cast<DWORD>(ProcessIdFromText(l_Tokens[0]));
     SimulateWPDWriteEvent(l_Tokens[4].empty() ? nullptr : l_Tokens[4].c_str(),
                           l_Tokens[2].empty() ? nullptr : l_Tokens[2].c_str(), nullptr, l_dwordProcessId);
     return 0;

@@ -12,26 +12,28 @@
 
 namespace {
 
-// Leaves an error-info object naming the failing operation on the calling thread, for the WMI method
-// that called it.
-void SetOperationErrorInfo(const wchar_t* pwcharSource_in) {
+std::wstring SystemText(DWORD dwordError_in) {
+    std::wstring l_wstringText;
+    GetSystemErrorText(static_cast<HRESULT>(dwordError_in), l_wstringText);
+    return l_wstringText;
+}
+
+// Leaves an error-info object naming the failing operation and describing the failure on the calling
+// thread, for the WMI method that called it.
+void SetOperationErrorInfo(const wchar_t* pwcharSource_in, DWORD dwordError_in) {
     ICreateErrorInfo* l_pCreateErrorInfo = nullptr;
     if (FAILED(CreateErrorInfo(&l_pCreateErrorInfo))) {
         return;
     }
     l_pCreateErrorInfo->SetSource(const_cast<LPOLESTR>(pwcharSource_in));
+    std::wstring l_wstringDescription = SystemText(dwordError_in);
+    l_pCreateErrorInfo->SetDescription(&l_wstringDescription[0]);
     IErrorInfo* l_pErrorInfo = nullptr;
     if (SUCCEEDED(l_pCreateErrorInfo->QueryInterface(IID_IErrorInfo, reinterpret_cast<void**>(&l_pErrorInfo)))) {
         SetErrorInfo(0, l_pErrorInfo);
         l_pErrorInfo->Release();
     }
     l_pCreateErrorInfo->Release();
-}
-
-std::wstring SystemText(DWORD dwordError_in) {
-    std::wstring l_wstringText;
-    GetSystemErrorText(static_cast<HRESULT>(dwordError_in), l_wstringText);
-    return l_wstringText;
 }
 
 // The traced text of a network result; an extended error asks the network for its own.
@@ -112,7 +114,7 @@ bool CDorWEXBlackBerry::CopyFileFromDevice(const wchar_t* pwcharSourceOnDevice_i
     const std::wstring l_wstringSource = dorwex::LongSharePath(pwcharSourceOnDevice_in);
     if (!CopyFileW(l_wstringSource.c_str(), pwcharLocalTarget_in, FALSE)) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileFromDevice");
+        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileFromDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::CopyFileFromDevice, %s failed %x:\n", L"CopyFile", l_dwordError);
         Trace(L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<%s>, target:<%s>.\n", l_wstringSource.c_str(),
               pwcharLocalTarget_in);
@@ -138,7 +140,7 @@ bool CDorWEXBlackBerry::CopyFileToDevice(const wchar_t* pwcharTargetOnDevice_in,
     }
     if (!CopyFileW(pwcharLocalSource_in, l_wstringTarget.c_str(), FALSE)) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileToDevice");
+        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileToDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::CopyFileToDevice, %s failed %x: %s: source:<%s>, target:<%s>.\n", L"CopyFile",
               l_dwordError, SystemText(l_dwordError).c_str(), pwcharLocalSource_in, l_wstringTarget.c_str());
         return false;
@@ -154,7 +156,7 @@ bool CDorWEXBlackBerry::CreateFolderOnDevice(const wchar_t* pwcharPath_in) {
     // The path exactly as given: this operation alone does not use the long form.
     if (!CreateDirectoryW(pwcharPath_in, nullptr)) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CreateFolderOnDevice");
+        SetOperationErrorInfo(L"CDorWEXBlackBerry::CreateFolderOnDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed %x: %s.\n", l_dwordError,
               SystemText(l_dwordError).c_str());
         return false;
@@ -172,7 +174,7 @@ bool CDorWEXBlackBerry::DeleteFileFromDevice(const wchar_t* pwcharPath_in) {
     const BOOL l_BOOL = l_boolDirectory ? RemoveDirectoryW(l_wstringPath.c_str()) : DeleteFileW(l_wstringPath.c_str());
     if (!l_BOOL) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::DeleteFileFromDevice");
+        SetOperationErrorInfo(L"CDorWEXBlackBerry::DeleteFileFromDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete %s failed %x: %s.\n",
               l_boolDirectory ? L"directory" : L"file", l_dwordError, SystemText(l_dwordError).c_str());
         return false;

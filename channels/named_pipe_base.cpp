@@ -1,5 +1,6 @@
 #include "named_pipe_base.h"
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -325,6 +326,20 @@ void CDorWEXWMIWPDNamedPipeBase::ClosePipe() {
         }
     }
     Trace(L"CDorWEXWMIWPDNamedPipeBase::ClosePipe: exit.");
+}
+
+LONG CDorWEXWMIWPDNamedPipeBase::ProcessIdFromText(const std::wstring& wstringText_in) {
+    const int l_intBytes =
+        WideCharToMultiByte(CP_THREAD_ACP, 0, wstringText_in.c_str(), -1, nullptr, 0, nullptr, nullptr);
+    if (l_intBytes <= 0) {
+        return 0;
+    }
+    std::string l_stringAnsi(static_cast<size_t>(l_intBytes), '\0');
+    if (WideCharToMultiByte(CP_THREAD_ACP, 0, wstringText_in.c_str(), -1, &l_stringAnsi[0], l_intBytes, nullptr,
+                            nullptr) <= 0) {
+        return 0;
+    }
+    return atol(l_stringAnsi.c_str());
 }
 
 void CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent(const wchar_t* pwcharDeviceKey_in, const wchar_t* pwcharPath_in,

@@ -6,6 +6,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 class CDorWEXWMIWPDCore;
 
 class CDorWEXWMIWPDNamedPipeBase {
@@ -44,6 +46,10 @@ public:
     int ProcessPipe();
     void DisconnectAndReconnect(DWORD dwordInstance_in);
     void ClosePipe();
+
+    // A process id as the companions send it: the text in the thread's ANSI code page, read by the C
+    // runtime's atol (0 when it is not a number; full-width digits, for one, become digits).
+    static LONG ProcessIdFromText(const std::wstring& wstringText_in);
 
     // Raises a write event for the device the collection finds by key and path, if any.
     void SimulateWPDWriteEvent(const wchar_t* pwcharDeviceKey_in, const wchar_t* pwcharPath_in,

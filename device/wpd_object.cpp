@@ -160,7 +160,7 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         l_HRESULT = S_OK;
         break;
     case Manufacturer::UNKNOWN:
-        l_HRESULT = ReadBlackBerryIdentity(l_HRESULT);
+        l_HRESULT = ReadBlackBerryIdentity();
         break;
     case Manufacturer::LOGICALDISK:
         Trace(L"CDorWEXWPDObject::InitializeWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
@@ -194,9 +194,11 @@ void CDorWEXWPDObject::FinalizeSerialNumbersToUse() {
     });
 }
 
-// A device that WPD could not open, or that named no maker, is taken for a BlackBerry when its device
-// properties carry the BlackBerry record (PIN, IMEI, the address of its storage share).
-HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
+// A device whose class is still unknown (WPD could not open it, or it named no maker) goes through the
+// BlackBerry identity step: its property record, a BlackBerry's fixed texts and the share storage the
+// record's address names. Only a device whose record holds something is a BlackBerry; only a failure of
+// the Plug and Play view ends the step early.
+HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity() {
     HRESULT l_HRESULT = m_Win32.ProcessDeviceNotification(Identity()->m_bstr_tDeviceId, 0);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
@@ -209,15 +211,16 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
             l_pRecord->Set(l_pwcharName, l_wstringValue);
         }
     }
-    if (l_pRecord->Empty()) {
-        return hresultRunning_in;  // not a BlackBerry either: the device stays what WPD made of it
-    }
+    const bool l_boolBlackBerry = !l_pRecord->Empty();
     m_pCompanionRecord = std::move(l_pRecord);
     const std::wstring* l_pPIN = m_pCompanionRecord->Find(L"BBPIN");
     const std::wstring* l_pIMEI = m_pCompanionRecord->Find(L"IMEI");
     const std::wstring* l_pDHCPServer = m_pCompanionRecord->Find(L"DHCPServer");
     UpdateIdentity([&](DeviceIdentity& identity_io) {
-        identity_io.m_eManufacturer = Manufacturer::BLACKBERRY;
+        if (l_boolBlackBerry) {
+            identity_io.m_eManufacturer = Manufacturer::BLACKBERRY;
+        }
+        // Without an IMEI the serial numbers stay what the device reported.
         if (l_pIMEI != nullptr) {
             identity_io.m_bstr_tSerialNumber = l_pIMEI->c_str();
             identity_io.m_bstr_tWPDSerialNumber = l_pIMEI->c_str();
@@ -226,16 +229,18 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity(HRESULT hresultRunning_in) {
         identity_io.m_bstr_tManufacturer = L"Research In Motion";
         identity_io.m_bstr_tDescription = L"BlackBerry Device";
         identity_io.m_bFunctionalCategoryStorage = true;
-        if (l_pDHCPServer != nullptr) {
-            identity_io.m_bstr_tDisk1Name = (L"\\\\" + *l_pDHCPServer + L"\\media").c_str();
-        }
+        identity_io.m_bstr_tDisk1Name = (L"\\\\" + (l_pDHCPServer != nullptr ? *l_pDHCPServer : std::wstring()) +
+                                         L"\\media")
+                                            .c_str();
         identity_io.m_bstr_tDisk1ObjectId = L"s1001";
         identity_io.m_bstr_tDisk1Description = L"Flash Memory";
     });
-    // The share access, connected when the companion sends the share's credentials.
-    m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
-    m_pCDorWEXBlackBerry->m_wstringShareName = BstrText(Identity()->m_bstr_tDisk1Name);
-    m_pCDorWEXBlackBerry->m_mapProperties = m_pCompanionRecord->Values();
+    if (l_boolBlackBerry) {
+        // The share access, connected when the companion sends the share's credentials.
+        m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
+        m_pCDorWEXBlackBerry->m_wstringShareName = BstrText(Identity()->m_bstr_tDisk1Name);
+        m_pCDorWEXBlackBerry->m_mapProperties = m_pCompanionRecord->Values();
+    }
     return S_OK;
 }
 

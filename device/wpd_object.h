@@ -149,6 +149,6 @@ private:
     HRESULT DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectId_in);
     // The target folder of a copy or a new folder: the path's folder, or the root of its storage.
     _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);
-    // hresultRunning_in is what InitializeWPD had so far; it stays the result when the device is no BlackBerry.
-    HRESULT ReadBlackBerryIdentity(HRESULT hresultRunning_in);
+    // The identity step of a device whose class is still unknown; S_OK unless the Plug and Play view fails.
+    HRESULT ReadBlackBerryIdentity();
 };

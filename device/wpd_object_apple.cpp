@@ -6,6 +6,7 @@
 
 #include "../wmi/trace.h"
 #include "../wmi/trace_helpers.h"
+#include "com_error.h"
 #include "com_memory.h"
 
 namespace {
@@ -90,14 +91,16 @@ HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
         return l_HRESULT;
     }
     const _bstr_t l_bstr_tSerialNumber = AppleSerialNumber();
+    // The serial number is also the device's object id: the companion names the device by it.
     const struct {
         const wchar_t* pwcharName;
         _bstr_t DeviceIdentity::*pMember;
+        _bstr_t DeviceIdentity::*pAlsoMember;
     } l_Values[] = {
-        {L"SerialNumber", &DeviceIdentity::m_bstr_tSerialNumber},
-        {L"BluetoothAddress", &DeviceIdentity::m_bstr_tBluetoothAddress},
-        {L"EthernetAddress", &DeviceIdentity::m_bstr_tEthernetAddress},
-        {L"WiFiAddress", &DeviceIdentity::m_bstr_tWiFiAddress},
+        {L"SerialNumber", &DeviceIdentity::m_bstr_tSerialNumber, &DeviceIdentity::m_bstr_tDeviceObjectId},
+        {L"BluetoothAddress", &DeviceIdentity::m_bstr_tBluetoothAddress, nullptr},
+        {L"EthernetAddress", &DeviceIdentity::m_bstr_tEthernetAddress, nullptr},
+        {L"WiFiAddress", &DeviceIdentity::m_bstr_tWiFiAddress, nullptr},
     };
     for (const auto& l_Value : l_Values) {
         _variant_t l_variant_tValue;
@@ -109,7 +112,12 @@ HRESULT CDorWEXWPDObject::ReadAppleIdentity() {
         }
         if (l_variant_tValue.vt == VT_BSTR && SysStringLen(l_variant_tValue.bstrVal) != 0) {
             const _bstr_t l_bstr_tValue(l_variant_tValue.bstrVal);
-            UpdateIdentity([&](DeviceIdentity& identity_io) { identity_io.*l_Value.pMember = l_bstr_tValue; });
+            UpdateIdentity([&](DeviceIdentity& identity_io) {
+                identity_io.*l_Value.pMember = l_bstr_tValue;
+                if (l_Value.pAlsoMember != nullptr) {
+                    identity_io.*l_Value.pAlsoMember = l_bstr_tValue;
+                }
+            });
         }
     }
     UpdateIdentity([](DeviceIdentity& identity_io) {
@@ -179,10 +187,15 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice2(const wchar_t* pwcharObjectStorage
         return E_FAIL;
     }
     _variant_t l_variant_tResult;
-    return Outcome(L"CopyFileFromDevice2",
-                   l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
-                                                _bstr_t(pwcharLocalFileName_in), &l_variant_tResult),
-                   l_variant_tResult);
+    ClearThreadErrorInfo();
+    const HRESULT l_HRESULT = l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
+                                                           _bstr_t(pwcharLocalFileName_in), &l_variant_tResult);
+    if (FAILED(l_HRESULT)) {
+        // The companion's failure goes to the caller with what the companion said about it.
+        TraceComError(L"CopyFileFromDevice2", l_HRESULT);
+        RaiseComError(l_HRESULT, TakeThreadErrorInfo());
+    }
+    return Outcome(L"CopyFileFromDevice2", l_HRESULT, l_variant_tResult);
 }
 
 int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in) {
@@ -216,7 +229,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice2(const wchar_t* pwcharParentPath_
 // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
 int CDorWEXWPDObject::MoveFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in,
                                           const wchar_t* pwcharLocalFileName_in) {
-    if (FAILED(CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in))) {
+    if (!CopiedFromDevice([&] { return CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in); })) {
         return 0;
     }
     DeleteFileFromDevice2(pwcharObjectStoragePath_in);

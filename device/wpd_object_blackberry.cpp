@@ -4,6 +4,7 @@
 
 #include "../channels/blackberry_share.h"
 #include "../wmi/trace.h"
+#include "com_error.h"
 
 _bstr_t CDorWEXWPDObject::EnumerateDevicePath3(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) {
     Trace(L"CDorWEXWPDObject::EnumerateDevicePath3 enter.\n");
@@ -30,7 +31,16 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice3(const wchar_t* pwcharObjectStorage
         pwcharLocalFileName_in == nullptr) {
         return E_FAIL;
     }
-    return m_pCDorWEXBlackBerry->CopyFileFromDevice(pwcharObjectStoragePath_in, pwcharLocalFileName_in) ? S_OK : E_FAIL;
+    ClearThreadErrorInfo();
+    if (m_pCDorWEXBlackBerry->CopyFileFromDevice(pwcharObjectStoragePath_in, pwcharLocalFileName_in)) {
+        return S_OK;
+    }
+    // A failure of the share's copy left its error object on the thread; a wait for the share that ran
+    // out left none and is a plain failure.
+    if (IErrorInfo* l_pErrorInfo = TakeThreadErrorInfo()) {
+        RaiseComError(E_FAIL, l_pErrorInfo);
+    }
+    return E_FAIL;
 }
 
 int CDorWEXWPDObject::DeleteFileFromDevice3(const wchar_t* pwcharObjectStoragePath_in) {
@@ -53,7 +63,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice3(const wchar_t* pwcharParentPath_
 // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
 int CDorWEXWPDObject::MoveFileFromDevice3(const wchar_t* pwcharObjectStoragePath_in,
                                           const wchar_t* pwcharLocalFileName_in) {
-    if (FAILED(CopyFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in))) {
+    if (!CopiedFromDevice([&] { return CopyFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in); })) {
         return 0;
     }
     DeleteFileFromDevice3(pwcharObjectStoragePath_in);

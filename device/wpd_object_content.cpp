@@ -124,7 +124,8 @@ _bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStor
     }
     const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
     const auto l_pIdentity = Identity();
-    const _bstr_t& l_bstr_tRoot = SameName(l_pIdentity->m_bstr_tDisk2Name, l_Path.storage.c_str())
+    // An empty first component equals an empty second storage name: such a path names no known storage.
+    const _bstr_t& l_bstr_tRoot = SameName(BstrText(l_pIdentity->m_bstr_tDisk2Name), l_Path.storage.c_str())
                                       ? l_pIdentity->m_bstr_tDisk2ObjectId
                                       : l_pIdentity->m_bstr_tDisk1ObjectId;
     return l_bstr_tRoot.length() == 0 ? _bstr_t() : l_bstr_tRoot;
@@ -395,8 +396,9 @@ HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* p
                   l_HRESULT);
             return l_HRESULT;
         }
+        // What every read gave is written, the final nothing too, and the last write's result is the answer.
         ULONG l_ulongWritten = 0;
-        l_HRESULT = l_ulongRead == 0 ? S_OK : pIStreamDestination_in->Write(l_pBuffer.get(), l_ulongRead, &l_ulongWritten);
+        l_HRESULT = pIStreamDestination_in->Write(l_pBuffer.get(), l_ulongRead, &l_ulongWritten);
         if (FAILED(l_HRESULT)) {
             Trace(L"! Failed to write %d bytes of object data to the destination stream, l_HRESULT = 0x%lx\n",
                   l_ulongRead, l_HRESULT);

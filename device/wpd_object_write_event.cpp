@@ -51,12 +51,14 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
     if (m_pCore == nullptr) {
         return 0;
     }
-    // The writer's process id (what the companion reported) goes into the event as its process.
+    // The event's process is the one that raises it; the number the companion reported (the writer's
+    // process id) stands where a WPD event has the object's persistent unique id, which a write has none of.
+    const std::wstring l_wstringProcessId = std::to_wstring(GetCurrentProcessId());
     const auto l_pIdentity = Identity();
     m_pCore->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(l_pIdentity->m_bstr_tDeviceId),
-                       l_pwcharObjectInfo, pTCHARObjectStoragePath_in, l_pwcharFileName,
+                       l_wstringNumber.c_str(), pTCHARObjectStoragePath_in, l_pwcharFileName,
                        BstrText(l_bstr_tDeviceAbsolutePath), BstrText(l_pIdentity->m_bstr_tDisk1Name),
                        BstrText(l_pIdentity->m_bstr_tFriendlyName), l_pwcharFileName,
-                       _bstr_t(l_wstringText.c_str()), l_wstringNumber.c_str());
+                       _bstr_t(l_wstringText.c_str()), l_wstringProcessId.c_str());
     return 1;
 }

@@ -48,6 +48,10 @@ int CDorWEXWMIThreadCompanionProcessor::StopTraced(const wchar_t* pwcharTraceNam
 CDorWEXWMIThreadAppleEventsProcessor::CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
     : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadAppleEventsProcessor, THREAD_TYPE_APPLE) {}
 
+CDorWEXWMIThreadAppleEventsProcessor::~CDorWEXWMIThreadAppleEventsProcessor() {
+    BeginDestruction();
+}
+
 int CDorWEXWMIThreadAppleEventsProcessor::Stop() {
     // The first line is traced for the WPD type only, which this processor never has.
     if (GetThreadType() == THREAD_TYPE_WPD) {

@@ -28,6 +28,8 @@ protected:
 class CDorWEXWMIThreadAppleEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {
 public:
     explicit CDorWEXWMIThreadAppleEventsProcessor(CDorWEXWMIWPDCore* pCore_in);
+    // Stops with this processor's own Stop while it still can.
+    ~CDorWEXWMIThreadAppleEventsProcessor() override;
     // Ends the pipe loop through the terminate event, waits for the worker and closes the handles.
     int Stop() override;
     static DWORD WINAPI WorkerThreadAppleEventsProcessor(LPVOID pCDorWEXWMIThreadBase_in);

@@ -63,11 +63,27 @@ CDorWEXWMIThreadBase::CDorWEXWMIThreadBase(CDorWEXWMIWPDCore* pCore_in, WorkerEn
 }
 
 CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase() {
-    Trace(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+    // Every processor begins its destruction in its own destructor (or its owner did before): the trace
+    // and the stop are done. What is left is for a processor that did not.
+    if (!m_boolDestructionBegun) {
+        Trace(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+    }
     // A derived destructor has run by now, so only the base part of stopping is left to do here.
     if (IsRunning()) {
         Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
         StopThreads();
+    }
+}
+
+void CDorWEXWMIThreadBase::BeginDestruction() {
+    if (m_boolDestructionBegun) {
+        return;
+    }
+    m_boolDestructionBegun = true;
+    Trace(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+    if (IsRunning()) {
+        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
+        Stop();
     }
 }
 
@@ -295,15 +311,8 @@ bool CDorWEXWMIThreadBase::CloseThreadHandles() {
     return true;
 }
 
-void CDorWEXWMIThreadBase::StopIfRunning() {
-    if (IsRunning()) {
-        Trace(L"CDorWEXWMIThreadBase::ManageThread, STOP");
-        Stop();
-    }
-}
-
 void CDorWEXWMIThreadBase::StopAndCloseApplicationEvent() {
-    StopIfRunning();
+    BeginDestruction();
     if (m_HANDLEWait[kApplication] != nullptr) {
         CloseHandle(m_HANDLEWait[kApplication]);
         m_HANDLEWait[kApplication] = nullptr;

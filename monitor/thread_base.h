@@ -43,8 +43,12 @@ public:
     // Closes the thread handles and the terminate event once both threads have ended; while one still
     // runs (a stop gave up waiting for it) it closes nothing, leaves the object running and returns false.
     bool CloseThreadHandles();
-    // What a destructor does first: "ManageThread, STOP" and Stop, when the threads were started.
-    void StopIfRunning();
+    // What destroying a processor does first, while the whole object still stands: trace the destruction
+    // ("~CDorWEXWMIThreadBase") and, when its threads were started, "ManageThread, STOP" and its own Stop,
+    // so that the worker ends before anything it uses is freed. An owner that may have to keep a processor
+    // whose threads outlive the stop calls it before freeing; every derived destructor calls it too. Once
+    // only.
+    void BeginDestruction();
     // True when neither thread runs any more (a stop's handles can then be closed).
     bool ThreadsHaveEnded();
 
@@ -59,8 +63,8 @@ protected:
     DWORD WaitForThreads(DWORD ulongMilliseconds_in);
     // All three in order, with the 5000 ms wait: the whole Stop of a processor without a window.
     void StopThreads();
-    // What every derived destructor does first: Stop while its own Stop is still reachable, then close the
-    // application event.
+    // What every derived destructor does first: BeginDestruction while its own Stop is still reachable,
+    // then close the application event.
     void StopAndCloseApplicationEvent();
 
 private:
@@ -79,6 +83,7 @@ private:
     HANDLE m_HANDLEMonitorThread = nullptr;
     DWORD m_dwordRestartPause = 0;  // grows while workers keep ending right after their start
     bool m_boolRestartFailed = false;  // retry path of a worker that cannot be started; never set
+    bool m_boolDestructionBegun = false;
     WorkerEntry m_pWorkerEntry;
     std::wstring m_wstringThreadName;
     // Guards the worker handle, which the monitor thread replaces while a stopping thread reads it.

@@ -190,6 +190,8 @@ int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
             return 0;
         }
         l_pDevice = l_Found->second;
+        // Out of the map at once: the same device plugged in again while this removal waits for a companion
+        // to stop is added as new, not refused as already there and then lost with the old entry.
         m_ActiveWpdDevicesMap.erase(l_Found);
         if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::APPLE) {
             l_boolStopApple = m_longAppleCount-- == 1;
@@ -197,10 +199,11 @@ int CDorWEXWPDCollection::RemoveWPD(const wchar_t* pwcharDeviceId_in) {
             l_boolStopBlackBerry = m_longBlackBerryCount-- == 1;
         }
     }
+    // The session ends first, then the BlackBerry's share leaves monitoring, then the companion stops.
+    l_pDevice->Terminate();
     if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::BLACKBERRY && m_pCore != nullptr) {
         m_pCore->RemoveBlackBerryFromMonitoring(l_pDevice.get());
     }
-    l_pDevice->Terminate();
     if (l_boolStopApple) {
         SyncCompanionMonitoring(Manufacturer::APPLE, L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
     }

@@ -36,7 +36,7 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
                                                                 std::move(m_pBlackBerryEventsProcessor)};
         for (auto& l_pProcessor : l_Processors) {
             if (l_pProcessor) {
-                l_pProcessor->StopIfRunning();
+                l_pProcessor->BeginDestruction();
                 RetireProcessor(std::move(l_pProcessor));
             }
         }

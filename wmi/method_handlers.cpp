@@ -11,6 +11,7 @@
 #include "provider.h"
 #include "schema.h"
 #include "trace.h"
+#include "trace_helpers.h"
 
 namespace {
 
@@ -83,6 +84,17 @@ CDorWEXWPDCollection::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wcha
         call_io.SetExtendedStatus(pwcharInnerName_in, L"Device not found");
     }
     return l_pDevice;
+}
+
+// A COM error a device operation raised, for the caller: the operation is the error's source when the
+// failing component named itself, else the handler; the description is the component's own, else the
+// system's text for the code.
+void RecordComError(DorWEXMethodCall& call_io, const wchar_t* pwcharHandler_in, const _com_error& error_in) {
+    const _bstr_t l_bstr_tSource = error_in.Source();
+    const _bstr_t l_bstr_tDescription = error_in.Description();
+    call_io.pErrorRecord = std::make_unique<DorWEXErrorRecord>(DorWEXErrorRecord{
+        l_bstr_tSource.length() != 0 ? std::wstring(l_bstr_tSource) : std::wstring(pwcharHandler_in),
+        l_bstr_tDescription.length() != 0 ? std::wstring(l_bstr_tDescription) : GetErrorText(error_in.Error())});
 }
 
 void TraceEnter(const wchar_t* pwcharName_in) {
@@ -167,10 +179,17 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
                         {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
                         [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
                             const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
-                            SetOneOrZero(call_io, SUCCEEDED(device_in.CopyFileFromDevice(Pointer(texts_in[0]),
-                                                                                         Pointer(texts_in[1])))
-                                                      ? 1
-                                                      : 0);
+                            HRESULT l_HRESULT = E_FAIL;
+                            try {
+                                l_HRESULT = device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1]));
+                            } catch (const _com_error& error_in) {
+                                if (error_in.Error() == E_OUTOFMEMORY) {
+                                    throw;
+                                }
+                                l_HRESULT = error_in.Error();
+                                RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
+                            }
+                            SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
                         });
 }
 
@@ -314,6 +333,7 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     TraceEnter(kInner);
     const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[0], Text());
     if (!l_pDevice) {
+        SetOneOrZero(call_io, 0);
         return S_OK;
     }
     const _bstr_t l_bstr_tDeviceId = l_pDevice->Identity()->m_bstr_tDeviceId;

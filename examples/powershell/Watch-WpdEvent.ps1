@@ -17,8 +17,12 @@ try {
     while ($true) {
         $arrived = Wait-Event -SourceIdentifier $id
         $wpd = $arrived.SourceEventArgs.NewEvent
-        '{0:u} {1} {2} on {3} (process {4})' -f $arrived.TimeGenerated, $wpd.strEventId, $wpd.strObjectName,
-            $wpd.strDeviceName, $wpd.strPID
+        $line = '{0:u} {1} {2} on {3}' -f $arrived.TimeGenerated, $wpd.strEventId, $wpd.strObjectName, $wpd.strDeviceName
+        # A companion's write report names the writing process where WPD events have the persistent unique id.
+        if ($wpd.strEventId -eq '{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}') {
+            $line += ' (written by process {0})' -f $wpd.strObjectDevicePersistentUniqueId
+        }
+        $line
         Remove-Event -EventIdentifier $arrived.EventIdentifier
     }
 }

@@ -61,18 +61,4 @@ TEST(AppleWriteReport, WrongNamesAndEventKinds) {
     EXPECT_EQ(ParseAppleWriteReport(L"~~~", report), AppleReportStatus::kNotWrite);
 }
 
-TEST(DecimalTextToLong, BehavesAsAtol) {
-    const struct {
-        const wchar_t* text;
-        std::int32_t value;
-    } cases[] = {
-        {L"4711", 4711},   {L"  42abc", 42},           {L"-17", -17},          {L"+5", 5},
-        {L"abc", 0},       {L"", 0},                   {L"99999999999", 2147483647},
-        {L"-99999999999", -2147483647 - 1}, {L"\t\n7", 7}, {L"- 3", 0},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(dorwex::DecimalTextToLong(c.text), c.value) << c.text;
-    }
-}
-
 }  // namespace

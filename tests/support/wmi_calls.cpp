@@ -63,13 +63,15 @@ std::wstring Text(IWbemClassObject* object, const wchar_t* name) {
     return value.bstrVal;
 }
 
-Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
-    Outcome outcome;
-    auto services = Connect();
+namespace {
+
+// The in-parameters and the context of a method call, as a client makes them. False when WMI refused a
+// value before any provider saw it (the outcome then holds the refusal).
+bool PrepareCall(IWbemServices* services, const wchar_t* method, const Parameters& parameters, LONG clientPid,
+                 ComPtr<IWbemClassObject>& in, ComPtr<IWbemContext>& context, Outcome& outcome) {
     ComPtr<IWbemClassObject> wpdClass;
     services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
     ComPtr<IWbemClassObject> inSignature;
-    ComPtr<IWbemClassObject> in;
     wpdClass->GetMethod(method, 0, &inSignature, nullptr);
     if (inSignature) {
         inSignature->SpawnInstance(0, &in);
@@ -77,17 +79,62 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
             const HRESULT put = in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
             if (put == static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH)) {
                 outcome.status = put;  // WMI refuses the value before any provider sees it
-                return outcome;
+                return false;
             }
             EXPECT_TRUE(put == S_OK || put == static_cast<HRESULT>(WBEM_E_NOT_FOUND));
         }
     }
-    ComPtr<IWbemContext> context;
     if (clientPid >= 0) {
         CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context));
         _variant_t pid(static_cast<long>(clientPid), VT_I4);
         pid.vt = VT_UI4;
         context->SetValue(L"dorWEXWPDClientPID", 0, &pid);
+    }
+    return true;
+}
+
+// Keeps what a call indicates and the status it completes with.
+class MethodSink : public IWbemObjectSink {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid != IID_IUnknown && riid != IID_IWbemObjectSink) {
+            *ppv = nullptr;
+            return E_NOINTERFACE;
+        }
+        *ppv = static_cast<IWbemObjectSink*>(this);
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs); }
+    ULONG STDMETHODCALLTYPE Release() override { return InterlockedDecrement(&refs); }
+    HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) override {
+        for (LONG i = 0; i < count; ++i) {
+            indicated.emplace_back(objects[i]);
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT result, BSTR, IWbemClassObject* statusObject) override {
+        ++completions;
+        status = result;
+        statusObjectReceived = statusObject;
+        return S_OK;
+    }
+    LONG refs = 1;
+    std::vector<ComPtr<IWbemClassObject>> indicated;
+    int completions = 0;
+    HRESULT status = S_OK;
+    ComPtr<IWbemClassObject> statusObjectReceived;
+};
+
+}  // namespace
+
+Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+    Outcome outcome;
+    auto services = Connect();
+    ComPtr<IWbemClassObject> in;
+    ComPtr<IWbemContext> context;
+    if (!PrepareCall(services.Get(), method, parameters, clientPid, in, context, outcome)) {
+        return outcome;
     }
     ComPtr<IWbemClassObject> out;
     outcome.status = services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &out,
@@ -99,6 +146,26 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
     ComPtr<IWbemClassObject> status;
     if (FAILED(outcome.status) && GetErrorInfo(0, &error) == S_OK && SUCCEEDED(error.As(&status))) {
         outcome.description = Text(status.Get(), L"Description");
+    }
+    return outcome;
+}
+
+Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+    Outcome outcome;
+    auto services = Connect();
+    ComPtr<IWbemClassObject> in;
+    ComPtr<IWbemContext> context;
+    if (!PrepareCall(services.Get(), method, parameters, clientPid, in, context, outcome)) {
+        return outcome;
+    }
+    MethodSink sink;
+    EXPECT_EQ(services->ExecMethodAsync(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &sink),
+              WBEM_S_NO_ERROR);
+    EXPECT_EQ(sink.completions, 1) << "the emulated service completes a call before it returns";
+    outcome.status = sink.status;
+    outcome.returnValue = sink.indicated.empty() ? L"<no object>" : Text(sink.indicated.front().Get(), L"ReturnValue");
+    if (sink.statusObjectReceived) {
+        outcome.description = Text(sink.statusObjectReceived.Get(), L"Description");
     }
     return outcome;
 }

@@ -34,6 +34,9 @@ using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
 // method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out; a value WMI will not take
 // for the parameter's type ends the call before the provider with WBEM_E_TYPE_MISMATCH as its status.
 Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
+// The same call through ExecMethodAsync: what the provider indicated (its "ReturnValue", "<none>" when it
+// put none) is read even when the call fails, with the status object's description.
+Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.
 void Notify(WPARAM change, const std::wstring& interfaceName);

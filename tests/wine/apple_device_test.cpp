@@ -44,6 +44,8 @@ TEST_F(AppleDevice, TheCompanionTellsTheIdentity) {
     Open(device);
     EXPECT_EQ(device.Identity()->m_eManufacturer, dorwex::Manufacturer::APPLE);
     EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"00008030-AB");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDeviceObjectId), L"00008030-AB")
+        << "the device is the object the companion names by its serial number";
     EXPECT_EQ(Text(device.Identity()->m_bstr_tBluetoothAddress), L"11:22:33:44:55:66");
     EXPECT_EQ(Text(device.Identity()->m_bstr_tWiFiAddress), L"66:55:44:33:22:11");
     EXPECT_EQ(Text(device.Identity()->m_bstr_tEthernetAddress), L"") << "one the device does not have";

@@ -353,6 +353,62 @@ TEST_F(BlackBerryPipe, TheTryLimitSkipsExactlyOnceAtTen) {
               1u);
 }
 
+// The last BlackBerry leaves: its session ends first, then its share leaves monitoring, then monitoring
+// stops, and the device object goes before the entry's line.
+TEST_F(BlackBerryPipe, RemovalTerminatesThenLeavesMonitoringThenStopsThenDestroys) {
+    device.reset();
+    trace.Clear();
+    EXPECT_EQ(core.GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#bb"), 0);
+    const std::vector<std::wstring> order = {
+        L"CDorWEXWPDCollection::RemoveWPD",
+        L"CDorWEXWPDObject::Terminate",
+        L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring entered...\n",
+        L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring removed \\\\10.0.0.1\\media\n",
+        L"CDorWEXWPDCollection::RemoveWPD, stopping blackberry monitoring...",
+        L"CDorWEXWMIWPDCore::StopBlackBerryMonitoring",
+        L"CDorWEXWPDObject::~CDorWEXWPDObject",
+        L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.erase.\n",
+    };
+    long previous = -1;
+    for (const auto& line : order) {
+        const long at = trace.IndexOf(line);
+        EXPECT_GT(at, previous) << std::string(line.begin(), line.end());
+        previous = at;
+    }
+    EXPECT_FALSE(core.HasBlackBerryMonitoring());
+}
+
+// A copy off the device that the share refuses raises a COM error with the share's error object: what
+// failed and the system's reason. One whose wait for the share runs out is a plain failure.
+TEST_F(BlackBerryPipe, ShareCopyFailureIsRaisedWithItsErrorObject) {
+    device->m_pCDorWEXBlackBerry->m_dwordConnectionWaitMs = 100;
+    const std::wstring local = emulator.Directory() + L"\\copied.jpg";
+    EXPECT_EQ(device->CopyFileFromDevice(L"\\\\10.0.0.1\\media\\a.jpg", local.c_str()), E_FAIL) << "not connected yet";
+    ASSERT_EQ(device->m_pCDorWEXBlackBerry->ConnectToDevice(L"\\\\10.0.0.1\\media", L"bbuser", L"secret"), 0u);
+    const std::wstring missing = emulator.Directory() + L"\\no-such-file.jpg";
+    HRESULT raised = S_OK;
+    std::wstring source;
+    std::wstring description;
+    try {
+        device->CopyFileFromDevice(missing.c_str(), local.c_str());
+    } catch (const _com_error& error) {
+        raised = error.Error();
+        source = static_cast<const wchar_t*>(error.Source());
+        description = static_cast<const wchar_t*>(error.Description());
+    }
+    EXPECT_EQ(raised, E_FAIL);
+    EXPECT_EQ(source, L"CDorWEXBlackBerry::CopyFileFromDevice");
+    wchar_t expected[512] = {};
+    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, ERROR_FILE_NOT_FOUND, 0, expected,
+                   512, nullptr);
+    std::wstring trimmed(expected);
+    while (!trimmed.empty() && (trimmed.back() == L'\n' || trimmed.back() == L'\r')) {
+        trimmed.pop_back();
+    }
+    EXPECT_EQ(description, trimmed);
+    EXPECT_EQ(device->MoveFileFromDevice(missing.c_str(), local.c_str()), 0) << "a move answers 0";
+}
+
 TEST_F(BlackBerryPipe, FileWriteReportRaisesTheWriteEventWithoutALocalFileName) {
     Exchange(L"BlackBerryFileWrite*x*\\\\10.0.0.1\\media\\a.jpg*y*BLACKBERRY_2A3B4C5D",
              L"CDorWEXWPDObject::SimulateWPDWriteEvent enter.");

@@ -258,6 +258,22 @@ TEST(ApplePipe, ProcessorOutlivedByItsWorkerIsKeptUntilTheWorkerEnds) {
         << "told once, by the stop; looking at the retired processor again says nothing";
 }
 
+// Process ids in the companions' messages are read as the C runtime's atol reads the text in the thread's
+// ANSI code page.
+TEST(NamedPipe, ProcessIdsAreReadByAtolInTheThreadsAnsiCodePage) {
+    const struct {
+        const wchar_t* text;
+        LONG value;
+    } cases[] = {
+        {L"4711", 4711}, {L"  42abc", 42}, {L"-17", -17}, {L"+5", 5}, {L"abc", 0}, {L"", 0},
+        {L"\uFF14\uFF17\uFF11\uFF11", 4711},  // full-width digits are digits in the code page
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CDorWEXWMIWPDNamedPipeBase::ProcessIdFromText(c.text), c.value)
+            << std::string(c.text, c.text + wcslen(c.text));
+    }
+}
+
 TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     WpdEmulator emulator;
     emulator.Attach(PhoneSpec("usb#vid_04e8&pid_6860#pipe", "SAMSUNG Electronics Co., Ltd.", "SERIAL77"));

@@ -398,6 +398,26 @@ TEST_F(Eject, AnAppleDeviceTakesTheApplePathBeforeWindows8) {
     EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1) << "the WPD path ejects the USB parent";
 }
 
+// A BlackBerry plugged straight into a hub: ejecting the hub would take every device on it, so the
+// BlackBerry goes alone.
+TEST_F(Eject, ABlackBerryOnAHubEjectsItselfNeverTheHub) {
+    constexpr char kBlackBerryWPDId[] = "\\\\?\\usb#vid_0fca&pid_8004#bb0001#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    Node blackberry;
+    blackberry.instanceId = L"USB\\VID_0FCA&PID_8004\\BB0001";
+    blackberry.setupClass = pnp_classes::kWPD;
+    blackberry.parent = tree.hub;
+    blackberry.port = 4;
+    blackberry.interfaces.push_back({pnp_classes::kWPDInterface, Wide(kBlackBerryWPDId)});
+    const int node = pnp.Add(blackberry);
+    CDorWEXWPDObject device(&core);
+    ASSERT_EQ(device.InitializeForEject(Wide(kBlackBerryWPDId).c_str()), S_OK);
+    device.UpdateIdentity([](DeviceIdentity& identity) { identity.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
+    EXPECT_EQ(device.EjectDevice(), 1);
+    EXPECT_EQ(pnp.At(node).ejectRequests, 1);
+    EXPECT_EQ(pnp.At(tree.hub).ejectRequests, 0);
+    EXPECT_EQ(pnp.At(tree.controller).ejectRequests, 0);
+}
+
 TEST_F(Eject, ABlackBerryEjectsItsParent) {
     CDorWEXWPDObject device(&core);
     ASSERT_EQ(device.InitializeForEject(Wide(kPhoneWPDId).c_str()), S_OK);

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 
+#include "monitor/companion_processors.h"
 #include "monitor/thread_base.h"
 #include "monitor/wpd_events_listener.h"
+#include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
@@ -234,6 +237,55 @@ TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
         return processor.GetListener() != nullptr && processor.GetListener()->GetWindow() != nullptr &&
                IsWindow(processor.GetListener()->GetWindow());
     }));
+}
+
+// A processor destroyed while its threads run traces its destruction first, then the stop, with its own
+// Stop's lines; the stop ends the worker before anything it uses is freed.
+TEST(ThreadBase, DestroyedWhileRunningTracesTheDestructionThenStops) {
+    CDorWEXWMIWPDCore core;
+    const struct {
+        const char* name;
+        std::function<std::unique_ptr<CDorWEXWMIThreadBase>()> make;
+        const wchar_t* started;
+        const wchar_t* stopTrace;
+    } cases[] = {
+        {"WPD", [] { return std::make_unique<CDorWEXWMIThreadWPDEventsProcessor>(nullptr); },
+         L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...",
+         L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor"},
+        {"Apple", [&] { return std::make_unique<CDorWEXWMIThreadAppleEventsProcessor>(&core); },
+         L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents entered...\n",
+         L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor"},
+        {"BlackBerry", [&] { return std::make_unique<CDorWEXWMIThreadBlackBerryEventsProcessor>(&core); },
+         L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe entered...\n",
+         L"CDorWEXWMIThreadBlackBerryEventsProcessor::Stop: TheMonitorThreadForThreadBlackBerryEventsProcessor"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TraceCapture trace(1);
+        auto processor = c.make();
+        processor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        ASSERT_TRUE(WaitUntil([&] { return trace.Has(c.started); }, 30000));
+        trace.Clear();
+        const ULONGLONG start = GetTickCount64();
+        processor.reset();
+        EXPECT_LT(GetTickCount64() - start, 5000u) << "the worker ended when told, not at the time-out";
+        const std::wstring stopTrace = c.stopTrace;
+        const std::wstring inOrder[] = {
+            L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase",
+            L"CDorWEXWMIThreadBase::ManageThread, STOP",
+            stopTrace + L", waiting for child thread to terminate...\n",
+            stopTrace + L", child thread is terminated!!!!\n",
+            stopTrace + L" exiting\n",
+        };
+        long previous = -1;
+        for (const auto& line : inOrder) {
+            const long index = trace.IndexOf(line);
+            EXPECT_GT(index, previous) << std::string(line.begin(), line.end());
+            previous = index;
+        }
+        EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase"), 1u);
+        EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::ManageThread, STOP"), 1u);
+    }
 }
 
 // Stopping right after starting, before the worker has made its window, must not leave a worker behind.

@@ -724,13 +724,16 @@ TEST(WmiContent, BadInputNeverCrashes) {
                                                   {L"strLocalFileName", _variant_t(path.c_str())},
                                                   {L"strNewFolderName", _variant_t(path.c_str())}});
             EXPECT_EQ(outcome.status, S_OK);
-            // A path whose storage name is unknown or empty reads in the first storage: listings may show it.
+            // A path whose storage name is unknown reads in the first storage: listings may show it.
             const bool listing = wcscmp(method, L"EnumerateDevicePath") == 0 || wcscmp(method, L"GetProperty") == 0;
             EXPECT_TRUE(listing || outcome.returnValue == L"0") << outcome.returnValue.substr(0, 60);
         }
     }
-    EXPECT_EQ(CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}}).description,
-              L"Device not found");
+    // A device that is not there: the reason, and "0" as for any eject that did not happen.
+    const Outcome ejectMissing = CallMethodAsync(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(L"usb#nobody")}});
+    EXPECT_EQ(ejectMissing.status, E_FAIL);
+    EXPECT_EQ(ejectMissing.description, L"Device not found");
+    EXPECT_EQ(ejectMissing.returnValue, L"0");
     // The prefix's own Plug and Play tree has no node for an emulated device: nothing to eject, "0".
     const Outcome eject = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(kDevice)}});
     EXPECT_EQ(eject.status, S_OK);
@@ -899,6 +902,16 @@ TEST(WmiContent, TrackerFileIsFoundWhereverTheDeviceKeepsIt) {
 
 namespace {
 
+// Whether the Apple pipe is gone: the processor stopped with the last Apple device.
+bool ApplePipeGone() {
+    HANDLE pipe = CreateFileW(L"\\\\.\\pipe\\dorWEXApplePipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (pipe != INVALID_HANDLE_VALUE) {
+        CloseHandle(pipe);
+        return false;
+    }
+    return GetLastError() == ERROR_FILE_NOT_FOUND;
+}
+
 // An Apple device: its content goes through the Apple companion, and the companion's write reports on the
 // Apple pipe reach subscribed consumers as write events.
 TEST(WmiApple, CompanionContentAndPipeWriteReports) {
@@ -983,20 +996,67 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
     EXPECT_EQ(Upper(Text(event, L"strObjectDeviceId")), Upper(Wide(id)));
     EXPECT_EQ(Text(event, L"strTargetPath"), L"/private/var/mobile/Media/DCIM") << "the device's own path";
     EXPECT_EQ(Text(event, L"strDeviceName"), L"Apple iPhone");
-    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(self));
+    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(GetCurrentProcessId())) << "the process that raised it";
+    EXPECT_EQ(Text(event, L"strObjectDevicePersistentUniqueId"), std::to_wstring(self)) << "the writer";
     EXPECT_NE(Text(event, L"strEventText").find(L" Event: WPD_EVENT_OBJECT_ADDED"), std::wstring::npos);
     CloseHandle(pipe);
 
     Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
     ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).empty(); }));
-    EXPECT_TRUE(WaitUntil([&] {
-        HANDLE gone = CreateFileW(L"\\\\.\\pipe\\dorWEXApplePipe", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (gone != INVALID_HANDLE_VALUE) {
-            CloseHandle(gone);
-            return false;
-        }
-        return GetLastError() == ERROR_FILE_NOT_FOUND;
-    })) << "the pipe is gone with the last Apple device";
+    EXPECT_TRUE(WaitUntil(ApplePipeGone)) << "the pipe is gone with the last Apple device";
+}
+
+// The system's text for a code, without its line end.
+std::wstring SystemText(HRESULT code) {
+    wchar_t text[512] = {};
+    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, static_cast<DWORD>(code), 0,
+                   text, 512, nullptr);
+    std::wstring trimmed(text);
+    while (!trimmed.empty() && (trimmed.back() == L'\n' || trimmed.back() == L'\r')) {
+        trimmed.pop_back();
+    }
+    return trimmed;
+}
+
+// The Apple companion refuses a copy off the device: the caller learns why, and "ReturnValue" is "0". A
+// move whose copy is refused answers "0" and leaves the file on the device.
+TEST(WmiApple, CompanionCopyFailureReachesTheCallerWithItsReason) {
+    auto services = Connect();
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
+    const std::string id = "\\\\?\\usb#vid_05ac&pid_12a8#wmiapplerefusing#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    EmulatedDeviceSpec spec;
+    spec.id = id;
+    spec.manufacturer = "Apple Inc.";
+    spec.friendlyName = "Apple iPhone";
+    spec.deviceLines = {"WPD_DEVICE_SERIAL_NUMBER = APPLE-WMI-2"};
+    spec.storages = {{"s10001", "Internal Storage", "{PUID-APPLE-WMI-2}", "Flash"}};
+    spec.faultLines = {"AppleCopyFileFromDevice = 0x80070005"};
+    g_emulator->Attach(spec);
+    const std::wstring storage = g_emulator->StorageDirectory(spec, 0);
+    g_emulator->WriteFile(storage + L"\\kept.jpg", "jpeg");
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    const std::wstring query = L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'APPLE-WMI-2'";
+    ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).size() == 1; }));
+
+    const std::wstring device = Wide(id);
+    const std::wstring local = LocalTemp(L"apple-refused.jpg");
+    const Outcome copy = CallMethodAsync(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\kept.jpg")},
+                                                                 {L"strLocalFileName", _variant_t(local.c_str())},
+                                                                 {L"strObjectDeviceId", _variant_t(device.c_str())}});
+    EXPECT_EQ(copy.status, E_FAIL);
+    EXPECT_EQ(copy.description, SystemText(static_cast<HRESULT>(0x80070005)));
+    EXPECT_EQ(copy.returnValue, L"0");
+    const Outcome move = CallMethodAsync(L"MoveFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\kept.jpg")},
+                                                                 {L"strLocalFileName", _variant_t(local.c_str())},
+                                                                 {L"strObjectDeviceId", _variant_t(device.c_str())}});
+    EXPECT_EQ(move.status, S_OK);
+    EXPECT_EQ(move.returnValue, L"0");
+    EXPECT_EQ(ReadAll(storage + L"\\kept.jpg"), "jpeg");
+
+    // The removal has run its course once the last Apple device's pipe is gone.
+    Notify(DBT_DEVICEREMOVECOMPLETE, device);
+    ASSERT_TRUE(WaitUntil([&] { return Query(services.Get(), query).empty(); }));
+    EXPECT_TRUE(WaitUntil(ApplePipeGone));
 }
 
 }  // namespace

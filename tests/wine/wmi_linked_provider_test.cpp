@@ -139,7 +139,16 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     EXPECT_EQ(Text(event, L"strOriginalFileName"), L"") << "no local file name on this channel";
     EXPECT_EQ(Text(event, L"strTargetPath"), L"\\\\10.0.0.1\\media\\a.jpg") << "the share path itself";
     EXPECT_EQ(Text(event, L"strDeviceName"), L"BLACKBERRY_2A3B4C5D");
-    EXPECT_EQ(Text(event, L"strPID"), L"4711");
+    EXPECT_EQ(Text(event, L"strPID"), std::to_wstring(GetCurrentProcessId())) << "the process that raised it";
+    EXPECT_EQ(Text(event, L"strObjectDevicePersistentUniqueId"), L"4711") << "the writer the companion named";
+
+    // The process id is read as the C runtime reads the text in the thread's ANSI code page, where
+    // full-width digits become digits.
+    ASSERT_TRUE(SendText(pipe, L"\uFF14\uFF17\uFF11\uFF12*BlackBerryFileWrite*\\\\10.0.0.1\\media\\b.jpg*y*BLACKBERRY_2A3B4C5D"));
+    const ComPtr<IWbemClassObject> second = NextEvent(events.Get());
+    ASSERT_TRUE(second);
+    EXPECT_EQ(Text(second.Get(), L"strTargetPath"), L"\\\\10.0.0.1\\media\\b.jpg");
+    EXPECT_EQ(Text(second.Get(), L"strObjectDevicePersistentUniqueId"), L"4712");
     CloseHandle(pipe);
     g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#wmibb");
 }

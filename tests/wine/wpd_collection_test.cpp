@@ -56,6 +56,48 @@ TEST_F(Collection, UsbStorageMakerIsRefused) {
     EXPECT_EQ(emulator.OpenSessions(L"usb#stick"), 0);
 }
 
+// An Apple device or a BlackBerry added again under its id is kept once and counted once, so the last
+// removal still stops its companion monitoring.
+TEST_F(Collection, TheSameIdAddedTwiceIsCountedOnce) {
+    emulator.Attach(PhoneSpec("usb#iphone", "Apple Inc.", "I1"));
+    EmulatedDeviceSpec blackberry = PhoneSpec("usb#bb", "", "BB");
+    blackberry.registryLines = {"BBPIN = 1234", "IMEI = 99"};
+    emulator.Attach(blackberry);
+    for (const wchar_t* id : {L"usb#iphone", L"USB#IPHONE", L"usb#bb", L"usb#BB"}) {
+        ASSERT_EQ(devices.AddWPD(id), S_OK);
+    }
+    EXPECT_EQ(devices.Count(), 2u);
+    EXPECT_EQ(devices.GetAppleCount(), 1);
+    EXPECT_EQ(devices.GetBlackBerryCount(), 1);
+    devices.RemoveWPD(L"usb#iphone");
+    devices.RemoveWPD(L"usb#bb");
+    EXPECT_FALSE(core->HasAppleMonitoring());
+    EXPECT_FALSE(core->HasBlackBerryMonitoring());
+}
+
+// A BlackBerry whose record holds an empty "DHCPServer" is found by no id: an empty text occurs in every one.
+TEST_F(Collection, AnEmptyShareAddressMatchesNoId) {
+    EmulatedDeviceSpec first = PhoneSpec("usb#one", "SAMSUNG", "S1");
+    emulator.Attach(first);
+    EmulatedDeviceSpec second = PhoneSpec("usb#two", "SAMSUNG", "S2");
+    emulator.Attach(second);
+    ASSERT_EQ(devices.AddWPD(L"usb#one"), S_OK);
+    ASSERT_EQ(devices.AddWPD(L"usb#two"), S_OK);
+    EmulatedDeviceSpec blackberry = PhoneSpec("usb#bbnoaddress", "", "BB");
+    blackberry.faultLines = {"Open = 0x80070005"};
+    blackberry.registryLines = {"BBPIN = 2A3B", "DHCPServer = "};
+    emulator.Attach(blackberry);
+    ASSERT_EQ(devices.AddWPD(L"usb#bbnoaddress"), S_OK);
+    const auto device = devices.FindWPDObjectById(L"usb#bbnoaddress");
+    ASSERT_TRUE(device);
+    ASSERT_NE(device->CompanionRecord(), nullptr);
+    TraceCapture trace(1);
+    EXPECT_FALSE(devices.FindWPDObject(L"anything at all", nullptr));
+    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8)").empty());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=anything "
+                          L"at all, ObjectStoragePath=NULL\n"));
+}
+
 TEST_F(Collection, EveryLookupStrategyWithItsTrace) {
     EmulatedDeviceSpec first = PhoneSpec("usb#a", "SAMSUNG", "SERIAL-A", 2);
     first.friendlyName = "Galaxy A";
@@ -217,6 +259,31 @@ TEST_F(Collection, ArrivalBetweenTheLastRemovalAndItsStopKeepsAppleMonitoring) {
     devices.RemoveWPD(L"usb#arriving");
     EXPECT_FALSE(core->HasAppleMonitoring());
     EXPECT_EQ(core->GetAppleEventsProcessor(), nullptr);
+}
+
+// The same device plugged in again while its removal waits for the Apple stop: its entry has already left
+// the map, so it is added again, not refused as present and then lost with the old entry.
+TEST_F(Collection, DeviceBackWhileItsRemovalStopsTheCompanionIsKept) {
+    emulator.Attach(PhoneSpec("usb#replugged", "Apple Inc.", "R1"));
+    ASSERT_EQ(devices.AddWPD(L"usb#replugged"), S_OK);
+    TraceCapture trace(1);
+    {
+        TraceGate gate(L"CDorWEXWPDCollection::RemoveWPD, stopping apple monitoring...");
+        std::thread removal([&] {
+            CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+            devices.RemoveWPD(L"usb#replugged");
+            CoUninitialize();
+        });
+        ASSERT_TRUE(gate.WaitHeld());
+        EXPECT_FALSE(devices.FindWPDObjectById(L"usb#replugged")) << "a device being removed is not found";
+        EXPECT_EQ(devices.AddWPD(L"usb#replugged"), S_OK);
+        gate.Release();
+        removal.join();
+    }
+    EXPECT_TRUE(devices.FindWPDObjectById(L"usb#replugged"));
+    EXPECT_EQ(devices.GetAppleCount(), 1);
+    EXPECT_TRUE(core->HasAppleMonitoring());
+    devices.RemoveWPD(L"usb#replugged");
 }
 
 TEST_F(Collection, RemovedDeviceStaysValidForItsHolder) {

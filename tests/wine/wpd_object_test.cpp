@@ -4,7 +4,9 @@
 
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -157,6 +159,13 @@ TEST_F(DeviceObject, EmptyMakerLeavesTheClassUnknown) {
     EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer call toGetDeviceManufacturer failed, HRESULT=00000000, "
                           L"l_DWORDManufacturer=0\n"));
+    // The unknown class goes through the BlackBerry identity step: its texts replace what WPD reported,
+    // the serial number WPD reported stays (the device has no IMEI to replace it).
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"\\\\\\media");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"N1");
     device.Terminate();
 }
 
@@ -216,6 +225,9 @@ TEST_F(DeviceObject, FailingCategoryAndStorageReadsAreTraced) {
     second.Terminate();
 }
 
+// A device whose class is still unknown goes through the BlackBerry identity step: with the BlackBerry
+// record it becomes one; without, it still gets the step's fixed texts and its share storage (with no
+// address in it), keeps its class, and is taken on.
 TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EmulatedDeviceSpec blackberry = PhoneSpec("usb#rim", "Research In Motion", "BB1");
     blackberry.faultLines = {"Open = 0x80070005"};
@@ -239,10 +251,71 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStorage);
     device.Terminate();
 
+    TraceCapture trace(1);
     CDorWEXWPDObject other(nullptr);
-    EXPECT_EQ(other.InitializeWPD(L"usb#locked"), static_cast<HRESULT>(0x80070005));
+    EXPECT_EQ(other.InitializeWPD(L"usb#locked"), S_OK);
     EXPECT_EQ(other.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tManufacturer), L"Research In Motion");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDescription), L"BlackBerry Device");
+    EXPECT_TRUE(other.Identity()->m_bFunctionalCategoryStorage);
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tSerialNumber), L"");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1Name), L"\\\\\\media");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1ObjectId), L"s1001");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1Description), L"Flash Memory");
+    EXPECT_EQ(Text(other.Identity()->m_bstr_tWPDSerialNumber), L"");
+    ASSERT_NE(other.CompanionRecord(), nullptr) << "the record is built, empty";
+    EXPECT_TRUE(other.CompanionRecord()->Empty());
+    EXPECT_FALSE(other.m_pCDorWEXBlackBerry) << "no share access for a device that is no BlackBerry";
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, 0\n"));
     other.Terminate();
+}
+
+// A delete the device answers with S_FALSE deleted nothing (the device keeps a storage): a failure, not
+// a success.
+TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
+    emulator.Attach(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"));
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#keeper"), S_OK);
+    TraceCapture trace(1);
+    EXPECT_EQ(device.DeleteWPDObject(L"s10001", L"usb#keeper"), E_FAIL);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete failed, "
+                          L"HRESULT=0x00000001.\n"));
+    EXPECT_NE(GetFileAttributesW(emulator.StorageDirectory(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"), 0).c_str()),
+              INVALID_FILE_ATTRIBUTES);
+    device.Terminate();
+}
+
+// A path whose first component is empty names the storage whose name equals the empty text: the second
+// one of a device that has no second storage (whose root is unknown, so the path names nothing), the first
+// one of a device with two.
+TEST_F(DeviceObject, PathWithAnEmptyStorageNameNamesTheStorageWithAnEmptyName) {
+    EmulatedDeviceSpec single = PhoneSpec("usb#single", "SAMSUNG", "SGL1");
+    emulator.Attach(single);
+    CreateDirectoryW((emulator.StorageDirectory(single, 0) + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(emulator.StorageDirectory(single, 0) + L"\\DCIM\\a.jpg", "jpeg");
+    EmulatedDeviceSpec both = PhoneSpec("usb#both", "SAMSUNG", "BTH1", 2);
+    emulator.Attach(both);
+    CreateDirectoryW((emulator.StorageDirectory(both, 0) + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(emulator.StorageDirectory(both, 0) + L"\\DCIM\\a.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\up.txt";
+    emulator.WriteFile(local, "up");
+
+    CDorWEXWPDObject one(nullptr);
+    ASSERT_EQ(one.InitializeWPD(L"usb#single"), S_OK);
+    ASSERT_EQ(Text(one.Identity()->m_bstr_tDisk2Name), L"");
+    EXPECT_EQ(Text(one.GetStorageRootObjectId(L"\\DCIM\\a.jpg")), L"");
+    EXPECT_EQ(Text(one.GetStorageRootObjectId(L"Phone\\DCIM\\a.jpg")), L"s10001");
+    EXPECT_EQ(Text(one.GetStorageObjectProperty(L"\\DCIM\\a.jpg", L"ObjectId")), L"");
+    EXPECT_EQ(Text(one.CopyFileToDevice(L"\\DCIM", local.c_str(), nullptr, 1)),
+              L"Could not obtain portable device object id, reason=2");
+    one.Terminate();
+
+    CDorWEXWPDObject two(nullptr);
+    ASSERT_EQ(two.InitializeWPD(L"usb#both"), S_OK);
+    EXPECT_EQ(Text(two.GetStorageRootObjectId(L"\\DCIM\\a.jpg")), L"s10001");
+    EXPECT_FALSE(Text(two.GetStorageObjectProperty(L"\\DCIM\\a.jpg", L"ObjectId")).empty());
+    two.Terminate();
 }
 
 // A BlackBerry's second storage is learnt from its pipe while WMI threads read the device: every reader sees
@@ -378,6 +451,98 @@ TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
     EXPECT_EQ(ReadAll(emulator.StorageDirectory(spec, 0) + L"\\copy.bin"), large);
     session->Close();
     device.Terminate();
+}
+
+// A source that hands out the given read sizes in turn, and a destination that records the size of each
+// write and answers each with the next of the given results (S_OK once they run out).
+class ScriptedStream : public IStream {
+public:
+    ScriptedStream(std::vector<ULONG> reads, std::vector<HRESULT> writeResults)
+        : m_reads(std::move(reads)), m_writeResults(std::move(writeResults)) {}
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_ISequentialStream || riid == IID_IStream) {
+            *ppv = static_cast<IStream*>(this);
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++m_refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --m_refs; }
+    HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        const ULONG size = m_nextRead < m_reads.size() ? std::min(cb, m_reads[m_nextRead++]) : 0;
+        std::memset(pv, 'r', size);
+        *pcbRead = size;
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Write(const void*, ULONG cb, ULONG* pcbWritten) override {
+        writes.push_back(cb);
+        const HRESULT result = writes.size() <= m_writeResults.size() ? m_writeResults[writes.size() - 1] : S_OK;
+        if (pcbWritten != nullptr) {
+            *pcbWritten = SUCCEEDED(result) ? cb : 0;
+        }
+        return result;
+    }
+    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER, DWORD, ULARGE_INTEGER*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE CopyTo(IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE Commit(DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Revert() override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Stat(STATSTG*, DWORD) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
+
+    std::vector<ULONG> writes;
+
+private:
+    ULONG m_refs = 1;
+    std::vector<ULONG> m_reads;
+    size_t m_nextRead = 0;
+    std::vector<HRESULT> m_writeResults;
+};
+
+// The copy loop writes what every read gave, the final read of nothing included, and answers with the
+// result of its last write.
+TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
+    const struct {
+        const char* name;
+        std::vector<ULONG> reads;
+        std::vector<HRESULT> writeResults;
+        HRESULT result;
+        std::vector<ULONG> writes;
+        ULONGLONG total;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"two chunks", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}},
+        {"empty source", {}, {}, S_OK, {0}, 0, {}},
+        {"last write's own success code", {4}, {S_OK, S_FALSE}, S_FALSE, {4, 0}, 4,
+         {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}},
+        {"last write fails", {4}, {S_OK, E_ACCESSDENIED}, E_ACCESSDENIED, {4, 0}, 0,
+         {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n",
+          L"! Failed to write 0 bytes of object data to the destination stream, l_HRESULT = 0x80070005\n"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScriptedStream source(c.reads, {});
+        ScriptedStream destination({}, c.writeResults);
+        TraceCapture trace(1);
+        ULONGLONG total = 0;
+        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total), c.result);
+        EXPECT_EQ(destination.writes, c.writes);
+        if (SUCCEEDED(c.result)) {
+            EXPECT_EQ(total, c.total);
+        }
+        EXPECT_EQ(trace.Lines().size(), c.lines.size());
+        for (size_t i = 0; i < c.lines.size(); ++i) {
+            EXPECT_EQ(trace.IndexOf(c.lines[i]), static_cast<long>(i)) << std::string(c.lines[i].begin(), c.lines[i].end());
+        }
+    }
 }
 
 TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
