@@ -15,23 +15,6 @@
 
 namespace {
 
-struct MethodHandler {
-    const wchar_t* pwcharName;
-    HRESULT (*pHandler)(DorWEXMethodCall&);
-};
-const MethodHandler kHandlers[] = {
-    {L"SetDebugLevel", MethodSetDebugLevel},
-    {L"GetProperty", MethodGetProperty},
-    {L"CopyFileFromDevice", MethodCopyFileFromDevice},
-    {L"MoveFileFromDevice", MethodMoveFileFromDevice},
-    {L"DeleteFileFromDevice", MethodDeleteFileFromDevice},
-    {L"EnumerateDevicePath", MethodEnumerateDevicePath},
-    {L"CreateFolderOnDevice", MethodCreateFolderOnDevice},
-    {L"RequestWriteToken", MethodRequestWriteToken},
-    {L"CopyFileToDevice", MethodCopyFileToDevice},
-    {L"EjectDevice", MethodEjectDevice},
-};
-
 std::wstring Format(const wchar_t* pwcharFormat_in, ...) {
     wchar_t l_wcharText[1024];
     va_list l_va_list;
@@ -179,11 +162,11 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
             }
             if (SUCCEEDED(l_HRESULT) && l_OutParams.Get() != nullptr) {
                 Trace(L"CDorWEXWPDWMI::ExecMethodAsync %s.\n", strMethodName);
-                for (const auto& l_Handler : kHandlers) {
-                    if (strMethodName != nullptr && wcscmp(strMethodName, l_Handler.pwcharName) == 0) {
-                        l_HRESULT = l_Handler.pHandler(l_Call);
-                        break;
-                    }
+                l_Call.pMethod = dorwex::schema::FindMethod(strMethodName);
+                const DorWEXMethodHandler l_pHandler =
+                    l_Call.pMethod != nullptr ? HandlerFor(l_Call.pMethod->id) : nullptr;
+                if (l_pHandler != nullptr) {
+                    l_HRESULT = l_pHandler(l_Call);
                 }
                 _variant_t l_ReturnValue;
                 if (l_Call.boolHasReturnValue) {
@@ -218,13 +201,42 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
     return l_HRESULTReturn;
 }
 
+DorWEXMethodHandler HandlerFor(dorwex::schema::Method id_in) {
+    using dorwex::schema::Method;
+    switch (id_in) {
+    case Method::SetDebugLevel:
+        return MethodSetDebugLevel;
+    case Method::GetProperty:
+        return MethodGetProperty;
+    case Method::CopyFileFromDevice:
+        return MethodCopyFileFromDevice;
+    case Method::MoveFileFromDevice:
+        return MethodMoveFileFromDevice;
+    case Method::DeleteFileFromDevice:
+        return MethodDeleteFileFromDevice;
+    case Method::EnumerateDevicePath:
+        return MethodEnumerateDevicePath;
+    case Method::CreateFolderOnDevice:
+        return MethodCreateFolderOnDevice;
+    case Method::RequestWriteToken:
+        return MethodRequestWriteToken;
+    case Method::CopyFileToDevice:
+        return MethodCopyFileToDevice;
+    case Method::EjectDevice:
+        return MethodEjectDevice;
+    }
+    return nullptr;
+}
+
 HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io) {
     call_io.SetReturnText(L"");
     if (call_io.pInParams == nullptr) {
         return WBEM_S_NO_ERROR;
     }
     _variant_t l_Value;
-    if (FAILED(call_io.pInParams->Get(L"uint32DebugLevel", 0, &l_Value, nullptr, nullptr)) || l_Value.vt == VT_NULL ||
+    if (call_io.pMethod == nullptr || call_io.pMethod->inputCount < 1 ||
+        FAILED(call_io.pInParams->Get(call_io.pMethod->inputs[0].name, 0, &l_Value, nullptr, nullptr)) ||
+        l_Value.vt == VT_NULL ||
         l_Value.vt == VT_EMPTY) {
         return WBEM_S_NO_ERROR;  // the level stays as it is
     }

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "schema.h"
+
 class CDorWEXWPDWMI;
 
 // What a conversion that failed leaves for the caller: where it failed and why.
@@ -20,6 +22,7 @@ struct DorWEXErrorRecord {
 // object cannot disturb each other, and the outcome the dispatcher turns into the reply.
 struct DorWEXMethodCall {
     CDorWEXWPDWMI* pProvider = nullptr;
+    const dorwex::schema::MethodDefinition* pMethod = nullptr;  // the method called: its parameters' names
     IWbemClassObject* pInParams = nullptr;
     IWbemContext* pContext = nullptr;
     _variant_t variant_tSlots[2];
@@ -44,7 +47,11 @@ HRESULT ConvertParameter(DorWEXMethodCall& call_io, const VARIANT& variant_in, i
 IWbemClassObject* CreateExtendedStatus(IWbemServices* pIWbemServices_in, const wchar_t* pwcharOperation_in,
                                        const wchar_t* pwcharDescription_in);
 
-// The method handlers, in dispatch order.
+// The handler of a method. Each reads its parameters by their place in the method's definition.
+using DorWEXMethodHandler = HRESULT (*)(DorWEXMethodCall&);
+DorWEXMethodHandler HandlerFor(dorwex::schema::Method id_in);
+
+// The method handlers.
 HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io);
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io);
 HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io);

@@ -24,14 +24,22 @@ const wchar_t* Pointer(const Text& text_in) {
     return text_in ? text_in->c_str() : nullptr;
 }
 
-// Reads one input parameter as text into slot 0; a missing or null parameter gives a null text.
-HRESULT ReadText(DorWEXMethodCall& call_io, const wchar_t* pwcharName_in, const wchar_t* pwcharTraceName_in,
-                 Text& text_out) {
-    text_out.reset();
+// The value of the called method's input parameter at a place of its definition; VT_EMPTY when the
+// parameter was not given (or the definition has no such place).
+_variant_t InputValue(const DorWEXMethodCall& call_io, size_t index_in) {
     _variant_t l_Value;
-    if (call_io.pInParams == nullptr ||
-        FAILED(call_io.pInParams->Get(pwcharName_in, 0, &l_Value, nullptr, nullptr)) || l_Value.vt == VT_NULL ||
-        l_Value.vt == VT_EMPTY) {
+    if (call_io.pInParams != nullptr && call_io.pMethod != nullptr && index_in < call_io.pMethod->inputCount &&
+        FAILED(call_io.pInParams->Get(call_io.pMethod->inputs[index_in].name, 0, &l_Value, nullptr, nullptr))) {
+        l_Value.Clear();
+    }
+    return l_Value;
+}
+
+// Reads one input parameter as text into slot 0; a missing or null parameter gives a null text.
+HRESULT ReadText(DorWEXMethodCall& call_io, size_t index_in, const wchar_t* pwcharTraceName_in, Text& text_out) {
+    text_out.reset();
+    const _variant_t l_Value = InputValue(call_io, index_in);
+    if (l_Value.vt == VT_NULL || l_Value.vt == VT_EMPTY) {
         return S_OK;
     }
     const HRESULT l_HRESULT = ConvertParameter(call_io, l_Value, 0, VT_BSTR, pwcharTraceName_in);
@@ -101,12 +109,12 @@ void TraceEnter(const wchar_t* pwcharName_in) {
     Trace(L"%s enter.\n", pwcharName_in);
 }
 
-// Reads the named text parameters, in order, into texts_out; stops at the first that fails to convert.
+// Reads the method's first N parameters, in order, as texts into texts_out; stops at the first that fails to
+// convert.
 template <size_t N>
-HRESULT ReadTexts(DorWEXMethodCall& call_io, const wchar_t* const (&names_in)[N], const wchar_t* pwcharTraceName_in,
-                  Text (&texts_out)[N]) {
+HRESULT ReadTexts(DorWEXMethodCall& call_io, const wchar_t* pwcharTraceName_in, Text (&texts_out)[N]) {
     for (size_t l_index = 0; l_index < N; ++l_index) {
-        const HRESULT l_HRESULT = ReadText(call_io, names_in[l_index], pwcharTraceName_in, texts_out[l_index]);
+        const HRESULT l_HRESULT = ReadText(call_io, l_index, pwcharTraceName_in, texts_out[l_index]);
         if (FAILED(l_HRESULT)) {
             return l_HRESULT;
         }
@@ -118,15 +126,15 @@ void SetOneOrZero(DorWEXMethodCall& call_io, int intResult_in) {
     call_io.SetReturnText(intResult_in == 1 ? L"1" : L"0");
 }
 
-// The shape of the methods that act on one device: the outer handler reads its text parameters in order
+// The shape of the methods that act on one device: the outer handler reads its N text parameters in order
 // (the storage path first, the device id last), the inner handler finds the device and hands it to work_in,
 // which makes the "ReturnValue". Without a device, answerIfMissing_in is the "ReturnValue".
 template <size_t N, class Work>
 HRESULT DeviceMethod(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in, const wchar_t* pwcharInner_in,
-                     const wchar_t* const (&names_in)[N], const wchar_t* pwcharAnswerIfMissing_in, Work work_in) {
+                     const wchar_t* pwcharAnswerIfMissing_in, Work work_in) {
     TraceEnter(pwcharOuter_in);
     Text l_Texts[N];
-    const HRESULT l_HRESULT = ReadTexts(call_io, names_in, pwcharOuter_in, l_Texts);
+    const HRESULT l_HRESULT = ReadTexts(call_io, pwcharOuter_in, l_Texts);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
@@ -164,53 +172,49 @@ private:
 }  // namespace
 
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
-    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodGetProperty", L"CDorWEXWPDWMI::MethodGetProperty2",
-                        {L"strObjectStoragePath", L"strPropertyName", L"strObjectDeviceId"}, L"",
-                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
-                            const _bstr_t l_bstr_tValue =
-                                device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
-                            call_io.SetReturnText(BstrText(l_bstr_tValue));
-                        });
+    return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodGetProperty", L"CDorWEXWPDWMI::MethodGetProperty2", L"",
+                           [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                               const _bstr_t l_bstr_tValue =
+                                   device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
+                               call_io.SetReturnText(BstrText(l_bstr_tValue));
+                           });
 }
 
 HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
-    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
-                        L"CDorWEXWPDWMI::MethodCopyFileFromDevice2",
-                        {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
-                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
-                            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
-                            HRESULT l_HRESULT = E_FAIL;
-                            try {
-                                l_HRESULT = device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1]));
-                            } catch (const _com_error& error_in) {
-                                if (error_in.Error() == E_OUTOFMEMORY) {
-                                    throw;
-                                }
-                                l_HRESULT = error_in.Error();
-                                RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
-                            }
-                            SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
-                        });
+    return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
+                           L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", L"0",
+                           [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                               const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
+                               HRESULT l_HRESULT = E_FAIL;
+                               try {
+                                   l_HRESULT = device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1]));
+                               } catch (const _com_error& error_in) {
+                                   if (error_in.Error() == E_OUTOFMEMORY) {
+                                       throw;
+                                   }
+                                   l_HRESULT = error_in.Error();
+                                   RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
+                               }
+                               SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
+                           });
 }
 
 HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
-    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice",
-                        L"CDorWEXWPDWMI::MethodMoveFileFromDevice2",
-                        {L"strObjectStoragePath", L"strLocalFileName", L"strObjectDeviceId"}, L"0",
-                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
-                            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodMoveFileFromDevice2");
-                            SetOneOrZero(call_io,
-                                         device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
-                        });
+    return DeviceMethod<3>(
+        call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice", L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", L"0",
+        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodMoveFileFromDevice2");
+            SetOneOrZero(call_io, device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
+        });
 }
 
 HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
-    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice",
-                        L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", {L"strObjectStoragePath", L"strObjectDeviceId"},
-                        L"0", [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[2]) {
-                            const _bstr_t l_bstr_tDeviceId = device_in.Identity()->m_bstr_tDeviceId;
-                            SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]), l_bstr_tDeviceId));
-                        });
+    return DeviceMethod<2>(
+        call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice", L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", L"0",
+        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[2]) {
+            const _bstr_t l_bstr_tDeviceId = device_in.Identity()->m_bstr_tDeviceId;
+            SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]), l_bstr_tDeviceId));
+        });
 }
 
 HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
@@ -218,13 +222,10 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
     constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodEnumerateDevicePath2";
     TraceEnter(kOuter);
     Text l_Texts[2];
-    HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectStoragePath", L"strObjectDeviceId"}, kOuter, l_Texts);
+    HRESULT l_HRESULT = ReadTexts(call_io, kOuter, l_Texts);
     std::optional<ULONG> l_ContentType;
-    if (SUCCEEDED(l_HRESULT) && call_io.pInParams != nullptr) {
-        _variant_t l_Value;
-        if (SUCCEEDED(call_io.pInParams->Get(L"uint32ContentType", 0, &l_Value, nullptr, nullptr))) {
-            l_HRESULT = ReadNumber(call_io, l_Value, 1, kOuter, l_ContentType);
-        }
+    if (SUCCEEDED(l_HRESULT)) {
+        l_HRESULT = ReadNumber(call_io, InputValue(call_io, 2), 1, kOuter, l_ContentType);
     }
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
@@ -239,15 +240,12 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
 }
 
 HRESULT MethodCreateFolderOnDevice(DorWEXMethodCall& call_io) {
-    return DeviceMethod(call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice",
-                        L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2",
-                        {L"strObjectStoragePath", L"strNewFolderName", L"strObjectDeviceId"}, L"0",
-                        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
-                            SetOneOrZero(call_io, SUCCEEDED(device_in.CreateFolderOnDevice(Pointer(texts_in[0]),
-                                                                                           Pointer(texts_in[1])))
-                                                      ? 1
-                                                      : 0);
-                        });
+    return DeviceMethod<3>(
+        call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice", L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2", L"0",
+        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+            SetOneOrZero(call_io,
+                         SUCCEEDED(device_in.CreateFolderOnDevice(Pointer(texts_in[0]), Pointer(texts_in[1]))) ? 1 : 0);
+        });
 }
 
 HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
@@ -255,13 +253,7 @@ HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
     TraceEnter(kOuter);
     std::optional<ULONG> l_ProcessId;
     std::optional<ULONG> l_ClientProcessId;
-    HRESULT l_HRESULT = S_OK;
-    if (call_io.pInParams != nullptr) {
-        _variant_t l_Value;
-        if (SUCCEEDED(call_io.pInParams->Get(L"uint32ProcessId", 0, &l_Value, nullptr, nullptr))) {
-            l_HRESULT = ReadNumber(call_io, l_Value, 0, kOuter, l_ProcessId);
-        }
-    }
+    HRESULT l_HRESULT = ReadNumber(call_io, InputValue(call_io, 0), 0, kOuter, l_ProcessId);
     if (SUCCEEDED(l_HRESULT)) {
         l_HRESULT = ReadContextProcessId(call_io, kOuter, l_ClientProcessId);
     }
@@ -285,8 +277,7 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
     constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCopyFileToDevice2";
     TraceEnter(kOuter);
     Text l_Texts[4];
-    const HRESULT l_HRESULT = ReadTexts(
-        call_io, {L"strObjectStoragePath", L"strFileToCopy", L"strWriteToken", L"strObjectDeviceId"}, kOuter, l_Texts);
+    const HRESULT l_HRESULT = ReadTexts(call_io, kOuter, l_Texts);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
@@ -326,7 +317,7 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodEjectDevice2";
     TraceEnter(kOuter);
     Text l_Texts[1];
-    const HRESULT l_HRESULT = ReadTexts(call_io, {L"strObjectDeviceId"}, kOuter, l_Texts);
+    const HRESULT l_HRESULT = ReadTexts(call_io, kOuter, l_Texts);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }

@@ -1,5 +1,7 @@
 #include "schema.h"
 
+#include <cwchar>
+
 namespace dorwex::schema {
 
 namespace {
@@ -59,22 +61,31 @@ const PropertyDefinition kCopyFileToDevice[] = {
 const PropertyDefinition kEjectDevice[] = {{L"strObjectDeviceId", S}};
 
 template <std::size_t N>
-constexpr MethodDefinition Method(const wchar_t* name, const PropertyDefinition (&inputs)[N]) {
-    return {name, inputs, N};
+constexpr MethodDefinition Define(Method id, const wchar_t* name, const PropertyDefinition (&inputs)[N]) {
+    return {id, name, inputs, N};
 }
 }  // namespace
 
 const MethodDefinition kWPDMethods[kWPDMethodCount] = {
-    Method(L"SetDebugLevel", kSetDebugLevel),
-    Method(L"GetProperty", kGetProperty),
-    Method(L"CopyFileFromDevice", kCopyFileFromDevice),
-    Method(L"MoveFileFromDevice", kCopyFileFromDevice),
-    Method(L"DeleteFileFromDevice", kDeleteFileFromDevice),
-    Method(L"EnumerateDevicePath", kEnumerateDevicePath),
-    Method(L"CreateFolderOnDevice", kCreateFolderOnDevice),
-    Method(L"RequestWriteToken", kRequestWriteToken),
-    Method(L"CopyFileToDevice", kCopyFileToDevice),
-    Method(L"EjectDevice", kEjectDevice),
+    Define(Method::SetDebugLevel, L"SetDebugLevel", kSetDebugLevel),
+    Define(Method::GetProperty, L"GetProperty", kGetProperty),
+    Define(Method::CopyFileFromDevice, L"CopyFileFromDevice", kCopyFileFromDevice),
+    Define(Method::MoveFileFromDevice, L"MoveFileFromDevice", kCopyFileFromDevice),
+    Define(Method::DeleteFileFromDevice, L"DeleteFileFromDevice", kDeleteFileFromDevice),
+    Define(Method::EnumerateDevicePath, L"EnumerateDevicePath", kEnumerateDevicePath),
+    Define(Method::CreateFolderOnDevice, L"CreateFolderOnDevice", kCreateFolderOnDevice),
+    Define(Method::RequestWriteToken, L"RequestWriteToken", kRequestWriteToken),
+    Define(Method::CopyFileToDevice, L"CopyFileToDevice", kCopyFileToDevice),
+    Define(Method::EjectDevice, L"EjectDevice", kEjectDevice),
 };
+
+const MethodDefinition* FindMethod(const wchar_t* name) {
+    for (const auto& method : kWPDMethods) {
+        if (name != nullptr && std::wcscmp(method.name, name) == 0) {
+            return &method;
+        }
+    }
+    return nullptr;
+}
 
 }  // namespace dorwex::schema

@@ -46,12 +46,31 @@ extern const PropertyDefinition kWPDProperties[kWPDPropertyCount];
 // Win32ext_WPDEvent properties (all strings) in the order SendEvent writes them.
 extern const wchar_t* const kWPDEventProperties[kWPDEventPropertyCount];
 
+// The methods of Win32ext_WPD, as the code knows them; their WMI names and parameters are in kWPDMethods.
+enum class Method {
+    SetDebugLevel,
+    GetProperty,
+    CopyFileFromDevice,
+    MoveFileFromDevice,
+    DeleteFileFromDevice,
+    EnumerateDevicePath,
+    CreateFolderOnDevice,
+    RequestWriteToken,
+    CopyFileToDevice,
+    EjectDevice,
+};
+
 struct MethodDefinition {
+    Method id;
     const wchar_t* name;
-    const PropertyDefinition* inputs;
+    const PropertyDefinition* inputs;  // in the order the handler reads them
     std::size_t inputCount;
 };
-// Methods of Win32ext_WPD in dispatch order; each returns a string "ReturnValue".
+// Methods of Win32ext_WPD; each returns a string "ReturnValue". Dispatch and the handlers' parameter
+// names come from here, so a method or parameter is named in this table and in the MOF only.
 extern const MethodDefinition kWPDMethods[kWPDMethodCount];
+
+// The method of that exact name, or null.
+const MethodDefinition* FindMethod(const wchar_t* name);
 
 }  // namespace dorwex::schema

@@ -1,6 +1,8 @@
 // Method parameters as the dispatcher converts them before a handler reads them.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "wmi/method_dispatch.h"
 
 namespace {
@@ -75,6 +77,22 @@ TEST(ConvertParameter, UnknownTypesAreNamedInTheMessage) {
     EXPECT_EQ(ConvertParameter(referenced, byReference, 0, VT_BSTR, L"M"), E_FAIL);
     EXPECT_EQ(referenced.pErrorRecord->wstringDescription,
               L"M: Unknown variable (variant) type passed in:9.  Desired variable type:8.  Parameter index:0");
+}
+
+
+// Dispatch goes from the schema's method table to the handlers: each method has a handler of its own, and a
+// name the table does not hold finds nothing.
+TEST(MethodDispatch, EveryMethodOfTheSchemaHasItsOwnHandler) {
+    std::set<DorWEXMethodHandler> handlers;
+    for (const auto& method : dorwex::schema::kWPDMethods) {
+        EXPECT_EQ(dorwex::schema::FindMethod(method.name), &method);
+        const DorWEXMethodHandler handler = HandlerFor(method.id);
+        EXPECT_NE(handler, nullptr) << method.name;
+        handlers.insert(handler);
+    }
+    EXPECT_EQ(handlers.size(), dorwex::schema::kWPDMethodCount);
+    EXPECT_EQ(dorwex::schema::FindMethod(L"setdebuglevel"), nullptr) << "method names are matched exactly";
+    EXPECT_EQ(dorwex::schema::FindMethod(nullptr), nullptr);
 }
 
 }  // namespace
