@@ -183,22 +183,22 @@ HRESULT CDorWEXWPDObjectInWin32::ProcessDeviceNotification(const wchar_t* pwchar
     }
     m_Ancestors.clear();
 
-    HRESULT l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_DISKDRIVE, kGUID_DEVINTERFACE_DISK, 1);
+    HRESULT l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_DISKDRIVE, kGUID_DEVINTERFACE_DISK, kDiskDriveNode);
     if (SUCCEEDED(l_HRESULT)) {
-        ProcessDeviceInterfaces2(1);
+        ProcessDeviceInterfaces2(kDiskDriveNode);
     }
-    if (m_NodeEntries[0].wstringDiskDrive.empty() && m_NodeEntries[1].wstringDiskDrive.empty()) {
+    if (m_NodeEntries[kNotifiedNode].wstringDiskDrive.empty() && m_NodeEntries[kDiskDriveNode].wstringDiskDrive.empty()) {
         if (intMode_in == 1) {
             l_HRESULT = FindDeviceClassFromDbccName(pwcharName_in);
-            if (!m_NodeEntries[0].wstringInstanceId.empty()) {
-                FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_USB, kGUID_DEVINTERFACE_USB_DEVICE, 2);
-                ProcessImmediateParent2(0);
+            if (!m_NodeEntries[kNotifiedNode].wstringInstanceId.empty()) {
+                FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_USB, kGUID_DEVINTERFACE_USB_DEVICE, kUSBDeviceNode);
+                ProcessImmediateParent2(kNotifiedNode);
             }
         } else {
-            l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_WPD_LOOKUP, kGUID_DEVINTERFACE_WPD_2, 3);
-            ProcessDeviceInterfaces2(3);
-            if (!m_NodeEntries[3].wstringInstanceId.empty()) {
-                ProcessImmediateParent2(3);
+            l_HRESULT = FindDeviceClassOnCompositeDevice(kGUID_DEVCLASS_WPD_LOOKUP, kGUID_DEVINTERFACE_WPD_2, kLookedUpNode);
+            ProcessDeviceInterfaces2(kLookedUpNode);
+            if (!m_NodeEntries[kLookedUpNode].wstringInstanceId.empty()) {
+                ProcessImmediateParent2(kLookedUpNode);
             }
         }
     }
@@ -218,16 +218,16 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccName(const wchar_t* pwch
     ForEachMatchingNode(l_List.Get(), pwcharName_in, [&](DEVINST devinst_in, const wchar_t* pwcharInstanceId_in) {
         Trace(L"=============================================================");
         Trace(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON %s\n", pwcharInstanceId_in);
-        ReadNode(devinst_in, pwcharInstanceId_in, 0);
+        ReadNode(devinst_in, pwcharInstanceId_in, kNotifiedNode);
         // The notification name is the path of the interface that reported the device.
-        NodeEntry& l_Entry = m_NodeEntries[0];
+        NodeEntry& l_Entry = m_NodeEntries[kNotifiedNode];
         l_Entry.wstringDevicePath = pwcharName_in;
         const wchar_t* l_pwcharBrace = wcsrchr(pwcharName_in, L'{');
         GUID l_guidInterface = {};
         if (l_pwcharBrace != nullptr && SUCCEEDED(CLSIDFromString(l_pwcharBrace, &l_guidInterface))) {
             l_Entry.wstringType = ClassName(l_guidInterface);
         }
-        SetDeviceInstanceIdUsingPnpAPI(devinst_in, 0);
+        SetDeviceInstanceIdUsingPnpAPI(devinst_in, kNotifiedNode);
         ProcessDeviceInterfaces2(0);
         return false;  // the first node that matches is the device's
     });
@@ -450,9 +450,9 @@ HRESULT CDorWEXWPDObjectInWin32::ProcessImmediateParent2(int intEntry_in) {
             continue;
         }
         // The node right below the hub is the USB device; a composite device's function sits under it.
-        NodeEntry& l_USBDevice = m_NodeEntries[2];
+        NodeEntry& l_USBDevice = m_NodeEntries[kUSBDeviceNode];
         if (l_USBDevice.wstringInstanceId.empty() || l_USBDevice.devinst != l_devinstBelow) {
-            ReadNode(l_devinstBelow, l_wstringBelow, 2);
+            ReadNode(l_devinstBelow, l_wstringBelow, kUSBDeviceNode);
             l_USBDevice.wstringType = L"GUID_DEVINTERFACE_USB_DEVICE";
             l_USBDevice.wstringDevicePath = InterfacePath(kGUID_DEVINTERFACE_USB_DEVICE, l_wstringBelow.c_str());
         }
@@ -539,12 +539,13 @@ int CDorWEXWPDObjectInWin32::FindPort(const NodeEntry& entry_in, DEVINST devinst
 }
 
 std::wstring CDorWEXWPDObjectInWin32::GetDeviceSerialNumber() const {
-    const NodeEntry& l_Device = m_NodeEntries[0].wstringInstanceId.empty() ? m_NodeEntries[3] : m_NodeEntries[0];
+    const NodeEntry& l_Device = m_NodeEntries[kNotifiedNode].wstringInstanceId.empty() ? m_NodeEntries[kLookedUpNode]
+                                                                                    : m_NodeEntries[kNotifiedNode];
     return dorwex::SerialNumberFromInstanceId(l_Device.wstringInstanceId);
 }
 
 std::wstring CDorWEXWPDObjectInWin32::GetUSBSerialNumber() const {
-    return dorwex::SerialNumberFromInstanceId(m_NodeEntries[2].wstringInstanceId);
+    return dorwex::SerialNumberFromInstanceId(m_NodeEntries[kUSBDeviceNode].wstringInstanceId);
 }
 
 void CDorWEXWPDObjectInWin32::ShowProperties() const {

@@ -14,9 +14,14 @@
 
 class CDorWEXWPDObjectInWin32 {
 public:
-    // Entry 0 the node matched from the notification name, 1 the disk drive on the same composite device,
-    // 2 the USB device node, 3 the node found for a lookup that is not a notification.
-    static constexpr int kEntries = 4;
+    // The view's node entries.
+    enum Entry : int {
+        kNotifiedNode = 0,  // the node matched from the notification name
+        kDiskDriveNode = 1,  // the disk drive on the same composite device
+        kUSBDeviceNode = 2,  // the USB device node
+        kLookedUpNode = 3,  // the node found for a lookup that is not a notification
+        kEntries = 4,
+    };
     // Registry properties SPDRP_DEVICEDESC (0) to SPDRP_LOCATION_PATHS (0x23).
     static constexpr DWORD kRegistryProperties = 0x24;
 
@@ -68,7 +73,7 @@ public:
     bool IsHubOrController(DEVINST devinstParent_in, const wchar_t* pwcharFor_in);
 
     const std::wstring& GetName() const { return m_wstringName; }
-    const NodeEntry& GetEntry(int intIndex_in) const { return m_NodeEntries[intIndex_in]; }
+    const NodeEntry& GetEntry(Entry entry_in) const { return m_NodeEntries[entry_in]; }
     // The serial number in the device node's instance id, and the one in the USB device node's; empty when
     // the system made the id up.
     std::wstring GetDeviceSerialNumber() const;

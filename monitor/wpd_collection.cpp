@@ -48,8 +48,8 @@ using Entry = std::pair<const std::wstring, CDorWEXWPDCollection::DevicePtr>;
 // The lookup strategies, each a test on one device for the identifiers the caller holds.
 bool MatchesDiskId(const Entry& entry_in, const wchar_t* pwcharId_in) {
     const CDorWEXWPDObjectInWin32& l_Win32 = entry_in.second->Win32View();
-    return SameText(l_Win32.GetEntry(0).wstringInstanceId, pwcharId_in) ||
-           SameText(l_Win32.GetEntry(2).wstringInstanceId, pwcharId_in);
+    return SameText(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, pwcharId_in) ||
+           SameText(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringInstanceId, pwcharId_in);
 }
 
 bool MatchesDiskNameAndDeviceId(const Entry& entry_in, const wchar_t* pwcharId_in) {

@@ -133,7 +133,8 @@ int CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent() {
         // A device whose Plug and Play view shows a disk drive is plain USB storage, not a portable device.
         CDorWEXWPDObjectInWin32 l_Win32;
         if (SUCCEEDED(l_Win32.ProcessDeviceNotification(l_wcharName, 1)) &&
-            (!l_Win32.GetEntry(0).wstringDiskDrive.empty() || !l_Win32.GetEntry(1).wstringDiskDrive.empty())) {
+            (!l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDiskDrive.empty() ||
+             !l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDiskDrive.empty())) {
             Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, FilterPureUSBDevice=TRUE");
             return 0;
         }

@@ -54,10 +54,10 @@ HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const CDorWEXWPDObject& 
         Text(l_pIdentity->m_bstr_tDisk2Description),
         Text(l_pIdentity->m_bstr_tWPDSerialNumber),
         Text(l_pIdentity->m_bstr_tUSBSerialNumber),
-        Text(l_Win32.GetEntry(0).wstringDevicePath),
-        Text(l_Win32.GetEntry(2).wstringDevicePath),
-        Text(l_Win32.GetEntry(0).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME)),
-        Text(l_Win32.GetEntry(2).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME)),
+        Text(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDevicePath),
+        Text(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringDevicePath),
+        Text(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME)),
+        Text(l_Win32.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME)),
     };
     for (size_t l_index = 0; l_index < l_Values.size(); ++l_index) {
         pInstance_io->Put(dorwex::schema::kWPDProperties[l_index].name, 0, &l_Values[l_index], 0);

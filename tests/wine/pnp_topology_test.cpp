@@ -90,17 +90,17 @@ TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
     CDorWEXWPDObjectInWin32 view;
     EXPECT_EQ(view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1), S_OK);
 
-    EXPECT_EQ(view.GetEntry(0).wstringInstanceId, kPhoneFunction) << "matched across case, # and the suffix";
-    EXPECT_EQ(view.GetEntry(0).wstringDevicePath, Wide(kPhoneWPDId));
-    EXPECT_EQ(view.GetEntry(0).wstringType, L"GUID_DEVINTERFACE_WPD");
-    EXPECT_EQ(view.GetEntry(0).Property(SPDRP_FRIENDLYNAME), L"Galaxy S9");
-    EXPECT_EQ(view.GetEntry(2).wstringInstanceId, kPhoneUSB) << "the composite device's USB node";
-    EXPECT_EQ(view.GetEntry(2).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME), L"\\Device\\USBPDO-7");
-    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 3);
-    EXPECT_EQ(view.GetEntry(2).intTotalPortsOnHub, 6);
-    EXPECT_EQ(view.GetEntry(2).intActivePortsOnHub, 1);
-    EXPECT_EQ(view.GetEntry(2).longNumberOfOpenPipes, 3) << "read from the hub for the device's port";
-    EXPECT_TRUE(view.GetEntry(1).wstringInstanceId.empty()) << "no disk drive on a phone";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneFunction) << "matched across case, # and the suffix";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDevicePath, Wide(kPhoneWPDId));
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringType, L"GUID_DEVINTERFACE_WPD");
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).Property(SPDRP_FRIENDLYNAME), L"Galaxy S9");
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringInstanceId, kPhoneUSB) << "the composite device's USB node";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME), L"\\Device\\USBPDO-7");
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 3);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intTotalPortsOnHub, 6);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intActivePortsOnHub, 1);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).longNumberOfOpenPipes, 3) << "read from the hub for the device's port";
+    EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringInstanceId.empty()) << "no disk drive on a phone";
     EXPECT_EQ(view.GetUSBSerialNumber(), L"R58M12345");
     EXPECT_EQ(view.GetDeviceSerialNumber(), L"") << "the function's id was made up by the system";
 
@@ -129,14 +129,14 @@ TEST(PnpView, PortComesFromCountingTheHubsChildrenWhenTheLocationNamesNone) {
     TraceCapture trace(1);
     CDorWEXWPDObjectInWin32 view;
     view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
-    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 1) << "the phone is the hub's first child";
-    EXPECT_EQ(view.GetEntry(2).intActivePortsOnHub, 2);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 1) << "the phone is the hub's first child";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intActivePortsOnHub, 2);
 
     // A hub whose port count cannot be read gives no port at all.
     pnp.At(tree.hub).hubPorts = 0;
     trace.Clear();
     view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
-    EXPECT_EQ(view.GetEntry(2).intUSBHubPortNumber, 0);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, could not determine port for device.\n"));
 }
 
@@ -148,10 +148,10 @@ TEST(PnpView, StickVolumeHasItsDiskDriveDiskNumberAndLetter) {
     TraceCapture trace(1);
     CDorWEXWPDObjectInWin32 view;
     EXPECT_EQ(view.ProcessDeviceNotification(kStickWPDName, 1), S_OK);
-    EXPECT_EQ(view.GetEntry(1).wstringDiskDrive, kStickDisk) << "the disk drive's id is part of the volume name";
-    EXPECT_EQ(view.GetEntry(1).longDiskNumber, 2);
-    EXPECT_EQ(view.GetEntry(1).wstringDriveLetter, L"E:\\");
-    EXPECT_TRUE(view.GetEntry(0).wstringInstanceId.empty()) << "a disk was found: the name is not looked up further";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDiskDrive, kStickDisk) << "the disk drive's id is part of the volume name";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).longDiskNumber, 2);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDriveLetter, L"E:\\");
+    EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId.empty()) << "a disk was found: the name is not looked up further";
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Drive letter: <E:\\> "
                           L"Drive number: <2>\n"));
     EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_"
@@ -163,16 +163,16 @@ TEST(PnpView, StickVolumeHasItsDiskDriveDiskNumberAndLetter) {
     trace.Clear();
     CDorWEXWPDObjectInWin32 volumeView;
     volumeView.ProcessDeviceNotification(kStickWPDName, 1);
-    EXPECT_EQ(volumeView.GetEntry(0).wstringInstanceId, kStickVolume);
-    EXPECT_EQ(volumeView.GetEntry(0).longDiskNumber, 2);
-    EXPECT_EQ(volumeView.GetEntry(0).wstringDiskDrive, L"\\\\.\\PhysicalDrive2");
-    EXPECT_EQ(volumeView.GetEntry(0).wstringDriveLetter, L"E:\\");
+    EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kStickVolume);
+    EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).longDiskNumber, 2);
+    EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDiskDrive, L"\\\\.\\PhysicalDrive2");
+    EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDriveLetter, L"E:\\");
 
     pnp.SetDrive(L'E', 0);
     trace.Clear();
     CDorWEXWPDObjectInWin32 noLetter;
     noLetter.ProcessDeviceNotification(kStickWPDName, 1);
-    EXPECT_TRUE(noLetter.GetEntry(0).wstringDriveLetter.empty());
+    EXPECT_TRUE(noLetter.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDriveLetter.empty());
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Reached end of drive list before "
                           L"reaching l_VOLUME_DISK_EXTENTS.Extents->DiskNumber:list: C:\\ E:\\  DiskNumber: 2\n"));
     EXPECT_EQ(pnp.OpenLists(), 0u);
@@ -188,8 +188,8 @@ TEST(PnpView, FailingCallsAreTracedAndLeaveTheEntriesEmpty) {
         TraceCapture trace(1);
         CDorWEXWPDObjectInWin32 view;
         EXPECT_EQ(view.ProcessDeviceNotification(kStickWPDName, 1), HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
-        EXPECT_TRUE(view.GetEntry(1).wstringDiskDrive.empty()) << "nothing found: read as not plain storage";
-        EXPECT_TRUE(view.GetEntry(0).wstringInstanceId.empty());
+        EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDiskDrive.empty()) << "nothing found: read as not plain storage";
+        EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId.empty());
         EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_DISK: "
                                      L"SetupDiGetClassDevs FAILED 5: ").size(), 1u);
         EXPECT_EQ(pnp.OpenLists(), 0u);
@@ -202,9 +202,9 @@ TEST(PnpView, FailingCallsAreTracedAndLeaveTheEntriesEmpty) {
         TraceCapture trace(1);
         CDorWEXWPDObjectInWin32 view;
         view.ProcessDeviceNotification(kStickWPDName, 1);
-        EXPECT_EQ(view.GetEntry(1).wstringDiskDrive, kStickDisk) << "the node is found all the same";
-        EXPECT_EQ(view.GetEntry(1).longDiskNumber, -1);
-        EXPECT_TRUE(view.GetEntry(1).wstringDriveLetter.empty());
+        EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDiskDrive, kStickDisk) << "the node is found all the same";
+        EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).longDiskNumber, -1);
+        EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDriveLetter.empty());
         EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectInWin32::ProcessDeviceInterfaces2, DevicePath: "
                                      L"\\\\?\\usbstor#disk&ven_kingston#60a44c413a8c&0#{53f56307} FAILED mapping "
                                      L"into Win32: CreateFile FAILED 2: ").size(), 1u);
