@@ -307,7 +307,10 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     trace.Clear();
     ASSERT_TRUE(SendText(client, L"Event^WRITE~SerialNumber^NOBODY~strPID^1~TargetPath^Elsewhere\\x"));
     ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent enter."); }));
-    Sleep(50);
+    // The pipe serves one client's messages in order: once a later message is refused, the report before it
+    // has been handled completely.
+    ASSERT_TRUE(SendText(client, L"Event^write~SerialNumber^NOBODY"));
+    ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIAppleNamedPipe::ProcessData1, ERROR: write != WRITE.\n"); }));
     EXPECT_FALSE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent enter."));
     CloseHandle(client);
     core.GetCollection()->RemoveWPD(L"usb#vid_04e8&pid_6860#pipe");
