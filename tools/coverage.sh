@@ -31,7 +31,7 @@ if [ "$run" -eq 1 ]; then
         -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" >/dev/null
     cmake --build "$build" -j"$jobs"
     cmake -S "$root" -B "$native" -DCMAKE_BUILD_TYPE=Debug -DDORWEX_SANITIZE=OFF \
-        -DCMAKE_CXX_FLAGS="--coverage -O0" -DCMAKE_EXE_LINKER_FLAGS=--coverage >/dev/null
+        -DCMAKE_CXX_FLAGS="--coverage -O0 -fprofile-update=atomic" -DCMAKE_EXE_LINKER_FLAGS=--coverage >/dev/null
     cmake --build "$native" -j"$jobs" --target native_tests
     find "$build" "$native" -name '*.gcda' -delete
     "$native/bin/native_tests" --gtest_brief=1 || status=$?
