@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "../common/error_text.h"
 #include "blackberry_text.h"
 #include "wnet_api.h"
 

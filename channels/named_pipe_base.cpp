@@ -8,7 +8,7 @@
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "../common/error_text.h"
 
 namespace {
 

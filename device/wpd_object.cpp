@@ -5,7 +5,7 @@
 #include "../channels/blackberry_share.h"
 #include "../monitor/wpd_object_events.h"
 #include "../wmi/trace.h"
-#include "com_memory.h"
+#include "../common/com_memory.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <string>
 
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "../common/error_text.h"
 #include "com_error.h"
-#include "com_memory.h"
+#include "../common/com_memory.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "../monitor/wpd_core.h"
 #include "../channels/blackberry_share.h"
 #include "../wmi/trace.h"
-#include "com_memory.h"
+#include "../common/com_memory.h"
 #include "storage_path.h"
 #include "wpd_object.h"
 

@@ -4,8 +4,8 @@
 
 #include "../monitor/wpd_object_events.h"
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
-#include "com_memory.h"
+#include "../common/error_text.h"
+#include "../common/com_memory.h"
 #include "wpd_object.h"
 
 using Microsoft::WRL::ComPtr;

@@ -6,7 +6,7 @@
 
 #include "../monitor/wpd_core.h"
 #include "../wmi/trace.h"
-#include "com_memory.h"
+#include "../common/com_memory.h"
 
 namespace {
 

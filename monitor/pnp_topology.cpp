@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "../common/error_text.h"
 #include "pnp_api.h"
 #include "pnp_guids.h"
 #include "pnp_name_match.h"

@@ -1,4 +1,4 @@
-#include "../device/com_memory.h"
+#include "../common/com_memory.h"
 #include "wpd_collection.h"
 
 #include <cwchar>

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "../channels/blackberry_named_pipe.h"
-#include "../device/com_memory.h"
+#include "../common/com_memory.h"
 #include "../device/portable_device_api.h"
 #include "../wmi/module.h"
 #include "../wmi/provider.h"

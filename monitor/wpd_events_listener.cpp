@@ -6,7 +6,7 @@
 
 #include "../wmi/module.h"
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "../common/error_text.h"
 #include "notification_names.h"
 #include "wpd_core.h"
 #include "wpd_events_processor.h"

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <string>
 
-#include "../device/com_memory.h"
+#include "../common/com_memory.h"
 #include "../device/wpd_object.h"
 #include "../wmi/trace.h"
-#include "../wmi/trace_helpers.h"
+#include "os_version.h"
 #include "wpd_core.h"
 #include "wpd_events_listener.h"
 #include "wpd_events_processor.h"

@@ -1,7 +1,7 @@
 // Raising Win32ext_WPDEvent to WMI's event sink.
 #include <array>
 
-#include "../device/com_memory.h"
+#include "../common/com_memory.h"
 #include "provider.h"
 #include "schema.h"
 #include "trace.h"

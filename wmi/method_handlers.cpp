@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "../device/com_memory.h"
+#include "../common/com_memory.h"
 #include "../device/wpd_object.h"
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
@@ -11,7 +11,7 @@
 #include "provider.h"
 #include "schema.h"
 #include "trace.h"
-#include "trace_helpers.h"
+#include "../common/error_text.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "wmi/error_text_fallback.h"
+#include "common/error_text_fallback.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,9 @@
 
 #include "support/test_trace_sink.h"
 #include "wmi/trace.h"
-#include "wmi/trace_helpers.h"
+#include "wmi/narrow_text.h"
+#include "monitor/os_version.h"
+#include "common/error_text.h"
 
 namespace {
 

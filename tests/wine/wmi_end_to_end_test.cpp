@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "device/com_memory.h"
+#include "common/com_memory.h"
 #include "device/portable_device_api.h"
 #include "support/test_files.h"
 #include "support/wait_until.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "device/com_memory.h"
+#include "common/com_memory.h"
 #include "device/portable_device_api.h"
 #include "support/wpd_emulator.h"
 

@@ -1,23 +1,6 @@
-#include "trace_helpers.h"
+#include "os_version.h"
 
-#include <cstring>
-
-#include "error_text_fallback.h"
-
-char* ConvertWideToNarrow(UINT uintCodePage_in, const wchar_t* pwcharText_in, char* pcharBuffer_out,
-                          int intBufferSize_in) {
-    if (pwcharText_in == nullptr || pcharBuffer_out == nullptr) {
-        return nullptr;
-    }
-    if (intBufferSize_in > 0) {
-        std::memset(pcharBuffer_out, 0, static_cast<size_t>(intBufferSize_in));
-    }
-    if (WideCharToMultiByte(uintCodePage_in, 0, pwcharText_in, -1, pcharBuffer_out, intBufferSize_in, nullptr,
-                            nullptr) == 0) {
-        return nullptr;
-    }
-    return pcharBuffer_out;
-}
+#include <cstddef>
 
 namespace {
 
@@ -66,30 +49,4 @@ int ReadOSVersion(DorWEXOSVersion* pOSVersion_out) {
     }
     pOSVersion_out->charServicePack[sizeof pOSVersion_out->charServicePack - 1] = '\0';
     return 1;
-}
-
-bool GetSystemErrorText(HRESULT hresultCode_in, std::wstring& wstringText_out) {
-    LPWSTR l_pwcharMessage = nullptr;
-    const DWORD l_dwordLength = FormatMessageW(
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-        static_cast<DWORD>(hresultCode_in), MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-        reinterpret_cast<LPWSTR>(&l_pwcharMessage), 0, nullptr);
-    if (l_dwordLength == 0 || l_pwcharMessage == nullptr) {
-        return false;
-    }
-    wstringText_out.assign(l_pwcharMessage, l_dwordLength);
-    LocalFree(l_pwcharMessage);
-    if (wstringText_out.size() >= 2 && wstringText_out.compare(wstringText_out.size() - 2, 2, L"\r\n") == 0) {
-        wstringText_out.resize(wstringText_out.size() - 2);
-    }
-    return true;
-}
-
-std::wstring GetErrorText(HRESULT hresultCode_in) {
-    std::wstring l_wstringText;
-    if (!GetSystemErrorText(hresultCode_in, l_wstringText)) {
-        const std::string l_stringFallback = dorwex::FallbackErrorText(static_cast<std::uint32_t>(hresultCode_in));
-        l_wstringText.assign(l_stringFallback.begin(), l_stringFallback.end());
-    }
-    return l_wstringText;
 }
