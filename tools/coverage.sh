@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Line and branch coverage of the provider's code (wmi/, monitor/, device/, channels/) by the test suite:
+# Line and branch coverage of the provider's code (wmi/, monitor/, device/, channels/, common/) by the tests:
 # builds build/coverage (the Windows build) and build/coverage-native (the Windows-free logic with the
 # host compiler) with gcov instrumentation, runs every Wine test once, one at a time (each process adds its
 # counts to the same .gcda files when it ends), and the native tests, and prints a table per folder, then
 #   coverage: lines N% branches M%
-# for the four together. Branches that only an exception can take, and those the compiler proved
+# for all of them together. Branches that only an exception can take, and those the compiler proved
 # unreachable, are left out: they are the runtime's, not the code's decisions.
 #   tools/coverage.sh            build, run, report
 #   tools/coverage.sh --report   report the counts of the last run again
@@ -39,7 +39,7 @@ if [ "$run" -eq 1 ]; then
     ctest --test-dir "$build" -E 'dll\.exports' --output-on-failure || status=$?
 fi
 
-folders=(wmi monitor device channels)
+folders=(wmi monitor device channels common)
 filters=()
 for folder in "${folders[@]}"; do
     filters+=(--filter "$root/$folder/")
