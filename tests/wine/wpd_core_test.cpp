@@ -64,6 +64,16 @@ TEST_F(Core, EachProcessKeepsOneTokenAndTheHookSeesTheRequest) {
     const DWORD self = GetCurrentProcessId();
     const _bstr_t first = core.RequestWPDWriteToken(self);
     ASSERT_EQ(first.length(), 36u) << "a UUID in text form";
+    // Lower-case hexadecimal with hyphens, no braces: the form clients compare against.
+    const std::wstring firstText(first);
+    for (size_t index = 0; index < firstText.size(); ++index) {
+        const wchar_t c = firstText[index];
+        if (index == 8 || index == 13 || index == 18 || index == 23) {
+            EXPECT_EQ(c, L'-') << firstText;
+        } else {
+            EXPECT_TRUE((c >= L'0' && c <= L'9') || (c >= L'a' && c <= L'f')) << firstText;
+        }
+    }
     EXPECT_EQ(core.GetPidForWriteToken(first), self);
 
     wchar_t operation[32] = {};
