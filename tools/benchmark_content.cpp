@@ -10,7 +10,10 @@
 // one run and, for the provider, the peak growth of this process's working set during the call (the
 // provider, the emulated WMI service and the emulated device all live in this process).
 //
-//   benchmark_content [megabytes] [runs] [largest listing]      (defaults 256, 5, 100000)
+//   benchmark_content [megabytes] [runs] [largest listing] [prepared directory]   (defaults 256, 5, 100000)
+// With a prepared directory (tools/benchmark.sh makes one on the host side, where making 100,000 files takes
+// a second; under Wine each new name costs a case-insensitive search of its directory), its "storage"
+// folder already holds the listing folders and the deep path.
 // It runs in the Wine prefix where the provider and both emulators are registered (tools/benchmark.sh); the
 // last line, "content: ...", carries the figures tools/benchmark.sh puts into its summary.
 #include <comdef.h>
@@ -364,7 +367,9 @@ int wmain(int argc, wchar_t** argv) {
     }
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    const std::wstring directory = std::wstring(temp) + L"dorwex-benchmark-" + std::to_wstring(GetCurrentProcessId());
+    const bool prepared = argc > 4;
+    const std::wstring directory =
+        prepared ? std::wstring(argv[4]) : std::wstring(temp) + L"dorwex-benchmark-" + std::to_wstring(GetCurrentProcessId());
     CreateDirectoryW(directory.c_str(), nullptr);
     const std::wstring storage = directory + L"\\storage";
     CreateDirectoryW(storage.c_str(), nullptr);
@@ -396,13 +401,17 @@ int wmain(int argc, wchar_t** argv) {
     for (size_t size : {size_t{1000}, size_t{10000}, size_t{100000}}) {
         if (size <= largest) {
             sizes.push_back(size);
-            MakeEntries(storage + L"\\list" + std::to_wstring(size), size);
+            if (!prepared) {
+                MakeEntries(storage + L"\\list" + std::to_wstring(size), size);
+            }
         }
     }
-    MakeEntries(storage + L"\\deep1", 9999, L"deep2");
-    MakeEntries(storage + L"\\deep1\\deep2", 9999, L"deep3");
-    MakeEntries(storage + L"\\deep1\\deep2\\deep3", 9999);
-    WriteText(storage + L"\\deep1\\deep2\\deep3\\target.txt", "target");
+    if (!prepared) {
+        MakeEntries(storage + L"\\deep1", 9999, L"deep2");
+        MakeEntries(storage + L"\\deep1\\deep2", 9999, L"deep3");
+        MakeEntries(storage + L"\\deep1\\deep2\\deep3", 9999);
+        WriteText(storage + L"\\deep1\\deep2\\deep3\\target.txt", "target");
+    }
 
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     double copyTo = 0, copyFrom = 0, listVsBare = 0, requestsPerEntry = 0;
