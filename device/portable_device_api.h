@@ -174,6 +174,37 @@ struct IPortableDeviceDataStream : public IStream {
 };
 __CRT_UUID_DECL(IPortableDeviceDataStream, 0x88e04db3, 0x1012, 0x4d64, 0x99, 0x96, 0xf7, 0x03, 0xa9, 0x50, 0xd3, 0xf4)
 
+// IPortableDevicePropertiesBulkCallback {9deacb80-11e8-40e3-a9f3-f557986a7845}: what a bulk operation
+// reports, on a thread of the portable-device runtime.
+struct IPortableDevicePropertiesBulkCallback : public IUnknown {
+    virtual HRESULT STDMETHODCALLTYPE OnStart(REFGUID pContext) = 0;
+    virtual HRESULT STDMETHODCALLTYPE OnProgress(REFGUID pContext, IPortableDeviceValuesCollection* pResults) = 0;
+    virtual HRESULT STDMETHODCALLTYPE OnEnd(REFGUID pContext, HRESULT hrStatus) = 0;
+};
+__CRT_UUID_DECL(IPortableDevicePropertiesBulkCallback, 0x9deacb80, 0x11e8, 0x40e3, 0xa9, 0xf3, 0xf5, 0x57, 0x98, 0x6a,
+                0x78, 0x45)
+
+// IPortableDevicePropertiesBulk {482b05c0-4056-44ed-9e0f-5e23b009da93}, reached by QueryInterface on
+// IPortableDeviceProperties when the driver supports bulk operations.
+struct IPortableDevicePropertiesBulk : public IUnknown {
+    virtual HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectList(IPortableDevicePropVariantCollection* pObjectIDs,
+                                                                 IPortableDeviceKeyCollection* pKeys,
+                                                                 IPortableDevicePropertiesBulkCallback* pCallback,
+                                                                 GUID* pContext) = 0;
+    virtual HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectFormat(REFGUID pguidObjectFormat,
+                                                                   LPCWSTR pszParentObjectID, const DWORD dwDepth,
+                                                                   IPortableDeviceKeyCollection* pKeys,
+                                                                   IPortableDevicePropertiesBulkCallback* pCallback,
+                                                                   GUID* pContext) = 0;
+    virtual HRESULT STDMETHODCALLTYPE QueueSetValuesByObjectList(IPortableDeviceValuesCollection* pObjectValues,
+                                                                 IPortableDevicePropertiesBulkCallback* pCallback,
+                                                                 GUID* pContext) = 0;
+    virtual HRESULT STDMETHODCALLTYPE Start(REFGUID pContext) = 0;
+    virtual HRESULT STDMETHODCALLTYPE Cancel(REFGUID pContext) = 0;
+};
+__CRT_UUID_DECL(IPortableDevicePropertiesBulk, 0x482b05c0, 0x4056, 0x44ed, 0x9e, 0x0f, 0x5e, 0x23, 0xb0, 0x09, 0xda,
+                0x93)
+
 DEFINE_GUID(IID_IPortableDeviceManager, 0xa1567595, 0x4c2f, 0x4574, 0xa6, 0xfa, 0xec, 0xef, 0x91, 0x7b, 0x9a, 0x40);
 DEFINE_GUID(IID_IPortableDevice, 0x625e2df8, 0x6392, 0x4cf0, 0x9a, 0xd1, 0x3c, 0xfa, 0x5f, 0x17, 0x77, 0x5c);
 DEFINE_GUID(IID_IPortableDeviceContent, 0x6a96ed84, 0x7c73, 0x4480, 0x99, 0x38, 0xbf, 0x5a, 0xf4, 0x77, 0xd4, 0x26);
@@ -190,6 +221,11 @@ DEFINE_GUID(IID_IPortableDeviceDataStream, 0x88e04db3, 0x1012, 0x4d64, 0x99, 0x9
             0xf4);
 
 // Class ids. CLSID_PortableDeviceValues comes with portabledevicetypes.h.
+DEFINE_GUID(IID_IPortableDevicePropertiesBulk, 0x482b05c0, 0x4056, 0x44ed, 0x9e, 0x0f, 0x5e, 0x23, 0xb0, 0x09, 0xda,
+            0x93);
+DEFINE_GUID(IID_IPortableDevicePropertiesBulkCallback, 0x9deacb80, 0x11e8, 0x40e3, 0xa9, 0xf3, 0xf5, 0x57, 0x98, 0x6a,
+            0x78, 0x45);
+
 DEFINE_GUID(CLSID_PortableDeviceManager, 0x0af10cec, 0x2ecd, 0x4b92, 0x95, 0x81, 0x34, 0xf6, 0xae, 0x06, 0x37, 0xf3);
 DEFINE_GUID(CLSID_PortableDevice, 0x728a21c5, 0x3d9e, 0x48d7, 0x98, 0x10, 0x86, 0x48, 0x48, 0xf0, 0xf4, 0x04);
 DEFINE_GUID(CLSID_PortableDeviceFTM, 0xf7c0039a, 0x4762, 0x488a, 0xb4, 0xb3, 0x76, 0x0e, 0xf9, 0xa1, 0xba, 0x9b);
@@ -228,6 +264,8 @@ DEFINE_GUID(WPD_CONTENT_TYPE_ALL, 0x80e170d2, 0x1055, 0x4a3e, 0xb9, 0x52, 0x82, 
 // Object formats.
 DEFINE_GUID(WPD_OBJECT_FORMAT_UNSPECIFIED, 0x30000000, 0xae6c, 0x4804, 0x98, 0xba, 0xc5, 0x7b, 0x46, 0x96, 0x5f,
             0xe7);
+// Only a parameter of API calls and driver commands ("every format"), never an object's own format.
+DEFINE_GUID(WPD_OBJECT_FORMAT_ALL, 0xc1f62eb2, 0x4bb3, 0x479c, 0x9c, 0xfa, 0x05, 0xb5, 0xf3, 0xa5, 0x7b, 0x22);
 DEFINE_GUID(WPD_OBJECT_FORMAT_PROPERTIES_ONLY, 0x30010000, 0xae6c, 0x4804, 0x98, 0xba, 0xc5, 0x7b, 0x46, 0x96, 0x5f,
             0xe7);
 

@@ -8,108 +8,37 @@
 
 #include <cwchar>
 #include <memory>
+#include <string_view>
 
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
 #include "../channels/blackberry_share.h"
 #include "../wmi/trace.h"
 #include "../common/com_memory.h"
+#include "child_reader.h"
 #include "storage_path.h"
 #include "wpd_object.h"
 
 using Microsoft::WRL::ComPtr;
+using dorwex::ChildObject;
+using dorwex::ChildReader;
 
 namespace {
 
 constexpr wchar_t kTrackerFile[] = L"dorWEXDeviceTracker.bin";
-constexpr ULONG kEnumerationBatch = 64;
 
 bool SameName(const wchar_t* pwcharA_in, const wchar_t* pwcharB_in) {
     return CompareStringOrdinal(pwcharA_in, -1, pwcharB_in, -1, TRUE) == CSTR_EQUAL;
 }
 
+bool SameName(std::wstring_view a_in, std::wstring_view b_in) {
+    return CompareStringOrdinal(a_in.data(), static_cast<int>(a_in.size()), b_in.data(), static_cast<int>(b_in.size()),
+                                TRUE) == CSTR_EQUAL;
+}
+
 bool SameName(const _bstr_t& bstr_tA_in, const wchar_t* pwcharB_in) {
     return bstr_tA_in.length() != 0 && SameName(static_cast<const wchar_t*>(bstr_tA_in), pwcharB_in);
 }
-
-// One child of a folder as the lookup and the listing see it.
-struct ChildObject {
-    std::wstring wstringId;
-    std::wstring wstringName;  // original file name, else object name; empty when the device gives neither
-    bool boolFolder = false;
-    bool boolStorage = false;
-};
-
-// Reads the children of a folder in batches, with the three properties names are matched by.
-class ChildReader {
-public:
-    explicit ChildReader(IPortableDevice* pIPortableDevice_in) {
-        if (pIPortableDevice_in == nullptr || FAILED(pIPortableDevice_in->Content(&m_pContent)) ||
-            FAILED(m_pContent->Properties(&m_pProperties)) ||
-            FAILED(CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER,
-                                    IID_PPV_ARGS(&m_pKeys)))) {
-            m_pContent.Reset();
-            return;
-        }
-        m_pKeys->Add(WPD_OBJECT_ORIGINAL_FILE_NAME);
-        m_pKeys->Add(WPD_OBJECT_NAME);
-        m_pKeys->Add(WPD_OBJECT_CONTENT_TYPE);
-    }
-    bool Ready() const { return m_pContent != nullptr; }
-    IPortableDeviceContent* Content() const { return m_pContent.Get(); }
-    IPortableDeviceProperties* Properties() const { return m_pProperties.Get(); }
-
-    // Calls visit for each child until it returns false.
-    template <class Visit>
-    HRESULT ForEachChild(const wchar_t* pwcharParentId_in, Visit visit_in) {
-        ComPtr<IEnumPortableDeviceObjectIDs> l_pEnum;
-        HRESULT l_HRESULT = m_pContent->EnumObjects(0, pwcharParentId_in, nullptr, &l_pEnum);
-        if (FAILED(l_HRESULT)) {
-            return l_HRESULT;
-        }
-        LPWSTR l_pwcharIds[kEnumerationBatch];
-        for (;;) {
-            ULONG l_ulongFetched = 0;
-            l_HRESULT = l_pEnum->Next(kEnumerationBatch, l_pwcharIds, &l_ulongFetched);
-            bool l_boolGoOn = SUCCEEDED(l_HRESULT);
-            for (ULONG l_ulongIndex = 0; l_ulongIndex < l_ulongFetched; ++l_ulongIndex) {
-                if (l_boolGoOn) {
-                    l_boolGoOn = visit_in(Read(l_pwcharIds[l_ulongIndex]));
-                }
-                CoTaskMemFree(l_pwcharIds[l_ulongIndex]);
-            }
-            if (!l_boolGoOn || l_HRESULT != S_OK) {
-                return SUCCEEDED(l_HRESULT) ? S_OK : l_HRESULT;
-            }
-        }
-    }
-
-private:
-    ChildObject Read(const wchar_t* pwcharId_in) {
-        ChildObject l_Child;
-        l_Child.wstringId = pwcharId_in;
-        ComPtr<IPortableDeviceValues> l_pValues;
-        if (FAILED(m_pProperties->GetValues(pwcharId_in, m_pKeys.Get(), &l_pValues))) {
-            return l_Child;
-        }
-        CoTaskString l_Name;
-        if ((SUCCEEDED(l_pValues->GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &l_Name)) && l_Name.Get() != nullptr &&
-             l_Name.Get()[0] != L'\0') ||
-            SUCCEEDED(l_pValues->GetStringValue(WPD_OBJECT_NAME, &l_Name))) {
-            l_Child.wstringName = l_Name.Get() != nullptr ? l_Name.Get() : L"";
-        }
-        GUID l_GUIDContentType{};
-        if (SUCCEEDED(l_pValues->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &l_GUIDContentType))) {
-            l_Child.boolFolder = l_GUIDContentType == WPD_CONTENT_TYPE_FOLDER;
-            l_Child.boolStorage = l_GUIDContentType == WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT;
-        }
-        return l_Child;
-    }
-
-    ComPtr<IPortableDeviceContent> m_pContent;
-    ComPtr<IPortableDeviceProperties> m_pProperties;
-    ComPtr<IPortableDeviceKeyCollection> m_pKeys;
-};
 
 // Owns an IPortableDeviceValues built for a new object.
 HRESULT NewValues(ComPtr<IPortableDeviceValues>& pValues_out) {
@@ -153,24 +82,24 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
     std::wstring l_wstringCurrent = static_cast<const wchar_t*>(l_bstr_tRoot);
     for (size_t l_index = 0; l_index < l_Path.names.size(); ++l_index) {
         const bool l_boolLast = l_index + 1 == l_Path.names.size();
-        ChildObject l_Found;
+        std::wstring l_wstringFound;
         l_Reader.ForEachChild(l_wstringCurrent.c_str(), [&](const ChildObject& child_in) {
-            if (child_in.wstringName.empty() || !SameName(child_in.wstringName.c_str(), l_Path.names[l_index].c_str())) {
+            if (child_in.name.empty() || !SameName(child_in.name, l_Path.names[l_index])) {
                 return true;
             }
             // Only folders lead further down; the last name must be what the mode asks for.
-            if ((!l_boolLast && !child_in.boolFolder) || (l_boolLast && l_boolWantsFolder && !child_in.boolFolder) ||
-                (l_boolLast && l_boolWantsFile && child_in.boolFolder)) {
+            if ((!l_boolLast && !child_in.folder) || (l_boolLast && l_boolWantsFolder && !child_in.folder) ||
+                (l_boolLast && l_boolWantsFile && child_in.folder)) {
                 return true;
             }
-            l_Found = child_in;
+            l_wstringFound = child_in.id;
             return false;
         });
-        if (l_Found.wstringId.empty()) {
+        if (l_wstringFound.empty()) {
             l_wstringCurrent.clear();
             break;
         }
-        l_wstringCurrent = l_Found.wstringId;
+        l_wstringCurrent = l_wstringFound;
     }
     if (!l_wstringCurrent.empty()) {
         return _bstr_t(l_wstringCurrent.c_str());
@@ -182,10 +111,10 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
         for (size_t l_index = 0; l_index < l_Folders.size() && l_index < 1000; ++l_index) {
             std::wstring l_wstringTracker;
             l_Reader.ForEachChild(l_Folders[l_index].c_str(), [&](const ChildObject& child_in) {
-                if (child_in.boolFolder) {
-                    l_Folders.push_back(child_in.wstringId);
-                } else if (SameName(child_in.wstringName.c_str(), kTrackerFile)) {
-                    l_wstringTracker = child_in.wstringId;
+                if (child_in.folder) {
+                    l_Folders.emplace_back(child_in.id);
+                } else if (SameName(child_in.name, kTrackerFile)) {
+                    l_wstringTracker = child_in.id;
                     return false;
                 }
                 return true;
@@ -283,14 +212,14 @@ _bstr_t CDorWEXWPDObject::EnumerateDevicePath1(const wchar_t* pwcharObjectStorag
         return _bstr_t(L"");
     }
     l_Reader.ForEachChild(l_bstr_tFolder, [&](const ChildObject& child_in) {
-        const bool l_boolListed = ulongContentType_in == 1   ? child_in.boolFolder
-                                  : ulongContentType_in == 2 ? !child_in.boolFolder
+        const bool l_boolListed = ulongContentType_in == 1   ? child_in.folder
+                                  : ulongContentType_in == 2 ? !child_in.folder
                                                              : true;
-        if (l_boolListed && !child_in.wstringName.empty()) {
-            l_wstringResult += child_in.wstringName;
+        if (l_boolListed && !child_in.name.empty()) {
+            l_wstringResult += child_in.name;
             l_wstringResult += L'@';
-            l_wstringResult += child_in.wstringId;
-            l_wstringResult += child_in.boolFolder ? L"@DIR~" : L"@FILE~";
+            l_wstringResult += child_in.id;
+            l_wstringResult += child_in.folder ? L"@DIR~" : L"@FILE~";
         }
         return true;
     });

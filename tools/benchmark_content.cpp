@@ -1,17 +1,40 @@
-// Throughput of the content methods through the WMI method path, beside what the platform does directly:
-//   copy of a file to and from an emulated device against CopyFileW of the same file, and
-//   listing of a device folder against a FindFirstFileW walk of the folder behind it, at two sizes.
-//   benchmark_content [megabytes] [entries]      (defaults 256 and 10000)
-// It runs in the Wine prefix where the provider and both emulators are registered (tools/benchmark.sh).
+// The content methods through WMI beside a bare client and the platform, in one run:
+//   - copies of a file to and from an emulated device: the provider ("CopyFileToDevice",
+//     "CopyFileFromDevice"), a bare client making the same portable-device calls (the same streams, the
+//     optimal buffer size), and CopyFileW of the same file;
+//   - listings of folders of 1,000, 10,000 and 100,000 entries at a device latency of 0 and 1 ms: the
+//     provider ("EnumerateDevicePath"), a bare client (one enumeration and one bulk property read), and a
+//     FindFirstFileW walk of the folder behind it;
+//   - resolving a path three folders deep in folders of 10,000 entries ("GetProperty" ObjectId).
+// Every case runs several times; each line gives the minimum and the median time, the device requests of
+// one run and, for the provider, the peak growth of this process's working set during the call (the
+// provider, the emulated WMI service and the emulated device all live in this process).
+//
+//   benchmark_content [megabytes] [runs] [largest listing] [prepared directory]   (defaults 256, 5, 100000)
+// With a prepared directory (tools/benchmark.sh makes one on the host side, where making 100,000 files takes
+// a second; under Wine each new name costs a case-insensitive search of its directory), its "storage"
+// folder already holds the listing folders and the deep path.
+// It runs in the Wine prefix where the provider and both emulators are registered (tools/benchmark.sh); the
+// last line, "content: ...", carries the figures tools/benchmark.sh puts into its summary.
 #include <comdef.h>
+#include <psapi.h>
+#include <shlwapi.h>
 #include <wbemcli.h>
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <unordered_map>
 #include <vector>
+
+#include "device/portable_device_api.h"
+#include "emulator/wpd/control.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -19,12 +42,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+const wchar_t kFast[] = L"usb#vid_1234&pid_0001#benchmark";        // latency 0
+const wchar_t kSlow[] = L"usb#vid_1234&pid_0002#benchmark-1ms";    // latency 1 ms, same storage
+
+DorwexEmulatorRequestsFunction g_requests = nullptr;
+
 double Seconds(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
-
-std::wstring g_directory;
-const wchar_t kDevice[] = L"usb#vid_1234&pid_0001#benchmark";
 
 void WriteText(const std::wstring& path, const std::string& text) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
@@ -33,12 +58,84 @@ void WriteText(const std::wstring& path, const std::string& text) {
     CloseHandle(file);
 }
 
-// Calls a method and returns "ReturnValue" (or the failure code as text).
+SIZE_T WorkingSet() {
+    PROCESS_MEMORY_COUNTERS counters{};
+    counters.cb = sizeof(counters);
+    GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters));
+    return counters.WorkingSetSize;
+}
+
+// One measured run: its time, the device requests it made and the peak working-set growth during it.
+struct Run {
+    double seconds = 0;
+    ULONG requests = 0;
+    double peakMiB = 0;
+};
+
+// Runs the work, sampling the working set on a second thread while it runs (a measurement, not a wait).
+Run Measure(const wchar_t* device, const std::function<void()>& work) {
+    std::atomic<bool> done{false};
+    const SIZE_T before = WorkingSet();
+    std::atomic<SIZE_T> peak{before};
+    std::thread sampler([&] {
+        while (!done) {
+            const SIZE_T now = WorkingSet();
+            if (now > peak) {
+                peak = now;
+            }
+            Sleep(1);
+        }
+    });
+    g_requests(device, TRUE);
+    const auto start = Clock::now();
+    work();
+    Run run;
+    run.seconds = Seconds(start);
+    run.requests = g_requests(device, TRUE);
+    done = true;
+    sampler.join();
+    const SIZE_T after = WorkingSet();
+    run.peakMiB = static_cast<double>(std::max(peak.load(), after) - before) / (1 << 20);
+    return run;
+}
+
+struct Figures {
+    double min = 0, median = 0;
+    ULONG requests = 0;
+    double peakMiB = 0;
+};
+
+Figures Repeat(int runs, const wchar_t* device, const std::function<void()>& before, const std::function<void()>& work) {
+    std::vector<double> times;
+    Figures figures;
+    for (int i = 0; i < runs; ++i) {
+        if (before) {
+            before();
+        }
+        const Run run = Measure(device, work);
+        times.push_back(run.seconds);
+        figures.requests = run.requests;
+        figures.peakMiB = std::max(figures.peakMiB, run.peakMiB);
+    }
+    std::sort(times.begin(), times.end());
+    figures.min = times.front();
+    figures.median = times[times.size() / 2];
+    return figures;
+}
+
+void Print(const wchar_t* what, const Figures& f, bool memory) {
+    wprintf(L"  %-34ls min %8.3f s  median %8.3f s  requests %7lu", what, f.min, f.median, f.requests);
+    if (memory) {
+        wprintf(L"  peak +%.1f MiB", f.peakMiB);
+    }
+    wprintf(L"\n");
+}
+
+// --- The provider through WMI ---------------------------------------------------------------------
+
 std::wstring Call(IWbemServices* services, const wchar_t* method,
                   const std::vector<std::pair<const wchar_t*, _variant_t>>& parameters, DWORD clientPid = 0) {
-    ComPtr<IWbemClassObject> wpdClass;
-    ComPtr<IWbemClassObject> inSignature;
-    ComPtr<IWbemClassObject> in;
+    ComPtr<IWbemClassObject> wpdClass, inSignature, in, out;
     services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
     wpdClass->GetMethod(method, 0, &inSignature, nullptr);
     inSignature->SpawnInstance(0, &in);
@@ -52,7 +149,6 @@ std::wstring Call(IWbemServices* services, const wchar_t* method,
         pid.vt = VT_UI4;
         context->SetValue(L"dorWEXWPDClientPID", 0, &pid);
     }
-    ComPtr<IWbemClassObject> out;
     const HRESULT hr = services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(),
                                             &out, nullptr);
     if (FAILED(hr) || !out) {
@@ -63,47 +159,231 @@ std::wstring Call(IWbemServices* services, const wchar_t* method,
     return value.vt == VT_BSTR && value.bstrVal != nullptr ? value.bstrVal : L"";
 }
 
-size_t CountEntries(const std::wstring& listing) {
-    size_t count = 0;
-    for (wchar_t c : listing) {
-        count += c == L'~' ? 1 : 0;
+// --- The bare client: the same portable-device calls, made directly ---------------------------------
+
+class BulkSink final : public IPortableDevicePropertiesBulkCallback {
+public:
+    struct Record {
+        std::wstring original, name;
+        bool folder = false;
+    };
+    BulkSink() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~BulkSink() { CloseHandle(ended); }
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IPortableDevicePropertiesBulkCallback) {
+            *ppv = this;
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
     }
-    return count;
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE OnStart(REFGUID) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* results) override {
+        DWORD count = 0;
+        results->GetCount(&count);
+        std::lock_guard<std::mutex> guard(lock);
+        for (DWORD i = 0; i < count; ++i) {
+            ComPtr<IPortableDeviceValues> values;
+            results->GetAt(i, &values);
+            LPWSTR id = nullptr, text = nullptr;
+            if (FAILED(values->GetStringValue(WPD_OBJECT_ID, &id))) {
+                continue;
+            }
+            Record& record = records[id];
+            CoTaskMemFree(id);
+            if (SUCCEEDED(values->GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &text))) {
+                record.original = text;
+                CoTaskMemFree(text);
+            }
+            if (SUCCEEDED(values->GetStringValue(WPD_OBJECT_NAME, &text))) {
+                record.name = text;
+                CoTaskMemFree(text);
+            }
+            GUID type{};
+            if (SUCCEEDED(values->GetGuidValue(WPD_OBJECT_CONTENT_TYPE, &type))) {
+                record.folder = type == WPD_CONTENT_TYPE_FOLDER;
+            }
+        }
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE OnEnd(REFGUID, HRESULT) override {
+        SetEvent(ended);
+        return S_OK;
+    }
+    std::atomic<ULONG> refs{1};
+    HANDLE ended;
+    std::mutex lock;
+    std::unordered_map<std::wstring, Record> records;
+};
+
+class BareClient {
+public:
+    explicit BareClient(const wchar_t* deviceId) {
+        ComPtr<IPortableDeviceValues> client;
+        CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&m_device));
+        CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client));
+        m_device->Open(deviceId, client.Get());
+        m_device->Content(&m_content);
+        m_content->Properties(&m_properties);
+        m_properties.As(&m_bulk);
+        CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&m_keys));
+        m_keys->Add(WPD_OBJECT_ORIGINAL_FILE_NAME);
+        m_keys->Add(WPD_OBJECT_NAME);
+        m_keys->Add(WPD_OBJECT_CONTENT_TYPE);
+    }
+    ~BareClient() { m_device->Close(); }
+
+    // The folder's entries as "name@id@DIR~" / "name@id@FILE~", in the device's order.
+    std::wstring List(const std::wstring& folderId) {
+        std::vector<std::wstring> ids;
+        ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
+        m_content->EnumObjects(0, folderId.c_str(), nullptr, &enumerator);
+        LPWSTR batch[64];
+        ULONG fetched = 0;
+        HRESULT hr = S_OK;
+        do {
+            hr = enumerator->Next(64, batch, &fetched);
+            for (ULONG i = 0; i < fetched; ++i) {
+                ids.emplace_back(batch[i]);
+                CoTaskMemFree(batch[i]);
+            }
+        } while (hr == S_OK);
+        BulkSink sink;
+        GUID context{};
+        m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
+        m_bulk->Start(context);
+        WaitForSingleObject(sink.ended, INFINITE);
+        std::wstring text;
+        for (const auto& id : ids) {
+            const auto& record = sink.records[id];
+            const std::wstring& name = record.original.empty() ? record.name : record.original;
+            if (!name.empty()) {
+                text += name + L"@" + id + (record.folder ? L"@DIR~" : L"@FILE~");
+            }
+        }
+        while (sink.refs > 1) {
+            SwitchToThread();  // the runtime lets go of the callback just after OnEnd
+        }
+        return text;
+    }
+
+    // The id of a child by name, from the listing.
+    std::wstring Child(const std::wstring& folderId, const std::wstring& name) {
+        const std::wstring listing = List(folderId);
+        const size_t at = listing.find(name + L"@");
+        if (at == std::wstring::npos || (at != 0 && listing[at - 1] != L'~')) {
+            return L"";
+        }
+        const size_t start = at + name.size() + 1;
+        return listing.substr(start, listing.find(L'@', start) - start);
+    }
+
+    void CopyTo(const std::wstring& folderId, const std::wstring& local, const std::wstring& name) {
+        ComPtr<IStream> file;
+        SHCreateStreamOnFileW(local.c_str(), STGM_READ | STGM_SHARE_DENY_WRITE, &file);
+        STATSTG stat{};
+        file->Stat(&stat, STATFLAG_NONAME);
+        ComPtr<IPortableDeviceValues> values;
+        CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&values));
+        values->SetStringValue(WPD_OBJECT_PARENT_ID, folderId.c_str());
+        values->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, stat.cbSize.QuadPart);
+        values->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, name.c_str());
+        values->SetStringValue(WPD_OBJECT_NAME, name.c_str());
+        values->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
+        values->SetGuidValue(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
+        ComPtr<IStream> device;
+        DWORD optimal = 0;
+        m_content->CreateObjectWithPropertiesAndData(values.Get(), &device, &optimal, nullptr);
+        Pump(file.Get(), device.Get(), optimal);
+        device->Commit(STGC_DEFAULT);
+    }
+
+    void CopyFrom(const std::wstring& objectId, const std::wstring& local) {
+        ComPtr<IPortableDeviceResources> resources;
+        m_content->Transfer(&resources);
+        ComPtr<IStream> device, file;
+        DWORD optimal = 0;
+        resources->GetStream(objectId.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, &optimal, &device);
+        SHCreateStreamOnFileW(local.c_str(), STGM_CREATE | STGM_WRITE, &file);
+        Pump(device.Get(), file.Get(), optimal);
+    }
+
+private:
+    static void Pump(IStream* from, IStream* to, DWORD size) {
+        std::vector<BYTE> buffer(size);
+        for (;;) {
+            ULONG read = 0, written = 0;
+            if (FAILED(from->Read(buffer.data(), size, &read)) || read == 0) {
+                return;
+            }
+            to->Write(buffer.data(), read, &written);
+        }
+    }
+
+    ComPtr<IPortableDevice> m_device;
+    ComPtr<IPortableDeviceContent> m_content;
+    ComPtr<IPortableDeviceProperties> m_properties;
+    ComPtr<IPortableDevicePropertiesBulk> m_bulk;
+    ComPtr<IPortableDeviceKeyCollection> m_keys;
+};
+
+void MakeEntries(const std::wstring& folder, size_t count, const std::wstring& last = L"") {
+    CreateDirectoryW(folder.c_str(), nullptr);
+    for (size_t i = 0; i < count; ++i) {
+        WriteText(folder + L"\\entry-" + std::to_wstring(i) + L".txt", "");
+    }
+    if (!last.empty()) {
+        CreateDirectoryW((folder + L"\\" + last).c_str(), nullptr);
+    }
 }
 
-double WalkSeconds(const std::wstring& folder, size_t& count_out) {
-    const auto start = Clock::now();
+size_t Walk(const std::wstring& folder) {
     WIN32_FIND_DATAW found{};
-    count_out = 0;
+    size_t count = 0;
     HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
     if (search != INVALID_HANDLE_VALUE) {
         do {
-            count_out += found.cFileName[0] != L'.' ? 1 : 0;
+            count += found.cFileName[0] != L'.' ? 1 : 0;
         } while (FindNextFileW(search, &found));
         FindClose(search);
     }
-    return Seconds(start);
+    return count;
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
     const ULONGLONG megabytes = argc > 1 ? wcstoull(argv[1], nullptr, 10) : 256;
-    const size_t entries = argc > 2 ? wcstoul(argv[2], nullptr, 10) : 10000;
+    const int runs = std::max(5, argc > 2 ? _wtoi(argv[2]) : 5);
+    const size_t largest = argc > 3 ? wcstoul(argv[3], nullptr, 10) : 100000;
+    g_requests = reinterpret_cast<DorwexEmulatorRequestsFunction>(
+        reinterpret_cast<void*>(GetProcAddress(LoadLibraryW(L"dorwex_wpd_emulator.dll"), "DorwexEmulatorRequests")));
+    if (g_requests == nullptr) {
+        wprintf(L"the emulated portable-device stack does not count requests\n");
+        return 1;
+    }
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    g_directory = std::wstring(temp) + L"dorwex-benchmark-" + std::to_wstring(GetCurrentProcessId());
-    CreateDirectoryW(g_directory.c_str(), nullptr);
-    const std::wstring storage = g_directory + L"\\storage";
+    const bool prepared = argc > 4;
+    const std::wstring directory =
+        prepared ? std::wstring(argv[4]) : std::wstring(temp) + L"dorwex-benchmark-" + std::to_wstring(GetCurrentProcessId());
+    CreateDirectoryW(directory.c_str(), nullptr);
+    const std::wstring storage = directory + L"\\storage";
     CreateDirectoryW(storage.c_str(), nullptr);
-    WriteText(g_directory + L"\\benchmark.wpd",
-              "[device]\nid = usb#vid_1234&pid_0001#benchmark\nmanufacturer = SAMSUNG\nfriendly_name = Benchmark\n"
-              "categories = storage\nWPD_DEVICE_SERIAL_NUMBER = BENCH\n[storage]\nobject_id = s10001\nname = Phone\n"
-              "directory = storage\n");
-    SetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", g_directory.c_str());
+    const std::string common = "manufacturer = SAMSUNG\ncategories = storage\n[storage]\nobject_id = s10001\nname = Phone\n"
+                               "directory = storage\n";
+    WriteText(directory + L"\\fast.wpd", "[device]\nid = usb#vid_1234&pid_0001#benchmark\nfriendly_name = Fast\n"
+                                         "WPD_DEVICE_SERIAL_NUMBER = FAST\n" + common);
+    WriteText(directory + L"\\slow.wpd", "[device]\nid = usb#vid_1234&pid_0002#benchmark-1ms\nfriendly_name = Slow\n"
+                                         "latency_us = 1000\nWPD_DEVICE_SERIAL_NUMBER = SLOW\n" + common);
+    SetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", directory.c_str());
 
-    // The source file: pseudo-random bytes, so that nothing on the way can shortcut zeros.
-    const std::wstring source = g_directory + L"\\source.bin";
+    // The content: a file of pseudo-random bytes (nothing on the way can shortcut zeros), the listing
+    // folders and the deep path.
+    const std::wstring source = directory + L"\\source.bin";
     {
         HANDLE file = CreateFileW(source.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
         std::vector<unsigned> block(1 << 18);
@@ -117,8 +397,24 @@ int wmain(int argc, wchar_t** argv) {
         }
         CloseHandle(file);
     }
+    std::vector<size_t> sizes;
+    for (size_t size : {size_t{1000}, size_t{10000}, size_t{100000}}) {
+        if (size <= largest) {
+            sizes.push_back(size);
+            if (!prepared) {
+                MakeEntries(storage + L"\\list" + std::to_wstring(size), size);
+            }
+        }
+    }
+    if (!prepared) {
+        MakeEntries(storage + L"\\deep1", 9999, L"deep2");
+        MakeEntries(storage + L"\\deep1\\deep2", 9999, L"deep3");
+        MakeEntries(storage + L"\\deep1\\deep2\\deep3", 9999);
+        WriteText(storage + L"\\deep1\\deep2\\deep3\\target.txt", "target");
+    }
 
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    double copyTo = 0, copyFrom = 0, listVsBare = 0, requestsPerEntry = 0;
     {
         ComPtr<IWbemLocator> locator;
         ComPtr<IWbemServices> services;
@@ -131,64 +427,109 @@ int wmain(int argc, wchar_t** argv) {
         const DWORD self = GetCurrentProcessId();
         const std::wstring token = Call(services.Get(), L"RequestWriteToken",
                                         {{L"uint32ProcessId", _variant_t(static_cast<long>(self), VT_I4)}}, self);
+        BareClient fast(kFast);
+        BareClient slow(kSlow);
 
-        // Each copy runs three times and the best time counts, so that the page cache treats all alike.
-        const std::wstring plainCopy = g_directory + L"\\plain.bin";
-        const std::wstring back = g_directory + L"\\back.bin";
-        double plain = 1e9, toDevice = 1e9, fromDevice = 1e9;
+        // Copies: every run starts from the same state (no copy on the device, no local copy).
+        const std::wstring plain = directory + L"\\plain.bin";
+        const std::wstring back = directory + L"\\back.bin";
+        const std::wstring onDevice = storage + L"\\source.bin";
+        const auto clean = [&] {
+            DeleteFileW(plain.c_str());
+            DeleteFileW(back.c_str());
+            DeleteFileW(onDevice.c_str());
+        };
+        wprintf(L"copy of %llu MiB, %d runs each:\n", megabytes, runs);
         std::wstring to, from;
-        for (int round = 0; round < 3; ++round) {
-            auto start = Clock::now();
-            CopyFileW(source.c_str(), plainCopy.c_str(), FALSE);
-            plain = std::min(plain, Seconds(start));
-            DeleteFileW(plainCopy.c_str());
-
-            start = Clock::now();
+        const Figures platform = Repeat(runs, kFast, clean, [&] { CopyFileW(source.c_str(), plain.c_str(), FALSE); });
+        const Figures providerTo = Repeat(runs, kFast, clean, [&] {
             to = Call(services.Get(), L"CopyFileToDevice",
                       {{L"strObjectStoragePath", _variant_t(L"Phone")},
                        {L"strFileToCopy", _variant_t(source.c_str())},
                        {L"strWriteToken", _variant_t(token.c_str())},
-                       {L"strObjectDeviceId", _variant_t(kDevice)}},
+                       {L"strObjectDeviceId", _variant_t(kFast)}},
                       self);
-            toDevice = std::min(toDevice, Seconds(start));
-            wprintf(L"  round %d: to the device %ls in %.3f s\n", round + 1, to.c_str(), Seconds(start));
-
-            start = Clock::now();
+        });
+        const Figures bareTo = Repeat(runs, kFast, clean, [&] { fast.CopyTo(L"s10001", source, L"source.bin"); });
+        const auto present = [&] {
+            DeleteFileW(back.c_str());
+            if (GetFileAttributesW(onDevice.c_str()) == INVALID_FILE_ATTRIBUTES) {
+                CopyFileW(source.c_str(), onDevice.c_str(), FALSE);
+            }
+        };
+        const Figures providerFrom = Repeat(runs, kFast, present, [&] {
             from = Call(services.Get(), L"CopyFileFromDevice",
                         {{L"strObjectStoragePath", _variant_t(L"Phone\\source.bin")},
                          {L"strLocalFileName", _variant_t(back.c_str())},
-                         {L"strObjectDeviceId", _variant_t(kDevice)}});
-            fromDevice = std::min(fromDevice, Seconds(start));
-            DeleteFileW(back.c_str());
-            DeleteFileW((storage + L"\\source.bin").c_str());  // the next round uploads it again
-        }
-        const double mb = static_cast<double>(megabytes);
-        wprintf(L"copy of %llu MiB: CopyFileW %.2f s (%.0f MiB/s)\n", megabytes, plain, mb / plain);
-        wprintf(L"  to the device   (%ls) %.2f s (%.0f MiB/s), %.2fx the plain copy\n", to.c_str(), toDevice,
-                mb / toDevice, plain / toDevice);
-        wprintf(L"  from the device (%ls) %.2f s (%.0f MiB/s), %.2fx the plain copy\n", from.c_str(), fromDevice,
-                mb / fromDevice, plain / fromDevice);
+                         {L"strObjectDeviceId", _variant_t(kFast)}});
+        });
+        const Figures bareFrom = Repeat(runs, kFast, present, [&] {
+            fast.CopyFrom(fast.Child(L"s10001", L"source.bin"), back);
+        });
+        clean();
+        Print(L"CopyFileW", platform, false);
+        Print((L"provider to the device (" + to + L")").c_str(), providerTo, true);
+        Print(L"bare client to the device", bareTo, false);
+        Print((L"provider from the device (" + from + L")").c_str(), providerFrom, true);
+        Print(L"bare client from the device", bareFrom, false);
+        copyTo = bareTo.median / providerTo.median;
+        copyFrom = bareFrom.median / providerFrom.median;
+        wprintf(L"  copy_to %.2fx and copy_from %.2fx the bare client (medians); CopyFileW/provider %.2fx and %.2fx\n",
+                copyTo, copyFrom, platform.median / providerTo.median, platform.median / providerFrom.median);
 
-        // Listings at a quarter of the size and at the full size show how the cost grows.
-        for (size_t size : {entries / 4, entries}) {
-            auto start = Clock::now();
-            const std::wstring folder = storage + L"\\list" + std::to_wstring(size);
-            CreateDirectoryW(folder.c_str(), nullptr);
-            for (size_t i = 0; i < size; ++i) {
-                WriteText(folder + L"\\entry-" + std::to_wstring(i) + L".txt", "");
+        // Listings.
+        for (const wchar_t* device : {kFast, kSlow}) {
+            BareClient& bare = device == kFast ? fast : slow;
+            const wchar_t* latency = device == kFast ? L"0" : L"1 ms";
+            for (size_t size : sizes) {
+                const std::wstring name = L"list" + std::to_wstring(size);
+                const std::wstring path = L"Phone\\" + name;
+                const std::wstring folderId = bare.Child(L"s10001", name);  // also warms the device's id table
+                std::wstring listing, bareListing;
+                size_t walked = 0;
+                wprintf(L"listing of %zu entries, latency %ls, %d runs each:\n", size, latency, runs);
+                const Figures provider = Repeat(runs, device, nullptr, [&] {
+                    listing = Call(services.Get(), L"EnumerateDevicePath",
+                                   {{L"strObjectStoragePath", _variant_t(path.c_str())},
+                                    {L"strObjectDeviceId", _variant_t(device)}});
+                });
+                const Figures bareFigures = Repeat(runs, device, nullptr, [&] { bareListing = bare.List(folderId); });
+                const Figures walk = Repeat(runs, device, nullptr, [&] { walked = Walk(storage + L"\\" + name); });
+                Print(L"provider EnumerateDevicePath", provider, true);
+                Print(L"bare client (enumeration + bulk)", bareFigures, false);
+                Print(L"FindFirstFileW walk", walk, false);
+                const size_t entries = static_cast<size_t>(std::count(listing.begin(), listing.end(), L'~'));
+                wprintf(L"  %zu entries listed (bare %zu, walk %zu), same text as the bare client: %ls; "
+                        L"%.4f requests per entry; result text %.1f MiB\n",
+                        entries, static_cast<size_t>(std::count(bareListing.begin(), bareListing.end(), L'~')),
+                        walked, listing == bareListing ? L"yes" : L"NO",
+                        static_cast<double>(provider.requests) / static_cast<double>(size),
+                        static_cast<double>(listing.size() * sizeof(wchar_t)) / (1 << 20));
+                if (device == kSlow && size == 10000) {
+                    listVsBare = provider.median / bareFigures.median;
+                    requestsPerEntry = static_cast<double>(provider.requests) / static_cast<double>(size);
+                }
             }
-            start = Clock::now();
-            const std::wstring listing = Call(services.Get(), L"EnumerateDevicePath",
-                                              {{L"strObjectStoragePath", _variant_t((L"Phone\\list" + std::to_wstring(size)).c_str())},
-                                               {L"strObjectDeviceId", _variant_t(kDevice)}});
-            const double listed = Seconds(start);
-            size_t walked = 0;
-            const double walk = WalkSeconds(folder, walked);
-            wprintf(L"listing of %zu entries: EnumerateDevicePath %.3f s (%zu entries, %.1f us each), "
-                    L"FindFirstFileW walk %.3f s (%zu entries)\n",
-                    size, listed, CountEntries(listing), 1e6 * listed / static_cast<double>(size), walk, walked);
+        }
+
+        // A path three folders deep, each folder of 10,000 entries.
+        for (const wchar_t* device : {kFast, kSlow}) {
+            std::wstring objectId;
+            wprintf(L"resolving Phone\\deep1\\deep2\\deep3\\target.txt (folders of 10,000 entries), latency %ls:\n",
+                    device == kFast ? L"0" : L"1 ms");
+            const Figures resolve = Repeat(runs, device, nullptr, [&] {
+                objectId = Call(services.Get(), L"GetProperty",
+                                {{L"strObjectStoragePath", _variant_t(L"Phone\\deep1\\deep2\\deep3\\target.txt")},
+                                 {L"strPropertyName", _variant_t(L"ObjectId")},
+                                 {L"strObjectDeviceId", _variant_t(device)}});
+            });
+            Print((L"provider GetProperty ObjectId (" + objectId + L")").c_str(), resolve, true);
+            wprintf(L"  %.1f requests per path component (4 names below the storage)\n",
+                    static_cast<double>(resolve.requests) / 4.0);
         }
     }
     CoUninitialize();
+    wprintf(L"content: copy_to=%.2f copy_from=%.2f list_vs_bare=%.2f list_requests_per_entry=%.4f\n", copyTo,
+            copyFrom, listVsBare, requestsPerEntry);
     return 0;
 }

@@ -487,4 +487,57 @@ HRESULT PortableDevicePropVariantCollection::AddGuid(const GUID& guid) {
     return Add(&value);
 }
 
+// --- PortableDeviceValuesCollection ---------------------------------------------------------------
+
+PortableDeviceValuesCollection::~PortableDeviceValuesCollection() {
+    Clear();
+}
+
+HRESULT PortableDeviceValuesCollection::GetCount(DWORD* pcElems) {
+    if (pcElems == nullptr) {
+        return E_POINTER;
+    }
+    *pcElems = static_cast<DWORD>(m_values.size());
+    return S_OK;
+}
+
+HRESULT PortableDeviceValuesCollection::GetAt(const DWORD dwIndex, IPortableDeviceValues** ppValues) {
+    if (ppValues == nullptr) {
+        return E_POINTER;
+    }
+    *ppValues = nullptr;
+    if (dwIndex >= m_values.size()) {
+        return E_INVALIDARG;
+    }
+    *ppValues = m_values[dwIndex];
+    (*ppValues)->AddRef();
+    return S_OK;
+}
+
+HRESULT PortableDeviceValuesCollection::Add(IPortableDeviceValues* pValues) {
+    if (pValues == nullptr) {
+        return E_POINTER;
+    }
+    pValues->AddRef();
+    m_values.push_back(pValues);
+    return S_OK;
+}
+
+HRESULT PortableDeviceValuesCollection::Clear() {
+    for (auto* values : m_values) {
+        values->Release();
+    }
+    m_values.clear();
+    return S_OK;
+}
+
+HRESULT PortableDeviceValuesCollection::RemoveAt(const DWORD dwIndex) {
+    if (dwIndex >= m_values.size()) {
+        return E_INVALIDARG;
+    }
+    m_values[dwIndex]->Release();
+    m_values.erase(m_values.begin() + dwIndex);
+    return S_OK;
+}
+
 }  // namespace dorwex::emulator

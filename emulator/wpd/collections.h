@@ -113,6 +113,20 @@ private:
     std::vector<PROPVARIANT> m_values;
 };
 
+// The result sets a bulk property operation hands its callback.
+class PortableDeviceValuesCollection final : public ComObject<IPortableDeviceValuesCollection> {
+public:
+    ~PortableDeviceValuesCollection() override;
+    HRESULT STDMETHODCALLTYPE GetCount(DWORD* pcElems) override;
+    HRESULT STDMETHODCALLTYPE GetAt(const DWORD dwIndex, IPortableDeviceValues** ppValues) override;
+    HRESULT STDMETHODCALLTYPE Add(IPortableDeviceValues* pValues) override;
+    HRESULT STDMETHODCALLTYPE Clear() override;
+    HRESULT STDMETHODCALLTYPE RemoveAt(const DWORD dwIndex) override;
+
+private:
+    std::vector<IPortableDeviceValues*> m_values;
+};
+
 // Missing key, as the portable-device API reports it.
 constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 

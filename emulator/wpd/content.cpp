@@ -7,6 +7,7 @@
 #include "collections.h"
 #include "emulated_api.h"
 #include "file_tree.h"
+#include "properties_bulk.h"
 
 namespace dorwex::emulator {
 
@@ -100,6 +101,7 @@ public:
         if (m_device->Removed()) {
             return kDeviceGone;
         }
+        m_device->Request();
         const HRESULT fault = m_device->Fault("Read");
         if (FAILED(fault)) {
             return fault;
@@ -126,6 +128,7 @@ public:
         if (m_device->Removed()) {
             return kDeviceGone;
         }
+        m_device->Request();
         const HRESULT fault = m_device->Fault("Write");
         if (FAILED(fault)) {
             return fault;
@@ -179,6 +182,7 @@ public:
         if (m_device->Removed()) {
             return kDeviceGone;
         }
+        m_device->Request();
         const HRESULT fault = m_device->Fault("Commit");
         if (FAILED(fault)) {
             return fault;
@@ -273,9 +277,48 @@ private:
     std::wstring m_objectId;
 };
 
-class PortableDeviceProperties final : public ComObject<IPortableDeviceProperties> {
+// IPortableDeviceProperties, and IPortableDevicePropertiesBulk on the same object when the device offers
+// bulk operations: "To get this interface, call QueryInterface on IPortableDeviceProperties. If the device
+// does not support bulk operations, this call will fail with E_NOINTERFACE."
+class PortableDeviceProperties final : public ComObject<IPortableDeviceProperties>,
+                                       public IPortableDevicePropertiesBulk {
 public:
-    explicit PortableDeviceProperties(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+    explicit PortableDeviceProperties(std::shared_ptr<EmulatedDevice> device)
+        : m_device(std::move(device)), m_bulk(m_device) {}
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (ppv != nullptr && riid == __uuidof(IPortableDevicePropertiesBulk)) {
+            if (!m_device->OffersBulkProperties()) {
+                *ppv = nullptr;
+                return E_NOINTERFACE;
+            }
+            *ppv = static_cast<IPortableDevicePropertiesBulk*>(this);
+            AddRef();
+            return S_OK;
+        }
+        return ComObject<IPortableDeviceProperties>::QueryInterface(riid, ppv);
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ComObject<IPortableDeviceProperties>::AddRef(); }
+    ULONG STDMETHODCALLTYPE Release() override { return ComObject<IPortableDeviceProperties>::Release(); }
+
+    HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectList(IPortableDevicePropVariantCollection* pObjectIDs,
+                                                         IPortableDeviceKeyCollection* pKeys,
+                                                         IPortableDevicePropertiesBulkCallback* pCallback,
+                                                         GUID* pContext) override {
+        return m_bulk.QueueByObjectList(pObjectIDs, pKeys, pCallback, pContext);
+    }
+    HRESULT STDMETHODCALLTYPE QueueGetValuesByObjectFormat(REFGUID pguidObjectFormat, LPCWSTR pszParentObjectID,
+                                                           const DWORD dwDepth, IPortableDeviceKeyCollection* pKeys,
+                                                           IPortableDevicePropertiesBulkCallback* pCallback,
+                                                           GUID* pContext) override {
+        return m_bulk.QueueByObjectFormat(pguidObjectFormat, pszParentObjectID, dwDepth, pKeys, pCallback, pContext);
+    }
+    HRESULT STDMETHODCALLTYPE QueueSetValuesByObjectList(IPortableDeviceValuesCollection*,
+                                                         IPortableDevicePropertiesBulkCallback*, GUID*) override {
+        return E_NOTIMPL;  // properties of stored objects are not written here
+    }
+    HRESULT STDMETHODCALLTYPE Start(REFGUID pContext) override { return m_bulk.Start(pContext); }
+    HRESULT STDMETHODCALLTYPE Cancel(REFGUID pContext) override { return m_bulk.Cancel(pContext); }
 
     HRESULT STDMETHODCALLTYPE GetValues(LPCWSTR pszObjectID, IPortableDeviceKeyCollection* pKeys,
                                         IPortableDeviceValues** ppValues) override {
@@ -283,7 +326,7 @@ public:
             return E_POINTER;
         }
         *ppValues = nullptr;
-        const HRESULT fault = m_device->Removed() ? kDeviceGone : m_device->Fault("GetValues");
+        const HRESULT fault = m_device->Removed() ? kDeviceGone : (m_device->Request(), m_device->Fault("GetValues"));
         if (FAILED(fault)) {
             return fault;
         }
@@ -314,6 +357,7 @@ public:
 
 private:
     std::shared_ptr<EmulatedDevice> m_device;
+    BulkPropertyReads m_bulk;
 };
 
 class PortableDeviceResources final : public ComObject<IPortableDeviceResources> {
@@ -326,7 +370,7 @@ public:
             return E_POINTER;
         }
         *ppStream = nullptr;
-        const HRESULT fault = m_device->Removed() ? kDeviceGone : m_device->Fault("GetStream");
+        const HRESULT fault = m_device->Removed() ? kDeviceGone : (m_device->Request(), m_device->Fault("GetStream"));
         if (FAILED(fault)) {
             return fault;
         }
@@ -382,7 +426,7 @@ public:
             return E_POINTER;
         }
         *ppEnum = nullptr;
-        HRESULT hr = Check("EnumObjects");
+        HRESULT hr = DeviceCall("EnumObjects");
         if (FAILED(hr)) {
             return hr;
         }
@@ -427,7 +471,7 @@ public:
         if (ppszObjectID != nullptr) {
             *ppszObjectID = nullptr;
         }
-        HRESULT hr = Check("CreateObjectWithPropertiesOnly");
+        HRESULT hr = DeviceCall("CreateObjectWithPropertiesOnly");
         if (FAILED(hr)) {
             return hr;
         }
@@ -469,7 +513,7 @@ public:
         if (ppszCookie != nullptr) {
             *ppszCookie = nullptr;
         }
-        HRESULT hr = Check("CreateObjectWithPropertiesAndData");
+        HRESULT hr = DeviceCall("CreateObjectWithPropertiesAndData");
         if (FAILED(hr)) {
             return hr;
         }
@@ -518,7 +562,7 @@ public:
         if (ppResults != nullptr) {
             *ppResults = nullptr;
         }
-        HRESULT hr = Check("Delete");
+        HRESULT hr = DeviceCall("Delete");
         if (FAILED(hr)) {
             return hr;
         }
@@ -569,6 +613,14 @@ public:
 
 private:
     HRESULT Check(const char* call) { return m_device->Removed() ? kDeviceGone : m_device->Fault(call); }
+    // A call the device itself answers: one request.
+    HRESULT DeviceCall(const char* call) {
+        if (m_device->Removed()) {
+            return kDeviceGone;
+        }
+        m_device->Request();
+        return m_device->Fault(call);
+    }
 
     // The parent folder and the name of an object to create.
     HRESULT Target(IPortableDeviceValues* values, const PROPERTYKEY& nameKey, ObjectInfo& parent_out,

@@ -16,10 +16,13 @@ typedef DWORD(WINAPI* DorwexEmulatorErrorsFunction)(LPWSTR buffer, DWORD chars);
 typedef HRESULT(WINAPI* DorwexEmulatorRemoveDeviceFunction)(LPCWSTR deviceId);
 // Raises an event about an object (or, with a null object id, about the device) to the subscribers.
 typedef HRESULT(WINAPI* DorwexEmulatorRaiseEventFunction)(LPCWSTR deviceId, const GUID* eventId, LPCWSTR objectId);
-// Waits until every raised event has been delivered.
+// Waits until every raised event has been delivered and every started bulk property operation has ended.
 typedef BOOL(WINAPI* DorwexEmulatorWaitForEventsFunction)(DWORD milliseconds);
 // How often a call was made on a device (names as in the [fault] section: "Open", "GetFunctionalObjects").
 typedef ULONG(WINAPI* DorwexEmulatorCallCountFunction)(LPCWSTR deviceId, LPCSTR call);
+// Requests that reached a device (each one answered after the device's latency_us); with reset set the
+// count starts again from 0 after it is read. 0 for an unknown device.
+typedef ULONG(WINAPI* DorwexEmulatorRequestsFunction)(LPCWSTR deviceId, BOOL reset);
 typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);
 typedef LONG(WINAPI* DorwexEmulatorSubscriptionsFunction)(LPCWSTR deviceId);
 // The client information of the last Open: "name=...;major=1;minor=0;revision=2;qos=131072".

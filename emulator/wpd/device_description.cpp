@@ -157,8 +157,17 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                 } else {
                     device.shortRead = static_cast<std::uint32_t>(bytes);
                 }
-            } else if (name == "minimal_driver" || name == "strict_creation") {
-                bool& mode = name == "minimal_driver" ? device.minimalDriver : device.strictCreation;
+            } else if (name == "latency_us") {
+                std::uint64_t microseconds = 0;
+                if (!ParseUnsigned(value, microseconds) || microseconds > 10000000) {
+                    error("latency_us needs a count of microseconds up to 10000000");
+                } else {
+                    device.latencyMicroseconds = static_cast<std::uint32_t>(microseconds);
+                }
+            } else if (name == "minimal_driver" || name == "strict_creation" || name == "bulk_properties") {
+                bool& mode = name == "minimal_driver"    ? device.minimalDriver
+                             : name == "strict_creation" ? device.strictCreation
+                                                         : device.bulkProperties;
                 if (!ParseSwitch(value, mode)) {
                     error(name + " needs yes or no");
                 }

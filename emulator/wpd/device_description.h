@@ -12,6 +12,10 @@
 //   minimal_driver = yes                    (events carry only the event id, the device id and the
 //                                            object's persistent unique id)
 //   strict_creation = yes                   (a new file object needs its content type and format)
+//   latency_us = 1000                       (each request that reaches the device takes this long;
+//                                            default 0)
+//   bulk_properties = no                    (the device offers no IPortableDevicePropertiesBulk;
+//                                            default yes)
 //   WPD_DEVICE_SERIAL_NUMBER = R58M123      (any WPD_DEVICE_* or WPD_OBJECT_* key of the root object)
 //   [registry]                              (what IPortableDeviceManager::GetDeviceProperty answers)
 //   BBPIN = 2A3B4C5D
@@ -57,6 +61,8 @@ struct DeviceDescription {
     std::uint32_t shortRead = 0;          // 0: reads are not shortened
     bool minimalDriver = false;           // events carry only what every driver must send
     bool strictCreation = false;          // new files must name their content type and format
+    std::uint32_t latencyMicroseconds = 0;  // time each request to the device takes
+    bool bulkProperties = true;           // IPortableDevicePropertiesBulk is offered
     std::map<std::string, std::string> properties;  // WPD key name -> value text
     std::map<std::string, std::string> registry;    // device property name -> value
     std::vector<StorageDescription> storages;

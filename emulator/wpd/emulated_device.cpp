@@ -145,6 +145,44 @@ HRESULT EmulatedDevice::Fault(const char* call) {
     return static_cast<HRESULT>(fault->second.hresult);
 }
 
+void EmulatedDevice::Request() {
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ++m_requests;
+    }
+    const std::uint32_t latency = m_description.latencyMicroseconds;
+    if (latency == 0) {
+        return;
+    }
+    // The device's answer takes this long: whole milliseconds asleep, the rest on the clock.
+    LARGE_INTEGER frequency{}, now{};
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&now);
+    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * latency / 1000000;
+    for (;;) {
+        QueryPerformanceCounter(&now);
+        const LONGLONG left = deadline - now.QuadPart;
+        if (left <= 0) {
+            return;
+        }
+        const LONGLONG milliseconds = left * 1000 / frequency.QuadPart;
+        if (milliseconds > 0) {
+            Sleep(static_cast<DWORD>(milliseconds));
+        } else {
+            SwitchToThread();
+        }
+    }
+}
+
+ULONG EmulatedDevice::Requests(bool reset) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const ULONG requests = m_requests;
+    if (reset) {
+        m_requests = 0;
+    }
+    return requests;
+}
+
 ULONG EmulatedDevice::CallCount(const std::string& call) {
     std::lock_guard<std::mutex> guard(m_lock);
     const auto it = m_calls.find(call);

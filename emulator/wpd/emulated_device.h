@@ -46,6 +46,14 @@ public:
     HRESULT Fault(const char* call);
     ULONG CallCount(const std::string& call);
 
+    // One request that reaches the device itself (over USB on a real one): counted, and answered only
+    // after the device's latency. Calls the runtime answers on its own (Content, Properties, an
+    // enumerator's Next over ids it already has) are not requests.
+    void Request();
+    // Requests so far; reset starts the count again from 0.
+    ULONG Requests(bool reset);
+    bool OffersBulkProperties() const { return m_description.bulkProperties; }
+
     // Objects. Ids are stable for the life of the process.
     // withRelations false leaves the parent id and the persistent unique id of files and folders out, which
     // listings do not ask for.
@@ -88,6 +96,7 @@ private:
 
     std::mutex m_lock;
     std::map<std::string, ULONG> m_calls;
+    ULONG m_requests = 0;
     std::map<std::string, std::int64_t> m_faultsUsed;
     std::map<std::wstring, std::pair<int, std::wstring>> m_objects;  // id -> (storage, path)
     std::map<std::wstring, std::wstring> m_ids;                      // lower-case path key -> id

@@ -158,6 +158,11 @@ extern "C" ULONG WINAPI DorwexEmulatorCallCount(LPCWSTR deviceId, LPCSTR call) {
     return device && call != nullptr ? device->CallCount(call) : 0;
 }
 
+extern "C" ULONG WINAPI DorwexEmulatorRequests(LPCWSTR deviceId, BOOL reset) {
+    const auto device = Device(deviceId);
+    return device ? device->Requests(reset != FALSE) : 0;
+}
+
 extern "C" LONG WINAPI DorwexEmulatorOpenSessions(LPCWSTR deviceId) {
     const auto device = Device(deviceId);
     return device ? device->OpenSessions() : -1;

@@ -31,7 +31,7 @@ public:
             return E_POINTER;
         }
         *ppCategories = nullptr;
-        HRESULT hr = Check("GetFunctionalCategories");
+        HRESULT hr = DeviceCall("GetFunctionalCategories");
         if (FAILED(hr)) {
             return hr;
         }
@@ -59,7 +59,7 @@ public:
             return E_POINTER;
         }
         *ppObjectIDs = nullptr;
-        HRESULT hr = Check("GetFunctionalObjects");
+        HRESULT hr = DeviceCall("GetFunctionalObjects");
         if (FAILED(hr)) {
             return hr;
         }
@@ -103,7 +103,14 @@ public:
     HRESULT STDMETHODCALLTYPE GetEventOptions(REFGUID, IPortableDeviceValues**) override { return E_NOTIMPL; }
 
 private:
-    HRESULT Check(const char* call) { return m_device->Removed() ? kDeviceGone : m_device->Fault(call); }
+    // A call the device itself answers: one request.
+    HRESULT DeviceCall(const char* call) {
+        if (m_device->Removed()) {
+            return kDeviceGone;
+        }
+        m_device->Request();
+        return m_device->Fault(call);
+    }
 
     std::shared_ptr<EmulatedDevice> m_device;
 };
@@ -124,6 +131,7 @@ public:
         if (!device || device->Removed()) {
             return kNotFound;
         }
+        device->Request();  // the session is opened on the device
         const HRESULT fault = device->Fault("Open");
         if (FAILED(fault)) {
             return fault;

@@ -17,6 +17,8 @@ TEST(DeviceDescription, ReadsEverySection) {
         "short_read = 7\n"
         "minimal_driver = yes\n"
         "strict_creation = true\n"
+        "latency_us = 1500\n"
+        "bulk_properties = no\n"
         "WPD_DEVICE_SERIAL_NUMBER = R58M\n"
         "[registry]\n"
         "BBPIN = 2A3B\n"
@@ -37,6 +39,8 @@ TEST(DeviceDescription, ReadsEverySection) {
     EXPECT_EQ(device.shortRead, 7u);
     EXPECT_TRUE(device.minimalDriver);
     EXPECT_TRUE(device.strictCreation);
+    EXPECT_EQ(device.latencyMicroseconds, 1500u);
+    EXPECT_FALSE(device.bulkProperties);
     EXPECT_EQ(device.properties.at("WPD_DEVICE_SERIAL_NUMBER"), "R58M");
     EXPECT_EQ(device.registry.at("BBPIN"), "2A3B");
     ASSERT_EQ(device.storages.size(), 2u);
@@ -64,6 +68,10 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         {"[device]\nid = a\nshort_read = -1\n", "line 3: short_read needs a positive byte count"},
         {"[device]\nid = a\nminimal_driver = maybe\n", "line 3: minimal_driver needs yes or no"},
         {"[device]\nid = a\nstrict_creation =\n", "line 3: strict_creation needs yes or no"},
+        {"[device]\nid = a\nbulk_properties = some\n", "line 3: bulk_properties needs yes or no"},
+        {"[device]\nid = a\nlatency_us = fast\n", "line 3: latency_us needs a count of microseconds up to 10000000"},
+        {"[device]\nid = a\nlatency_us = 10000001\n",
+         "line 3: latency_us needs a count of microseconds up to 10000000"},
         {"[device]\nid = a\n[fault]\nOpen = often\n",
          "line 4: fault Open needs an HRESULT, optionally followed by x COUNT"},
         {"[device]\nid = a\n[fault]\nOpen = 0x1FFFFFFFF\n",
@@ -95,6 +103,28 @@ TEST(DeviceDescription, ModesAreOffUnlessSwitchedOn) {
         ASSERT_TRUE(result.errors.empty()) << c.lines << result.errors.front();
         EXPECT_EQ(result.device.minimalDriver, c.minimalDriver) << c.lines;
         EXPECT_EQ(result.device.strictCreation, c.strictCreation) << c.lines;
+    }
+}
+
+// A device answers at once and offers bulk property reads unless its description says otherwise.
+TEST(DeviceDescription, LatencyAndBulkReadsDefaults) {
+    struct Case {
+        const char* lines;
+        std::uint32_t latency;
+        bool bulk;
+    };
+    const Case cases[] = {
+        {"", 0, true},
+        {"latency_us = 0\n", 0, true},
+        {"latency_us = 1000\nbulk_properties = yes\n", 1000, true},
+        {"bulk_properties = off\n", 0, false},
+        {"latency_us = 10000000\n", 10000000, true},
+    };
+    for (const auto& c : cases) {
+        const auto result = ParseDeviceDescription(std::string("[device]\nid = a\n") + c.lines);
+        ASSERT_TRUE(result.errors.empty()) << c.lines << result.errors.front();
+        EXPECT_EQ(result.device.latencyMicroseconds, c.latency) << c.lines;
+        EXPECT_EQ(result.device.bulkProperties, c.bulk) << c.lines;
     }
 }
 

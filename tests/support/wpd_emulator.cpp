@@ -46,6 +46,7 @@ WpdEmulator::WpdEmulator() {
     RaiseEvent = Resolve<DorwexEmulatorRaiseEventFunction>(m_module, "DorwexEmulatorRaiseEvent");
     WaitForEvents = Resolve<DorwexEmulatorWaitForEventsFunction>(m_module, "DorwexEmulatorWaitForEvents");
     CallCount = Resolve<DorwexEmulatorCallCountFunction>(m_module, "DorwexEmulatorCallCount");
+    Requests = Resolve<DorwexEmulatorRequestsFunction>(m_module, "DorwexEmulatorRequests");
     OpenSessions = Resolve<DorwexEmulatorOpenSessionsFunction>(m_module, "DorwexEmulatorOpenSessions");
     Subscriptions = Resolve<DorwexEmulatorSubscriptionsFunction>(m_module, "DorwexEmulatorSubscriptions");
     LastClient = Resolve<DorwexEmulatorLastClientFunction>(m_module, "DorwexEmulatorLastClient");

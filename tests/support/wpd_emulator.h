@@ -53,6 +53,7 @@ public:
     DorwexEmulatorRaiseEventFunction RaiseEvent = nullptr;
     DorwexEmulatorWaitForEventsFunction WaitForEvents = nullptr;
     DorwexEmulatorCallCountFunction CallCount = nullptr;
+    DorwexEmulatorRequestsFunction Requests = nullptr;
     DorwexEmulatorOpenSessionsFunction OpenSessions = nullptr;
     DorwexEmulatorSubscriptionsFunction Subscriptions = nullptr;
     DorwexEmulatorLastClientFunction LastClient = nullptr;

@@ -6,6 +6,7 @@
 #include <wrl/client.h>
 
 #include <atomic>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -557,6 +558,310 @@ TEST_F(Emulator, RemovedDeviceRaisesItsEventAndRefusesFurtherCalls) {
     device->Close();
     CoTaskMemFree(cookie);
     EXPECT_EQ(callback.refs, 1u) << "Close dropped the subscription";
+}
+
+// Records what a bulk property operation reports: the order of the three calls, the threads they came
+// on, and every object's values merged by object id.
+class BulkRecorder : public IPortableDevicePropertiesBulkCallback {
+public:
+    BulkRecorder() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~BulkRecorder() { CloseHandle(ended); }
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+        if (riid == IID_IUnknown || riid == IID_IPortableDevicePropertiesBulkCallback) {
+            *ppv = this;
+            AddRef();
+            return S_OK;
+        }
+        *ppv = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
+    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
+    HRESULT STDMETHODCALLTYPE OnStart(REFGUID context) override {
+        Note(L"start", context);
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE OnProgress(REFGUID context, IPortableDeviceValuesCollection* results) override {
+        Note(L"progress", context);
+        DWORD count = 0;
+        results->GetCount(&count);
+        std::lock_guard<std::mutex> guard(lock);
+        for (DWORD i = 0; i < count; ++i) {
+            ComPtr<IPortableDeviceValues> values;
+            results->GetAt(i, &values);
+            CoTaskString id;
+            values->GetStringValue(WPD_OBJECT_ID, &id);
+            const std::wstring objectId = id.Get() != nullptr ? id.Get() : L"";
+            arrival.push_back(objectId);
+            DWORD keys = 0;
+            values->GetCount(&keys);
+            for (DWORD k = 0; k < keys; ++k) {
+                PROPERTYKEY key{};
+                PROPVARIANT value;
+                PropVariantInit(&value);
+                values->GetAt(k, &key, &value);
+                if (key.fmtid == WPD_OBJECT_NAME.fmtid && key.pid == WPD_OBJECT_NAME.pid && value.vt == VT_LPWSTR) {
+                    names[objectId] = value.pwszVal;
+                } else if (key.fmtid == WPD_OBJECT_CONTENT_TYPE.fmtid && key.pid == WPD_OBJECT_CONTENT_TYPE.pid) {
+                    folders[objectId] = value.vt == VT_CLSID && *value.puuid == WPD_CONTENT_TYPE_FOLDER;
+                }
+                PropVariantClear(&value);
+            }
+        }
+        return progressAnswer;
+    }
+    HRESULT STDMETHODCALLTYPE OnEnd(REFGUID context, HRESULT status) override {
+        Note(L"end", context);
+        endStatus = status;
+        SetEvent(ended);
+        return S_OK;
+    }
+    void Note(const wchar_t* what, REFGUID context) {
+        std::lock_guard<std::mutex> guard(lock);
+        if (calls.empty() || calls.back() != what) {
+            calls.push_back(what);
+        }
+        ++callCount[what];
+        threads.push_back(GetCurrentThreadId());
+        contexts.push_back(context);
+    }
+
+    std::atomic<ULONG> refs{1};
+    HANDLE ended;
+    HRESULT progressAnswer = S_OK;
+    HRESULT endStatus = E_PENDING;
+    std::mutex lock;
+    std::vector<std::wstring> calls;  // runs of the same call collapsed
+    std::map<std::wstring, int> callCount;
+    std::vector<DWORD> threads;
+    std::vector<GUID> contexts;
+    std::vector<std::wstring> arrival;  // object ids in the order the results came
+    std::map<std::wstring, std::wstring> names;
+    std::map<std::wstring, bool> folders;
+};
+
+std::vector<std::wstring> Enumerate(IPortableDeviceContent* content, const wchar_t* parent) {
+    std::vector<std::wstring> ids;
+    ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
+    if (FAILED(content->EnumObjects(0, parent, nullptr, &enumerator))) {
+        return ids;
+    }
+    LPWSTR batch[32];
+    ULONG fetched = 0;
+    HRESULT hr = S_OK;
+    do {
+        hr = enumerator->Next(32, batch, &fetched);
+        for (ULONG i = 0; i < fetched; ++i) {
+            ids.emplace_back(batch[i]);
+            CoTaskMemFree(batch[i]);
+        }
+    } while (hr == S_OK);
+    return ids;
+}
+
+ComPtr<IPortableDeviceKeyCollection> ListingKeys() {
+    ComPtr<IPortableDeviceKeyCollection> keys;
+    CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&keys));
+    keys->Add(WPD_OBJECT_ORIGINAL_FILE_NAME);
+    keys->Add(WPD_OBJECT_NAME);
+    keys->Add(WPD_OBJECT_CONTENT_TYPE);
+    return keys;
+}
+
+// Each call that reaches the device is one request, answered after the device's latency; what the runtime
+// answers itself (Content, Properties, an enumerator's Next) is not. Counts are per device and resettable.
+TEST(EmulatorRequests, CountedPerDeviceAndAnsweredAfterTheLatency) {
+    WpdEmulator emulator;
+    EmulatedDeviceSpec slow = PhoneSpec("usb#slow", "Acme", "S1");
+    slow.deviceLines.push_back("latency_us = 20000");
+    const EmulatedDeviceSpec other = PhoneSpec("usb#other", "Acme", "O1");
+    emulator.Attach(slow);
+    emulator.Attach(other);
+    emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\a.txt", "a");
+    emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\b.txt", "b");
+
+    ComPtr<IPortableDevice> device;
+    ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&device)), S_OK);
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)), S_OK);
+    ASSERT_EQ(emulator.Requests(L"usb#slow", FALSE), 0u);
+    const ULONGLONG started = GetTickCount64();
+    ASSERT_EQ(device->Open(L"usb#slow", client.Get()), S_OK);
+    ComPtr<IPortableDeviceContent> content;
+    ComPtr<IPortableDeviceProperties> properties;
+    ASSERT_EQ(device->Content(&content), S_OK);
+    ASSERT_EQ(content->Properties(&properties), S_OK);
+    EXPECT_EQ(emulator.Requests(L"usb#slow", FALSE), 1u) << "Open only; Content and Properties stay local";
+    const std::vector<std::wstring> ids = Enumerate(content.Get(), L"s10001");
+    ASSERT_EQ(ids.size(), 2u);
+    EXPECT_EQ(emulator.Requests(L"usb#slow", FALSE), 2u) << "one enumeration, however many Next calls";
+    for (const auto& id : ids) {
+        ComPtr<IPortableDeviceValues> values;
+        ASSERT_EQ(properties->GetValues(id.c_str(), ListingKeys().Get(), &values), S_OK);
+    }
+    const ULONGLONG elapsed = GetTickCount64() - started;
+    EXPECT_EQ(emulator.Requests(L"usb#slow", TRUE), 4u) << "Open, EnumObjects and two GetValues";
+    EXPECT_GE(elapsed, 4u * 20u - 16u) << "each of the four requests waited out the 20 ms latency";
+    EXPECT_EQ(emulator.Requests(L"usb#slow", FALSE), 0u) << "reset";
+    EXPECT_EQ(emulator.Requests(L"usb#other", FALSE), 0u) << "counts are per device";
+    EXPECT_EQ(emulator.Requests(L"usb#nobody", FALSE), 0u);
+}
+
+class EmulatorBulk : public testing::Test {
+protected:
+    void Open(const EmulatedDeviceSpec& device_in) {
+        spec = device_in;
+        emulator.Attach(spec);
+        ComPtr<IPortableDeviceValues> client;
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&device)),
+                  S_OK);
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)),
+                  S_OK);
+        ASSERT_EQ(device->Open(Wide(spec.id).c_str(), client.Get()), S_OK);
+        ASSERT_EQ(device->Content(&content), S_OK);
+        ASSERT_EQ(content->Properties(&properties), S_OK);
+    }
+    // A storage of 300 files and two folders (more than one result set).
+    void Fill() {
+        const std::wstring storage = emulator.StorageDirectory(spec, 0);
+        CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+        CreateDirectoryW((storage + L"\\Music").c_str(), nullptr);
+        emulator.WriteFile(storage + L"\\DCIM\\deep.jpg", "grandchild");
+        for (int i = 0; i < 300; ++i) {
+            wchar_t name[32];
+            swprintf(name, 32, L"\\file-%03d.txt", i);
+            emulator.WriteFile(storage + name, "x");
+        }
+    }
+
+    // The operation has ended and let go of the callback, which lives on the test's stack.
+    bool Finished(BulkRecorder& recorder) {
+        return WaitForSingleObject(recorder.ended, 30000) == WAIT_OBJECT_0 && emulator.WaitForEvents(30000) &&
+               recorder.refs == 1;
+    }
+
+    WpdEmulator emulator;
+    EmulatedDeviceSpec spec;
+    ComPtr<IPortableDevice> device;
+    ComPtr<IPortableDeviceContent> content;
+    ComPtr<IPortableDeviceProperties> properties;
+};
+
+// QueueGetValuesByObjectFormat over a folder at depth 1: nothing runs before Start; then OnStart, OnProgress
+// and OnEnd come in that order on a thread other than the caller's, with the queued context; the children
+// (not the grandchild) arrive with their values, in several result sets, not in enumeration order, and each
+// object's values in two parts; the whole operation is one request.
+TEST_F(EmulatorBulk, ByFormatReportsOnItsOwnThreadInPartsAsOneRequest) {
+    Open(PhoneSpec("usb#bulk", "Acme", "B1"));
+    Fill();
+    const std::vector<std::wstring> enumerated = Enumerate(content.Get(), L"s10001");
+    ASSERT_EQ(enumerated.size(), 302u);
+    ComPtr<IPortableDevicePropertiesBulk> bulk;
+    ASSERT_EQ(properties.As(&bulk), S_OK);
+    BulkRecorder recorder;
+    GUID context = GUID_NULL;
+    emulator.Requests(L"usb#bulk", TRUE);
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(), &recorder,
+                                                 &context),
+              S_OK);
+    EXPECT_NE(context, GUID_NULL);
+    EXPECT_EQ(WaitForSingleObject(recorder.ended, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "queued, not started";
+    EXPECT_TRUE(recorder.calls.empty());
+    ASSERT_EQ(bulk->Start(context), S_OK);
+    ASSERT_TRUE(Finished(recorder));
+    EXPECT_EQ(recorder.endStatus, S_OK);
+    EXPECT_EQ(recorder.calls, (std::vector<std::wstring>{L"start", L"progress", L"end"}));
+    EXPECT_GT(recorder.callCount[L"progress"], 2) << "several result sets";
+    for (DWORD thread : recorder.threads) {
+        EXPECT_NE(thread, GetCurrentThreadId());
+    }
+    for (const GUID& reported : recorder.contexts) {
+        EXPECT_EQ(reported, context);
+    }
+    EXPECT_EQ(emulator.Requests(L"usb#bulk", FALSE), 1u) << "one request for 302 objects";
+    ASSERT_EQ(recorder.names.size(), 302u) << "children only, not the grandchild";
+    for (const auto& id : enumerated) {
+        EXPECT_EQ(recorder.names.count(id), 1u);
+        EXPECT_EQ(recorder.folders.count(id), 1u);
+    }
+    EXPECT_EQ(recorder.arrival.size(), 2u * 302u) << "each object's values came in two parts";
+    EXPECT_NE(recorder.arrival.front(), enumerated.front()) << "results are not in enumeration order";
+    EXPECT_TRUE(recorder.folders[enumerated[0]]);  // DCIM sorts first
+    EXPECT_FALSE(recorder.folders[enumerated[2]]);
+    EXPECT_EQ(bulk->Start(context), HRESULT_FROM_WIN32(ERROR_NOT_FOUND)) << "an operation runs once";
+
+    // Only folders have the properties-only format.
+    BulkRecorder folders;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_PROPERTIES_ONLY, L"s10001", 1,
+                                                 ListingKeys().Get(), &folders, &context),
+              S_OK);
+    ASSERT_EQ(bulk->Start(context), S_OK);
+    ASSERT_TRUE(Finished(folders));
+    EXPECT_EQ(folders.names.size(), 2u);
+}
+
+// QueueGetValuesByObjectList reads the listed objects; an unknown context cannot be started; a callback that
+// answers an error abandons the operation and OnEnd carries that error; a cancelled queued operation never
+// runs.
+TEST_F(EmulatorBulk, ByListUnknownContextsAbandonAndCancel) {
+    Open(PhoneSpec("usb#list", "Acme", "L1"));
+    Fill();
+    const std::vector<std::wstring> enumerated = Enumerate(content.Get(), L"s10001");
+    ComPtr<IPortableDevicePropertiesBulk> bulk;
+    ASSERT_EQ(properties.As(&bulk), S_OK);
+    ComPtr<IPortableDevicePropVariantCollection> ids;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDevicePropVariantCollection, nullptr, CLSCTX_INPROC_SERVER,
+                               IID_PPV_ARGS(&ids)),
+              S_OK);
+    for (size_t i : {size_t{5}, size_t{0}}) {
+        PROPVARIANT id;
+        PropVariantInit(&id);
+        id.vt = VT_LPWSTR;
+        id.pwszVal = const_cast<LPWSTR>(enumerated[i].c_str());
+        ids->Add(&id);  // Add copies the value
+    }
+    BulkRecorder listed;
+    GUID context = GUID_NULL;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectList(ids.Get(), ListingKeys().Get(), &listed, &context), S_OK);
+    ASSERT_EQ(bulk->Start(context), S_OK);
+    ASSERT_TRUE(Finished(listed));
+    EXPECT_EQ(listed.endStatus, S_OK);
+    EXPECT_EQ(listed.names.size(), 2u);
+    EXPECT_EQ(listed.names[enumerated[0]], L"DCIM");
+
+    GUID unknown{};
+    CoCreateGuid(&unknown);
+    EXPECT_EQ(bulk->Start(unknown), HRESULT_FROM_WIN32(ERROR_NOT_FOUND));
+
+    BulkRecorder refusing;
+    refusing.progressAnswer = E_ABORT;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(), &refusing,
+                                                 &context),
+              S_OK);
+    ASSERT_EQ(bulk->Start(context), S_OK);
+    ASSERT_TRUE(Finished(refusing));
+    EXPECT_EQ(refusing.endStatus, E_ABORT);
+    EXPECT_EQ(refusing.callCount[L"progress"], 1) << "nothing after the callback's error";
+
+    BulkRecorder cancelled;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(), &cancelled,
+                                                 &context),
+              S_OK);
+    EXPECT_EQ(bulk->Cancel(context), S_OK);
+    EXPECT_EQ(bulk->Start(context), HRESULT_FROM_WIN32(ERROR_NOT_FOUND));
+    EXPECT_EQ(cancelled.refs, 1u);
+    EXPECT_TRUE(emulator.WaitForEvents(30000));
+    EXPECT_TRUE(cancelled.calls.empty());
+}
+
+// A device told not to offer bulk operations answers E_NOINTERFACE, as a driver without them does.
+TEST_F(EmulatorBulk, DeviceWithoutBulkOperationsAnswersNoInterface) {
+    EmulatedDeviceSpec plain = PhoneSpec("usb#plain", "Acme", "P1");
+    plain.deviceLines.push_back("bulk_properties = no");
+    Open(plain);
+    ComPtr<IPortableDevicePropertiesBulk> bulk;
+    EXPECT_EQ(properties.As(&bulk), E_NOINTERFACE);
+    EXPECT_EQ(bulk, nullptr);
 }
 
 TEST(EmulatorDescriptions, BrokenFilesAreReportedNotLoaded) {

@@ -543,6 +543,86 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
             EXPECT_EQ(trace.IndexOf(c.lines[i]), static_cast<long>(i)) << std::string(c.lines[i].begin(), c.lines[i].end());
         }
     }
+
+// What a listing and a path lookup cost in device requests, and what they give, on a device that offers
+// bulk property reads and on one that does not: the same text, the same traces, the same order; with bulk
+// reads one enumeration and one bulk read per folder, without them one read per child on top.
+TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameResult) {
+    struct Outcome {
+        std::wstring root, camera, folders, objectId, size, missing;
+        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0;
+        std::vector<std::wstring> traces;
+    };
+    const auto run = [this](const char* id, bool bulk) {
+        EmulatedDeviceSpec spec = PhoneSpec(id, "SAMSUNG", id);
+        if (!bulk) {
+            spec.deviceLines.push_back("bulk_properties = no");
+        }
+        emulator.Attach(spec);
+        const std::wstring storage = emulator.StorageDirectory(spec, 0);
+        CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+        CreateDirectoryW((storage + L"\\DCIM\\Camera").c_str(), nullptr);
+        CreateDirectoryW((storage + L"\\Music").c_str(), nullptr);
+        for (int i = 0; i < 200; ++i) {
+            wchar_t name[40];
+            swprintf(name, 40, L"\\note-%03d.txt", i);
+            emulator.WriteFile(storage + name, "n");
+            swprintf(name, 40, L"\\DCIM\\Camera\\IMG_%04d.jpg", i);
+            emulator.WriteFile(storage + name, std::string(static_cast<size_t>(i), 'j'));
+        }
+        Outcome outcome;
+        CDorWEXWPDObject device(nullptr);
+        EXPECT_EQ(device.InitializeWPD(Wide(id).c_str()), S_OK);
+        const std::wstring wide = Wide(id);
+        {
+            TraceCapture trace(1);
+            emulator.Requests(wide.c_str(), TRUE);
+            outcome.root = Text(device.EnumerateDevicePath(L"Phone", 0));
+            outcome.rootRequests = emulator.Requests(wide.c_str(), TRUE);
+            outcome.camera = Text(device.EnumerateDevicePath(L"phone\\dcim\\CAMERA", 2));
+            outcome.cameraRequests = emulator.Requests(wide.c_str(), TRUE);
+            outcome.folders = Text(device.EnumerateDevicePath(L"Phone", 1));
+            emulator.Requests(wide.c_str(), TRUE);
+            outcome.objectId = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\img_0150.JPG", L"ObjectId"));
+            outcome.objectIdRequests = emulator.Requests(wide.c_str(), TRUE);
+            outcome.size = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\IMG_0150.jpg", L"WPD_OBJECT_SIZE"));
+            outcome.missing = Text(device.EnumerateDevicePath(L"Phone\\DCIM\\Nothing", 0));
+            outcome.traces = trace.Lines();
+        }
+        device.Terminate();
+        return outcome;
+    };
+    const Outcome bulk = run("usb#bulk-reads", true);
+    const Outcome plain = run("usb#one-by-one", false);
+
+    ASSERT_EQ(bulk.root.substr(0, 5), L"DCIM@");
+    EXPECT_NE(bulk.root.find(L"@DIR~Music@"), std::wstring::npos);
+    EXPECT_NE(bulk.root.find(L"@DIR~note-000.txt@"), std::wstring::npos) << "the device's order: folders sort first";
+    EXPECT_EQ(std::count(bulk.root.begin(), bulk.root.end(), L'~'), 202);
+    EXPECT_EQ(std::count(bulk.camera.begin(), bulk.camera.end(), L'~'), 200);
+    EXPECT_EQ(bulk.camera.substr(0, 13), L"IMG_0000.jpg@");
+    EXPECT_EQ(std::count(bulk.folders.begin(), bulk.folders.end(), L'~'), 2);
+    EXPECT_FALSE(bulk.objectId.empty());
+    EXPECT_EQ(bulk.size, L"150");
+    EXPECT_EQ(bulk.missing, L"");
+    // The same answers, in the same order, with the same traces, read either way.
+    EXPECT_EQ(plain.root, bulk.root);
+    EXPECT_EQ(plain.camera, bulk.camera);
+    EXPECT_EQ(plain.folders, bulk.folders);
+    EXPECT_EQ(plain.objectId, bulk.objectId);
+    EXPECT_EQ(plain.size, bulk.size);
+    EXPECT_EQ(plain.missing, bulk.missing);
+    EXPECT_EQ(plain.traces, bulk.traces);
+
+    // One enumeration and one bulk read per folder: the storage root, then DCIM and Camera on the way and
+    // Camera itself.
+    EXPECT_EQ(bulk.rootRequests, 2u);
+    EXPECT_EQ(bulk.cameraRequests, 2u * 2u + 2u);
+    EXPECT_LE(bulk.objectIdRequests, 2u * 3u) << "at most two requests per path component";
+    // One by one: the enumeration and a read of every child visited.
+    EXPECT_EQ(plain.rootRequests, 1u + 202u);
+    EXPECT_EQ(plain.cameraRequests, 2u + 2u + (1u + 200u)) << "DCIM and Camera are the first children";
+    EXPECT_GT(plain.objectIdRequests, 150u) << "the file is the 151st in its folder";
 }
 
 TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {

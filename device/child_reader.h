@@ -1,0 +1,129 @@
+// The children of a device folder as the path lookup and the listing see them: each child's id in the order
+// the device enumerates them, with its name (original file name, else object name) and whether it is a
+// folder or a storage.
+//
+// A real device answers each request over USB, so the number of requests decides the speed: the ids come
+// from one enumeration, and the three properties of all children from one bulk operation
+// (IPortableDevicePropertiesBulk, by format over the folder at depth 1) when the driver offers it. Bulk
+// results may come in any order and in parts; they are merged by object id. A child the bulk operation did
+// not report, or a driver without bulk operations, is read one object at a time (GetValues), only as far as
+// the caller walks.
+#pragma once
+
+#include <windows.h>
+#include <wrl/client.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "portable_device_api.h"
+
+namespace dorwex {
+
+// One child as the caller sees it; the views stay valid until the next child is visited.
+struct ChildObject {
+    std::wstring_view id;
+    std::wstring_view name;  // empty when the device gives neither name
+    bool folder = false;
+    bool storage = false;
+};
+
+// The children of one folder, compactly: a folder may hold 100,000 objects. Ids and names live in one text
+// pool; an entry is a few offsets and flags.
+class ChildList {
+public:
+    // What is known of an entry: a name and which kind, and which of the three keys the device reported.
+    enum : std::uint8_t {
+        kOriginal = 1,
+        kNamed = 2,
+        kFolder = 4,
+        kStorage = 8,
+        kOriginalKey = 16,
+        kNameKey = 32,
+        kContentTypeKey = 64,
+        kRead = kOriginalKey | kNameKey | kContentTypeKey
+    };
+    struct Entry {
+        std::uint32_t id = 0;
+        std::uint32_t name = 0;
+        std::uint32_t nameLength = 0;
+        std::uint8_t flags = 0;
+    };
+
+    void AddId(const wchar_t* id);
+    size_t Size() const { return m_entries.size(); }
+    const Entry& At(size_t index) const { return m_entries[index]; }
+    std::wstring_view Id(size_t index) const { return &m_text[m_entries[index].id]; }
+    std::wstring_view Name(size_t index) const;
+
+    // Bulk results: after Index(), Find gives the entry of an id (or null) and the setters record what the
+    // device reported for it.
+    void Index();
+    Entry* Find(const wchar_t* id);
+    void SetName(Entry& entry, const wchar_t* name, bool original);
+    void SetContentType(Entry& entry, const GUID& contentType);
+
+private:
+    std::vector<wchar_t> m_text;
+    std::vector<Entry> m_entries;
+    std::vector<std::uint32_t> m_sorted;  // entry indices by id
+};
+
+class ChildReader {
+public:
+    explicit ChildReader(IPortableDevice* pIPortableDevice_in);
+    bool Ready() const { return m_pContent != nullptr; }
+    IPortableDeviceContent* Content() const { return m_pContent.Get(); }
+    IPortableDeviceProperties* Properties() const { return m_pProperties.Get(); }
+
+    // Calls visit for each child, in the device's order, until it returns false.
+    template <class Visit>
+    HRESULT ForEachChild(const wchar_t* pwcharParentId_in, Visit visit_in) {
+        ChildList l_List;
+        HRESULT l_HRESULTNext = S_OK;
+        const HRESULT l_HRESULT = Enumerate(pwcharParentId_in, l_List, l_HRESULTNext);
+        if (FAILED(l_HRESULT)) {
+            return l_HRESULT;
+        }
+        ReadInBulk(pwcharParentId_in, l_List);
+        OneChild l_One;
+        for (size_t l_index = 0; l_index < l_List.Size(); ++l_index) {
+            ChildObject l_Child;
+            l_Child.id = l_List.Id(l_index);
+            const ChildList::Entry& l_Entry = l_List.At(l_index);
+            if ((l_Entry.flags & ChildList::kRead) == ChildList::kRead) {
+                l_Child.name = l_List.Name(l_index);
+                l_Child.folder = (l_Entry.flags & ChildList::kFolder) != 0;
+                l_Child.storage = (l_Entry.flags & ChildList::kStorage) != 0;
+            } else {
+                Read(l_Child.id.data(), l_One);
+                l_Child.name = l_One.name;
+                l_Child.folder = l_One.folder;
+                l_Child.storage = l_One.storage;
+            }
+            if (!visit_in(l_Child)) {
+                break;
+            }
+        }
+        return l_HRESULTNext;
+    }
+
+private:
+    struct OneChild {
+        std::wstring name;
+        bool folder = false;
+        bool storage = false;
+    };
+    // The ids in the device's order; a Next that fails ends them there, and its result is kept for the caller.
+    HRESULT Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out);
+    void ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io);
+    void Read(const wchar_t* pwcharId_in, OneChild& child_out);
+
+    Microsoft::WRL::ComPtr<IPortableDeviceContent> m_pContent;
+    Microsoft::WRL::ComPtr<IPortableDeviceProperties> m_pProperties;
+    Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pKeys;
+};
+
+}  // namespace dorwex
