@@ -23,6 +23,10 @@ class CDorWEXWPDObjectEvents;
 
 class CDorWEXWPDObject : public std::enable_shared_from_this<CDorWEXWPDObject> {
 public:
+    // The file by which the security service knows a device again: written as a system object, which a
+    // device may keep elsewhere in the storage than where it was asked for.
+    static constexpr wchar_t kTrackerFile[] = L"dorWEXDeviceTracker.bin";
+
     using Manufacturer = dorwex::Manufacturer;
 
     explicit CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in);

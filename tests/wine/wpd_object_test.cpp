@@ -13,6 +13,7 @@
 #include "device/wpd_object.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
+#include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
 namespace {
@@ -543,6 +544,7 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
             EXPECT_EQ(trace.IndexOf(c.lines[i]), static_cast<long>(i)) << std::string(c.lines[i].begin(), c.lines[i].end());
         }
     }
+}
 
 // What a listing and a path lookup cost in device requests, and what they give, on a device that offers
 // bulk property reads and on one that does not: the same text, the same traces, the same order; with bulk
@@ -645,7 +647,11 @@ TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
             }
         });
     }
-    for (int round = 0; round < 3000; ++round) {
+    // The readers must be reading while the changes are made: the writer starts once each has read, and goes on
+    // until they have read often enough during the changes (a loaded machine may not run them at first).
+    ASSERT_TRUE(WaitUntil([&] { return reads.load() >= 3; }));
+    const long readsBefore = reads.load();
+    for (int round = 0; round < 3000 || (reads.load() - readsBefore < 3000 && round < 1000000); ++round) {
         const std::wstring share = L"\\\\10.0.0." + std::to_wstring(round % 250) + L"\\card";
         device.UpdateIdentity([&](DeviceIdentity& identity) {
             identity.m_bstr_tDisk2Name = share.c_str();
@@ -664,7 +670,7 @@ TEST(DeviceIdentity, ReadersSeeEachChangeWholeWhileItIsMade) {
     for (auto& reader : readers) {
         reader.join();
     }
-    EXPECT_GT(reads.load(), 0);
+    EXPECT_GE(reads.load() - readsBefore, 3000) << "the readers hardly ran while the changes were made";
     EXPECT_EQ(torn.load(), 0) << "a reader saw a storage half-way through a change";
 }
 

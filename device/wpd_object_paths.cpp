@@ -1,0 +1,145 @@
+// How a device object finds what a storage path names: the storage's root object, the object at the end of
+// the path, and the path of an object given by its id.
+//
+// Path components are matched against an object's original file name, or its object name when it has no
+// original file name, without regard to case (ordinal, as file names on Windows): a device shows "DCIM" and a
+// caller may say "dcim".
+#include <wrl/client.h>
+
+#include <string>
+
+#include "../common/com_memory.h"
+#include "../wmi/trace.h"
+#include "child_reader.h"
+#include "same_name.h"
+#include "storage_path.h"
+#include "wpd_object.h"
+
+using Microsoft::WRL::ComPtr;
+using dorwex::ChildObject;
+using dorwex::ChildReader;
+
+_bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in) const {
+    if (pwcharObjectStoragePath_in == nullptr || pwcharObjectStoragePath_in[0] == L'\0') {
+        return _bstr_t();
+    }
+    const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
+    const auto l_pIdentity = Identity();
+    // An empty first component equals an empty second storage name: such a path names no known storage.
+    const _bstr_t& l_bstr_tRoot = SameName(BstrText(l_pIdentity->m_bstr_tDisk2Name), l_Path.storage.c_str())
+                                      ? l_pIdentity->m_bstr_tDisk2ObjectId
+                                      : l_pIdentity->m_bstr_tDisk1ObjectId;
+    return l_bstr_tRoot.length() == 0 ? _bstr_t() : l_bstr_tRoot;
+}
+
+_bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in) {
+    if (!m_pIPortableDevice) {
+        return _bstr_t();
+    }
+    const _bstr_t l_bstr_tRoot = GetStorageRootObjectId(pwcharObjectStoragePath_in);
+    if (l_bstr_tRoot.length() == 0) {
+        return _bstr_t();
+    }
+    ChildReader l_Reader(m_pIPortableDevice.Get());
+    if (!l_Reader.Ready()) {
+        return _bstr_t();
+    }
+    const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
+    const bool l_boolWantsFolder =
+        intMode_in == LOOKUP_CREATE_FOLDER || intMode_in == LOOKUP_LIST || intMode_in == LOOKUP_COPY_TO;
+    const bool l_boolWantsFile = intMode_in == LOOKUP_COPY_FROM || intMode_in == LOOKUP_MOVE;
+    if (l_Path.names.empty()) {
+        return l_boolWantsFolder ? l_bstr_tRoot : _bstr_t();  // the storage itself
+    }
+    std::wstring l_wstringCurrent = static_cast<const wchar_t*>(l_bstr_tRoot);
+    for (size_t l_index = 0; l_index < l_Path.names.size(); ++l_index) {
+        const bool l_boolLast = l_index + 1 == l_Path.names.size();
+        std::wstring l_wstringFound;
+        l_Reader.ForEachChild(l_wstringCurrent.c_str(), [&](const ChildObject& child_in) {
+            if (child_in.name.empty() || !SameName(child_in.name, l_Path.names[l_index])) {
+                return true;
+            }
+            // Only folders lead further down; the last name must be what the mode asks for.
+            if ((!l_boolLast && !child_in.folder) || (l_boolLast && l_boolWantsFolder && !child_in.folder) ||
+                (l_boolLast && l_boolWantsFile && child_in.folder)) {
+                return true;
+            }
+            l_wstringFound = child_in.id;
+            return false;
+        });
+        if (l_wstringFound.empty()) {
+            l_wstringCurrent.clear();
+            break;
+        }
+        l_wstringCurrent = l_wstringFound;
+    }
+    if (!l_wstringCurrent.empty()) {
+        return _bstr_t(l_wstringCurrent.c_str());
+    }
+    // The tracker file is written as a system object, which devices may keep elsewhere in the storage than
+    // where it was asked for: look for it by name anywhere in the storage, breadth first.
+    if (wcsstr(pwcharObjectStoragePath_in, kTrackerFile) != nullptr && !l_boolWantsFolder) {
+        std::vector<std::wstring> l_Folders{static_cast<const wchar_t*>(l_bstr_tRoot)};
+        for (size_t l_index = 0; l_index < l_Folders.size() && l_index < 1000; ++l_index) {
+            std::wstring l_wstringTracker;
+            l_Reader.ForEachChild(l_Folders[l_index].c_str(), [&](const ChildObject& child_in) {
+                if (child_in.folder) {
+                    l_Folders.emplace_back(child_in.id);
+                } else if (SameName(child_in.name, kTrackerFile)) {
+                    l_wstringTracker = child_in.id;
+                    return false;
+                }
+                return true;
+            });
+            if (!l_wstringTracker.empty()) {
+                return _bstr_t(l_wstringTracker.c_str());
+            }
+        }
+    }
+    return _bstr_t();
+}
+
+_bstr_t CDorWEXWPDObject::GetObjectTargetPath(const wchar_t* pwcharObjectId_in) {
+    Trace(L"CDorWEXWPDObject::GetObjectTargetPath %s\n", pwcharObjectId_in != nullptr ? pwcharObjectId_in : L"NULL");
+    if (pwcharObjectId_in == nullptr || !m_pIPortableDevice) {
+        return _bstr_t(L"NULL");
+    }
+    ComPtr<IPortableDeviceContent> l_pContent;
+    ComPtr<IPortableDeviceProperties> l_pProperties;
+    ComPtr<IPortableDeviceKeyCollection> l_pKeys;
+    if (FAILED(m_pIPortableDevice->Content(&l_pContent)) || FAILED(l_pContent->Properties(&l_pProperties)) ||
+        FAILED(CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER,
+                                IID_PPV_ARGS(&l_pKeys)))) {
+        return _bstr_t(L"NULL");
+    }
+    l_pKeys->Add(WPD_OBJECT_PARENT_ID);
+    l_pKeys->Add(WPD_OBJECT_ORIGINAL_FILE_NAME);
+    l_pKeys->Add(WPD_OBJECT_NAME);
+    std::wstring l_wstringPath;
+    std::wstring l_wstringId = pwcharObjectId_in;
+    // Up the parent chain to the device root; the depth is bounded against a device that loops.
+    for (int l_intDepth = 0; l_intDepth < 256; ++l_intDepth) {
+        if (l_wstringId == WPD_DEVICE_OBJECT_ID) {
+            l_wstringPath = l_wstringPath.empty() ? L"DEVICE" : l_wstringPath;
+            break;
+        }
+        ComPtr<IPortableDeviceValues> l_pValues;
+        if (FAILED(l_pProperties->GetValues(l_wstringId.c_str(), l_pKeys.Get(), &l_pValues))) {
+            break;
+        }
+        CoTaskString l_Name;
+        CoTaskString l_Parent;
+        if (FAILED(l_pValues->GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &l_Name))) {
+            l_pValues->GetStringValue(WPD_OBJECT_NAME, &l_Name);
+        }
+        l_pValues->GetStringValue(WPD_OBJECT_PARENT_ID, &l_Parent);
+        const std::wstring l_wstringName = l_Name.Get() != nullptr ? l_Name.Get() : L"NULL";
+        l_wstringPath = l_wstringPath.empty() ? l_wstringName : l_wstringName + L"\\" + l_wstringPath;
+        if (l_Parent.Get() == nullptr || l_Parent.Get()[0] == L'\0' || wcscmp(l_Parent.Get(), WPD_DEVICE_OBJECT_ID) == 0) {
+            break;  // a storage: its name starts the path
+        }
+        l_wstringId = l_Parent.Get();
+    }
+    Trace(L"CDorWEXWPDObject::GetObjectTargetPath: %s %s\n", pwcharObjectId_in, l_wstringPath.c_str());
+    return _bstr_t(l_wstringPath.c_str());
+}
