@@ -222,9 +222,10 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
             Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 2 posted - calling "
                   L"ProcessApplicationEvent.\n",
                   m_wstringThreadName.c_str());
-            ProcessApplicationEvent();
-            // Reset only now: a signal that came while the handler ran is dropped with it.
+            // Reset before the handler: a signal that comes while it runs calls it once more, so a device
+            // notification handed over meanwhile is not dropped.
             ResetEvent(m_HANDLEWait[kApplication]);
+            ProcessApplicationEvent();
         } else if (l_dwordWait == WAIT_FAILED) {
             // A worker that could not be created leaves a null handle, and the wait fails. Waiting on the
             // terminate event alone keeps this from spinning until the next worker start is due.

@@ -4,7 +4,9 @@
 #include <wrl/client.h>
 #include <wbemcli.h>
 
+#include <deque>
 #include <mutex>
+#include <string>
 
 #include "../wmi/module.h"
 #include "../wmi/object_path.h"
@@ -15,12 +17,17 @@
 
 HANDLE g_HANDLEApplicationEvent = nullptr;
 volatile LONG g_longWindowClosing = 0;
-wchar_t g_wcharPendingDeviceName[512] = {};
-volatile LONG g_longPendingDeviceOnline = 0;
 
 namespace {
 
+// The device notifications the window handed over and the monitor thread has not taken yet, oldest first:
+// a name of at most 511 characters, as the window's buffer held it, and 1 for an arrival, 0 for a removal.
+struct PendingDevice {
+    std::wstring wstringName;
+    LONG longOnline;
+};
 std::mutex g_mutexPendingDevice;
+std::deque<PendingDevice> g_PendingDevices;
 
 // {CB8555CC-9128-11D1-AD9B-00C04FD8FDFF}
 constexpr CLSID kCLSID_WbemAdministrativeLocator = {
@@ -43,10 +50,11 @@ HRESULT ConnectToNamespace(IWbemServices** ppIWbemServices_out, bool& boolLocato
 }  // namespace
 
 void SetPendingDevice(const wchar_t* pwcharName_in, LONG longOnline_in) {
-    {
+    try {
         std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
-        wcsncpy_s(g_wcharPendingDeviceName, _countof(g_wcharPendingDeviceName), pwcharName_in, _TRUNCATE);
-        g_longPendingDeviceOnline = longOnline_in;
+        g_PendingDevices.push_back({std::wstring(pwcharName_in).substr(0, 511), longOnline_in});
+    } catch (...) {
+        return;  // out of memory: this notification is lost
     }
     if (g_HANDLEApplicationEvent != nullptr) {
         SetEvent(g_HANDLEApplicationEvent);
@@ -116,13 +124,20 @@ int CDorWEXWMIThreadWPDEventsProcessor::Stop() {
 
 int CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent() {
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent");
+    // One notification per call, the oldest first; when more wait, the event is signalled again for the next.
     wchar_t l_wcharName[1024];
     LONG l_longOnline;
     {
         std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
-        wcsncpy_s(l_wcharName, _countof(l_wcharName), g_wcharPendingDeviceName, _TRUNCATE);
-        g_wcharPendingDeviceName[0] = L'\0';
-        l_longOnline = g_longPendingDeviceOnline;
+        if (g_PendingDevices.empty()) {
+            return 0;
+        }
+        wcsncpy_s(l_wcharName, _countof(l_wcharName), g_PendingDevices.front().wstringName.c_str(), _TRUNCATE);
+        l_longOnline = g_PendingDevices.front().longOnline;
+        g_PendingDevices.pop_front();
+        if (!g_PendingDevices.empty() && g_HANDLEApplicationEvent != nullptr) {
+            SetEvent(g_HANDLEApplicationEvent);
+        }
     }
     try {
         if (l_longOnline != 1) {

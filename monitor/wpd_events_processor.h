@@ -14,11 +14,10 @@ class CDorWEXWMIWPDEventsListener;
 // Process-wide state shared by the listener's window procedure and the monitor thread.
 extern HANDLE g_HANDLEApplicationEvent;              // the WPD processor's application event
 extern volatile LONG g_longWindowClosing;            // set once the hidden window got WM_CLOSE or WM_DESTROY
-extern wchar_t g_wcharPendingDeviceName[512];        // interface name of the last notification
-extern volatile LONG g_longPendingDeviceOnline;      // 1 arrival, 0 removal
 
-// The listener hands a notification to the monitor thread: records the name and the online flag and
-// signals the application event. A second notification before the monitor takes the first replaces it.
+// The listener hands a notification to the monitor thread: queues the name (at most 511 characters) with
+// the online flag (1 arrival, 0 removal) and signals the application event. Notifications wait in order;
+// one that comes while the monitor handles another is handled after it.
 void SetPendingDevice(const wchar_t* pwcharName_in, LONG longOnline_in);
 
 class CDorWEXWMIThreadWPDEventsProcessor : public CDorWEXWMIThreadBase {

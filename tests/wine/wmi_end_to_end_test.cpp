@@ -166,6 +166,35 @@ TEST(WmiEndToEnd, ArrivalPublishesTheDeviceAndRemovalDeletesIt) {
     EXPECT_TRUE(WaitUntil([&] { return g_emulator->OpenSessions(Wide(id).c_str()) == 0; }));
 }
 
+// A second phone plugged in while the first is still being taken on: both are published. The first one
+// answers each request slowly, so the second's notification comes while the first's is handled.
+TEST(WmiEndToEnd, ArrivalWhileAnotherIsHandledIsPublishedToo) {
+    auto services = Connect();
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider runs before the devices come
+    const std::string slowId = "\\\\?\\usb#vid_0421&pid_0661#slowone#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    const std::string nextId = "\\\\?\\usb#vid_0421&pid_0661#nextone#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    EmulatedDeviceSpec slow = PhoneSpec(slowId, "NOKIA", "SLOW1");
+    slow.deviceLines.push_back("latency_us = 200000");
+    const EmulatedDeviceSpec next = PhoneSpec(nextId, "NOKIA", "NEXT1");
+    g_emulator->Attach(slow);
+    g_emulator->Attach(next);
+
+    Notify(DBT_DEVICEARRIVAL, Wide(slowId));
+    Notify(DBT_DEVICEARRIVAL, Wide(nextId));
+    const auto published = [&](const wchar_t* serial) {
+        return Query(services.Get(), std::wstring(L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = '") + serial +
+                                         L"'").size() == 1;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return published(L"SLOW1"); }, 30000));
+    EXPECT_TRUE(WaitUntil([&] { return published(L"NEXT1"); }, 30000)) << "the second arrival was lost";
+
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(slowId));
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(nextId));
+    EXPECT_TRUE(WaitUntil([&] { return !published(L"SLOW1") && !published(L"NEXT1"); }, 30000));
+    g_emulator->Detach(slow);
+    g_emulator->Detach(next);
+}
+
 TEST(WmiEndToEnd, ClientPutWithoutTheTokenIsRefused) {
     auto services = Connect();
     ComPtr<IWbemClassObject> wpdClass;

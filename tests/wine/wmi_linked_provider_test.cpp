@@ -154,9 +154,8 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
 }
 
 // A device pulled out while the provider reads its identity is taken on with what was read before (its
-// serial number and storages are empty). The removal the system sends meanwhile reaches a monitor that is
-// still busy with the arrival and is lost; the next removal notice takes the device away by its key, and
-// nothing of its session is left open.
+// serial number and storages are empty). The removal the system sends meanwhile waits until the arrival is
+// handled, then takes the device away by its key, and nothing of its session is left open.
 TEST(WmiArrival, DeviceThatVanishesDuringItsStartUpIsRemovedByItsKey) {
     WpdEmulator emulator;
     const std::string id = "\\\\?\\usb#vid_0421&pid_0661#vanishing#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
@@ -175,12 +174,13 @@ TEST(WmiArrival, DeviceThatVanishesDuringItsStartUpIsRemovedByItsKey) {
         emulator.Detach(spec);
         Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
     }
-    ASSERT_TRUE(WaitUntil([&] { return PublishedWithId(Wide(id)); })) << "taken on with what was read";
-    const auto published = Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = ''");
-    ASSERT_EQ(published.size(), 1u);
-    EXPECT_EQ(_wcsicmp(Text(published[0].Get(), L"strId").c_str(), Wide(id).c_str()), 0);
-
-    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    // The arrival is handled to its end first, then the removal that came during it.
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent");
+    })) << "the removal that came during the arrival was lost";
+    const long online = trace.IndexOf(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OnlineEvent");
+    EXPECT_GE(online, 0);
+    EXPECT_LT(online, trace.IndexOf(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent"));
     EXPECT_TRUE(WaitUntil([&] { return !PublishedWithId(Wide(id)); }));
     EXPECT_TRUE(WaitUntil([&] { return emulator.OpenSessions(Wide(id).c_str()) == 0; }));
     EXPECT_TRUE(WaitUntil([&] { return emulator.LiveObjects() <= objectsBefore; }))
