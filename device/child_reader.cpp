@@ -273,8 +273,10 @@ void ChildReader::ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_i
     if (l_pCallback == nullptr) {
         return;
     }
+    // The reference new gave is taken over as it is: ComPtr::Attach adds one more in mingw-w64 (not in the
+    // Windows SDK), which left every callback and its event alive.
     ComPtr<BulkCallback> l_Callback;
-    l_Callback.Attach(l_pCallback);
+    *l_Callback.ReleaseAndGetAddressOf() = l_pCallback;
     GUID l_GUIDContext = GUID_NULL;
     if (SUCCEEDED(l_pBulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, pwcharParentId_in, 1, m_pKeys.Get(),
                                                         l_pCallback, &l_GUIDContext))) {
