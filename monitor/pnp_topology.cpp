@@ -228,7 +228,7 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccName(const wchar_t* pwch
             l_Entry.wstringType = ClassName(l_guidInterface);
         }
         SetDeviceInstanceIdUsingPnpAPI(devinst_in, kNotifiedNode);
-        ProcessDeviceInterfaces2(0);
+        ProcessDeviceInterfaces2(kNotifiedNode);
         return false;  // the first node that matches is the device's
     });
     return S_OK;
