@@ -24,16 +24,24 @@ inline IErrorInfo* TakeThreadErrorInfo() {
     throw _com_error(hresultCode_in, pErrorInfo_in, false);
 }
 
-// A copy from a device as a move runs it: a COM error the copy raises is a failed copy, and the move
-// answers 0 as for any other failure; running out of memory still reaches the caller.
-template <class Copy>
-bool CopiedFromDevice(Copy copy_in) {
+// Runs a copy whose COM errors are its failures: a raised error goes to onError_in and its code is the
+// result; running out of memory still reaches the caller.
+template <class Copy, class OnError>
+HRESULT CopyCatchingComErrors(Copy copy_in, OnError onError_in) {
     try {
-        return SUCCEEDED(copy_in());
+        return copy_in();
     } catch (const _com_error& error_in) {
         if (error_in.Error() == E_OUTOFMEMORY) {
             throw;
         }
-        return false;
+        onError_in(error_in);
+        return FAILED(error_in.Error()) ? error_in.Error() : E_FAIL;
     }
+}
+
+// A copy from a device as a move runs it: a COM error the copy raises is a failed copy, and the move
+// answers 0 as for any other failure.
+template <class Copy>
+bool CopiedFromDevice(Copy copy_in) {
+    return SUCCEEDED(CopyCatchingComErrors(copy_in, [](const _com_error&) {}));
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "../common/com_memory.h"
+#include "../device/com_error.h"
 #include "../device/wpd_object.h"
 #include "../monitor/wpd_collection.h"
 #include "../monitor/wpd_core.h"
@@ -185,16 +186,11 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
                            L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", L"0",
                            [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
                                const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
-                               HRESULT l_HRESULT = E_FAIL;
-                               try {
-                                   l_HRESULT = device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1]));
-                               } catch (const _com_error& error_in) {
-                                   if (error_in.Error() == E_OUTOFMEMORY) {
-                                       throw;
-                                   }
-                                   l_HRESULT = error_in.Error();
-                                   RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
-                               }
+                               const HRESULT l_HRESULT = CopyCatchingComErrors(
+                                   [&] { return device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])); },
+                                   [&](const _com_error& error_in) {
+                                       RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
+                                   });
                                SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
                            });
 }
