@@ -24,7 +24,7 @@ namespace {
 // a name of at most 511 characters, as the window's buffer held it, and 1 for an arrival, 0 for a removal.
 struct PendingDevice {
     std::wstring wstringName;
-    LONG longOnline;
+    LONG longOnline = 0;
 };
 std::mutex g_mutexPendingDevice;
 std::deque<PendingDevice> g_PendingDevices;
@@ -52,7 +52,7 @@ HRESULT ConnectToNamespace(IWbemServices** ppIWbemServices_out, bool& boolLocato
 void SetPendingDevice(const wchar_t* pwcharName_in, LONG longOnline_in) {
     try {
         std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
-        g_PendingDevices.push_back({std::wstring(pwcharName_in).substr(0, 511), longOnline_in});
+        g_PendingDevices.push_back({std::wstring(pwcharName_in, wcsnlen(pwcharName_in, 511)), longOnline_in});
     } catch (...) {
         return;  // out of memory: this notification is lost
     }
@@ -125,22 +125,21 @@ int CDorWEXWMIThreadWPDEventsProcessor::Stop() {
 int CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent() {
     Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent");
     // One notification per call, the oldest first; when more wait, the event is signalled again for the next.
-    wchar_t l_wcharName[1024];
-    LONG l_longOnline;
+    PendingDevice l_Pending;
     {
         std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
         if (g_PendingDevices.empty()) {
             return 0;
         }
-        wcsncpy_s(l_wcharName, _countof(l_wcharName), g_PendingDevices.front().wstringName.c_str(), _TRUNCATE);
-        l_longOnline = g_PendingDevices.front().longOnline;
+        l_Pending = std::move(g_PendingDevices.front());
         g_PendingDevices.pop_front();
         if (!g_PendingDevices.empty() && g_HANDLEApplicationEvent != nullptr) {
             SetEvent(g_HANDLEApplicationEvent);
         }
     }
+    const wchar_t* const l_wcharName = l_Pending.wstringName.c_str();
     try {
-        if (l_longOnline != 1) {
+        if (l_Pending.longOnline != 1) {
             Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent");
             OfflineEvent(l_wcharName);
             return 0;
