@@ -3,8 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "../monitor/companion_processors.h"
-#include "../wmi/trace.h"
+#include "../common/trace.h"
 #include "apple_message.h"
 
 int CDorWEXWMIAppleNamedPipe::ProcessData1(const PipeInstance& instance_in) {
@@ -36,17 +35,20 @@ int CDorWEXWMIAppleNamedPipe::ProcessData1(const PipeInstance& instance_in) {
     return 0;
 }
 
-HRESULT CDorWEXWMIAppleEventsListener::ListenForAppleEvents(CDorWEXWMIThreadAppleEventsProcessor* pProcessor_in) {
+HRESULT CDorWEXWMIAppleEventsListener::ListenForAppleEvents(HANDLE handleStopEvent_in) {
     Trace(L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents entered...\n");
-    m_pProcessor = pProcessor_in;
     HRESULT l_HRESULT = S_OK;
     {
         // About 33 KB: on the heap rather than the worker's stack.
-        auto l_pPipe = std::make_unique<CDorWEXWMIAppleNamedPipe>(m_pCore, pProcessor_in->GetTerminateEvent());
+        auto l_pPipe = std::make_unique<CDorWEXWMIAppleNamedPipe>(m_pDevices, handleStopEvent_in);
         l_HRESULT = l_pPipe->Serve(kDorWEXApplePipeName,
                                    L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents, ERROR: "
                                    L"CDorWEXWMIAppleNamedPipe.Initialize failed.\n");
     }
     Trace(L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...\n");
     return l_HRESULT;
+}
+
+std::unique_ptr<IDorWEXCompanionChannel> CreateAppleChannel(IDorWEXDeviceRegistry* pDevices_in) {
+    return std::make_unique<CDorWEXWMIAppleEventsListener>(pDevices_in);
 }

@@ -3,9 +3,8 @@
 // device it names.
 #pragma once
 
+#include "companion_channels.h"
 #include "named_pipe_base.h"
-
-class CDorWEXWMIThreadAppleEventsProcessor;
 
 inline constexpr wchar_t kDorWEXApplePipeName[] = L"\\\\.\\pipe\\dorWEXApplePipe";
 
@@ -17,13 +16,12 @@ public:
     int ProcessData1(const PipeInstance& instance_in);
 };
 
-class CDorWEXWMIAppleEventsListener {
+class CDorWEXWMIAppleEventsListener final : public IDorWEXCompanionChannel {
 public:
-    explicit CDorWEXWMIAppleEventsListener(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {}
-    // Serves the pipe until the processor's stop event; E_FAIL when the pipe cannot be set up.
-    HRESULT ListenForAppleEvents(CDorWEXWMIThreadAppleEventsProcessor* pProcessor_in);
+    explicit CDorWEXWMIAppleEventsListener(IDorWEXDeviceRegistry* pDevices_in) : m_pDevices(pDevices_in) {}
+    HRESULT ListenForAppleEvents(HANDLE handleStopEvent_in);
+    HRESULT Listen(HANDLE handleStopEvent_in) override { return ListenForAppleEvents(handleStopEvent_in); }
 
 private:
-    CDorWEXWMIWPDCore* m_pCore;
-    CDorWEXWMIThreadAppleEventsProcessor* m_pProcessor = nullptr;
+    IDorWEXDeviceRegistry* m_pDevices;
 };

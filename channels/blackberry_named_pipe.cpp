@@ -2,13 +2,10 @@
 
 #include <windows.h>
 
-#include "../device/wpd_object.h"
-#include "../monitor/companion_processors.h"
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
-#include "../wmi/trace.h"
+#include "../common/trace.h"
+#include "../device/wpd_device.h"
+#include "../monitor/device_registry.h"
 #include "apple_message.h"
-#include "blackberry_share.h"
 #include "blackberry_text.h"
 
 namespace {
@@ -116,16 +113,16 @@ int CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials(const std::wstring& wstrin
                                                       const std::wstring& wstringUser_in,
                                                       const std::wstring& wstringPassword_in) {
     Trace(L"CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials enter.");
-    if (wstringShare_in.empty() || wstringUser_in.empty() || wstringPassword_in.empty() || m_pCore == nullptr ||
-        m_pCore->GetCollection() == nullptr) {
+    if (wstringShare_in.empty() || wstringUser_in.empty() || wstringPassword_in.empty() || m_pDevices == nullptr) {
         return 0;
     }
-    const auto l_pDevice = m_pCore->GetCollection()->FindWPDObject(wstringShare_in.c_str(), nullptr);
-    if (!l_pDevice || !l_pDevice->m_pCDorWEXBlackBerry) {
+    const auto l_pDevice = m_pDevices->FindWPDObject(wstringShare_in.c_str(), nullptr);
+    DWORD l_dwordResult = 0;
+    if (!l_pDevice || !l_pDevice->ConnectBlackBerryShare(wstringShare_in.c_str(), wstringUser_in.c_str(),
+                                                         wstringPassword_in.c_str(), l_dwordResult)) {
         return 0;  // not a watched BlackBerry: the credentials are dropped
     }
-    const LONG l_longResult = static_cast<LONG>(l_pDevice->m_pCDorWEXBlackBerry->ConnectToDevice(
-        wstringShare_in.c_str(), wstringUser_in.c_str(), wstringPassword_in.c_str()));
+    const LONG l_longResult = static_cast<LONG>(l_dwordResult);
     const auto l_Record = [&](ShareConnection& connection_io) {
         connection_io.result = l_longResult;
         if (l_longResult == 0) {
@@ -173,10 +170,9 @@ CDorWEXWMIBlackBerryEventsListener::~CDorWEXWMIBlackBerryEventsListener() {
     m_mapOfUNCToDiskProperties.clear();
 }
 
-HRESULT CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents(
-    CDorWEXWMIThreadBlackBerryEventsProcessor* pProcessor_in) {
+HRESULT CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents(HANDLE handleStopEvent_in) {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents entered...\n");
-    m_pProcessor = pProcessor_in;
+    m_handleStopEvent = handleStopEvent_in;
     const HRESULT l_HRESULT = ListenForBlackBerryEventsUsingNamedPipe();
     Trace(L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents exiting...\n");
     return l_HRESULT;
@@ -185,16 +181,16 @@ HRESULT CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents(
 HRESULT CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe() {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe entered...\n");
     HRESULT l_HRESULT = E_FAIL;
-    if (m_pProcessor != nullptr) {
+    if (m_handleStopEvent != nullptr) {
         // About 33 KB: on the heap rather than the worker's stack.
-        auto l_pPipe = std::make_unique<CDorWEXWMIBlackBerryNamedPipe>(m_pCore, m_pProcessor->GetTerminateEvent());
+        auto l_pPipe = std::make_unique<CDorWEXWMIBlackBerryNamedPipe>(m_pDevices, m_handleStopEvent);
         l_HRESULT = l_pPipe->Serve(kDorWEXBlackBerryPipeName, nullptr);
     }
     Trace(L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe exiting...\n");
     return l_HRESULT;
 }
 
-int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in) {
+int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(IDorWEXWPDDevice* pCDorWEXWPDObject_in) {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring entered...\n");
     if (pCDorWEXWPDObject_in == nullptr) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: pCDorWEXWPDObject_in == NULL\n");
@@ -215,8 +211,8 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
         return 0;
     }
     auto l_pDiskProperties = std::make_unique<DiskProperties>(
-        DiskProperties{pCDorWEXWPDObject_in, pCDorWEXWPDObject_in->m_pCDorWEXBlackBerry.get()});
-    const bool l_boolShareAccess = l_pDiskProperties->pCDorWEXBlackBerry != nullptr;
+        DiskProperties{pCDorWEXWPDObject_in, pCDorWEXWPDObject_in->HasBlackBerryShare()});
+    const bool l_boolShareAccess = l_pDiskProperties->boolShareAccess;
     m_mapOfUNCToDiskProperties.emplace(l_wstringKey, std::move(l_pDiskProperties));
     if (!l_boolShareAccess) {
         Trace(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
@@ -226,7 +222,7 @@ int CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring(CDorWEXWPDObje
     return 1;
 }
 
-int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in) {
+int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(IDorWEXWPDDevice* pCDorWEXWPDObject_in) {
     Trace(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring entered...\n");
     if (pCDorWEXWPDObject_in == nullptr) {
         return 0;
@@ -241,8 +237,8 @@ int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(CDorWEXWP
     if (l_Found == m_mapOfUNCToDiskProperties.end()) {
         return 0;
     }
-    if (l_Found->second->pCDorWEXBlackBerry != nullptr) {
-        l_Found->second->pCDorWEXBlackBerry->DisconnectFromDevice();
+    if (l_Found->second->boolShareAccess) {
+        l_Found->second->pCDorWEXWPDObject->DisconnectBlackBerryShare();
     }
     m_mapOfUNCToDiskProperties.erase(l_Found);
     Trace(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring removed %s\n", l_wstringKey.c_str());
@@ -252,4 +248,8 @@ int CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring(CDorWEXWP
 size_t CDorWEXWMIBlackBerryEventsListener::MonitoredCount() {
     std::lock_guard<std::mutex> l_guard(m_mutexMonitoring);
     return m_mapOfUNCToDiskProperties.size();
+}
+
+std::unique_ptr<IDorWEXBlackBerryChannel> CreateBlackBerryChannel(IDorWEXDeviceRegistry* pDevices_in) {
+    return std::make_unique<CDorWEXWMIBlackBerryEventsListener>(pDevices_in);
 }

@@ -9,11 +9,8 @@
 #include <mutex>
 #include <string>
 
+#include "companion_channels.h"
 #include "named_pipe_base.h"
-
-class CDorWEXBlackBerry;
-class CDorWEXWPDObject;
-class CDorWEXWMIThreadBlackBerryEventsProcessor;
 
 inline constexpr wchar_t kDorWEXBlackBerryPipeName[] = L"\\\\.\\pipe\\dorWEX14BlackBerryPipe";
 
@@ -50,29 +47,30 @@ private:
     ShareConnection m_Connections[2];  // the device's first and second storage
 };
 
-class CDorWEXWMIBlackBerryEventsListener {
+class CDorWEXWMIBlackBerryEventsListener final : public IDorWEXBlackBerryChannel {
 public:
     // A watched device and its share access; neither is owned.
     struct DiskProperties {
-        CDorWEXWPDObject* pCDorWEXWPDObject;
-        CDorWEXBlackBerry* pCDorWEXBlackBerry;
+        IDorWEXWPDDevice* pCDorWEXWPDObject;
+        bool boolShareAccess;
     };
 
-    explicit CDorWEXWMIBlackBerryEventsListener(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {}
-    ~CDorWEXWMIBlackBerryEventsListener();
+    explicit CDorWEXWMIBlackBerryEventsListener(IDorWEXDeviceRegistry* pDevices_in) : m_pDevices(pDevices_in) {}
+    ~CDorWEXWMIBlackBerryEventsListener() override;
 
-    HRESULT ListenForBlackBerryEvents(CDorWEXWMIThreadBlackBerryEventsProcessor* pProcessor_in);
+    HRESULT ListenForBlackBerryEvents(HANDLE handleStopEvent_in);
+    HRESULT Listen(HANDLE handleStopEvent_in) override { return ListenForBlackBerryEvents(handleStopEvent_in); }
     HRESULT ListenForBlackBerryEventsUsingNamedPipe();
 
     // 1 when the device was listed with its share access, else 0.
-    int AddBlackBerryToMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in);
+    int AddBlackBerryToMonitoring(IDorWEXWPDDevice* pCDorWEXWPDObject_in) override;
     // 1 when the device's entry was found and removed (its share disconnected first), else 0.
-    int RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pCDorWEXWPDObject_in);
-    size_t MonitoredCount();
+    int RemoveBlackBerryFromMonitoring(IDorWEXWPDDevice* pCDorWEXWPDObject_in) override;
+    size_t MonitoredCount() override;
 
 private:
-    CDorWEXWMIWPDCore* m_pCore;
-    CDorWEXWMIThreadBlackBerryEventsProcessor* m_pProcessor = nullptr;
+    IDorWEXDeviceRegistry* m_pDevices;
+    HANDLE m_handleStopEvent = nullptr;
     std::mutex m_mutexMonitoring;
     std::map<std::wstring, std::unique_ptr<DiskProperties>> m_mapOfUNCToDiskProperties;  // share name -> device
 };

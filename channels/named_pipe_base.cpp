@@ -4,11 +4,10 @@
 #include <memory>
 #include <string>
 
-#include "../device/wpd_object.h"
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
-#include "../wmi/trace.h"
 #include "../common/error_text.h"
+#include "../common/trace.h"
+#include "../device/wpd_device.h"
+#include "../monitor/device_registry.h"
 
 namespace {
 
@@ -38,8 +37,8 @@ struct HeapBlockFree {
 
 }  // namespace
 
-CDorWEXWMIWPDNamedPipeBase::CDorWEXWMIWPDNamedPipeBase(CDorWEXWMIWPDCore* pCore_in, HANDLE handleStopEvent_in)
-    : m_pCore(pCore_in) {
+CDorWEXWMIWPDNamedPipeBase::CDorWEXWMIWPDNamedPipeBase(IDorWEXDeviceRegistry* pDevices_in, HANDLE handleStopEvent_in)
+    : m_pDevices(pDevices_in) {
     ZeroMemory(m_Instances, sizeof(m_Instances));
     for (auto& l_Instance : m_Instances) {
         l_Instance.pipe = INVALID_HANDLE_VALUE;
@@ -346,10 +345,10 @@ void CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent(const wchar_t* pwcharDevi
                                                        const wchar_t* pwcharLocalFileName_in,
                                                        DWORD dwordProcessId_in) {
     Trace(L"CDorWEXWMIWPDNamedPipeBase::SimulateWPDWriteEvent enter.");
-    if (m_pCore == nullptr || m_pCore->GetCollection() == nullptr) {
+    if (m_pDevices == nullptr) {
         return;
     }
-    const auto l_pDevice = m_pCore->GetCollection()->FindWPDObject(pwcharDeviceKey_in, pwcharPath_in);
+    const auto l_pDevice = m_pDevices->FindWPDObject(pwcharDeviceKey_in, pwcharPath_in);
     if (l_pDevice) {
         l_pDevice->SimulateWPDWriteEvent(pwcharPath_in, pwcharLocalFileName_in, pwcharLocalFileName_in,
                                          dwordProcessId_in);

@@ -8,7 +8,7 @@
 
 #include <string>
 
-class CDorWEXWMIWPDCore;
+class IDorWEXDeviceRegistry;
 
 class CDorWEXWMIWPDNamedPipeBase {
 public:
@@ -28,7 +28,7 @@ public:
         BOOL pendingIO;
     };
 
-    CDorWEXWMIWPDNamedPipeBase(CDorWEXWMIWPDCore* pCore_in, HANDLE handleStopEvent_in);
+    CDorWEXWMIWPDNamedPipeBase(IDorWEXDeviceRegistry* pDevices_in, HANDLE handleStopEvent_in);
     ~CDorWEXWMIWPDNamedPipeBase();
     CDorWEXWMIWPDNamedPipeBase(const CDorWEXWMIWPDNamedPipeBase&) = delete;
     CDorWEXWMIWPDNamedPipeBase& operator=(const CDorWEXWMIWPDNamedPipeBase&) = delete;
@@ -60,7 +60,7 @@ public:
     HRESULT Serve(const wchar_t* pwcharPipeName_in, const wchar_t* pwcharSetupFailure_in);
 
 protected:
-    CDorWEXWMIWPDCore* m_pCore;
+    IDorWEXDeviceRegistry* m_pDevices;
 
 private:
     PipeInstance m_Instances[kInstances];

@@ -2,10 +2,10 @@
 // numbers it publishes, and Terminate.
 #include "wpd_object.h"
 
-#include "../channels/blackberry_share.h"
-#include "../monitor/wpd_object_events.h"
-#include "../wmi/trace.h"
 #include "../common/com_memory.h"
+#include "../common/trace.h"
+#include "blackberry_share.h"
+#include "wpd_object_events.h"
 
 namespace {
 
@@ -35,8 +35,12 @@ std::wstring ReadDeviceProperty(IPortableDeviceManager* pIPortableDeviceManager_
 
 }  // namespace
 
-CDorWEXWPDObject::CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in) : m_pCore(pCore_in) {
+CDorWEXWPDObject::CDorWEXWPDObject(IDorWEXDeviceHost* pHost_in) : m_pHost(pHost_in) {
     Trace(L"CDorWEXWPDObject::CDorWEXWPDObject");
+}
+
+std::shared_ptr<IDorWEXWPDDevice> CreateWPDDevice(IDorWEXDeviceHost* pHost_in) {
+    return std::make_shared<CDorWEXWPDObject>(pHost_in);
 }
 
 std::shared_ptr<const DeviceIdentity> CDorWEXWPDObject::Identity() const {
@@ -132,7 +136,7 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         }
     }
     if (SUCCEEDED(l_HRESULT)) {
-        m_pEvents = new CDorWEXWPDObjectEvents(m_pCore, this);
+        m_pEvents = new CDorWEXWPDObjectEvents(m_pHost, this);
         m_pEvents->Register(m_pIPortableDevice.Get());
         l_HRESULT = GetFunctionalCategories();
         m_Win32.ProcessDeviceNotification(pwcharDeviceId_in, 1);

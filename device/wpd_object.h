@@ -10,18 +10,17 @@
 #include <memory>
 #include <mutex>
 
-#include "../monitor/pnp_topology.h"
 #include "apple_companion.h"
 #include "companion_record.h"
 #include "device_identity.h"
 #include "manufacturer_class.h"
 #include "portable_device_api.h"
+#include "wpd_device.h"
 
 class CDorWEXBlackBerry;
-class CDorWEXWMIWPDCore;
 class CDorWEXWPDObjectEvents;
 
-class CDorWEXWPDObject : public std::enable_shared_from_this<CDorWEXWPDObject> {
+class CDorWEXWPDObject final : public IDorWEXWPDDevice, public std::enable_shared_from_this<CDorWEXWPDObject> {
 public:
     // The file by which the security service knows a device again: written as a system object, which a
     // device may keep elsewhere in the storage than where it was asked for.
@@ -29,27 +28,22 @@ public:
 
     using Manufacturer = dorwex::Manufacturer;
 
-    explicit CDorWEXWPDObject(CDorWEXWMIWPDCore* pCore_in);
-    ~CDorWEXWPDObject();
+    explicit CDorWEXWPDObject(IDorWEXDeviceHost* pHost_in);
+    ~CDorWEXWPDObject() override;
     CDorWEXWPDObject(const CDorWEXWPDObject&) = delete;
     CDorWEXWPDObject& operator=(const CDorWEXWPDObject&) = delete;
 
-    // Opens the device and fills the identity; a null id returns S_OK and does nothing.
-    HRESULT InitializeWPD(const wchar_t* pwcharDeviceId_in);
-    // Prepares an object for one eject: the device id, the manager and the Plug and Play view; no session.
-    HRESULT InitializeForEject(const wchar_t* pwcharDeviceId_in);
-    // 1 when the device was ejected and stayed away, or came back and was disabled; 0 otherwise.
-    LONG EjectDevice();
+    HRESULT InitializeWPD(const wchar_t* pwcharDeviceId_in) override;
+    HRESULT InitializeForEject(const wchar_t* pwcharDeviceId_in) override;
+    LONG EjectDevice() override;
     // The Apple companion object, created on first use; a new reference for the caller.
     HRESULT GetAppleCOMObject(IdorWEXWPDApple** ppIdorWEXWPDApple_out);
-    // Raises the object-added event of a file written through a companion channel; 1 when it was sent.
     int SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pwcharFileName_in,
-                              const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in);
-    // Unregisters the event callback and closes the session.
-    void Terminate();
+                              const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in) override;
+    void Terminate() override;
 
     // Identity steps, in the order InitializeWPD runs them.
-    HRESULT GetManufacturer();
+    HRESULT GetManufacturer() override;
     HRESULT GetFriendlyName();
     HRESULT GetDescription();
     HRESULT GetAdditionalProperties();
@@ -68,35 +62,34 @@ public:
     // Storage name and folder names down to the object: "Phone\DCIM\a.jpg"; "DEVICE" for the root.
     _bstr_t GetObjectTargetPath(const wchar_t* pwcharObjectId_in);
 
-    // Content operations; each chooses its variant by the manufacturer class.
-    _bstr_t EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
-    _bstr_t GetStorageObjectProperty(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharPropertyName_in);
+    _bstr_t EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) override;
+    _bstr_t GetStorageObjectProperty(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharPropertyName_in) override;
     _bstr_t CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
-                             const wchar_t* pwcharWriteToken_in, DWORD dwordProcessId_in);
-    HRESULT CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
-    // 1 when the object was deleted, else 0.
-    int DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in);
+                             const wchar_t* pwcharWriteToken_in, DWORD dwordProcessId_in) override;
+    HRESULT CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) override;
+    int DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) override;
     HRESULT DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pTCHARDeviceId_in,
                             bool boolRedirected_in = false);
-    HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
-    // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
-    int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) override;
+    int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) override;
 
     // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size.
     static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
                               ULONGLONG* pulonglongBytesWritten_out);
 
-    // A snapshot of the identity: it does not change under the caller, whatever other threads do.
-    std::shared_ptr<const DeviceIdentity> Identity() const;
-    // The one way to change the identity: the change is made on a copy that then replaces it, so a reader
-    // sees the identity before or after, never half-way.
-    void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in);
+    std::shared_ptr<const DeviceIdentity> Identity() const override;
+    void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in) override;
 
     // The Plug and Play view and the BlackBerry property record, made while the device starts up (before
     // it joins the collection) and read-only afterwards.
-    const CDorWEXWPDObjectInWin32& Win32View() const { return m_Win32; }
-    const dorwex::CompanionRecord* CompanionRecord() const { return m_pCompanionRecord.get(); }
-    bool HasSession() const { return static_cast<bool>(m_pIPortableDevice); }
+    const CDorWEXWPDObjectInWin32& Win32View() const override { return m_Win32; }
+    const dorwex::CompanionRecord* CompanionRecord() const override { return m_pCompanionRecord.get(); }
+    bool HasSession() const override { return static_cast<bool>(m_pIPortableDevice); }
+
+    bool ConnectBlackBerryShare(const wchar_t* pwcharShare_in, const wchar_t* pwcharUser_in,
+                                const wchar_t* pwcharPassword_in, DWORD& dwordResult_out) override;
+    bool HasBlackBerryShare() const override { return static_cast<bool>(m_pCDorWEXBlackBerry); }
+    void DisconnectBlackBerryShare() override;
 
     // A BlackBerry's share access, made while the device starts up; the share object keeps its own state.
     std::unique_ptr<CDorWEXBlackBerry> m_pCDorWEXBlackBerry;
@@ -105,7 +98,7 @@ private:
     Microsoft::WRL::ComPtr<IPortableDeviceManager> m_pIPortableDeviceManager;
     Microsoft::WRL::ComPtr<IPortableDevice> m_pIPortableDevice;
     Microsoft::WRL::ComPtr<IPortableDeviceValues> m_pIPortableDeviceValuesClientInfo;
-    CDorWEXWMIWPDCore* m_pCore;
+    IDorWEXDeviceHost* m_pHost;
     CDorWEXWPDObjectEvents* m_pEvents = nullptr;  // owns one reference
     CDorWEXWPDObjectInWin32 m_Win32;
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> m_IdorWEXWPDAppleCOMPtr;  // guarded by m_mutexApple

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "../wmi/trace.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
-#include "com_error.h"
+#include "../common/com_error.h"
 #include "../common/com_memory.h"
 
 namespace {

@@ -2,9 +2,9 @@
 // moves. Its storage paths are the share's own paths (\\192.168.1.1\media\DCIM\a.jpg).
 #include "wpd_object.h"
 
-#include "../channels/blackberry_share.h"
-#include "../wmi/trace.h"
-#include "com_error.h"
+#include "../common/trace.h"
+#include "blackberry_share.h"
+#include "../common/com_error.h"
 
 _bstr_t CDorWEXWPDObject::EnumerateDevicePath3(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) {
     Trace(L"CDorWEXWPDObject::EnumerateDevicePath3 enter.\n");
@@ -68,4 +68,19 @@ int CDorWEXWPDObject::MoveFileFromDevice3(const wchar_t* pwcharObjectStoragePath
     }
     DeleteFileFromDevice3(pwcharObjectStoragePath_in);
     return 1;
+}
+
+bool CDorWEXWPDObject::ConnectBlackBerryShare(const wchar_t* pwcharShare_in, const wchar_t* pwcharUser_in,
+                                              const wchar_t* pwcharPassword_in, DWORD& dwordResult_out) {
+    if (!m_pCDorWEXBlackBerry) {
+        return false;
+    }
+    dwordResult_out = m_pCDorWEXBlackBerry->ConnectToDevice(pwcharShare_in, pwcharUser_in, pwcharPassword_in);
+    return true;
+}
+
+void CDorWEXWPDObject::DisconnectBlackBerryShare() {
+    if (m_pCDorWEXBlackBerry) {
+        m_pCDorWEXBlackBerry->DisconnectFromDevice();
+    }
 }

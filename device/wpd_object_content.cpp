@@ -6,11 +6,11 @@
 #include <memory>
 #include <string_view>
 
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
-#include "../channels/blackberry_share.h"
-#include "../wmi/trace.h"
 #include "../common/com_memory.h"
+#include "../common/trace.h"
+#include "../monitor/device_host.h"
+#include "../monitor/device_registry.h"
+#include "blackberry_share.h"
 #include "child_reader.h"
 #include "same_name.h"
 #include "storage_path.h"
@@ -405,10 +405,11 @@ HRESULT CDorWEXWPDObject::DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath
         return DeleteWPDObjectThroughWPD(pTCHARObjectStoragePath_in);
     }
     // A placeholder object passes the request on to the real device object, once.
-    if (boolRedirected_in || m_pCore == nullptr || m_pCore->GetCollection() == nullptr) {
+    IDorWEXDeviceRegistry* l_pDevices = m_pHost != nullptr ? m_pHost->Devices() : nullptr;
+    if (boolRedirected_in || l_pDevices == nullptr) {
         return E_FAIL;
     }
-    const auto l_pDevice = m_pCore->GetCollection()->FindWPDObjectById(pTCHARDeviceId_in);
+    const auto l_pDevice = std::dynamic_pointer_cast<CDorWEXWPDObject>(l_pDevices->FindWPDObjectById(pTCHARDeviceId_in));
     if (!l_pDevice) {
         return E_FAIL;
     }

@@ -5,12 +5,12 @@
 
 #include <string>
 
-#include "../monitor/pnp_api.h"
-#include "../monitor/pnp_guids.h"
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
-#include "../wmi/module.h"
-#include "../wmi/trace.h"
+#include "../common/pnp_api.h"
+#include "../common/pnp_guids.h"
+#include "../common/module_state.h"
+#include "../common/trace.h"
+#include "../monitor/device_host.h"
+#include "../monitor/device_registry.h"
 
 namespace {
 
@@ -184,7 +184,7 @@ LONG CDorWEXWPDObject::EjectDeviceWPD(const wchar_t* pwcharDeviceId_in) {
     }
 
     // Ejected: drop the device, then watch whether the notification worker adds it again.
-    CDorWEXWPDCollection* l_pCollection = m_pCore != nullptr ? m_pCore->GetCollection() : nullptr;
+    IDorWEXDeviceRegistry* l_pCollection = m_pHost != nullptr ? m_pHost->Devices() : nullptr;
     if (l_pCollection == nullptr) {
         return 0;  // nothing to watch with: ejected, but not known to have stayed away
     }

@@ -2,8 +2,8 @@
 // description, the survey of the device's own properties, and its functional categories and storages.
 #include <string>
 
-#include "../monitor/wpd_object_events.h"
-#include "../wmi/trace.h"
+#include "wpd_object_events.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
 #include "../common/com_memory.h"
 #include "wpd_object.h"

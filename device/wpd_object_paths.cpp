@@ -9,7 +9,7 @@
 #include <string>
 
 #include "../common/com_memory.h"
-#include "../wmi/trace.h"
+#include "../common/trace.h"
 #include "child_reader.h"
 #include "same_name.h"
 #include "storage_path.h"

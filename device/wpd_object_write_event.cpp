@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "../monitor/wpd_core.h"
-#include "../wmi/trace.h"
 #include "../common/com_memory.h"
+#include "../common/trace.h"
+#include "../monitor/device_host.h"
 
 namespace {
 
@@ -48,14 +48,14 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
     const std::wstring l_wstringNumber = std::to_wstring(dwordNumber_in);
 
     Trace(L"CDorWEXWMIWPDCore::SendEvent enter.\n");
-    if (m_pCore == nullptr) {
+    if (m_pHost == nullptr) {
         return 0;
     }
     // The event's process is the one that raises it; the number the companion reported (the writer's
     // process id) stands where a WPD event has the object's persistent unique id, which a write has none of.
     const std::wstring l_wstringProcessId = std::to_wstring(GetCurrentProcessId());
     const auto l_pIdentity = Identity();
-    m_pCore->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(l_pIdentity->m_bstr_tDeviceId),
+    m_pHost->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(l_pIdentity->m_bstr_tDeviceId),
                        l_wstringNumber.c_str(), pTCHARObjectStoragePath_in, l_pwcharFileName,
                        BstrText(l_bstr_tDeviceAbsolutePath), BstrText(l_pIdentity->m_bstr_tDisk1Name),
                        BstrText(l_pIdentity->m_bstr_tFriendlyName), l_pwcharFileName,

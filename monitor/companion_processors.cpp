@@ -2,9 +2,18 @@
 
 #include <memory>
 
-#include "../channels/apple_named_pipe.h"
-#include "../channels/blackberry_named_pipe.h"
-#include "../wmi/trace.h"
+#include "../channels/companion_channels.h"
+#include "../common/trace.h"
+#include "wpd_core.h"
+
+namespace {
+
+// The devices a companion's messages are looked up in.
+IDorWEXDeviceRegistry* DevicesOf(CDorWEXWMIWPDCore* pCore_in) {
+    return pCore_in != nullptr ? pCore_in->Devices() : nullptr;
+}
+
+}  // namespace
 
 CDorWEXWMIThreadCompanionProcessor::CDorWEXWMIThreadCompanionProcessor(CDorWEXWMIWPDCore* pCore_in,
                                                                        WorkerEntry pWorkerEntry_in,
@@ -66,8 +75,7 @@ DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProces
     auto* l_pProcessor = static_cast<CDorWEXWMIThreadAppleEventsProcessor*>(
         static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
     try {
-        CDorWEXWMIAppleEventsListener l_Listener(l_pProcessor->GetOwner());
-        l_Listener.ListenForAppleEvents(l_pProcessor);
+        CreateAppleChannel(DevicesOf(l_pProcessor->GetOwner()))->Listen(l_pProcessor->GetTerminateEvent());
     } catch (...) {
         // Out of memory: the worker ends and its monitor starts it again.
     }
@@ -77,7 +85,7 @@ DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProces
 
 CDorWEXWMIThreadBlackBerryEventsProcessor::CDorWEXWMIThreadBlackBerryEventsProcessor(CDorWEXWMIWPDCore* pCore_in)
     : CDorWEXWMIThreadCompanionProcessor(pCore_in, WorkerThreadBlackBerryEventsProcessor, THREAD_TYPE_BLACKBERRY),
-      m_pListener(std::make_unique<CDorWEXWMIBlackBerryEventsListener>(pCore_in)) {}
+      m_pListener(CreateBlackBerryChannel(DevicesOf(pCore_in))) {}
 
 CDorWEXWMIThreadBlackBerryEventsProcessor::~CDorWEXWMIThreadBlackBerryEventsProcessor() {
     // The worker uses the listener: it ends first.
@@ -98,7 +106,7 @@ DWORD WINAPI CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEv
     auto* l_pProcessor = static_cast<CDorWEXWMIThreadBlackBerryEventsProcessor*>(
         static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
     try {
-        l_pProcessor->m_pListener->ListenForBlackBerryEvents(l_pProcessor);
+        l_pProcessor->m_pListener->Listen(l_pProcessor->GetTerminateEvent());
     } catch (...) {
         // Out of memory: the worker ends and its monitor starts it again.
     }

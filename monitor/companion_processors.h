@@ -5,9 +5,8 @@
 
 #include <memory>
 
+#include "../channels/companion_channels.h"
 #include "thread_base.h"
-
-class CDorWEXWMIBlackBerryEventsListener;
 
 // What the two companion processors have in common.
 class CDorWEXWMIThreadCompanionProcessor : public CDorWEXWMIThreadBase {
@@ -44,8 +43,8 @@ public:
 
     // The listener with the list of watched BlackBerry shares. It lives as long as the processor, so the
     // list survives a restart of the worker.
-    CDorWEXWMIBlackBerryEventsListener* GetListener() const { return m_pListener.get(); }
+    IDorWEXBlackBerryChannel* GetListener() const { return m_pListener.get(); }
 
 private:
-    std::unique_ptr<CDorWEXWMIBlackBerryEventsListener> m_pListener;
+    std::unique_ptr<IDorWEXBlackBerryChannel> m_pListener;
 };

@@ -5,8 +5,8 @@
 #include <new>
 #include <type_traits>
 
-#include "../wmi/module.h"
-#include "../wmi/trace.h"
+#include "../common/module_state.h"
+#include "../common/trace.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "../common/com_memory.h"
 #include "wpd_collection.h"
 
 #include <cwchar>
 #include <cwctype>
 
-#include "../device/wpd_object.h"
-#include "../wmi/trace.h"
+#include "../common/com_memory.h"
+#include "../common/trace.h"
+#include "../device/wpd_device.h"
 #include "wpd_core.h"
 
 namespace {
@@ -112,7 +112,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
     }
     DevicePtr l_pDevice;
     try {
-        l_pDevice = std::make_shared<CDorWEXWPDObject>(m_pCore);
+        l_pDevice = CreateWPDDevice(m_pCore);
     } catch (const std::bad_alloc&) {
         return S_OK;
     }

@@ -16,30 +16,25 @@
 #include <vector>
 
 #include "../device/manufacturer_class.h"
+#include "device_registry.h"
 
 class CDorWEXWMIWPDCore;
-class CDorWEXWPDObject;
 
-class CDorWEXWPDCollection {
+class CDorWEXWPDCollection final : public IDorWEXDeviceRegistry {
 public:
-    using DevicePtr = std::shared_ptr<CDorWEXWPDObject>;
 
     explicit CDorWEXWPDCollection(CDorWEXWMIWPDCore* pCore_in);
     ~CDorWEXWPDCollection();
     CDorWEXWPDCollection(const CDorWEXWPDCollection&) = delete;
     CDorWEXWPDCollection& operator=(const CDorWEXWPDCollection&) = delete;
 
-    // Opens and adds a device; the device's failure when it is not taken on, 0 for a null id.
-    HRESULT AddWPD(const wchar_t* pwcharDeviceId_in);
-    // Terminates and drops a device; returns 0.
-    int RemoveWPD(const wchar_t* pwcharDeviceId_in);
-    DevicePtr FindWPDObjectById(const wchar_t* pwcharDeviceId_in);
-    // Either argument may be null.
-    DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in, const wchar_t* pwcharObjectStoragePath_in);
+    HRESULT AddWPD(const wchar_t* pwcharDeviceId_in) override;
+    int RemoveWPD(const wchar_t* pwcharDeviceId_in) override;
+    DevicePtr FindWPDObjectById(const wchar_t* pwcharDeviceId_in) override;
+    DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in, const wchar_t* pwcharObjectStoragePath_in) override;
+    std::vector<std::pair<std::wstring, DevicePtr>> Snapshot() override;
     void SetDeviceTypeCounter(const DevicePtr& pDevice_in);
 
-    // The devices in key order, for enumeration.
-    std::vector<std::pair<std::wstring, DevicePtr>> Snapshot();
     size_t Count();
     LONG GetAppleCount();
     LONG GetBlackBerryCount();

@@ -3,22 +3,27 @@
 #include <rpc.h>
 #include <wrl/client.h>
 
-#include <algorithm>
+#include <dbt.h>
 
-#include "../channels/blackberry_named_pipe.h"
+#include <algorithm>
+#include <cstring>
+
+#include "../channels/companion_channels.h"
 #include "../common/com_memory.h"
+#include "../common/module_state.h"
+#include "../common/pnp_guids.h"
+#include "../common/trace.h"
 #include "../device/portable_device_api.h"
-#include "../wmi/module.h"
-#include "../wmi/provider.h"
-#include "../wmi/trace.h"
+#include "../wmi/event_sink.h"
 #include "companion_processors.h"
 #include "wpd_collection.h"
+#include "wpd_events_listener.h"
 #include "wpd_events_processor.h"
 #include "write_token_hook.h"
 
 using Microsoft::WRL::ComPtr;
 
-CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(CDorWEXWPDWMI* pOwner_in) : m_pOwner(pOwner_in) {
+CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(IDorWEXEventSink* pOwner_in) : m_pOwner(pOwner_in) {
     if (pOwner_in != nullptr) {
         m_Providers.push_back(pOwner_in);
     }
@@ -60,13 +65,13 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
     }
 }
 
-void CDorWEXWMIWPDCore::AttachProvider(CDorWEXWPDWMI* pProvider_in) {
+void CDorWEXWMIWPDCore::AttachProvider(IDorWEXEventSink* pProvider_in) {
     std::lock_guard<std::mutex> l_guard(m_mutexProviders);
     m_Providers.push_back(pProvider_in);
     m_pOwner = pProvider_in;
 }
 
-void CDorWEXWMIWPDCore::DetachProvider(CDorWEXWPDWMI* pProvider_in) {
+void CDorWEXWMIWPDCore::DetachProvider(IDorWEXEventSink* pProvider_in) {
     std::lock_guard<std::mutex> l_guard(m_mutexProviders);
     m_Providers.erase(std::remove(m_Providers.begin(), m_Providers.end(), pProvider_in), m_Providers.end());
     if (m_pOwner == pProvider_in) {
@@ -84,7 +89,7 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
     // WMI releases provider objects whenever it likes: the event holds a reference of its own, taken under
     // the providers' lock from one that is not already on its way out. WMI may give the event role an
     // object of its own: the newest object WMI asked for events goes first, else the newest of all.
-    ComPtr<CDorWEXWPDWMI> l_pOwner;
+    ComPtr<IDorWEXEventSink> l_pOwner;
     {
         std::lock_guard<std::mutex> l_guard(m_mutexProviders);
         for (const bool l_boolAskedForEvents : {true, false}) {
@@ -99,12 +104,31 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
         }
     }
     if (!l_pOwner) {
-        return WBEM_S_NO_ERROR;
+        return S_OK;  // nobody to publish through
     }
     return l_pOwner->SendEvent(pwcharEventId_in, pwcharObjectId_in, pwcharObjectDeviceId_in,
                                pwcharObjectDevicePersistentUniqueId_in, pwcharObjectParentId_in, pwcharObjectName_in,
                                pwcharTargetPath_in, pwcharSourcePath_in, pwcharDeviceName_in,
                                pwcharOriginalFileName_in, bstr_tEventText_in, pwcharPID_in);
+}
+
+IDorWEXMonitor* CreateWPDMonitor(IDorWEXEventSink* pOwner_in) {
+    return new CDorWEXWMIWPDCore(pOwner_in);
+}
+
+IDorWEXDeviceRegistry* CDorWEXWMIWPDCore::Devices() {
+    return m_pCollection.get();
+}
+
+void CDorWEXWMIWPDCore::Shutdown() {
+    Trace(L"CDorWEXWMIWPDCore::Shutdown");
+    InterlockedExchange(&g_longShuttingDown, 1);
+    if (HasAppleMonitoring()) {
+        StopAppleMonitoring();
+    }
+    if (HasBlackBerryMonitoring()) {
+        StopBlackBerryMonitoring();
+    }
 }
 
 int CDorWEXWMIWPDCore::Initialize() {
@@ -209,7 +233,7 @@ size_t CDorWEXWMIWPDCore::ReapRetiredProcessors() {
     return m_RetiredProcessors.size();
 }
 
-int CDorWEXWMIWPDCore::AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in) {
+int CDorWEXWMIWPDCore::AddBlackBerryToMonitoring(IDorWEXWPDDevice* pDevice_in) {
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     if (!m_pBlackBerryEventsProcessor || m_pBlackBerryEventsProcessor->GetListener() == nullptr) {
         return 0;
@@ -217,7 +241,7 @@ int CDorWEXWMIWPDCore::AddBlackBerryToMonitoring(CDorWEXWPDObject* pDevice_in) {
     return m_pBlackBerryEventsProcessor->GetListener()->AddBlackBerryToMonitoring(pDevice_in);
 }
 
-int CDorWEXWMIWPDCore::RemoveBlackBerryFromMonitoring(CDorWEXWPDObject* pDevice_in) {
+int CDorWEXWMIWPDCore::RemoveBlackBerryFromMonitoring(IDorWEXWPDDevice* pDevice_in) {
     std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
     if (!m_pBlackBerryEventsProcessor || m_pBlackBerryEventsProcessor->GetListener() == nullptr) {
         return 0;
@@ -287,4 +311,34 @@ DWORD CDorWEXWMIWPDCore::GetPidForWriteToken(const wchar_t* pwcharToken_in) {
     std::lock_guard<std::mutex> l_guard(m_mutexWriteTokens);
     const auto l_Found = m_WriteTokens.find(pwcharToken_in);
     return l_Found == m_WriteTokens.end() ? 0 : l_Found->second;
+}
+
+// Hands a storage arrival to the listener's window as a disk mount: the window's thread owns the
+// listener's state, and it frees the record.
+void CDorWEXWMIWPDCore::PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) {
+    CDorWEXWMIThreadWPDEventsProcessor* l_pProcessor = m_pWPDEventsProcessor.get();
+    if (l_pProcessor == nullptr) {
+        return;
+    }
+    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessDiskMount, calling OnlineEvent");
+    auto l_lock = l_pProcessor->LockListener();
+    CDorWEXWMIWPDEventsListener* l_pListener = l_pProcessor->GetListener();
+    if (l_pListener == nullptr || l_pListener->GetWindow() == nullptr) {
+        return;
+    }
+    const size_t l_sizeName = wcslen(pwcharPnPDeviceId_in) + 1;
+    const size_t l_sizeRecord = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + l_sizeName * sizeof(wchar_t);
+    auto* l_pRecord = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(l_sizeRecord));
+    if (l_pRecord == nullptr) {
+        return;
+    }
+    std::memset(l_pRecord, 0, l_sizeRecord);
+    l_pRecord->dbcc_size = static_cast<DWORD>(l_sizeRecord);
+    l_pRecord->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    l_pRecord->dbcc_classguid = kGUID_DEVINTERFACE_WPD;
+    std::memcpy(l_pRecord->dbcc_name, pwcharPnPDeviceId_in, l_sizeName * sizeof(wchar_t));
+    if (!PostMessageW(l_pListener->GetWindow(), WM_DEVICECHANGE, DBT_DEVNODES_CHANGED,
+                      reinterpret_cast<LPARAM>(l_pRecord))) {
+        CoTaskMemFree(l_pRecord);
+    }
 }

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "../wmi/module.h"
-#include "../wmi/trace.h"
+#include "../common/module_state.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
 #include "notification_names.h"
 #include "wpd_core.h"

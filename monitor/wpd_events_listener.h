@@ -7,7 +7,7 @@
 
 #include <atomic>
 
-#include "pnp_guids.h"
+#include "../common/pnp_guids.h"
 
 
 class CDorWEXWMIWPDCore;

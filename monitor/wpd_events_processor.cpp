@@ -8,11 +8,11 @@
 #include <mutex>
 #include <string>
 
-#include "../wmi/module.h"
+#include "../common/module_state.h"
 #include "../wmi/object_path.h"
 #include "../wmi/schema.h"
-#include "../wmi/trace.h"
-#include "pnp_topology.h"
+#include "../common/trace.h"
+#include "../device/pnp_topology.h"
 #include "wpd_events_listener.h"
 
 HANDLE g_HANDLEApplicationEvent = nullptr;

@@ -12,7 +12,7 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "wmi/provider.h"
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ int wmain(int argc, wchar_t** argv) {
         const auto devices = core.GetCollection()->Snapshot();
         wprintf(L"%zu portable device(s) taken on:\n", devices.size());
         for (const auto& entry : devices) {
-            const CDorWEXWPDObject& device = *entry.second;
+            const IDorWEXWPDDevice& device = *entry.second;
             wprintf(L"\n  %ls\n", entry.first.c_str());
             wprintf(L"    class %ls, maker \"%ls\", name \"%ls\", serial \"%ls\"\n", ClassName(device.Identity()->m_eManufacturer),
                     Text(device.Identity()->m_bstr_tManufacturer), Text(device.Identity()->m_bstr_tFriendlyName),

@@ -4,7 +4,7 @@
 
 #include "module.h"
 #include "provider.h"
-#include "trace.h"
+#include "../common/trace.h"
 
 CDorWEXWPDWMIClassFactory::CDorWEXWPDWMIClassFactory() {
     Trace(L"CDorWEXWPDWMIClassFactory::CDorWEXWPDWMIClassFactory");

@@ -4,7 +4,7 @@
 #include "../common/com_memory.h"
 #include "provider.h"
 #include "schema.h"
-#include "trace.h"
+#include "../common/trace.h"
 
 HRESULT CDorWEXWPDWMI::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
                                  const wchar_t* pwcharObjectDeviceId_in,

@@ -1,7 +1,7 @@
 // Filling a Win32ext_WPD instance from a device object.
 #include <array>
 
-#include "../device/wpd_object.h"
+#include "../device/wpd_device.h"
 #include "provider.h"
 #include "schema.h"
 
@@ -28,7 +28,7 @@ _variant_t Flag(bool bool_in) {
 }  // namespace
 
 // All values are built before anything is put; a put that fails (a property the class lacks) is ignored.
-HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const CDorWEXWPDObject& device_in) {
+HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const IDorWEXWPDDevice& device_in) {
     const CDorWEXWPDObjectInWin32& l_Win32 = device_in.Win32View();
     // One snapshot: the instance never mixes texts from before and after a change.
     const auto l_pIdentity = device_in.Identity();

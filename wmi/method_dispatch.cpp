@@ -11,7 +11,7 @@
 #include "object_path.h"
 #include "provider.h"
 #include "schema.h"
-#include "trace.h"
+#include "../common/trace.h"
 
 namespace {
 

@@ -4,14 +4,15 @@
 #include <string>
 
 #include "../common/com_memory.h"
-#include "../device/com_error.h"
-#include "../device/wpd_object.h"
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
+#include "../common/com_error.h"
+#include "../device/wpd_device.h"
+#include "../monitor/device_registry.h"
+#include "../monitor/monitor.h"
+#include "../monitor/write_tokens.h"
 #include "method_dispatch.h"
 #include "provider.h"
 #include "schema.h"
-#include "trace.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
 
 namespace {
@@ -82,12 +83,12 @@ HRESULT ReadContextProcessId(DorWEXMethodCall& call_io, const wchar_t*, std::opt
 }
 
 // The device a method means, or null after recording "Device not found" for the inner handler.
-CDorWEXWPDCollection::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wchar_t* pwcharInnerName_in,
-                                           const Text& deviceId_in, const Text& storagePath_in) {
-    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
-    CDorWEXWPDCollection::DevicePtr l_pDevice;
-    if (l_pCore != nullptr && l_pCore->GetCollection() != nullptr) {
-        l_pDevice = l_pCore->GetCollection()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in));
+IDorWEXDeviceRegistry::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wchar_t* pwcharInnerName_in,
+                                            const Text& deviceId_in, const Text& storagePath_in) {
+    IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
+    IDorWEXDeviceRegistry::DevicePtr l_pDevice;
+    if (l_pCore != nullptr && l_pCore->Devices() != nullptr) {
+        l_pDevice = l_pCore->Devices()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in));
     }
     if (!l_pDevice) {
         call_io.SetExtendedStatus(pwcharInnerName_in, L"Device not found");
@@ -174,7 +175,7 @@ private:
 
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodGetProperty", L"CDorWEXWPDWMI::MethodGetProperty2", L"",
-                           [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                           [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
                                const _bstr_t l_bstr_tValue =
                                    device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
                                call_io.SetReturnText(BstrText(l_bstr_tValue));
@@ -184,7 +185,7 @@ HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
 HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
                            L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", L"0",
-                           [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+                           [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
                                const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
                                const HRESULT l_HRESULT = CopyCatchingComErrors(
                                    [&] { return device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])); },
@@ -198,7 +199,7 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
 HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(
         call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice", L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", L"0",
-        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+        [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
             const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodMoveFileFromDevice2");
             SetOneOrZero(call_io, device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
         });
@@ -207,7 +208,7 @@ HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
 HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<2>(
         call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice", L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", L"0",
-        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[2]) {
+        [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[2]) {
             const _bstr_t l_bstr_tDeviceId = device_in.Identity()->m_bstr_tDeviceId;
             SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]), l_bstr_tDeviceId));
         });
@@ -238,7 +239,7 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
 HRESULT MethodCreateFolderOnDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(
         call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice", L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2", L"0",
-        [&](CDorWEXWPDObject& device_in, const Text(&texts_in)[3]) {
+        [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
             SetOneOrZero(call_io,
                          SUCCEEDED(device_in.CreateFolderOnDevice(Pointer(texts_in[0]), Pointer(texts_in[1]))) ? 1 : 0);
         });
@@ -262,8 +263,9 @@ HRESULT MethodRequestWriteToken(DorWEXMethodCall& call_io) {
         return S_OK;
     }
     Trace(L"CDorWEXWPDWMI::MethodRequestWriteToken2 enter.\n");
-    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
-    const _bstr_t l_bstr_tToken = l_pCore != nullptr ? l_pCore->RequestWPDWriteToken(*l_ProcessId) : _bstr_t(L"");
+    IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
+    const _bstr_t l_bstr_tToken =
+        l_pCore != nullptr ? l_pCore->WriteTokens().RequestWPDWriteToken(*l_ProcessId) : _bstr_t(L"");
     call_io.SetReturnText(BstrText(l_bstr_tToken));
     return S_OK;
 }
@@ -293,8 +295,9 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
         call_io.SetExtendedStatus(kInner, L"Write token not specified.");
         return S_OK;
     }
-    CDorWEXWMIWPDCore* l_pCore = call_io.pProvider->GetCore();
-    const DWORD l_dwordTokenProcessId = l_pCore != nullptr ? l_pCore->GetPidForWriteToken(l_Texts[2]->c_str()) : 0;
+    IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
+    const DWORD l_dwordTokenProcessId =
+        l_pCore != nullptr ? l_pCore->WriteTokens().GetPidForWriteToken(l_Texts[2]->c_str()) : 0;
     if (l_dwordTokenProcessId == 0 || !l_ClientProcessId || l_dwordTokenProcessId != *l_ClientProcessId) {
         call_io.SetExtendedStatus(kInner, L"Write token not found");
         return S_OK;
@@ -324,16 +327,17 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
         return S_OK;
     }
     const _bstr_t l_bstr_tDeviceId = l_pDevice->Identity()->m_bstr_tDeviceId;
-    CDorWEXWPDObject l_EjectObject(call_io.pProvider->GetCore());
+    IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
+    const auto l_pEjectObject = CreateWPDDevice(l_pCore != nullptr ? &l_pCore->DeviceHost() : nullptr);
     LONG l_longResult = 0;
-    if (SUCCEEDED(l_EjectObject.InitializeForEject(l_bstr_tDeviceId))) {
-        l_EjectObject.GetManufacturer();
+    if (SUCCEEDED(l_pEjectObject->InitializeForEject(l_bstr_tDeviceId))) {
+        l_pEjectObject->GetManufacturer();
         // A BlackBerry is known as one from its property record, which only the attached device read.
-        if (l_pDevice->Identity()->m_eManufacturer == CDorWEXWPDObject::Manufacturer::BLACKBERRY) {
-            l_EjectObject.UpdateIdentity(
+        if (l_pDevice->Identity()->m_eManufacturer == dorwex::Manufacturer::BLACKBERRY) {
+            l_pEjectObject->UpdateIdentity(
                 [](DeviceIdentity& identity_io) { identity_io.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
         }
-        l_longResult = l_EjectObject.EjectDevice();
+        l_longResult = l_pEjectObject->EjectDevice();
     }
     SetOneOrZero(call_io, l_longResult);
     return S_OK;

@@ -7,24 +7,20 @@
 #include <cstdlib>
 #include <new>
 
-#include "../monitor/wpd_core.h"
+#include "../monitor/monitor.h"
 #include "class_factory.h"
 #include "os_version_code.h"
 #include "provider_clsid.h"
-#include "trace.h"
+#include "../common/trace.h"
 
 HMODULE g_HMODULEModule = nullptr;
 wchar_t g_wcharModulePath[MAX_PATH] = {};
 wchar_t g_wcharModuleDirectory[MAX_PATH] = {};
-LONG g_longOSVersionCode = 0;
-volatile LONG g_longShuttingDown = 0;
-CDorWEXWMIWPDCore* g_pCDorWEXWMIWPDCore = nullptr;
+IDorWEXMonitor* g_pCDorWEXWMIWPDCore = nullptr;
 std::mutex g_mutexCore;
 
 volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass = 0;
 volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass = 0;
-volatile LONG g_longWPDEventsThreadIsRunning = 0;
-volatile LONG g_longModuleThreadsRunning = 0;
 
 namespace {
 
@@ -77,17 +73,9 @@ private:
     HKEY m_HKEY = nullptr;
 };
 
-// The companions first, then the core with its WPD processor; the flag goes up first so no worker restarts
-// while they wind down.
-void StopAndDeleteCore(CDorWEXWMIWPDCore* pCore_in) {
-    Trace(L"CDorWEXWMIWPDCore::Shutdown");
-    InterlockedExchange(&g_longShuttingDown, 1);
-    if (pCore_in->HasAppleMonitoring()) {
-        pCore_in->StopAppleMonitoring();
-    }
-    if (pCore_in->HasBlackBerryMonitoring()) {
-        pCore_in->StopBlackBerryMonitoring();
-    }
+// The companions first, then the core with its WPD processor.
+void StopAndDeleteCore(IDorWEXMonitor* pCore_in) {
+    pCore_in->Shutdown();
     delete pCore_in;
 }
 
@@ -124,7 +112,7 @@ BOOL ModuleProcessDetach(bool boolProcessTerminating_in) {
     // An unload. The module's threads hold module references while they run, so none runs now and
     // stopping what is left waits for nothing. (A program that links the module's code and calls this
     // itself stops a running core here, waiting for its threads as before.)
-    CDorWEXWMIWPDCore* l_pCore = nullptr;
+    IDorWEXMonitor* l_pCore = nullptr;
     {
         std::lock_guard<std::mutex> l_guard(g_mutexCore);
         l_pCore = g_pCDorWEXWMIWPDCore;
@@ -137,7 +125,7 @@ BOOL ModuleProcessDetach(bool boolProcessTerminating_in) {
 }
 
 bool ModuleShutdownCore() {
-    CDorWEXWMIWPDCore* l_pCore = nullptr;
+    IDorWEXMonitor* l_pCore = nullptr;
     {
         std::lock_guard<std::mutex> l_guard(g_mutexCore);
         // A provider object or a lock still reaches the core; a new object takes the lock to attach.

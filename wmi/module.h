@@ -6,21 +6,19 @@
 
 #include <mutex>
 
-class CDorWEXWMIWPDCore;
+#include "../common/module_state.h"
+
+class IDorWEXMonitor;
 
 extern HMODULE g_HMODULEModule;
 extern wchar_t g_wcharModulePath[MAX_PATH];
 extern wchar_t g_wcharModuleDirectory[MAX_PATH];  // drive and directory of the module path, ending in '\'
-extern LONG g_longOSVersionCode;                  // see os_version_code.h
-extern volatile LONG g_longShuttingDown;
-extern CDorWEXWMIWPDCore* g_pCDorWEXWMIWPDCore;  // created by the first provider Initialize, owned here
+extern IDorWEXMonitor* g_pCDorWEXWMIWPDCore;  // created by the first provider Initialize, owned here
 // Held while a provider object takes the core (or creates it) and while the module takes it away to stop it.
 extern std::mutex g_mutexCore;
 
 extern volatile LONG g_longInstanceCountOfDorWEXWMIWPDClass;              // live provider objects
 extern volatile LONG g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;  // server locks
-extern volatile LONG g_longWPDEventsThreadIsRunning;                      // WPD events worker running
-extern volatile LONG g_longModuleThreadsRunning;  // threads of the module not yet ended (see thread_base.h)
 
 // What DllMain does on process attach and detach (the entry point itself lives with the DLL). A terminating
 // process (ExitProcess) has already ended every other thread wherever it was: the detach then leaves the

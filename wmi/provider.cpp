@@ -3,14 +3,14 @@
 
 #include <wrl/client.h>
 
-#include "../device/wpd_object.h"
-#include "../monitor/wpd_collection.h"
-#include "../monitor/wpd_core.h"
+#include "../device/wpd_device.h"
+#include "../monitor/device_registry.h"
+#include "../monitor/monitor.h"
 #include "com_boundary.h"
 #include "module.h"
 #include "object_path.h"
 #include "schema.h"
-#include "trace.h"
+#include "../common/trace.h"
 
 namespace {
 
@@ -143,7 +143,7 @@ STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServic
                 InterlockedExchange(&g_longShuttingDown, 0);
                 m_pCore->AttachProvider(this);
             } else {
-                m_pCore = new CDorWEXWMIWPDCore(this);
+                m_pCore = CreateWPDMonitor(this);
                 g_pCDorWEXWMIWPDCore = m_pCore;
                 l_boolNewCore = true;
             }
@@ -267,8 +267,8 @@ HRESULT CDorWEXWPDWMI::PutWPDInstance(IWbemClassObject* pInstance_in, LONG, IWbe
     if (wcscmp(l_pwcharToken, dorwex::schema::kTokenWPD) == 0) {
         Trace(L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.\n");
         HRESULT l_HRESULT = E_FAIL;
-        if (m_pCore != nullptr && m_pCore->GetCollection() != nullptr) {
-            l_HRESULT = m_pCore->GetCollection()->AddWPD(l_pTCHARWPDId);
+        if (m_pCore != nullptr && m_pCore->Devices() != nullptr) {
+            l_HRESULT = m_pCore->Devices()->AddWPD(l_pTCHARWPDId);
         }
         Trace(FAILED(l_HRESULT) ? L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection.\n"
                                 : L"CDorWEXWPDWMI::PutWPDInstance, device inserted into collection.\n");
@@ -293,10 +293,10 @@ HRESULT CDorWEXWPDWMI::DeleteWPDInstance(const BSTR bstrObjectPath_in, LONG, IWb
         _variant_t l_variant_tId;
         l_HRESULT = l_pInstance->Get(dorwex::schema::kKeyProperty, 0, &l_variant_tId, nullptr, nullptr);
         if (FAILED(l_HRESULT) || l_variant_tId.vt != VT_BSTR || m_pCore == nullptr ||
-            m_pCore->GetCollection() == nullptr) {
+            m_pCore->Devices() == nullptr) {
             l_HRESULT = E_FAIL;
         } else {
-            l_HRESULT = m_pCore->GetCollection()->RemoveWPD(l_variant_tId.bstrVal);
+            l_HRESULT = m_pCore->Devices()->RemoveWPD(l_variant_tId.bstrVal);
         }
     } else {
         l_HRESULT = E_FAIL;
@@ -312,8 +312,8 @@ HRESULT CDorWEXWPDWMI::GetInstanceByPath(const BSTR bstrObjectPath_in, IWbemClas
     }
     const std::wstring l_wstringId = l_ObjectPath->keys.front().ToText();
     const auto l_pDevice =
-        m_pCore != nullptr && m_pCore->GetCollection() != nullptr
-            ? m_pCore->GetCollection()->FindWPDObjectById(l_wstringId.c_str())
+        m_pCore != nullptr && m_pCore->Devices() != nullptr
+            ? m_pCore->Devices()->FindWPDObjectById(l_wstringId.c_str())
             : nullptr;
     if (!l_pDevice) {
         return WBEM_E_NOT_FOUND;
@@ -385,10 +385,10 @@ STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, I
     const HRESULT l_HRESULT = CallAtComBoundary([&] {
         Microsoft::WRL::ComPtr<IWbemClassObject> l_pClass;
         HRESULT l_HRESULTEnum = m_pIWbemServices->GetObject(strClass, 0, pCtx, l_pClass.GetAddressOf(), nullptr);
-        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->GetCollection() == nullptr) {
+        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->Devices() == nullptr) {
             return l_HRESULTEnum;
         }
-        for (const auto& l_Entry : m_pCore->GetCollection()->Snapshot()) {
+        for (const auto& l_Entry : m_pCore->Devices()->Snapshot()) {
             Microsoft::WRL::ComPtr<IWbemClassObject> l_pInstance;
             l_HRESULTEnum = l_pClass->SpawnInstance(0, l_pInstance.GetAddressOf());
             if (SUCCEEDED(l_HRESULTEnum) && l_Entry.second) {

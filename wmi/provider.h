@@ -13,14 +13,17 @@
 #include <mutex>
 #include <string>
 
-class CDorWEXWMIWPDCore;
-class CDorWEXWPDObject;
+#include "event_sink.h"
+
+class IDorWEXMonitor;
+class IDorWEXWPDDevice;
 
 class CDorWEXWPDWMI : public IWbemProviderInit,
                       public IWbemServices,
                       public IWbemEventProvider,
                       public IWbemEventProviderQuerySink,
-                      public IWbemEventConsumerProvider {
+                      public IWbemEventConsumerProvider,
+                      public IDorWEXEventSink {
 public:
     CDorWEXWPDWMI();
     CDorWEXWPDWMI(const CDorWEXWPDWMI&) = delete;
@@ -32,7 +35,7 @@ public:
     STDMETHODIMP_(ULONG) Release() override;
     // A reference for a caller that found this object through a plain pointer (the core's list): false
     // once the count has reached 0, when the object is already being destroyed.
-    bool TryAddRef();
+    bool TryAddRef() override;
 
     // IWbemProviderInit
     STDMETHODIMP Initialize(LPWSTR wszUser, LONG lFlags, LPWSTR wszNamespace, LPWSTR wszLocale,
@@ -97,19 +100,19 @@ public:
                       const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
                       const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
                       const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in);
+                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) override;
 
     // Whether WMI gave this object a sink for events (ProvideEvents): only such an object can deliver them.
-    bool ProvidesEvents() const { return m_boolProvidesEvents.load(); }
+    bool ProvidesEvents() const override { return m_boolProvidesEvents.load(); }
 
     IWbemServices* GetNamespace() const { return m_pIWbemServices; }
-    CDorWEXWMIWPDCore* GetCore() const { return m_pCore; }
+    IDorWEXMonitor* GetCore() const { return m_pCore; }
 
 private:
     // Only Release destroys a provider object.
     virtual ~CDorWEXWPDWMI();
 
-    CDorWEXWMIWPDCore* m_pCore = nullptr;
+    IDorWEXMonitor* m_pCore = nullptr;
     IWbemServices* m_pIWbemServices = nullptr;
     IWbemObjectSink* m_pIWbemObjectSink = nullptr;
     ULONG m_ulongIWbemObjectSinkCount = 0;
@@ -120,4 +123,4 @@ private:
 };
 
 // Puts the 25 Win32ext_WPD properties of a device into an instance.
-HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const CDorWEXWPDObject& device_in);
+HRESULT FillWPDInstance(IWbemClassObject* pInstance_io, const IDorWEXWPDDevice& device_in);

@@ -85,7 +85,7 @@ namespace {
 // The removal publishes its delete with the device's interface name as the key: whatever the name holds
 // comes back unchanged from the path.
 TEST(ObjectPath, QuotedKeyValueReadsBackUnchanged) {
-    for (const std::wstring name : {std::wstring(L"\\\\?\\usb#vid_0421&pid_0661#x#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"),
+    for (const std::wstring& name : {std::wstring(L"\\\\?\\usb#vid_0421&pid_0661#x#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"),
                                     std::wstring(L"it's \"quoted\" \\ twice \\\\"), std::wstring()}) {
         const auto path = dorwex::ParseObjectPath(L"Win32ext_WPD.strId=" + dorwex::QuotedKeyValue(name));
         ASSERT_TRUE(path);

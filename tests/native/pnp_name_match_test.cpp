@@ -1,4 +1,4 @@
-#include "monitor/pnp_name_match.h"
+#include "device/pnp_name_match.h"
 
 #include <gtest/gtest.h>
 

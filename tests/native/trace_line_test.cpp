@@ -1,4 +1,4 @@
-#include "wmi/trace_line.h"
+#include "common/trace_line.h"
 
 #include <gtest/gtest.h>
 

@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "monitor/pnp_api.h"
-#include "monitor/pnp_guids.h"
+#include "common/pnp_api.h"
+#include "common/pnp_guids.h"
 
 namespace pnp_classes {
 inline constexpr const GUID& kUSB = kGUID_DEVCLASS_USB;

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 namespace {
 

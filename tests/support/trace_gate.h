@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cwchar>
 
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 class TraceGate {
 public:

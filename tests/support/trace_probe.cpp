@@ -12,7 +12,7 @@
 
 #include "wmi/module.h"
 #include "wmi/provider_clsid.h"
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 namespace {
 

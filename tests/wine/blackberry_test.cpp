@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "channels/blackberry_named_pipe.h"
-#include "channels/blackberry_share.h"
-#include "channels/wnet_api.h"
+#include "device/blackberry_share.h"
+#include "device/wnet_api.h"
 #include "device/wpd_object.h"
 #include "monitor/companion_processors.h"
 #include "monitor/wpd_collection.h"
@@ -266,7 +266,7 @@ protected:
         emulator.Attach(BlackBerrySpec());
         ASSERT_EQ(core.Initialize(), 1);
         ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_0fca&pid_8004#bb"), S_OK);
-        device = core.GetCollection()->FindWPDObjectById(L"usb#vid_0fca&pid_8004#bb");
+        device = std::dynamic_pointer_cast<CDorWEXWPDObject>(core.GetCollection()->FindWPDObjectById(L"usb#vid_0fca&pid_8004#bb"));
         ASSERT_TRUE(device);
         ASSERT_EQ(device->Identity()->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
         client = OpenPipeClient(kDorWEXBlackBerryPipeName);
@@ -285,7 +285,7 @@ protected:
         ASSERT_TRUE(SendText(client, message));
         ASSERT_TRUE(WaitUntil([&] { return trace.Count(handled) > before; })) << std::string(message.begin(), message.end());
     }
-    CDorWEXWMIBlackBerryEventsListener* Listener() {
+    IDorWEXBlackBerryChannel* Listener() {
         return core.GetBlackBerryEventsProcessor() ? core.GetBlackBerryEventsProcessor()->GetListener() : nullptr;
     }
 
@@ -293,7 +293,7 @@ protected:
     WNetDouble wnet;
     TraceCapture trace{1};
     CDorWEXWMIWPDCore core;
-    CDorWEXWPDCollection::DevicePtr device;
+    std::shared_ptr<CDorWEXWPDObject> device;
     HANDLE client = INVALID_HANDLE_VALUE;
 };
 

@@ -14,7 +14,7 @@
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_events_processor.h"
-#include "monitor/wpd_object_events.h"
+#include "device/wpd_object_events.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"

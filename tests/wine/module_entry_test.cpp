@@ -8,7 +8,7 @@
 #include "support/test_trace_sink.h"
 #include "wmi/module.h"
 #include "wmi/os_version_code.h"
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 namespace {
 

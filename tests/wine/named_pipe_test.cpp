@@ -46,7 +46,7 @@ template <typename Pipe>
 class Server {
 public:
     explicit Server(const wchar_t* name, CDorWEXWMIWPDCore* core = nullptr)
-        : stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pipe(core, stop) {
+        : stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pipe(core != nullptr ? core->Devices() : nullptr, stop) {
         thread = std::thread([this, name] { result = pipe.Serve(name, L"set-up failed\n"); });
     }
     ~Server() {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "device/wpd_object.h"
-#include "monitor/pnp_topology.h"
+#include "device/pnp_topology.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "support/test_trace_sink.h"
-#include "wmi/trace.h"
+#include "common/trace.h"
 #include "wmi/narrow_text.h"
-#include "monitor/os_version.h"
+#include "device/os_version.h"
 #include "common/error_text.h"
 
 namespace {

@@ -122,7 +122,7 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     ASSERT_TRUE(services);
     Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
     ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
-    ASSERT_EQ(g_pCDorWEXWMIWPDCore->GetCollection()->AddWPD(L"usb#vid_0fca&pid_8004#wmibb"), S_OK);
+    ASSERT_EQ(g_pCDorWEXWMIWPDCore->Devices()->AddWPD(L"usb#vid_0fca&pid_8004#wmibb"), S_OK);
 
     ComPtr<IEnumWbemClassObject> events;
     ASSERT_EQ(services->ExecNotificationQuery(_bstr_t(L"WQL"), _bstr_t(L"SELECT * FROM Win32ext_WPDEvent"),
@@ -150,7 +150,7 @@ TEST(WmiBlackBerry, FileWriteReportBecomesAnEventWithoutALocalFileName) {
     EXPECT_EQ(Text(second.Get(), L"strTargetPath"), L"\\\\10.0.0.1\\media\\b.jpg");
     EXPECT_EQ(Text(second.Get(), L"strObjectDevicePersistentUniqueId"), L"4712");
     CloseHandle(pipe);
-    g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#wmibb");
+    g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(L"usb#vid_0fca&pid_8004#wmibb");
 }
 
 // A device pulled out while the provider reads its identity is taken on with what was read before (its

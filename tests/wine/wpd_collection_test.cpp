@@ -121,7 +121,7 @@ TEST_F(Collection, EveryLookupStrategyWithItsTrace) {
     struct Lookup {
         const wchar_t* id;
         const wchar_t* path;
-        std::shared_ptr<CDorWEXWPDObject> expected;
+        IDorWEXDeviceRegistry::DevicePtr expected;
         const wchar_t* traceLine;
     };
     const Lookup lookups[] = {

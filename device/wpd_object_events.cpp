@@ -1,21 +1,16 @@
 #include "wpd_object_events.h"
 
 #include <objbase.h>
-#include <dbt.h>
 
-#include <cstring>
 #include <string>
 
 #include "../common/com_memory.h"
-#include "../device/wpd_object.h"
-#include "../wmi/trace.h"
+#include "../common/trace.h"
+#include "../monitor/device_host.h"
 #include "os_version.h"
-#include "wpd_core.h"
-#include "wpd_events_listener.h"
-#include "wpd_events_processor.h"
+#include "wpd_object.h"
 
 namespace {
-
 
 const wchar_t* EventName(const GUID& event_in) {
     if (event_in == WPD_EVENT_OBJECT_ADDED) {
@@ -42,8 +37,8 @@ bool DeliversAllEvents() {
 
 }  // namespace
 
-CDorWEXWPDObjectEvents::CDorWEXWPDObjectEvents(CDorWEXWMIWPDCore* pCore_in, CDorWEXWPDObject* pDevice_in)
-    : m_pCore(pCore_in) {
+CDorWEXWPDObjectEvents::CDorWEXWPDObjectEvents(IDorWEXDeviceHost* pHost_in, CDorWEXWPDObject* pDevice_in)
+    : m_pHost(pHost_in) {
     if (pDevice_in != nullptr) {
         m_pDevice = pDevice_in->weak_from_this();
     }
@@ -162,7 +157,7 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
         }
         if (l_boolDeliver && !l_boolStorageArrival) {
             Trace(L"CDorWEXWMIWPDCore::SendEvent enter.\n");
-            if (m_pCore != nullptr) {
+            if (m_pHost != nullptr) {
                 // The folder the object is in, as a storage path, when the device is still there to ask.
                 _bstr_t l_bstr_tTargetPath(L"");
                 if (l_ParentId.Get() != nullptr && l_ParentId.Get()[0] != L'\0') {
@@ -170,46 +165,18 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
                         l_bstr_tTargetPath = l_pDevice->GetObjectTargetPath(l_ParentId.Get());
                     }
                 }
-                m_pCore->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
+                m_pHost->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
                                    l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName),
                                    BstrText(l_bstr_tTargetPath),
                                    L"", l_Value(l_PnPDeviceId), l_Value(l_OriginalFileName),
                                    _bstr_t(l_wstringText.c_str()), L"");
             }
-        } else if (l_boolDeliver && l_PnPDeviceId.Get() != nullptr && m_pCore != nullptr &&
-                   m_pCore->GetWPDEventsProcessor() != nullptr) {
-            PostDiskMount(l_PnPDeviceId.Get());
+        } else if (l_boolDeliver && l_PnPDeviceId.Get() != nullptr && m_pHost != nullptr) {
+            m_pHost->PostDiskMount(l_PnPDeviceId.Get());
         }
         Trace(L"CDorWEXWPDObjectEvents::OnEvent, %s\n", l_wstringText.c_str());
     } catch (...) {
         return E_OUTOFMEMORY;
     }
     return l_HRESULT;
-}
-
-// Hands a storage arrival to the listener's window as a disk mount: the window's thread owns the
-// listener's state, and it frees the record.
-void CDorWEXWPDObjectEvents::PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) {
-    Trace(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessDiskMount, calling OnlineEvent");
-    CDorWEXWMIThreadWPDEventsProcessor* l_pProcessor = m_pCore->GetWPDEventsProcessor();
-    auto l_lock = l_pProcessor->LockListener();
-    CDorWEXWMIWPDEventsListener* l_pListener = l_pProcessor->GetListener();
-    if (l_pListener == nullptr || l_pListener->GetWindow() == nullptr) {
-        return;
-    }
-    const size_t l_sizeName = wcslen(pwcharPnPDeviceId_in) + 1;
-    const size_t l_sizeRecord = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + l_sizeName * sizeof(wchar_t);
-    auto* l_pRecord = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(l_sizeRecord));
-    if (l_pRecord == nullptr) {
-        return;
-    }
-    std::memset(l_pRecord, 0, l_sizeRecord);
-    l_pRecord->dbcc_size = static_cast<DWORD>(l_sizeRecord);
-    l_pRecord->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
-    l_pRecord->dbcc_classguid = kGUID_DEVINTERFACE_WPD;
-    std::memcpy(l_pRecord->dbcc_name, pwcharPnPDeviceId_in, l_sizeName * sizeof(wchar_t));
-    if (!PostMessageW(l_pListener->GetWindow(), WM_DEVICECHANGE, DBT_DEVNODES_CHANGED,
-                      reinterpret_cast<LPARAM>(l_pRecord))) {
-        CoTaskMemFree(l_pRecord);
-    }
 }

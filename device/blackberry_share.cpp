@@ -5,9 +5,9 @@
 #include <cwchar>
 #include <vector>
 
-#include "../wmi/trace.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
-#include "blackberry_text.h"
+#include "../channels/blackberry_text.h"
 #include "wnet_api.h"
 
 namespace {

@@ -6,14 +6,14 @@
 #include <atomic>
 #include <memory>
 
-#include "../device/portable_device_api.h"
+#include "portable_device_api.h"
 
-class CDorWEXWMIWPDCore;
 class CDorWEXWPDObject;
+class IDorWEXDeviceHost;
 
 class CDorWEXWPDObjectEvents final : public IPortableDeviceEventCallback {
 public:
-    CDorWEXWPDObjectEvents(CDorWEXWMIWPDCore* pCore_in, CDorWEXWPDObject* pDevice_in);
+    CDorWEXWPDObjectEvents(IDorWEXDeviceHost* pHost_in, CDorWEXWPDObject* pDevice_in);
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
     ULONG STDMETHODCALLTYPE AddRef() override;
@@ -28,10 +28,9 @@ public:
 
 private:
     ~CDorWEXWPDObjectEvents();
-    void PostDiskMount(const wchar_t* pwcharPnPDeviceId_in);
 
     std::atomic<LONG> m_longRefCount{1};
-    CDorWEXWMIWPDCore* m_pCore;
+    IDorWEXDeviceHost* m_pHost;
     std::weak_ptr<CDorWEXWPDObject> m_pDevice;  // the device may go while an event is still on its way
     LPWSTR m_pwcharCookie = nullptr;
 };

@@ -5,10 +5,10 @@
 
 #include <memory>
 
-#include "../wmi/trace.h"
+#include "../common/trace.h"
 #include "../common/error_text.h"
-#include "pnp_api.h"
-#include "pnp_guids.h"
+#include "../common/pnp_api.h"
+#include "../common/pnp_guids.h"
 #include "pnp_name_match.h"
 
 namespace {
