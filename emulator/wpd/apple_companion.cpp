@@ -9,6 +9,8 @@
 #include "device/apple_companion.h"
 #include "emulated_api.h"
 #include "emulator/common/com_object.h"
+#include "emulator_state.h"
+#include "text.h"
 
 namespace dorwex::emulator {
 

@@ -5,6 +5,8 @@
 #include <cwctype>
 
 #include "collections.h"
+#include "emulator_state.h"
+#include "text.h"
 
 namespace dorwex::emulator {
 
@@ -33,13 +35,6 @@ const NamedKey kDeviceKeys[] = {
     {"WPD_DEVICE_TYPE", &WPD_DEVICE_TYPE, VT_UI4},
     {"WPD_DEVICE_NETWORK_IDENTIFIER", &WPD_DEVICE_NETWORK_IDENTIFIER, VT_UI8},
 };
-
-std::wstring LowerCase(std::wstring text) {
-    for (auto& c : text) {
-        c = static_cast<wchar_t>(std::towlower(c));
-    }
-    return text;
-}
 
 bool IsAbsolute(const std::wstring& path) {
     return (path.size() > 1 && path[1] == L':') || path.rfind(L"\\\\", 0) == 0 || path.rfind(L"/", 0) == 0;
@@ -88,35 +83,6 @@ void CALLBACK DeliverEvent(PTP_CALLBACK_INSTANCE, void* context) {
 }
 
 }  // namespace
-
-std::wstring Widen(const std::string& text) {
-    if (text.empty()) {
-        return {};
-    }
-    const int count = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<size_t>(count), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(), count);
-    return wide;
-}
-
-std::string Narrow(const std::wstring& text) {
-    if (text.empty()) {
-        return {};
-    }
-    const int count =
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string narrow(static_cast<size_t>(count), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(), count, nullptr,
-                        nullptr);
-    return narrow;
-}
-
-std::wstring UpperCase(std::wstring text) {
-    for (auto& c : text) {
-        c = static_cast<wchar_t>(std::towupper(c));
-    }
-    return text;
-}
 
 // --- EmulatedDevice -------------------------------------------------------------------------------
 
@@ -539,114 +505,6 @@ std::wstring EmulatedDevice::LastClient() {
 std::wstring EmulatedDevice::DevicePropertyText(const std::string& name) {
     const auto it = m_description.registry.find(name);
     return it == m_description.registry.end() ? std::wstring() : Widen(it->second);
-}
-
-// --- EmulatorState --------------------------------------------------------------------------------
-
-EmulatorState::EmulatorState() : m_eventsIdle(CreateEventW(nullptr, TRUE, TRUE, nullptr)) {}
-
-EmulatorState& EmulatorState::Get() {
-    static EmulatorState* state = new EmulatorState();  // lives until the process ends
-    return *state;
-}
-
-std::vector<std::shared_ptr<EmulatedDevice>> EmulatorState::Scan() {
-    std::vector<std::shared_ptr<EmulatedDevice>> present;
-    wchar_t directory[MAX_PATH] = {};
-    const DWORD length = GetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", directory, MAX_PATH);
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_errors.clear();
-    std::map<std::wstring, bool> seen;
-    if (length > 0 && length < MAX_PATH) {
-        WIN32_FIND_DATAW found{};
-        HANDLE search = FindFirstFileW((std::wstring(directory) + L"\\*.wpd").c_str(), &found);
-        std::vector<std::wstring> files;
-        if (search != INVALID_HANDLE_VALUE) {
-            do {
-                files.push_back(found.cFileName);
-            } while (FindNextFileW(search, &found));
-            FindClose(search);
-        }
-        std::sort(files.begin(), files.end());
-        for (const auto& file : files) {
-            const std::wstring path = std::wstring(directory) + L"\\" + file;
-            HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                        OPEN_EXISTING, 0, nullptr);
-            if (handle == INVALID_HANDLE_VALUE) {
-                continue;  // being written
-            }
-            std::string text;
-            char buffer[4096];
-            DWORD read = 0;
-            while (ReadFile(handle, buffer, sizeof(buffer), &read, nullptr) && read > 0) {
-                text.append(buffer, read);
-            }
-            CloseHandle(handle);
-            ParseResult parsed = ParseDeviceDescription(text);
-            if (!parsed.errors.empty()) {
-                for (const auto& error : parsed.errors) {
-                    m_errors.push_back(file + L": " + Widen(error));
-                }
-                continue;
-            }
-            const std::wstring key = UpperCase(Widen(parsed.device.id));
-            seen[key] = true;
-            auto& device = m_devices[key];
-            if (!device || device->Removed()) {
-                device = std::make_shared<EmulatedDevice>(std::move(parsed.device), directory);
-            }
-            present.push_back(device);
-        }
-    }
-    for (auto& entry : m_devices) {
-        if (seen.find(entry.first) == seen.end()) {
-            entry.second->SetRemoved(true);
-        }
-    }
-    return present;
-}
-
-std::shared_ptr<EmulatedDevice> EmulatorState::Find(const std::wstring& id) {
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        const auto it = m_devices.find(UpperCase(id));
-        if (it != m_devices.end()) {
-            return it->second;
-        }
-    }
-    Scan();
-    std::lock_guard<std::mutex> guard(m_lock);
-    const auto it = m_devices.find(UpperCase(id));
-    return it == m_devices.end() ? nullptr : it->second;
-}
-
-void EmulatorState::Reset() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_devices.clear();
-    m_errors.clear();
-}
-
-std::vector<std::wstring> EmulatorState::Errors() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_errors;
-}
-
-void EmulatorState::EventQueued() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    if (m_pendingEvents++ == 0) {
-        ResetEvent(m_eventsIdle);
-    }
-}
-
-void EmulatorState::EventDelivered() {
-    std::lock_guard<std::mutex> guard(m_lock);
-    if (--m_pendingEvents == 0) {
-        SetEvent(m_eventsIdle);
-    }
-}
-
-bool EmulatorState::WaitForEvents(DWORD milliseconds) {
-    return WaitForSingleObject(m_eventsIdle, milliseconds) == WAIT_OBJECT_0;
 }
 
 }  // namespace dorwex::emulator

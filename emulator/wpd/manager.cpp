@@ -3,6 +3,8 @@
 
 #include "collections.h"
 #include "emulated_api.h"
+#include "emulator_state.h"
+#include "text.h"
 
 namespace dorwex::emulator {
 

@@ -13,6 +13,7 @@
 #include "device/apple_companion.h"
 #include "emulator/common/com_server.h"
 #include "monitor/write_token_hook.h"
+#include "emulator_state.h"
 
 namespace dorwex::emulator {
 

@@ -6,6 +6,7 @@
 
 #include "collections.h"
 #include "emulated_api.h"
+#include "emulator_state.h"
 
 namespace dorwex::emulator {
 
