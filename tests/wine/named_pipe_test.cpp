@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "channels/apple_named_pipe.h"
+#include "channels/blackberry_named_pipe.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
+#include "support/fake_devices.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
@@ -45,8 +47,8 @@ public:
 template <typename Pipe>
 class Server {
 public:
-    explicit Server(const wchar_t* name, CDorWEXWMIWPDCore* core = nullptr)
-        : stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pipe(core != nullptr ? core->Devices() : nullptr, stop) {
+    explicit Server(const wchar_t* name, IDorWEXDeviceRegistry* devices = nullptr)
+        : stop(CreateEventW(nullptr, TRUE, FALSE, nullptr)), pipe(devices, stop) {
         thread = std::thread([this, name] { result = pipe.Serve(name, L"set-up failed\n"); });
     }
     ~Server() {
@@ -281,7 +283,7 @@ TEST(ApplePipe, WriteReportsRaiseTheWriteEventOfTheDeviceTheyName) {
     ASSERT_EQ(core.Initialize(), 1);
     ASSERT_EQ(core.GetCollection()->AddWPD(L"usb#vid_04e8&pid_6860#pipe"), S_OK);
     TraceCapture trace(1);
-    Server<CDorWEXWMIAppleNamedPipe> server(kDorWEXApplePipeName, &core);
+    Server<CDorWEXWMIAppleNamedPipe> server(kDorWEXApplePipeName, core.Devices());
     HANDLE client = OpenPipeClient(kDorWEXApplePipeName);
     ASSERT_NE(client, INVALID_HANDLE_VALUE);
 
@@ -344,6 +346,65 @@ TEST(ApplePipe, ServedFromTheFirstAppleDeviceToTheLast) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor, "
                           L"child thread is terminated!!!!\n"));
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...\n"));
+}
+
+// The channels need nothing of the monitor but its device registry: driven through a recording one, they
+// show which device they ask for and what they hand it.
+TEST(CompanionChannels, AppleReportAsksForTheNamedDeviceAndHandsItTheWrite) {
+    FakeRegistry devices;
+    devices.device = std::make_shared<FakeDevice>();
+    Server<CDorWEXWMIAppleNamedPipe> server(kDorWEXApplePipeName, &devices);
+    HANDLE client = OpenPipeClient(kDorWEXApplePipeName);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    ASSERT_TRUE(SendText(client, L"Event^WRITE~SerialNumber^SERIAL77~strPID^1~TargetPath^Phone\\DCIM~"
+                                 L"LocalFileName^C:\\a.jpg~ClientPid^4712~WriteToken^T"));
+    ASSERT_TRUE(WaitUntil([&] { return !devices.device->Writes().empty(); }));
+    CloseHandle(client);
+
+    const auto lookups = devices.Lookups();
+    ASSERT_EQ(lookups.size(), 1u);
+    EXPECT_EQ(lookups[0].first, L"SERIAL77");
+    EXPECT_EQ(lookups[0].second, L"Phone\\DCIM");
+    const auto writes = devices.device->Writes();
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_EQ(writes[0].path, L"Phone\\DCIM");
+    EXPECT_EQ(writes[0].fileName, L"C:\\a.jpg");
+    EXPECT_EQ(writes[0].objectInfo, L"C:\\a.jpg");
+    EXPECT_EQ(writes[0].number, 4712u);
+}
+
+TEST(CompanionChannels, BlackBerryCredentialsConnectTheNamedShareOncePerSet) {
+    FakeRegistry devices;
+    devices.device = std::make_shared<FakeDevice>();
+    devices.device->hasShare = true;
+    devices.device->UpdateIdentity([](DeviceIdentity& identity) { identity.m_bstr_tDisk1Name = L"\\\\10.0.0.1\\media"; });
+    TraceCapture trace(1);
+    Server<CDorWEXWMIBlackBerryNamedPipe> server(kDorWEXBlackBerryPipeName, &devices);
+    HANDLE client = OpenPipeClient(kDorWEXBlackBerryPipeName);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    const auto send = [&](const wchar_t* message, const wchar_t* handled) {
+        const size_t before = trace.Count(handled);
+        ASSERT_TRUE(SendText(client, message));
+        ASSERT_TRUE(WaitUntil([&] { return trace.Count(handled) > before; }));
+    };
+    const wchar_t kFirstHandled[] = L"CDorWEXWMIBlackBerryNamedPipe::ProcessCredentials enter.";
+    send(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*bbuser*secret", kFirstHandled);
+    ASSERT_TRUE(WaitUntil([&] { return devices.device->Connects().size() == 1; }));
+    // The same set again is taken as connected; a new password is tried.
+    send(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*bbuser*secret",
+         L"CDorWEXWMIBlackBerryNamedPipe::IsAlreadyConnected: TRUE\n");
+    send(L"BlackBerryCredentials*t2*\\\\10.0.0.1\\media*bbuser*other", kFirstHandled);
+    ASSERT_TRUE(WaitUntil([&] { return devices.device->Connects().size() == 2; }));
+    CloseHandle(client);
+
+    const auto connects = devices.device->Connects();
+    ASSERT_EQ(connects.size(), 2u);
+    EXPECT_EQ(connects[0].share, L"\\\\10.0.0.1\\media");
+    EXPECT_EQ(connects[0].user, L"bbuser");
+    EXPECT_EQ(connects[0].password, L"secret");
+    EXPECT_EQ(connects[1].password, L"other");
+    EXPECT_EQ(devices.Lookups()[0].first, L"\\\\10.0.0.1\\media");
+    EXPECT_EQ(devices.Lookups()[0].second, L"<null>");
 }
 
 }  // namespace
