@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "device/portable_device_api.h"
+#include "monitor/os_version.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_events_processor.h"
@@ -84,8 +85,24 @@ TEST_F(Listener, RemovalHandsTheNameToTheMonitorAndSignalsTheServiceEvent) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, return TRUE\n"));
     // The monitor thread takes the name and tries to delete the instance (no WMI here, so that fails).
     EXPECT_TRUE(WaitUntil([&] {
-        return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent");
+        return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, CoCreateInstance(CLSID_WbemAdministrativeLocator "
+                         L"failed.\n");
     }));
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback, DBT_DEVICEREMOVECOMPLETE\r\n",
+        L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, enter: \\\\?\\usb#vid_1 OFFLINE.\r\n",
+        L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, SetEvent succeeded\r\n",
+        L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, return TRUE\r\n",
+        L"CDorWEXWMIWPDEventsListener::ProcessWPDOfflineEvent\r\n",
+        L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - handle 2 posted - calling "
+        L"ProcessApplicationEvent.\r\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent\r\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OfflineEvent\r\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, enter.\r\n",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, CoCreateInstance(CLSID_WbemAdministrativeLocator "
+        L"failed.\r\n",
+    };
+    EXPECT_EQ(trace.Lines(), expected) << "no WMI in this program: the locator is refused";
     CloseHandle(serviceEvent);
 }
 
@@ -117,22 +134,90 @@ TEST_F(Listener, StorageArrivalOnADeviceIsRecordedAsOneDiskMount) {
     }
 }
 
-TEST_F(Listener, RemovalEventsAreSuppressedBeforeWindows10Build16299) {
+// The kernel's version as the event callback reads it, for the life of the object.
+class ReportedVersion {
+public:
+    ReportedVersion(DWORD major, DWORD minor, DWORD build) {
+        s_major = major;
+        s_minor = minor;
+        s_build = build;
+        SetRtlGetVersion(&Answer);
+    }
+    ~ReportedVersion() { SetRtlGetVersion(nullptr); }
+    ReportedVersion(const ReportedVersion&) = delete;
+    ReportedVersion& operator=(const ReportedVersion&) = delete;
+
+private:
+    static LONG WINAPI Answer(OSVERSIONINFOEXW* info) {
+        info->dwMajorVersion = s_major;
+        info->dwMinorVersion = s_minor;
+        info->dwBuildNumber = s_build;
+        info->dwPlatformId = VER_PLATFORM_WIN32_NT;
+        return 0;
+    }
+    static inline DWORD s_major = 0, s_minor = 0, s_build = 0;
+};
+
+// Windows 10 from build 16299 on delivers every content event; on older systems (an older Windows 10 build,
+// or any other version whatever its build) only additions are passed on, the others are dropped with the
+// suppression lines. One event each, the exact lines in order.
+TEST_F(Listener, ContentEventsBeforeWindows10Build16299AreSuppressedExceptAdditions) {
     ComPtr<IPortableDeviceValues> parameters;
     ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&parameters)),
               S_OK);
-    parameters->SetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, WPD_EVENT_OBJECT_REMOVED);
     parameters->SetStringValue(WPD_OBJECT_ID, L"o7");
     parameters->SetStringValue(WPD_OBJECT_NAME, L"a.jpg");
     parameters->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
-    TraceCapture trace(1);
-    ComPtr<IPortableDeviceEventCallback> callback;
-    callback.Attach(new CDorWEXWPDObjectEvents(&core, nullptr));
-    callback->OnEvent(parameters.Get());
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent WPD_EVENT_OBJECT_ADDED being suppressed.\n"));
-    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWMIWPDCore::SendEvent").empty());
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::OnEvent, Object Id: o7 Object Name: a.jpg Event: "
-                          L"WPD_EVENT_OBJECT_REMOVED ContentType: {0085E0A6-8D34-45D7-BC5C-447E59C73D48}\n"));
+    parameters->SetStringValue(WPD_OBJECT_PERSISTENT_UNIQUE_ID, L"P7");
+    const std::wstring tail = L" ContentType: {0085E0A6-8D34-45D7-BC5C-447E59C73D48}Object Persistent Unique Id: P7";
+    const std::wstring enter = L"CDorWEXWPDObjectEvents::OnEvent enter.";
+    const std::wstring send = L"CDorWEXWMIWPDCore::SendEvent enter.";
+    const std::wstring suppressed = L"CDorWEXWPDObjectEvents::OnEvent WPD_EVENT_OBJECT_ADDED being suppressed.";
+    const struct {
+        DWORD major, minor, build;
+        const GUID* event;
+        const wchar_t* name;
+        bool old;        // before Windows 10 build 16299
+        bool forwarded;  // handed to the event delivery
+    } cases[] = {
+        {10, 0, 16299, &WPD_EVENT_OBJECT_REMOVED, L"WPD_EVENT_OBJECT_REMOVED", false, true},
+        {10, 0, 19045, &WPD_EVENT_OBJECT_UPDATED, L"WPD_EVENT_OBJECT_UPDATED", false, true},
+        {10, 0, 16299, &WPD_EVENT_OBJECT_ADDED, L"WPD_EVENT_OBJECT_ADDED", false, true},
+        {10, 0, 16298, &WPD_EVENT_OBJECT_REMOVED, L"WPD_EVENT_OBJECT_REMOVED", true, false},
+        {10, 0, 16298, &WPD_EVENT_DEVICE_REMOVED, L"WPD_EVENT_DEVICE_REMOVED", true, false},
+        {10, 0, 16298, &WPD_EVENT_OBJECT_ADDED, L"WPD_EVENT_OBJECT_ADDED", true, true},
+        {6, 3, 17763, &WPD_EVENT_OBJECT_UPDATED, L"WPD_EVENT_OBJECT_UPDATED", true, false},
+        {11, 0, 22000, &WPD_EVENT_OBJECT_REMOVED, L"WPD_EVENT_OBJECT_REMOVED", true, false},
+        {6, 1, 7601, &WPD_EVENT_OBJECT_ADDED, L"WPD_EVENT_OBJECT_ADDED", true, true},
+    };
+    for (const auto& c : cases) {
+        const std::string what = std::to_string(c.major) + "." + std::to_string(c.minor) + "." +
+                                 std::to_string(c.build) + " " + std::string(c.name, c.name + wcslen(c.name));
+        ReportedVersion version(c.major, c.minor, c.build);
+        parameters->SetGuidValue(WPD_EVENT_PARAMETER_EVENT_ID, *c.event);
+        const std::wstring text = std::wstring(L"Object Id: o7 Object Name: a.jpg Event: ") + c.name + tail;
+        std::vector<std::wstring> expected = {enter};
+        if (c.old) {
+            expected.push_back(L"CDorWEXWPDObjectEvents::OnEvent before suppress " + text + L".");
+            if (!c.forwarded) {
+                expected.push_back(suppressed);
+            }
+        }
+        if (c.forwarded) {
+            expected.push_back(send);
+        }
+        expected.push_back(L"CDorWEXWPDObjectEvents::OnEvent, " + text);
+
+        ComPtr<IPortableDeviceEventCallback> callback;
+        callback.Attach(new CDorWEXWPDObjectEvents(&core, nullptr));
+        TraceCapture trace(1);
+        EXPECT_EQ(callback->OnEvent(parameters.Get()), S_OK) << what;
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.Lines()) {
+            lines.push_back(line.substr(0, line.size() - 2));  // without the line end
+        }
+        EXPECT_EQ(lines, expected) << what;
+    }
 }
 
 }  // namespace
