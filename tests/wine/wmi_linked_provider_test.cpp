@@ -7,6 +7,10 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <initializer_list>
+#include <string>
+#include <vector>
+
 #include "support/pnp_tree_double.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
@@ -185,6 +189,173 @@ TEST(WmiArrival, DeviceThatVanishesDuringItsStartUpIsRemovedByItsKey) {
     EXPECT_TRUE(WaitUntil([&] { return emulator.OpenSessions(Wide(id).c_str()) == 0; }));
     EXPECT_TRUE(WaitUntil([&] { return emulator.LiveObjects() <= objectsBefore; }))
         << "COM objects of the emulated stack left: " << emulator.LiveObjects() - objectsBefore;
+}
+
+// Lines of the capture that start with one of the prefixes, in order, without their line end.
+std::vector<std::wstring> LinesStartingWith(const TraceCapture& trace, std::initializer_list<const wchar_t*> prefixes) {
+    std::vector<std::wstring> kept;
+    for (const auto& line : trace.Lines()) {
+        for (const wchar_t* prefix : prefixes) {
+            if (line.compare(0, wcslen(prefix), prefix) == 0) {
+                kept.push_back(line.substr(0, line.size() - 2));
+                break;
+            }
+        }
+    }
+    return kept;
+}
+
+// A device plugged in and pulled out again: the monitor publishes it through WMI, WMI hands the put to the
+// provider, which takes the device into its collection; the removal deletes it by its key. Every step of both
+// sides is traced, in this order.
+TEST(WmiPublication, ArrivalAndRemovalTraceEveryStepInOrder) {
+    WpdEmulator emulator;
+    const std::string id = "\\\\?\\usb#vid_04e8&pid_6860#published#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    emulator.Attach(PhoneSpec(id, "SAMSUNG Electronics Co., Ltd.", "PUB1"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its monitor are running
+    ASSERT_FALSE(PublishedWithId(Wide(id)));
+
+    TraceCapture trace(1);
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context succeeded.\n");
+    }));
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return !trace.StartingWith(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, ").empty();
+    }));
+    // The key in the path is quoted with its backslashes escaped.
+    std::wstring quoted;
+    for (const wchar_t c : Wide(id)) {
+        quoted += c == L'\\' ? std::wstring(L"\\\\") : std::wstring(1, c);
+    }
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.",
+        L"CDorWEXWPDWMI::PutInstanceAsync",
+        L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device inserted into collection.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, enter.",
+        L"CDorWEXWPDWMI::DeleteInstanceAsync enter.",
+        L"CDorWEXWPDWMI::DeleteWPDInstance enter.",
+        L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, Win32ext_WPD.strId=\"" + quoted +
+            L"\", HRESULT = 0x00000000.",
+    };
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent",
+                                        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent", L"CDorWEXWPDWMI::Put",
+                                        L"CDorWEXWPDWMI::Delete", L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD"}),
+              expected);
+    EXPECT_FALSE(PublishedWithId(Wide(id)));
+}
+
+// What the provider says to each put a client makes: only the provider's own token adds a device; the
+// internal id and the non-WPD token are accepted and change nothing; anything else is refused.
+TEST(WmiPublication, EachPutIsAnsweredAndTracedByWhatItCarries) {
+    WpdEmulator emulator;
+    emulator.Attach(PhoneSpec("usb#vid_0951&pid_1666#stick", "Kingston", "STICK1"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    ComPtr<IWbemClassObject> wpdClass;
+    ASSERT_EQ(services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr), S_OK);
+    const wchar_t* const noToken = nullptr;
+    const struct {
+        const char* what;
+        const wchar_t* id;  // null: no strId
+        const wchar_t* token;
+        bool context;
+        HRESULT result;
+        const wchar_t* line;
+    } cases[] = {
+        {"no context", L"usb#vid_04e8&pid_6860#client", noToken, false, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(2)."},
+        {"a context without the value", L"usb#vid_04e8&pid_6860#client", noToken, true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"a wrong token", L"usb#vid_04e8&pid_6860#client", L"73lun!QBX#ZPT", true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"the token in another case", L"usb#vid_04e8&pid_6860#client", L"73LUN!QBX#ZPT^", true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"the non-WPD token", L"usb#vid_04e8&pid_6860#client", L"73lun!QBX#NONZPT^", true, S_OK,
+         L"CDorWEXWPDWMI::PutWPDInstance, g_bstr_tIWbemContext2Value."},
+        {"the internal id", L"_Internal", noToken, false, S_OK, L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == _INTERNAL."},
+        {"no id", nullptr, noToken, false, S_OK, L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == NULL."},
+    };
+    for (const auto& c : cases) {
+        ComPtr<IWbemClassObject> instance;
+        ASSERT_EQ(wpdClass->SpawnInstance(0, &instance), S_OK);
+        if (c.id != nullptr) {
+            _variant_t id(c.id);
+            instance->Put(L"strId", 0, &id, 0);
+        }
+        ComPtr<IWbemContext> context;
+        if (c.context) {
+            ASSERT_EQ(CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context)), S_OK);
+            if (c.token != nullptr) {
+                _variant_t token(c.token);
+                context->SetValue(L"dorWEXWPDProp", 0, &token);
+            }
+        }
+        TraceCapture trace(1);
+        EXPECT_EQ(services->PutInstance(instance.Get(), 0, context.Get(), nullptr), c.result) << c.what;
+        const std::vector<std::wstring> expected = {L"CDorWEXWPDWMI::PutInstanceAsync", L"CDorWEXWPDWMI::PutWPDInstance",
+                                                    c.line};
+        EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::Put"}), expected) << c.what;
+    }
+    EXPECT_FALSE(PublishedWithId(L"usb#vid_04e8&pid_6860#client"));
+
+    // The provider's own token with a device the collection does not take: a USB storage stick.
+    ComPtr<IWbemClassObject> stick;
+    ASSERT_EQ(wpdClass->SpawnInstance(0, &stick), S_OK);
+    _variant_t stickId(L"usb#vid_0951&pid_1666#stick");
+    stick->Put(L"strId", 0, &stickId, 0);
+    ComPtr<IWbemContext> context;
+    ASSERT_EQ(CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context)), S_OK);
+    _variant_t token(L"73lun!QBX#ZPT^");
+    context->SetValue(L"dorWEXWPDProp", 0, &token);
+    TraceCapture trace(1);
+    EXPECT_EQ(services->PutInstance(stick.Get(), 0, context.Get(), nullptr), E_FAIL);
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDWMI::PutInstanceAsync", L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection."};
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::Put"}), expected);
+    EXPECT_FALSE(PublishedWithId(L"usb#vid_0951&pid_1666#stick"));
+}
+
+// A USB storage stick that shows up as a portable device: the monitor publishes it, the provider refuses it,
+// and the monitor traces the refused put with its code.
+TEST(WmiPublication, ADeviceTheProviderRefusesEndsInAFailedPut) {
+    WpdEmulator emulator;
+    const std::string id = "\\\\?\\usb#vid_0951&pid_1666#refused#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    emulator.Attach(PhoneSpec(id, "Kingston", "STICK2"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its monitor are running
+    TraceCapture trace(1);
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return !trace.StartingWith(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context").empty();
+    }));
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.",
+        L"CDorWEXWPDWMI::PutInstanceAsync",
+        L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context failed, HRESULT = 0x80004005.",
+    };
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent", L"CDorWEXWPDWMI::Put"}),
+              expected);
+    EXPECT_FALSE(PublishedWithId(Wide(id)));
 }
 
 }  // namespace
