@@ -6,6 +6,7 @@
 #include <dbt.h>
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -132,6 +133,111 @@ TEST_F(Listener, StorageArrivalOnADeviceIsRecordedAsOneDiskMount) {
         std::lock_guard<std::mutex> guard(core.GetDiskMountLock());
         EXPECT_EQ(core.GetDiskMountMap().begin()->first, L"\\\\?\\usb#vid_2#mounting");
     }
+}
+
+// The online handler looks at device-interface records only; anything else is named and dropped (a record
+// of a kind it does not know silently), and nothing is handed to the monitor.
+TEST_F(Listener, OnlineHandlerNamesAndDropsWhatIsNoDeviceInterface) {
+    const struct {
+        DWORD type;
+        const wchar_t* line;
+    } cases[] = {
+        {DBT_DEVTYP_OEM, L"   DBT_DEVTYP_OEM, dropped\r\n"},
+        {DBT_DEVTYP_VOLUME, L"   DBT_DEVTYP_VOLUME, dropped\r\n"},
+        {DBT_DEVTYP_PORT, L"   DBT_DEVTYP_PORT, dropped\r\n"},
+        {DBT_DEVTYP_HANDLE, L"   DBT_DEVTYP_HANDLE, dropped\r\n"},
+        {DBT_DEVTYP_NET, nullptr},
+    };
+    auto lock = core.GetWPDEventsProcessor()->LockListener();
+    CDorWEXWMIWPDEventsListener* listener = core.GetWPDEventsProcessor()->GetListener();
+    ASSERT_NE(listener, nullptr);
+    for (const auto& c : cases) {
+        DEV_BROADCAST_HDR header{sizeof(DEV_BROADCAST_HDR), c.type, 0};
+        TraceCapture trace(1);
+        listener->ProcessWPDOnline(DBT_DEVICEARRIVAL, &header);
+        std::vector<std::wstring> expected = {L"CDorWEXWMIWPDEventsListener::ProcessWPDOnline\r\n"};
+        if (c.line != nullptr) {
+            expected.push_back(c.line);
+        }
+        EXPECT_EQ(trace.Lines(), expected) << c.type;
+    }
+    TraceCapture trace(1);
+    listener->ProcessWPDOnline(DBT_DEVNODES_CHANGED, nullptr);
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWMIWPDEventsListener::ProcessWPDOnline\r\n",
+                                                        L"   lParam is NULL\r\n"}));
+    EXPECT_EQ(WaitForSingleObject(g_HANDLEApplicationEvent, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(DiskMounts(), 0u);
+}
+
+// An arrival, then the same device's disks mounting twice: the window's lines in order (the second mount
+// replaces the first entry), each handed to the monitor, which tries to publish it (no WMI here). Any other
+// message goes to the default handling.
+TEST_F(Listener, ArrivalAndDiskMountsTraceTheirStepsInOrder) {
+    const std::wstring name = L"\\\\?\\usb#vid_3#arriving";
+    const std::vector<std::wstring> online = {
+        L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, enter: " + name + L" ONLINE.\r\n",
+        L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, return FALSE\r\n",
+        L"CDorWEXWMIWPDEventsListener::ProcessWPDOnlineEvent\r\n",
+    };
+    const std::wstring start = L"CDorWEXWMIWPDEventsListener::ProcessWPDOnline\r\n";
+    const std::wstring processing = L"   DBT_DEVTYP_DEVICEINTERFACE, processing\r\n";
+    const std::wstring mount = L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount\r\n";
+    const std::wstring inserted = L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, inserted new entry.\r\n";
+    const struct {
+        const char* what;
+        WPARAM change;
+        std::vector<std::wstring> window;
+    } cases[] = {
+        {"arrival", DBT_DEVICEARRIVAL, {start, processing}},
+        {"first mount", DBT_DEVNODES_CHANGED, {start, processing, mount, inserted}},
+        {"second mount", DBT_DEVNODES_CHANGED,
+         {start, processing, mount,
+          L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, removing previous entry.\r\n",
+          L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, removed previous entry.\r\n", inserted}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        // A mount record is posted by the event callback in task memory, and the window frees it.
+        DEV_BROADCAST_DEVICEINTERFACE_W* record = Record(kWPDInterface, name);
+        EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, c.change, reinterpret_cast<LPARAM>(record)), TRUE);
+        if (c.change == DBT_DEVICEARRIVAL) {
+            CoTaskMemFree(record);
+        }
+        // The monitor thread takes this notification (its Plug and Play view names it) and publishes it, here
+        // without WMI, so that ends at once. Notifications left from earlier tests may be handled around it.
+        const std::wstring viewed = L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + name + L"\r\n";
+        const std::vector<std::wstring> monitor = {
+            viewed,
+            L"CDorWEXWMIThreadWPDEventsProcessor::ProcessApplicationEvent, calling OnlineEvent\r\n",
+            L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.\r\n",
+        };
+        const auto following = [&](const std::vector<std::wstring>& lines) {
+            size_t at = 0;
+            for (const auto& line : monitor) {
+                at = std::find(lines.begin() + at, lines.end(), line) - lines.begin();
+                if (at == lines.size()) {
+                    return false;
+                }
+            }
+            return true;
+        };
+        ASSERT_TRUE(WaitUntil([&] { return following(trace.Lines()); })) << c.what;
+        // The window's own lines, in order.
+        std::vector<std::wstring> expected = c.window;
+        expected.insert(expected.end(), online.begin(), online.end());
+        std::vector<std::wstring> windowLines;
+        for (const auto& line : trace.Lines()) {
+            if (line.compare(0, 29, L"CDorWEXWMIWPDEventsListener::") == 0 || line.compare(0, 3, L"   ") == 0) {
+                windowLines.push_back(line);
+            }
+        }
+        EXPECT_EQ(windowLines, expected) << c.what;
+    }
+    EXPECT_EQ(DiskMounts(), 1u);
+
+    TraceCapture trace(1);
+    EXPECT_EQ(SendMessageW(window, WM_USER + 5, 0, 0), 0);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, send message to default"));
 }
 
 // The kernel's version as the event callback reads it, for the life of the object.
