@@ -5,6 +5,9 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "monitor/companion_processors.h"
 #include "monitor/thread_base.h"
@@ -12,6 +15,7 @@
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
 #include "support/wait_until.h"
 #include "wmi/module.h"
 
@@ -299,6 +303,98 @@ TEST(WPDEventsProcessor, ImmediateStopLeavesNoWorker) {
         EXPECT_FALSE(processor.IsRunning());
     }
     EXPECT_TRUE(WaitUntil([] { return g_longWPDEventsThreadIsRunning == 0; }));
+}
+
+// Each line in the order given, each written once (lines of one thread, so their order is fixed).
+void ExpectOnceEachInOrder(const TraceCapture& trace, const std::vector<std::wstring>& lines, const char* thread) {
+    long previous = -1;
+    for (const auto& line : lines) {
+        const long index = trace.IndexOf(line);
+        EXPECT_GT(index, previous) << thread << ": " << std::string(line.begin(), line.end());
+        EXPECT_EQ(trace.Count(line), 1u) << thread << ": " << std::string(line.begin(), line.end());
+        previous = index;
+    }
+}
+
+// A WPD processor started and stopped: what each of the four threads involved writes, in its order.
+TEST(WPDEventsProcessor, StartAndStopTraceEachThreadsSteps) {
+    TraceCapture trace(1);
+    {
+        CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        ASSERT_TRUE(WaitUntil([&] {
+            return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...");
+        }));
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        EXPECT_FALSE(processor.IsRunning());
+    }
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase", L"CDorWEXWMIThreadBase::ManageThread, START",
+                           L"CDorWEXWMIThreadBase::Start: TheMonitorThreadForThreadWPD",
+                           L"CDorWEXWMIThreadBase::ManageThread, STOP",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_CLOSE",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_DESTROY",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, "
+                           L"waiting for child thread to terminate...",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, "
+                           L"child thread is terminated!!!!",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor exiting",
+                           L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase"},
+                          "caller");
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - enter",
+                           L"CDorWEXWMIThreadBase::StartThread.",
+                           L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - handle 1 posted "
+                           L"- we are programmatically terminating.",
+                           L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - exiting."},
+                          "monitor");
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor",
+                           L"CDorWEXWMIWPDEventsListener::CDorWEXWMIWPDEventsListener",
+                           L"CDorWEXWMIWPDEventsListener::CreateWindowForListening",
+                           L"CDorWEXWMIWPDEventsListener::ListenForWPDEvents enter.",
+                           L"CDorWEXWMIWPDEventsListener::RegisterWithOSToReceiveWPDEvents",
+                           L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...",
+                           L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE",
+                           L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_DESTROY",
+                           L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening exiting...",
+                           L"CDorWEXWMIWPDEventsListener::ListenForWPDEvents exit.",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down..."},
+                          "worker");
+}
+
+// The window belongs to the worker's thread: when the stop comes to destroy it while the worker is still
+// handling the posted WM_CLOSE, the destruction from the stopping thread fails and is traced with the
+// system's error and its text; the worker's own WM_CLOSE then destroys it.
+TEST(WPDEventsProcessor, WindowStillThereWhenTheStopDestroysItIsTracedAsAFailure) {
+    CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+    TraceCapture trace(1);
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...");
+    }));
+    const std::wstring failure = L"CDorWEXWMIWPDEventsListener::DestroyWindowForListening, DestroyWindow FAILED ";
+    {
+        TraceGate gate(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE");
+        std::thread stopper([&] { processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP); });
+        EXPECT_TRUE(gate.WaitHeld()) << "the worker took the posted WM_CLOSE";
+        EXPECT_TRUE(WaitUntil([&] { return !trace.StartingWith(failure).empty(); }));
+        gate.Release();
+        stopper.join();
+    }
+    EXPECT_FALSE(processor.IsRunning());
+    wchar_t* text = nullptr;
+    ASSERT_NE(FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                             nullptr, ERROR_ACCESS_DENIED, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr),
+              0u);
+    std::wstring message = text;
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    EXPECT_EQ(trace.StartingWith(failure), std::vector<std::wstring>{failure + L"5: " + message + L"."});
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
 }
 
 }  // namespace
