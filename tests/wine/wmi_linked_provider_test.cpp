@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -356,6 +357,136 @@ TEST(WmiPublication, ADeviceTheProviderRefusesEndsInAFailedPut) {
     EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent", L"CDorWEXWPDWMI::Put"}),
               expected);
     EXPECT_FALSE(PublishedWithId(Wide(id)));
+}
+
+// Every method on a phone reached through WPD, as a client calls it: the dispatcher's lines, the outer and
+// inner handler's, then the device object's operation for a WPD device, each in its order.
+TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
+    WpdEmulator emulator;
+    const std::string id = "usb#vid_04e8&pid_6860#methods";
+    const EmulatedDeviceSpec spec = PhoneSpec(id, "SAMSUNG Electronics Co., Ltd.", "MTH1");
+    emulator.Attach(spec);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    emulator.WriteFile(storage + L"\\DCIM\\b.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    emulator.WriteFile(local + L"\\up.txt", "up");
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
+    // Added here unless the core found it attached when it started.
+    g_pCDorWEXWMIWPDCore->GetCollection()->AddWPD(Wide(id).c_str());
+    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->GetCollection()->FindWPDObjectById(Wide(id).c_str()));
+    const std::wstring device = Wide(id);
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+
+    std::wstring token;
+    {
+        TraceCapture trace(1);
+        const Outcome issued =
+            CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self);
+        ASSERT_EQ(issued.status, S_OK);
+        token = issued.returnValue;
+        const std::vector<std::wstring> expected = {
+            L"CDorWEXWPDWMI::ExecMethodAsync enter.",
+            L"CDorWEXWPDWMI::ExecMethodAsync RequestWriteToken.",
+            L"CDorWEXWPDWMI::MethodRequestWriteToken enter.",
+            L"CDorWEXWPDWMI::MethodRequestWriteToken2 enter.",
+            L"CDorWEXWMIWPDCore::RequestWPDWriteToken enter.",
+            L"CDorWEXWMIWPDCore::RequestWPDWriteToken <" + token + L">.",
+        };
+        EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::", L"CDorWEXWMIWPDCore::RequestWPDWriteToken"}), expected);
+    }
+
+    const struct {
+        const wchar_t* method;
+        Parameters parameters;
+        const wchar_t* returnValue;  // null: not compared
+        std::vector<std::wstring> handlers;
+        std::vector<std::wstring> device;
+    } cases[] = {
+        {L"GetProperty",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\a.jpg")}, {L"strPropertyName", _variant_t(L"ObjectId")},
+          {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         nullptr,
+         {L"CDorWEXWPDWMI::MethodGetProperty enter.", L"CDorWEXWPDWMI::MethodGetProperty2 enter."},
+         {}},
+        {L"CopyFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\a.jpg")},
+          {L"strLocalFileName", _variant_t((local + L"\\a.jpg").c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCopyFileFromDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileFromDevice2 enter."},
+         {L"CDorWEXWPDObject::CopyFileFromDevice enter.", L"CDorWEXWPDObject::CopyFileFromDevice1 enter."}},
+        {L"EnumerateDevicePath",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strObjectDeviceId", _variant_t(device.c_str())},
+          {L"uint32ContentType", _variant_t(0L, VT_I4)}},
+         nullptr,
+         {L"CDorWEXWPDWMI::MethodEnumerateDevicePath enter.", L"CDorWEXWPDWMI::MethodEnumerateDevicePath2 enter."},
+         {L"CDorWEXWPDObject::EnumerateDevicePath enter.", L"CDorWEXWPDObject::EnumerateDevicePath1 enter."}},
+        {L"CreateFolderOnDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strNewFolderName", _variant_t(L"New")},
+          {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCreateFolderOnDevice enter.", L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2 enter."},
+         {L"CDorWEXWPDObject::CreateFolderOnDevice enter.", L"CDorWEXWPDObject::CreateFolderOnDevice1 enter."}},
+        {L"DeleteFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.jpg")}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodDeleteFileFromDevice enter.", L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2 enter."},
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice1 enter.",
+          L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete succeeded, HRESULT=0x00000000.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Phone\\DCIM\\b.jpg=TRUE"}},
+        {L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strFileToCopy", _variant_t((local + L"\\up.txt").c_str())},
+          {L"strWriteToken", _variant_t(token.c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCopyFileToDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileToDevice2 enter."},
+         {L"CDorWEXWPDObject::CopyFileToDevice enter.", L"CDorWEXWPDObject::CopyFileToDevice1 enter."}},
+    };
+    for (const auto& c : cases) {
+        const std::string what(c.method, c.method + wcslen(c.method));
+        TraceCapture trace(1);
+        const Outcome outcome = CallMethod(c.method, c.parameters, self);
+        EXPECT_EQ(outcome.status, S_OK) << what;
+        if (c.returnValue != nullptr) {
+            EXPECT_EQ(outcome.returnValue, c.returnValue) << what;
+        }
+        std::vector<std::wstring> handlers = {L"CDorWEXWPDWMI::ExecMethodAsync enter.",
+                                              L"CDorWEXWPDWMI::ExecMethodAsync " + std::wstring(c.method) + L"."};
+        handlers.insert(handlers.end(), c.handlers.begin(), c.handlers.end());
+        std::vector<std::wstring> provider;
+        for (const auto& line : LinesStartingWith(trace, {L"CDorWEXWPDWMI::"})) {
+            if (line.find(L", CoImpersonateClient ") == std::wstring::npos) {
+                provider.push_back(line);
+            }
+        }
+        EXPECT_EQ(provider, handlers) << what;
+        // The device object's lines, in order, among its others.
+        const auto lines = LinesStartingWith(trace, {L"CDorWEXWPDObject::"});
+        auto at = lines.begin();
+        for (const auto& line : c.device) {
+            at = std::find(at, lines.end(), line);
+            EXPECT_NE(at, lines.end()) << what << ": " << std::string(line.begin(), line.end());
+            if (at == lines.end()) {
+                break;
+            }
+        }
+    }
+
+    // A device the lookup cannot find: no device operation, the lookup's line and "Device not found".
+    TraceCapture trace(1);
+    const Outcome missing = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Nowhere\\DCIM")},
+                                                                {L"strObjectDeviceId", _variant_t(L"usb#nobody")},
+                                                                {L"uint32ContentType", _variant_t(0L, VT_I4)}});
+    EXPECT_EQ(missing.status, E_FAIL);
+    EXPECT_EQ(missing.description, L"Device not found");
+    EXPECT_TRUE(LinesStartingWith(trace, {L"CDorWEXWPDObject::"}).empty());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=usb#nobody, "
+                          L"ObjectStoragePath=Nowhere\\DCIM\n"));
+    g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(Wide(id).c_str());
 }
 
 }  // namespace
