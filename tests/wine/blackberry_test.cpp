@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -221,6 +222,79 @@ TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
 // it is given (the share name where the text names it, the fixed user word of 2202, the network's own error
 // for 1208); a code without a text of its own gets the hint to ask the system. One call per code: the exact
 // lines in order.
+// The system's text for an error code, as FormatMessage gives it, without its line end.
+std::wstring SystemMessage(DWORD code) {
+    wchar_t* text = nullptr;
+    const DWORD length =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0,
+                       nullptr);
+    std::wstring message = length != 0 && text != nullptr ? std::wstring(text, length) : std::wstring();
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    return message;
+}
+
+// Each file operation on the share, one call each: its lines exactly, in order (a missing path ends an
+// operation after its first line; a failure names the call, the code, the system's text and the paths).
+TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
+    CDorWEXBlackBerry access;
+    access.m_dwordConnectionWaitMs = 300;
+    emulator.WriteFile(share + L"\\a.jpg", "jpeg");
+    emulator.WriteFile(local + L"\\up.txt", "up");
+    access.m_mapProperties = {{L"IMEI", L"35"}};
+    ASSERT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret"), 0u);
+    const std::wstring copyFrom = L"CDorWEXBlackBerry::CopyFileFromDevice enter.\r\n";
+    const std::wstring waiting = L"CDorWEXBlackBerry::CopyFileFromDevice waiting for connection to device.\r\n";
+    const std::wstring copyTo = L"CDorWEXBlackBerry::CopyFileToDevice, enter.\r\n";
+    const std::wstring folder = L"CDorWEXBlackBerry::CreateFolderOnDevice, enter.\r\n";
+    const std::wstring remove = L"CDorWEXBlackBerry::DeleteFileFromDevice, enter.\r\n";
+    const std::wstring missingSource = share + L"\\missing.jpg";
+    const std::wstring noFolder = share + L"\\nowhere\\x.txt";
+    const struct {
+        const char* what;
+        std::function<bool()> call;
+        bool result;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"copy from without a target", [&] { return access.CopyFileFromDevice(missingSource.c_str(), nullptr); },
+         false, {copyFrom}},
+        {"copy from", [&] { return access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()); },
+         true, {copyFrom, waiting}},
+        {"copy from a missing file",
+         [&] { return access.CopyFileFromDevice(missingSource.c_str(), (local + L"\\m.jpg").c_str()); }, false,
+         {copyFrom, waiting, L"CDorWEXBlackBerry::CopyFileFromDevice, CopyFile failed 2:\r\n",
+          L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<" + missingSource + L">, target:<" + local +
+              L"\\m.jpg>.\r\n"}},
+        {"copy to without a source", [&] { return access.CopyFileToDevice(share.c_str(), nullptr); }, false, {copyTo}},
+        {"copy to", [&] { return access.CopyFileToDevice(share.c_str(), (local + L"\\up.txt").c_str()); }, true,
+         {copyTo}},
+        {"copy to a missing folder",
+         [&] { return access.CopyFileToDevice(noFolder.c_str(), (local + L"\\up.txt").c_str()); }, false,
+         {copyTo, L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: " + SystemMessage(3) + L": source:<" +
+                      local + L"\\up.txt>, target:<" + noFolder + L">.\r\n"}},
+        {"new folder", [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, true, {folder}},
+        {"new folder that is there",
+         [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, false,
+         {folder, L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed b7: " + SystemMessage(183) +
+                      L".\r\n"}},
+        {"delete a folder", [&] { return access.DeleteFileFromDevice((share + L"\\new").c_str()); }, true, {remove}},
+        {"delete a missing file", [&] { return access.DeleteFileFromDevice(missingSource.c_str()); }, false,
+         {remove, L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete file failed 2: " + SystemMessage(2) + L".\r\n"}},
+        {"listing", [&] { return access.EnumerateDevicePath(share.c_str(), 0) == L"a.jpg@NA@FILE~up.txt@NA@FILE"; },
+         true, {L"CDorWEXBlackBerry::EnumerateDevicePath, enter.\r\n"}},
+        {"a property", [&] { return access.GetProperty(nullptr, L"IMEI") == L"35"; }, true,
+         {L"CDorWEXBlackBerry::GetProperty property IMEI=<35>\r\n"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(c.call(), c.result) << c.what;
+        EXPECT_EQ(trace.Lines(), c.lines) << c.what;
+    }
+}
+
 TEST_F(BlackBerryShare, EveryNetworkResultIsTracedWithItsText) {
     const std::wstring name = L"\\\\10.0.0.1\\media";
     const struct {
