@@ -397,4 +397,83 @@ TEST(WPDEventsProcessor, WindowStillThereWhenTheStopDestroysItIsTracedAsAFailure
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
 }
 
+// The Apple and BlackBerry processors started and stopped: each thread's lines in order, the pipe server's
+// set-up and close included. The Apple stop's first line is written only by a WPD processor, so never.
+TEST(CompanionProcessors, StartAndStopTraceEachThreadsSteps) {
+    CDorWEXWMIWPDCore core;
+    const std::wstring pipeBase = L"CDorWEXWMIWPDNamedPipeBase::";
+    const std::vector<std::wstring> pipeSetUp = {
+        pipeBase + L"GetInternalProcessOwnerSID, succeeded.", pipeBase + L"GetExternalProcessOwnerSID, succeeded.",
+        pipeBase + L"CreateSecurityDescriptor, succeeded."};
+    const std::vector<std::wstring> pipeLoop = {pipeBase + L"ProcessPipe: entered...",
+                                                pipeBase + L"ProcessPipe, request to stop received...",
+                                                pipeBase + L"ClosePipe: entered...", pipeBase + L"ClosePipe: exit."};
+    const struct {
+        const char* name;
+        std::function<std::unique_ptr<CDorWEXWMIThreadBase>()> make;
+        std::wstring thread;
+        std::wstring pipe;
+        std::wstring stop;
+        bool stopNamesItself;
+        std::vector<std::wstring> workerBefore;
+        std::vector<std::wstring> workerAfter;
+    } cases[] = {
+        {"Apple", [&] { return std::make_unique<CDorWEXWMIThreadAppleEventsProcessor>(&core); },
+         L"TheMonitorThreadForThreadApple", L"\\\\.\\pipe\\dorWEXApplePipe",
+         L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor", false,
+         {L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor",
+          L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents entered..."},
+         {L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...",
+          L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down..."}},
+        {"BlackBerry", [&] { return std::make_unique<CDorWEXWMIThreadBlackBerryEventsProcessor>(&core); },
+         L"TheMonitorThreadForThreadBlackBerry", L"\\\\.\\pipe\\dorWEX14BlackBerryPipe",
+         L"CDorWEXWMIThreadBlackBerryEventsProcessor::Stop: TheMonitorThreadForThreadBlackBerryEventsProcessor", true,
+         {L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents entered...",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe entered..."},
+         {L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe exiting...",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents exiting...",
+          L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor shutting down..."}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TraceCapture trace(1);
+        {
+            auto processor = c.make();
+            processor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+            ASSERT_TRUE(WaitUntil([&] { return trace.Has(pipeLoop[0]); }, 30000));
+            processor->ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        }
+        std::vector<std::wstring> caller = {L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase",
+                                            L"CDorWEXWMIThreadBase::ManageThread, START",
+                                            L"CDorWEXWMIThreadBase::Start: " + c.thread,
+                                            L"CDorWEXWMIThreadBase::ManageThread, STOP"};
+        if (c.stopNamesItself) {
+            caller.push_back(c.stop);
+        }
+        caller.push_back(c.stop + L", waiting for child thread to terminate...");
+        caller.push_back(c.stop + L", child thread is terminated!!!!");
+        caller.push_back(c.stop + L" exiting");
+        caller.push_back(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+        ExpectOnceEachInOrder(trace, caller, "caller");
+        EXPECT_EQ(trace.Count(c.stop), c.stopNamesItself ? 1u : 0u);
+        ExpectOnceEachInOrder(trace,
+                              {L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread + L") - enter",
+                               L"CDorWEXWMIThreadBase::StartThread.",
+                               L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread +
+                                   L") - handle 1 posted - we are programmatically terminating.",
+                               L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread + L") - exiting."},
+                              "monitor");
+        std::vector<std::wstring> worker = c.workerBefore;
+        worker.insert(worker.end(), pipeSetUp.begin(), pipeSetUp.end());
+        worker.push_back(pipeBase + L"SetupNamedPipe, for " + c.pipe + L" succeeded.");
+        worker.insert(worker.end(), pipeLoop.begin(), pipeLoop.end());
+        worker.insert(worker.end(), c.workerAfter.begin(), c.workerAfter.end());
+        ExpectOnceEachInOrder(trace, worker, "worker");
+        EXPECT_EQ(trace.Count(pipeBase + L"ConnectToNewClient: entered..."), 4u) << "one connect for each instance";
+        EXPECT_LT(trace.IndexOf(pipeBase + L"ConnectToNewClient: entered..."),
+                  trace.IndexOf(pipeBase + L"SetupNamedPipe, for " + c.pipe + L" succeeded."));
+    }
+}
+
 }  // namespace
