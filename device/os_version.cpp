@@ -1,10 +1,11 @@
 #include "os_version.h"
 
+#include <atomic>
 #include <cstddef>
 
 namespace {
 
-using RtlGetVersionFunction = LONG(WINAPI*)(OSVERSIONINFOEXW*);
+std::atomic<RtlGetVersionFunction> g_RtlGetVersionReplacement{nullptr};
 
 struct LibraryHandle {
     HMODULE m_HMODULE;
@@ -20,6 +21,10 @@ struct LibraryHandle {
 
 }  // namespace
 
+RtlGetVersionFunction SetRtlGetVersion(RtlGetVersionFunction pFunction_in) {
+    return g_RtlGetVersionReplacement.exchange(pFunction_in);
+}
+
 int ReadOSVersion(DorWEXOSVersion* pOSVersion_out) {
     if (pOSVersion_out == nullptr) {
         return 0;
@@ -29,8 +34,11 @@ int ReadOSVersion(DorWEXOSVersion* pOSVersion_out) {
     if (l_LibraryHandleNtdll.m_HMODULE == nullptr) {
         return 0;
     }
-    const auto l_RtlGetVersion = reinterpret_cast<RtlGetVersionFunction>(
-        reinterpret_cast<void*>(GetProcAddress(l_LibraryHandleNtdll.m_HMODULE, "RtlGetVersion")));
+    RtlGetVersionFunction l_RtlGetVersion = g_RtlGetVersionReplacement.load();
+    if (l_RtlGetVersion == nullptr) {
+        l_RtlGetVersion = reinterpret_cast<RtlGetVersionFunction>(
+            reinterpret_cast<void*>(GetProcAddress(l_LibraryHandleNtdll.m_HMODULE, "RtlGetVersion")));
+    }
     if (l_RtlGetVersion == nullptr) {
         return 0;
     }

@@ -4,7 +4,9 @@
 
 #include <fstream>
 #include <string>
+#include <vector>
 
+#include "device/apple_companion.h"
 #include "device/wpd_object.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
@@ -98,6 +100,80 @@ TEST_F(AppleDevice, ContentGoesThroughTheCompanion) {
     EXPECT_EQ(ReadAll(local + L"\\notes.txt"), "notes");
     EXPECT_FALSE(Exists(storage + L"\\notes.txt"));
     EXPECT_EQ(device.MoveFileFromDevice(L"Internal Storage\\notes.txt", (local + L"\\n2.txt").c_str()), 0);
+}
+
+// The copy to an Apple device refuses, one line each, what it cannot hand to the companion: a missing
+// storage path, local file or write token; with all three it calls the companion.
+TEST_F(AppleDevice, CopyToTheDeviceRefusesWhatIsMissingOneLineEach) {
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    const std::wstring file = local + L"\\up.txt";
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    const struct {
+        const char* what;
+        const wchar_t* path;
+        const wchar_t* file;
+        const wchar_t* token;
+        const wchar_t* result;
+        const wchar_t* line;
+    } cases[] = {
+        {"no storage path", nullptr, file.c_str(), L"TOKEN", L"0",
+         L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARObjectStoragePath_in == NULL.\r\n"},
+        {"no local file", L"Internal Storage", nullptr, L"TOKEN", L"0",
+         L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARstrFileToCopy_in == NULL.\r\n"},
+        {"no write token", L"Internal Storage", file.c_str(), nullptr, L"0",
+         L"CDorWEXWPDObject::CopyFileToDevice2 ERROR pTCHARWriteToken_in == NULL.\r\n"},
+        {"everything", L"Internal Storage", file.c_str(), L"TOKEN", L"1",
+         L"CDorWEXWPDObject::CopyFileToDevice2 calling COM.\r\n"},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(Text(device.CopyFileToDevice(c.path, c.file, c.token, 1)), c.result) << c.what;
+        EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice enter.\r\n",
+                                                            L"CDorWEXWPDObject::CopyFileToDevice2 enter.\r\n", c.line}))
+            << c.what;
+    }
+    EXPECT_EQ(ReadAll(storage + L"\\up.txt"), "uploaded");
+}
+
+// Without its companion (its class cannot be created) an Apple device is still taken on; its content
+// operations then refuse: the copy to it names the missing companion, the copy from it ends at once.
+TEST_F(AppleDevice, WithoutItsCompanionTheCopiesRefuse) {
+    struct Refusing : IClassFactory {
+        HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+            *ppv = (riid == IID_IUnknown || riid == IID_IClassFactory) ? this : nullptr;
+            return *ppv != nullptr ? S_OK : E_NOINTERFACE;
+        }
+        ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+        ULONG STDMETHODCALLTYPE Release() override { return 1; }
+        HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown*, REFIID, void** ppv) override {
+            *ppv = nullptr;
+            return CLASS_E_CLASSNOTAVAILABLE;
+        }
+        HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+    } refusing;
+    DWORD cookie = 0;
+    ASSERT_EQ(CoRegisterClassObject(CLSID_DorWEXWPDApple, &refusing, CLSCTX_INPROC_SERVER | CLSCTX_LOCAL_SERVER,
+                                    REGCLS_MULTIPLEUSE, &cookie),
+              S_OK);
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+    TraceCapture trace(1);
+    CDorWEXWPDObject device(nullptr);
+    device.InitializeWPD(L"usb#vid_05ac&pid_12a8#apple");
+    CoRevokeClassObject(cookie);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, dorwex::Manufacturer::APPLE);
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetAppleCOMObject ERROR:.\nHRESULT = 0x80040111.\n"));
+    trace.Clear();
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), L"TOKEN", 1)), L"0");
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{
+                                 L"CDorWEXWPDObject::CopyFileToDevice enter.\r\n",
+                                 L"CDorWEXWPDObject::CopyFileToDevice2 enter.\r\n",
+                                 L"CDorWEXWPDObject::CopyFileToDevice2 ERROR m_IdorWEXWPDAppleCOMPtr == NULL.\r\n"}));
+    trace.Clear();
+    EXPECT_EQ(device.CopyFileFromDevice(L"Internal Storage\\a.jpg", (local + L"\\a.jpg").c_str()), E_FAIL);
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileFromDevice enter.\r\n",
+                                                        L"CDorWEXWPDObject::CopyFileFromDevice2 enter.\r\n"}));
+    device.Terminate();
 }
 
 TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {

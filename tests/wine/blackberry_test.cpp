@@ -6,6 +6,7 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -52,6 +53,10 @@ public:
         std::lock_guard<std::mutex> guard(m_lock);
         m_results = std::move(results);
     }
+    void AnswerCancels(std::vector<DWORD> results) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_cancelResults = std::move(results);
+    }
     DWORD lastErrorResult = NO_ERROR;
 
 private:
@@ -71,7 +76,12 @@ private:
         WNetDouble& self = *s_current;
         std::lock_guard<std::mutex> guard(self.m_lock);
         self.m_cancels.push_back(std::wstring(name) + L"|" + std::to_wstring(flags) + L"|" + std::to_wstring(force));
-        return NO_ERROR;
+        if (self.m_cancelResults.empty()) {
+            return NO_ERROR;
+        }
+        const DWORD result = self.m_cancelResults.front();
+        self.m_cancelResults.erase(self.m_cancelResults.begin());
+        return result;
     }
     static DWORD WINAPI LastError(LPDWORD error, LPWSTR text, DWORD textSize, LPWSTR provider, DWORD providerSize) {
         *error = 1326;
@@ -86,6 +96,7 @@ private:
     std::vector<Connect> m_connects;
     std::vector<std::wstring> m_cancels;
     std::vector<DWORD> m_results;
+    std::vector<DWORD> m_cancelResults;
 };
 
 std::wstring ErrorSource() {
@@ -205,6 +216,201 @@ TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
     for (const auto& line : trace.Lines()) {
         EXPECT_EQ(line.find(L"secret"), std::wstring::npos) << "no password in a trace: " << std::string(line.begin(), line.end());
     }
+}
+
+// Every result of a connect and of a disconnect is traced with its number and its text, each text exactly as
+// it is given (the share name where the text names it, the fixed user word of 2202, the network's own error
+// for 1208); a code without a text of its own gets the hint to ask the system. One call per code: the exact
+// lines in order.
+// The system's text for an error code, as FormatMessage gives it, without its line end.
+std::wstring SystemMessage(DWORD code) {
+    wchar_t* text = nullptr;
+    const DWORD length =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0,
+                       nullptr);
+    std::wstring message = length != 0 && text != nullptr ? std::wstring(text, length) : std::wstring();
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    return message;
+}
+
+// Each file operation on the share, one call each: its lines exactly, in order (a missing path ends an
+// operation after its first line; a failure names the call, the code, the system's text and the paths).
+TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
+    CDorWEXBlackBerry access;
+    access.m_dwordConnectionWaitMs = 300;
+    emulator.WriteFile(share + L"\\a.jpg", "jpeg");
+    emulator.WriteFile(local + L"\\up.txt", "up");
+    access.m_mapProperties = {{L"IMEI", L"35"}};
+    ASSERT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\media", L"user", L"secret"), 0u);
+    const std::wstring copyFrom = L"CDorWEXBlackBerry::CopyFileFromDevice enter.\r\n";
+    const std::wstring waiting = L"CDorWEXBlackBerry::CopyFileFromDevice waiting for connection to device.\r\n";
+    const std::wstring copyTo = L"CDorWEXBlackBerry::CopyFileToDevice, enter.\r\n";
+    const std::wstring folder = L"CDorWEXBlackBerry::CreateFolderOnDevice, enter.\r\n";
+    const std::wstring remove = L"CDorWEXBlackBerry::DeleteFileFromDevice, enter.\r\n";
+    const std::wstring missingSource = share + L"\\missing.jpg";
+    const std::wstring noFolder = share + L"\\nowhere\\x.txt";
+    const struct {
+        const char* what;
+        std::function<bool()> call;
+        bool result;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"copy from without a target", [&] { return access.CopyFileFromDevice(missingSource.c_str(), nullptr); },
+         false, {copyFrom}},
+        {"copy from", [&] { return access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()); },
+         true, {copyFrom, waiting}},
+        {"copy from a missing file",
+         [&] { return access.CopyFileFromDevice(missingSource.c_str(), (local + L"\\m.jpg").c_str()); }, false,
+         {copyFrom, waiting, L"CDorWEXBlackBerry::CopyFileFromDevice, CopyFile failed 2:\r\n",
+          L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<" + missingSource + L">, target:<" + local +
+              L"\\m.jpg>.\r\n"}},
+        {"copy to without a source", [&] { return access.CopyFileToDevice(share.c_str(), nullptr); }, false, {copyTo}},
+        {"copy to", [&] { return access.CopyFileToDevice(share.c_str(), (local + L"\\up.txt").c_str()); }, true,
+         {copyTo}},
+        {"copy to a missing folder",
+         [&] { return access.CopyFileToDevice(noFolder.c_str(), (local + L"\\up.txt").c_str()); }, false,
+         {copyTo, L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: " + SystemMessage(3) + L": source:<" +
+                      local + L"\\up.txt>, target:<" + noFolder + L">.\r\n"}},
+        {"new folder", [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, true, {folder}},
+        {"new folder that is there",
+         [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, false,
+         {folder, L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed b7: " + SystemMessage(183) +
+                      L".\r\n"}},
+        {"delete a folder", [&] { return access.DeleteFileFromDevice((share + L"\\new").c_str()); }, true, {remove}},
+        {"delete a missing file", [&] { return access.DeleteFileFromDevice(missingSource.c_str()); }, false,
+         {remove, L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete file failed 2: " + SystemMessage(2) + L".\r\n"}},
+        {"listing", [&] { return access.EnumerateDevicePath(share.c_str(), 0) == L"a.jpg@NA@FILE~up.txt@NA@FILE"; },
+         true, {L"CDorWEXBlackBerry::EnumerateDevicePath, enter.\r\n"}},
+        {"a property", [&] { return access.GetProperty(nullptr, L"IMEI") == L"35"; }, true,
+         {L"CDorWEXBlackBerry::GetProperty property IMEI=<35>\r\n"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(c.call(), c.result) << c.what;
+        EXPECT_EQ(trace.Lines(), c.lines) << c.what;
+    }
+}
+
+TEST_F(BlackBerryShare, EveryNetworkResultIsTracedWithItsText) {
+    const std::wstring name = L"\\\\10.0.0.1\\media";
+    const struct {
+        DWORD code;
+        const wchar_t* text;
+    } cases[] = {
+        {5,
+         L"ERROR_ACCESS_DENIED: The caller does not have access to the network resource."},
+        {53,
+         L"ERROR_BAD_NETPATH: <\\\\10.0.0.1\\media> The network path was not found.."},
+        {66,
+         L"ERROR_BAD_DEV_TYPE: The type of local device and the type of network resource do not match."},
+        {67,
+         L"ERROR_BAD_NET_NAME: The network name cannot be found.This value is returned if the"
+         L" lpRemoteName member of the NETRESOURCE structure pointed to by the lpNetResource parameter"
+         L" specifies a resource that is not acceptable to any network resource provider, either"
+         L" because the resource name is empty, not valid, or because the named resource cannot be"
+         L" located."},
+        {85,
+         L"ERROR_ALREADY_ASSIGNED: The local device specified by the lpLocalName member is already"
+         L" connected to a network resource."},
+        {86,
+         L"ERROR_INVALID_PASSWORD: The specified password is invalid and the CONNECT_INTERACTIVE flag"
+         L" is not set."},
+        {87,
+         L"ERROR_INVALID_PARAMETER: A parameter is incorrect.This error is returned if the dwType"
+         L" member of the NETRESOURCE structure pointed to by the lpNetResource parameter specifies a"
+         L" value other than RESOURCETYPE_DISK, RESOURCETYPE_PRINT, or RESOURCETYPE_ANY.This error is"
+         L" also returned if the dwFlags parameter specifies an incorrect or unknown value."},
+        {170,
+         L"ERROR_BUSY: The router or provider is busy, possibly initializing.  The caller should retry."},
+        {487,
+         L"ERROR_INVALID_ADDRESS: An attempt was made to access an invalid address.This error is"
+         L" returned if the dwFlags parameter specifies a value of CONNECT_REDIRECT, but the"
+         L" lpLocalName member of the NETRESOURCE structure pointed to by the lpNetResource parameter"
+         L" was unspecified."},
+        {1200,
+         L"ERROR_BAD_DEVICE: The specified device name is not valid.This error is returned if the"
+         L" lpLocalName member of the NETRESOURCE structure pointed to by the lpNetResource parameter"
+         L" specifies a device that is not redirectable."},
+        {1202,
+         L"ERROR_DEVICE_ALREADY_REMEMBERED: The local device name has a remembered connection to"
+         L" another network resource.This error is returned if an entry for the device specified by"
+         L" lpLocalName member of the NETRESOURCE structure pointed to by the lpNetResource parameter"
+         L" specifies a value that is already in the user profile for a different connection than that"
+         L" specified in the lpNetResource parameter."},
+        {1203,
+         L"ERROR_NO_NET_OR_BAD_PATH: No network provider accepted the given network path.This error is"
+         L" returned if no network provider recognized the lpRemoteName member of the NETRESOURCE"
+         L" structure pointed to by the lpNetResource parameter."},
+        {1204,
+         L"ERROR_BAD_PROVIDER: The specified network provider name is not valid.This error is returned"
+         L" if the lpProvider member of the NETRESOURCE structure pointed to by the lpNetResource"
+         L" parameter specifies a value that does not match any network provider."},
+        {1205,
+         L"ERROR_CANNOT_OPEN_PROFILE: The system is unable to open the user profile to process"
+         L" persistent connections."},
+        {1206,
+         L"ERROR_BAD_PROFILE: The user profile is in an incorrect format."},
+        {1219,
+         L"Multiple connections to a server or shared resource by the same user, using more than one"
+         L" user name, are not allowed. Disconnect all previous connections to the server or shared"
+         L" resource and try again."},
+        {1222,
+         L"ERROR_NO_NETWORK: The network is unavailable."},
+        {1223,
+         L"ERROR_CANCELLED: The attempt to make the connection was canceled by the user through a"
+         L" dialog box from one of the network resource providers, or by a called resource."},
+        {1312,
+         L"ERROR_NO_SUCH_LOGON_SESSION: <\\\\10.0.0.1\\media> A specified logon session does not"
+         L" exist. It may already have been terminated."},
+        {1326,
+         L"ERROR_LOGON_FAILURE: A logon failure because of an unknown user name or a bad password."},
+        {2202,
+         L"ERROR_BAD_USERNAME: The specified user name is not valid.  Userid: BlackBerry"},
+        {1208,
+         L"ERROR_EXTENDED_ERROR: A network - specific error occurred.  Call to WNetGetLastError"
+         L" returned: Error: bad password at the deviceProvider Name: Emulated Network"},
+        {1231,
+         L"Use FormatMessage to obtain the message string for the returned error."},
+        {2,
+         L"Use FormatMessage to obtain the message string for the returned error."},
+        {0,
+         L"NO ERROR"},
+    };
+    CDorWEXBlackBerry access;
+    access.m_wstringShareName = name;
+    for (const auto& c : cases) {
+        wnet.Answer({c.code});
+        TraceCapture trace(1);
+        EXPECT_EQ(access.ConnectToDevice(name.c_str(), L"user", L"secret"), c.code);
+        std::vector<std::wstring> expected = {L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 " +
+                                              std::to_wstring(c.code) + L" " + c.text + L"\r\n"};
+        if (c.code == NO_ERROR) {
+            expected.push_back(L"CDorWEXBlackBerry::ConnectToDevice, SetEvent(m_HANDLEEventConnected)\r\n");
+        }
+        EXPECT_EQ(trace.Lines(), expected) << c.code;
+        EXPECT_EQ(access.m_longConnected, c.code == NO_ERROR ? 1 : 0) << c.code;
+    }
+    ASSERT_EQ(access.m_longConnected, 1) << "the last connect succeeded";
+    // The disconnect form, while connected: a failed cancel leaves the connection as it was.
+    for (const auto& c : cases) {
+        wnet.AnswerCancels({c.code});
+        TraceCapture trace(1);
+        access.DisconnectFromDevice();
+        const std::vector<std::wstring> expected = {
+            L"CDorWEXBlackBerry::DisconnectFromDevice enter.\r\n",
+            L"CDorWEXBlackBerry::DisconnectFromDevice, WNetCancelConnection2 " + std::to_wstring(c.code) + L" " +
+                c.text + L"\r\n"};
+        EXPECT_EQ(trace.Lines(), expected) << c.code;
+        EXPECT_EQ(access.m_longConnected, c.code == NO_ERROR ? 0 : 1) << c.code;
+    }
+    TraceCapture trace(1);
+    access.DisconnectFromDevice();
+    EXPECT_EQ(trace.Lines(), std::vector<std::wstring>{L"CDorWEXBlackBerry::DisconnectFromDevice enter.\r\n"})
+        << "no longer connected: nothing to cancel";
 }
 
 TEST(BlackBerryMonitoring, ListKeyedByShareName) {

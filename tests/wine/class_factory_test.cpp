@@ -270,4 +270,88 @@ TEST(ProviderObject, EventQueriesAndEventsWithoutConsumers) {
     EXPECT_EQ(queries->Release(), 0u);
 }
 
+// Above level 1 each interface the provider answers is named in its own line, after the reference the answer
+// added; IWbemPropertyProvider is answered with the initialisation table.
+TEST(ProviderObject, EachAnsweredInterfaceIsNamedAboveLevelOne) {
+    IUnknown* provider = CreateProviderObject<IUnknown>();
+    ASSERT_NE(provider, nullptr);
+    const struct {
+        const IID* iid;
+        const wchar_t* line;
+    } cases[] = {
+        {&IID_IWbemServices, L"CDorWEXWPDWMI::QueryInterface, IID_IWbemServices\r\n"},
+        {&IID_IWbemPropertyProvider, L"CDorWEXWPDWMI::QueryInterface, IID_IWbemPropertyProvider\r\n"},
+        {&IID_IWbemEventProvider, L"CDorWEXWPDWMI::QueryInterface, IID_IWbemEventProvider\r\n"},
+        {&IID_IWbemEventProviderQuerySink, L"CDorWEXWPDWMI::QueryInterface, IID_IWbemEventProviderQuerySink\r\n"},
+        {&IID_IWbemProviderInit, L"CDorWEXWPDWMI::QueryInterface, IID_IWbemProviderInit\r\n"},
+        {&IID_IUnknown, L"CDorWEXWPDWMI::QueryInterface, IID_IUnknown\r\n"},
+    };
+    IUnknown* initTable = As<IWbemProviderInit>(provider);
+    ASSERT_NE(initTable, nullptr);
+    initTable->Release();
+    for (const auto& c : cases) {
+        TraceCapture trace(2);
+        IUnknown* answer = nullptr;
+        ASSERT_EQ(provider->QueryInterface(*c.iid, reinterpret_cast<void**>(&answer)), S_OK) << c.line;
+        const std::vector<std::wstring> expected = {L"CDorWEXWPDWMI::AddRef, 2\r\n", c.line};
+        EXPECT_EQ(trace.Lines(), expected);
+        if (c.iid == &IID_IWbemPropertyProvider) {
+            EXPECT_EQ(answer, initTable) << "the initialisation table";
+        }
+        answer->Release();
+    }
+    {
+        TraceCapture trace(2);
+        void* none = nullptr;
+        EXPECT_EQ(provider->QueryInterface(IID_IWbemEventConsumerProvider, &none), E_NOINTERFACE);
+        EXPECT_EQ(trace.Lines(), std::vector<std::wstring>{L"CDorWEXWPDWMI::QueryInterface, E_NOINTERFACE\r\n"});
+    }
+    EXPECT_EQ(provider->Release(), 0u);
+}
+
+// The instance operations without an instance, a path or WMI's services, and the consumer lookup: each
+// names itself, then the internal operation it hands the call to.
+TEST(ProviderObject, InstanceOperationsNameThemselvesThenTheirWork) {
+    IWbemServices* services = CreateProviderObject<IWbemServices>();
+    ASSERT_NE(services, nullptr);
+    auto* provider = static_cast<CDorWEXWPDWMI*>(services);
+    const std::vector<std::wstring> put = {L"CDorWEXWPDWMI::PutInstance\r\n", L"CDorWEXWPDWMI::PutWPDInstance\r\n"};
+    const std::vector<std::wstring> putAsync = {L"CDorWEXWPDWMI::PutInstanceAsync\r\n",
+                                                L"CDorWEXWPDWMI::PutWPDInstance\r\n"};
+    const std::vector<std::wstring> remove = {L"CDorWEXWPDWMI::DeleteInstance enter.\r\n",
+                                              L"CDorWEXWPDWMI::DeleteWPDInstance enter.\r\n",
+                                              L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD enter.\r\n"};
+    const std::vector<std::wstring> removeAsync = {L"CDorWEXWPDWMI::DeleteInstanceAsync enter.\r\n",
+                                                   L"CDorWEXWPDWMI::DeleteWPDInstance enter.\r\n",
+                                                   L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD enter.\r\n"};
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(services->PutInstance(nullptr, 0, nullptr, nullptr), S_OK);
+        EXPECT_EQ(trace.Lines(), put);
+    }
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(services->PutInstanceAsync(nullptr, 0, nullptr, nullptr), S_OK);
+        EXPECT_EQ(trace.Lines(), putAsync);
+    }
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(services->DeleteInstance(nullptr, 0, nullptr, nullptr), E_FAIL);
+        EXPECT_EQ(trace.Lines(), remove);
+    }
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(services->DeleteInstanceAsync(nullptr, 0, nullptr, nullptr), E_FAIL);
+        EXPECT_EQ(trace.Lines(), removeAsync);
+    }
+    {
+        TraceCapture trace(1);
+        IWbemUnboundObjectSink* consumer = reinterpret_cast<IWbemUnboundObjectSink*>(0x1234);
+        EXPECT_EQ(static_cast<IWbemEventConsumerProvider*>(provider)->FindConsumer(nullptr, &consumer), S_OK);
+        EXPECT_EQ(consumer, reinterpret_cast<IWbemUnboundObjectSink*>(0x1234)) << "the out pointer is left alone";
+        EXPECT_EQ(trace.Lines(), std::vector<std::wstring>{L"CDorWEXWPDWMI::FindConsumer\r\n"});
+    }
+    EXPECT_EQ(services->Release(), 0u);
+}
+
 }  // namespace

@@ -160,6 +160,7 @@ TEST(NamedPipe, AnotherProcessWritesWhileAClientHereIsConnected) {
 }
 
 TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
+    TraceCapture trace(1);
     Server<RecordingPipe> server(kTestPipe);
     HANDLE client = OpenPipeClient(kTestPipe);
     ASSERT_NE(client, INVALID_HANDLE_VALUE);
@@ -167,6 +168,8 @@ TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
     // The server drops the connection without handing anything on.
     EXPECT_TRUE(WaitUntil([&] { return !SendText(client, L"after"); }));
     EXPECT_EQ(server.pipe.Count(), 0u);
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDNamedPipeBase::DisconnectAndReconnect: entered..."), 1u)
+        << "the instance is disconnected and waits for the next client";
     CloseHandle(client);
 
     // 8192 bytes of text without a terminator: read whole, not a character beyond.

@@ -5,6 +5,9 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "monitor/companion_processors.h"
 #include "monitor/thread_base.h"
@@ -12,6 +15,7 @@
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
 #include "support/wait_until.h"
 #include "wmi/module.h"
 
@@ -299,6 +303,177 @@ TEST(WPDEventsProcessor, ImmediateStopLeavesNoWorker) {
         EXPECT_FALSE(processor.IsRunning());
     }
     EXPECT_TRUE(WaitUntil([] { return g_longWPDEventsThreadIsRunning == 0; }));
+}
+
+// Each line in the order given, each written once (lines of one thread, so their order is fixed).
+void ExpectOnceEachInOrder(const TraceCapture& trace, const std::vector<std::wstring>& lines, const char* thread) {
+    long previous = -1;
+    for (const auto& line : lines) {
+        const long index = trace.IndexOf(line);
+        EXPECT_GT(index, previous) << thread << ": " << std::string(line.begin(), line.end());
+        EXPECT_EQ(trace.Count(line), 1u) << thread << ": " << std::string(line.begin(), line.end());
+        previous = index;
+    }
+}
+
+// A WPD processor started and stopped: what each of the four threads involved writes, in its order.
+TEST(WPDEventsProcessor, StartAndStopTraceEachThreadsSteps) {
+    TraceCapture trace(1);
+    {
+        CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        ASSERT_TRUE(WaitUntil([&] {
+            return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...");
+        }));
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        EXPECT_FALSE(processor.IsRunning());
+    }
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase", L"CDorWEXWMIThreadBase::ManageThread, START",
+                           L"CDorWEXWMIThreadBase::Start: TheMonitorThreadForThreadWPD",
+                           L"CDorWEXWMIThreadBase::ManageThread, STOP",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_CLOSE",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_DESTROY",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, "
+                           L"waiting for child thread to terminate...",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, "
+                           L"child thread is terminated!!!!",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor exiting",
+                           L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase"},
+                          "caller");
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - enter",
+                           L"CDorWEXWMIThreadBase::StartThread.",
+                           L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - handle 1 posted "
+                           L"- we are programmatically terminating.",
+                           L"CDorWEXWMIThreadBase::TheMonitorThread2 (TheMonitorThreadForThreadWPD) - exiting."},
+                          "monitor");
+    ExpectOnceEachInOrder(trace,
+                          {L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor",
+                           L"CDorWEXWMIWPDEventsListener::CDorWEXWMIWPDEventsListener",
+                           L"CDorWEXWMIWPDEventsListener::CreateWindowForListening",
+                           L"CDorWEXWMIWPDEventsListener::ListenForWPDEvents enter.",
+                           L"CDorWEXWMIWPDEventsListener::RegisterWithOSToReceiveWPDEvents",
+                           L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...",
+                           L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE",
+                           L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_DESTROY",
+                           L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening exiting...",
+                           L"CDorWEXWMIWPDEventsListener::ListenForWPDEvents exit.",
+                           L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down..."},
+                          "worker");
+}
+
+// The window belongs to the worker's thread: when the stop comes to destroy it while the worker is still
+// handling the posted WM_CLOSE, the destruction from the stopping thread fails and is traced with the
+// system's error and its text; the worker's own WM_CLOSE then destroys it.
+TEST(WPDEventsProcessor, WindowStillThereWhenTheStopDestroysItIsTracedAsAFailure) {
+    CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+    TraceCapture trace(1);
+    processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered...");
+    }));
+    const std::wstring failure = L"CDorWEXWMIWPDEventsListener::DestroyWindowForListening, DestroyWindow FAILED ";
+    {
+        TraceGate gate(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE");
+        std::thread stopper([&] { processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP); });
+        EXPECT_TRUE(gate.WaitHeld()) << "the worker took the posted WM_CLOSE";
+        EXPECT_TRUE(WaitUntil([&] { return !trace.StartingWith(failure).empty(); }));
+        gate.Release();
+        stopper.join();
+    }
+    EXPECT_FALSE(processor.IsRunning());
+    wchar_t* text = nullptr;
+    ASSERT_NE(FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                             nullptr, ERROR_ACCESS_DENIED, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr),
+              0u);
+    std::wstring message = text;
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    EXPECT_EQ(trace.StartingWith(failure), std::vector<std::wstring>{failure + L"5: " + message + L"."});
+    EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
+}
+
+// The Apple and BlackBerry processors started and stopped: each thread's lines in order, the pipe server's
+// set-up and close included. The Apple stop's first line is written only by a WPD processor, so never.
+TEST(CompanionProcessors, StartAndStopTraceEachThreadsSteps) {
+    CDorWEXWMIWPDCore core;
+    const std::wstring pipeBase = L"CDorWEXWMIWPDNamedPipeBase::";
+    const std::vector<std::wstring> pipeSetUp = {
+        pipeBase + L"GetInternalProcessOwnerSID, succeeded.", pipeBase + L"GetExternalProcessOwnerSID, succeeded.",
+        pipeBase + L"CreateSecurityDescriptor, succeeded."};
+    const std::vector<std::wstring> pipeLoop = {pipeBase + L"ProcessPipe: entered...",
+                                                pipeBase + L"ProcessPipe, request to stop received...",
+                                                pipeBase + L"ClosePipe: entered...", pipeBase + L"ClosePipe: exit."};
+    const struct {
+        const char* name;
+        std::function<std::unique_ptr<CDorWEXWMIThreadBase>()> make;
+        std::wstring thread;
+        std::wstring pipe;
+        std::wstring stop;
+        bool stopNamesItself;
+        std::vector<std::wstring> workerBefore;
+        std::vector<std::wstring> workerAfter;
+    } cases[] = {
+        {"Apple", [&] { return std::make_unique<CDorWEXWMIThreadAppleEventsProcessor>(&core); },
+         L"TheMonitorThreadForThreadApple", L"\\\\.\\pipe\\dorWEXApplePipe",
+         L"CDorWEXWMIThreadAppleEventsProcessor::Stop: TheMonitorThreadForThreadAppleEventsProcessor", false,
+         {L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor",
+          L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents entered..."},
+         {L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...",
+          L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down..."}},
+        {"BlackBerry", [&] { return std::make_unique<CDorWEXWMIThreadBlackBerryEventsProcessor>(&core); },
+         L"TheMonitorThreadForThreadBlackBerry", L"\\\\.\\pipe\\dorWEX14BlackBerryPipe",
+         L"CDorWEXWMIThreadBlackBerryEventsProcessor::Stop: TheMonitorThreadForThreadBlackBerryEventsProcessor", true,
+         {L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents entered...",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe entered..."},
+         {L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEventsUsingNamedPipe exiting...",
+          L"CDorWEXWMIBlackBerryEventsListener::ListenForBlackBerryEvents exiting...",
+          L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor shutting down..."}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TraceCapture trace(1);
+        {
+            auto processor = c.make();
+            processor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+            ASSERT_TRUE(WaitUntil([&] { return trace.Has(pipeLoop[0]); }, 30000));
+            processor->ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        }
+        std::vector<std::wstring> caller = {L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase",
+                                            L"CDorWEXWMIThreadBase::ManageThread, START",
+                                            L"CDorWEXWMIThreadBase::Start: " + c.thread,
+                                            L"CDorWEXWMIThreadBase::ManageThread, STOP"};
+        if (c.stopNamesItself) {
+            caller.push_back(c.stop);
+        }
+        caller.push_back(c.stop + L", waiting for child thread to terminate...");
+        caller.push_back(c.stop + L", child thread is terminated!!!!");
+        caller.push_back(c.stop + L" exiting");
+        caller.push_back(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase");
+        ExpectOnceEachInOrder(trace, caller, "caller");
+        EXPECT_EQ(trace.Count(c.stop), c.stopNamesItself ? 1u : 0u);
+        ExpectOnceEachInOrder(trace,
+                              {L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread + L") - enter",
+                               L"CDorWEXWMIThreadBase::StartThread.",
+                               L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread +
+                                   L") - handle 1 posted - we are programmatically terminating.",
+                               L"CDorWEXWMIThreadBase::TheMonitorThread2 (" + c.thread + L") - exiting."},
+                              "monitor");
+        std::vector<std::wstring> worker = c.workerBefore;
+        worker.insert(worker.end(), pipeSetUp.begin(), pipeSetUp.end());
+        worker.push_back(pipeBase + L"SetupNamedPipe, for " + c.pipe + L" succeeded.");
+        worker.insert(worker.end(), pipeLoop.begin(), pipeLoop.end());
+        worker.insert(worker.end(), c.workerAfter.begin(), c.workerAfter.end());
+        ExpectOnceEachInOrder(trace, worker, "worker");
+        EXPECT_EQ(trace.Count(pipeBase + L"ConnectToNewClient: entered..."), 4u) << "one connect for each instance";
+        EXPECT_LT(trace.IndexOf(pipeBase + L"ConnectToNewClient: entered..."),
+                  trace.IndexOf(pipeBase + L"SetupNamedPipe, for " + c.pipe + L" succeeded."));
+    }
 }
 
 }  // namespace

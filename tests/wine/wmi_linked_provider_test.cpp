@@ -7,6 +7,11 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <algorithm>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
 #include "support/pnp_tree_double.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
@@ -185,6 +190,326 @@ TEST(WmiArrival, DeviceThatVanishesDuringItsStartUpIsRemovedByItsKey) {
     EXPECT_TRUE(WaitUntil([&] { return emulator.OpenSessions(Wide(id).c_str()) == 0; }));
     EXPECT_TRUE(WaitUntil([&] { return emulator.LiveObjects() <= objectsBefore; }))
         << "COM objects of the emulated stack left: " << emulator.LiveObjects() - objectsBefore;
+}
+
+// Lines of the capture that start with one of the prefixes, in order, without their line end.
+std::vector<std::wstring> LinesStartingWith(const TraceCapture& trace, std::initializer_list<const wchar_t*> prefixes) {
+    std::vector<std::wstring> kept;
+    for (const auto& line : trace.Lines()) {
+        for (const wchar_t* prefix : prefixes) {
+            if (line.compare(0, wcslen(prefix), prefix) == 0) {
+                kept.push_back(line.substr(0, line.size() - 2));
+                break;
+            }
+        }
+    }
+    return kept;
+}
+
+// A device plugged in and pulled out again: the monitor publishes it through WMI, WMI hands the put to the
+// provider, which takes the device into its collection; the removal deletes it by its key. Every step of both
+// sides is traced, in this order.
+TEST(WmiPublication, ArrivalAndRemovalTraceEveryStepInOrder) {
+    WpdEmulator emulator;
+    const std::string id = "\\\\?\\usb#vid_04e8&pid_6860#published#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    emulator.Attach(PhoneSpec(id, "SAMSUNG Electronics Co., Ltd.", "PUB1"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its monitor are running
+    ASSERT_FALSE(PublishedWithId(Wide(id)));
+
+    TraceCapture trace(1);
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context succeeded.\n");
+    }));
+    Notify(DBT_DEVICEREMOVECOMPLETE, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return !trace.StartingWith(L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, ").empty();
+    }));
+    // The key in the path is quoted with its backslashes escaped.
+    std::wstring quoted;
+    for (const wchar_t c : Wide(id)) {
+        quoted += c == L'\\' ? std::wstring(L"\\\\") : std::wstring(1, c);
+    }
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.",
+        L"CDorWEXWPDWMI::PutInstanceAsync",
+        L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device inserted into collection.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, enter.",
+        L"CDorWEXWPDWMI::DeleteInstanceAsync enter.",
+        L"CDorWEXWPDWMI::DeleteWPDInstance enter.",
+        L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent, DeleteInstance, Win32ext_WPD.strId=\"" + quoted +
+            L"\", HRESULT = 0x00000000.",
+    };
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent",
+                                        L"CDorWEXWMIThreadWPDEventsProcessor::OfflineEvent", L"CDorWEXWPDWMI::Put",
+                                        L"CDorWEXWPDWMI::Delete", L"CDorWEXWPDWMI::CreateWMIInstanceForWin32ext_WPD"}),
+              expected);
+    EXPECT_FALSE(PublishedWithId(Wide(id)));
+}
+
+// What the provider says to each put a client makes: only the provider's own token adds a device; the
+// internal id and the non-WPD token are accepted and change nothing; anything else is refused.
+TEST(WmiPublication, EachPutIsAnsweredAndTracedByWhatItCarries) {
+    WpdEmulator emulator;
+    emulator.Attach(PhoneSpec("usb#vid_0951&pid_1666#stick", "Kingston", "STICK1"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    ComPtr<IWbemClassObject> wpdClass;
+    ASSERT_EQ(services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr), S_OK);
+    const wchar_t* const noToken = nullptr;
+    const struct {
+        const char* what;
+        const wchar_t* id;  // null: no strId
+        const wchar_t* token;
+        bool context;
+        HRESULT result;
+        const wchar_t* line;
+    } cases[] = {
+        {"no context", L"usb#vid_04e8&pid_6860#client", noToken, false, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(2)."},
+        {"a context without the value", L"usb#vid_04e8&pid_6860#client", noToken, true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"a wrong token", L"usb#vid_04e8&pid_6860#client", L"73lun!QBX#ZPT", true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"the token in another case", L"usb#vid_04e8&pid_6860#client", L"73LUN!QBX#ZPT^", true, E_ACCESSDENIED,
+         L"CDorWEXWPDWMI::PutWPDInstance: E_ACCESSDENIED(1)."},
+        {"the non-WPD token", L"usb#vid_04e8&pid_6860#client", L"73lun!QBX#NONZPT^", true, S_OK,
+         L"CDorWEXWPDWMI::PutWPDInstance, g_bstr_tIWbemContext2Value."},
+        {"the internal id", L"_Internal", noToken, false, S_OK, L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == _INTERNAL."},
+        {"no id", nullptr, noToken, false, S_OK, L"CDorWEXWPDWMI::PutWPDInstance: l_pTCHARWPDId == NULL."},
+    };
+    for (const auto& c : cases) {
+        ComPtr<IWbemClassObject> instance;
+        ASSERT_EQ(wpdClass->SpawnInstance(0, &instance), S_OK);
+        if (c.id != nullptr) {
+            _variant_t id(c.id);
+            instance->Put(L"strId", 0, &id, 0);
+        }
+        ComPtr<IWbemContext> context;
+        if (c.context) {
+            ASSERT_EQ(CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context)), S_OK);
+            if (c.token != nullptr) {
+                _variant_t token(c.token);
+                context->SetValue(L"dorWEXWPDProp", 0, &token);
+            }
+        }
+        TraceCapture trace(1);
+        EXPECT_EQ(services->PutInstance(instance.Get(), 0, context.Get(), nullptr), c.result) << c.what;
+        const std::vector<std::wstring> expected = {L"CDorWEXWPDWMI::PutInstanceAsync", L"CDorWEXWPDWMI::PutWPDInstance",
+                                                    c.line};
+        EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::Put"}), expected) << c.what;
+    }
+    EXPECT_FALSE(PublishedWithId(L"usb#vid_04e8&pid_6860#client"));
+
+    // The provider's own token with a device the collection does not take: a USB storage stick.
+    ComPtr<IWbemClassObject> stick;
+    ASSERT_EQ(wpdClass->SpawnInstance(0, &stick), S_OK);
+    _variant_t stickId(L"usb#vid_0951&pid_1666#stick");
+    stick->Put(L"strId", 0, &stickId, 0);
+    ComPtr<IWbemContext> context;
+    ASSERT_EQ(CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context)), S_OK);
+    _variant_t token(L"73lun!QBX#ZPT^");
+    context->SetValue(L"dorWEXWPDProp", 0, &token);
+    TraceCapture trace(1);
+    EXPECT_EQ(services->PutInstance(stick.Get(), 0, context.Get(), nullptr), E_FAIL);
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDWMI::PutInstanceAsync", L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection."};
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::Put"}), expected);
+    EXPECT_FALSE(PublishedWithId(L"usb#vid_0951&pid_1666#stick"));
+}
+
+// A USB storage stick that shows up as a portable device: the monitor publishes it, the provider refuses it,
+// and the monitor traces the refused put with its code.
+TEST(WmiPublication, ADeviceTheProviderRefusesEndsInAFailedPut) {
+    WpdEmulator emulator;
+    const std::string id = "\\\\?\\usb#vid_0951&pid_1666#refused#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    emulator.Attach(PhoneSpec(id, "Kingston", "STICK2"));
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its monitor are running
+    TraceCapture trace(1);
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    ASSERT_TRUE(WaitUntil([&] {
+        return !trace.StartingWith(L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context").empty();
+    }));
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, enter.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, SpawnInstance succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, WPDInstance->Put strId succeeded.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, IWbemContext->SetValue succeeded.",
+        L"CDorWEXWPDWMI::PutInstanceAsync",
+        L"CDorWEXWPDWMI::PutWPDInstance",
+        L"CDorWEXWPDWMI::PutWPDInstance, GetValue succeeded.",
+        L"CDorWEXWPDWMI::PutWPDInstance, device NOT inserted into collection.",
+        L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent, PutInstance for WMI Context failed, HRESULT = 0x80004005.",
+    };
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWMIThreadWPDEventsProcessor::OnlineEvent", L"CDorWEXWPDWMI::Put"}),
+              expected);
+    EXPECT_FALSE(PublishedWithId(Wide(id)));
+}
+
+// Every method on a phone reached through WPD, as a client calls it: the dispatcher's lines, the outer and
+// inner handler's, then the device object's operation for a WPD device, each in its order.
+TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
+    WpdEmulator emulator;
+    const std::string id = "usb#vid_04e8&pid_6860#methods";
+    const EmulatedDeviceSpec spec = PhoneSpec(id, "SAMSUNG Electronics Co., Ltd.", "MTH1");
+    emulator.Attach(spec);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    emulator.WriteFile(storage + L"\\DCIM\\b.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\local";
+    CreateDirectoryW(local.c_str(), nullptr);
+    emulator.WriteFile(local + L"\\up.txt", "up");
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
+    // Added here unless the core found it attached when it started.
+    g_pCDorWEXWMIWPDCore->GetCollection()->AddWPD(Wide(id).c_str());
+    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->GetCollection()->FindWPDObjectById(Wide(id).c_str()));
+    const std::wstring device = Wide(id);
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+
+    std::wstring token;
+    {
+        TraceCapture trace(1);
+        const Outcome issued =
+            CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self);
+        ASSERT_EQ(issued.status, S_OK);
+        token = issued.returnValue;
+        const std::vector<std::wstring> expected = {
+            L"CDorWEXWPDWMI::ExecMethodAsync enter.",
+            L"CDorWEXWPDWMI::ExecMethodAsync RequestWriteToken.",
+            L"CDorWEXWPDWMI::MethodRequestWriteToken enter.",
+            L"CDorWEXWPDWMI::MethodRequestWriteToken2 enter.",
+            L"CDorWEXWMIWPDCore::RequestWPDWriteToken enter.",
+            L"CDorWEXWMIWPDCore::RequestWPDWriteToken <" + token + L">.",
+        };
+        EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::ExecMethodAsync", L"CDorWEXWPDWMI::Method",
+                                            L"CDorWEXWMIWPDCore::RequestWPDWriteToken"}),
+                  expected);
+    }
+
+    const struct {
+        const wchar_t* method;
+        Parameters parameters;
+        const wchar_t* returnValue;  // null: not compared
+        std::vector<std::wstring> handlers;
+        std::vector<std::wstring> device;
+    } cases[] = {
+        {L"GetProperty",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\a.jpg")}, {L"strPropertyName", _variant_t(L"ObjectId")},
+          {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         nullptr,
+         {L"CDorWEXWPDWMI::MethodGetProperty enter.", L"CDorWEXWPDWMI::MethodGetProperty2 enter."},
+         {}},
+        {L"CopyFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\a.jpg")},
+          {L"strLocalFileName", _variant_t((local + L"\\a.jpg").c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCopyFileFromDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileFromDevice2 enter."},
+         {L"CDorWEXWPDObject::CopyFileFromDevice enter.", L"CDorWEXWPDObject::CopyFileFromDevice1 enter."}},
+        {L"EnumerateDevicePath",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strObjectDeviceId", _variant_t(device.c_str())},
+          {L"uint32ContentType", _variant_t(0L, VT_I4)}},
+         nullptr,
+         {L"CDorWEXWPDWMI::MethodEnumerateDevicePath enter.", L"CDorWEXWPDWMI::MethodEnumerateDevicePath2 enter."},
+         {L"CDorWEXWPDObject::EnumerateDevicePath enter.", L"CDorWEXWPDObject::EnumerateDevicePath1 enter."}},
+        {L"CreateFolderOnDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strNewFolderName", _variant_t(L"New")},
+          {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCreateFolderOnDevice enter.", L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2 enter."},
+         {L"CDorWEXWPDObject::CreateFolderOnDevice enter.", L"CDorWEXWPDObject::CreateFolderOnDevice1 enter."}},
+        {L"DeleteFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.jpg")}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodDeleteFileFromDevice enter.", L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2 enter."},
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice1 enter.",
+          L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete succeeded, HRESULT=0x00000000.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Phone\\DCIM\\b.jpg=TRUE"}},
+        {L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strFileToCopy", _variant_t((local + L"\\up.txt").c_str())},
+          {L"strWriteToken", _variant_t(token.c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
+         L"1",
+         {L"CDorWEXWPDWMI::MethodCopyFileToDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileToDevice2 enter."},
+         {L"CDorWEXWPDObject::CopyFileToDevice enter.", L"CDorWEXWPDObject::CopyFileToDevice1 enter."}},
+    };
+    for (const auto& c : cases) {
+        const std::string what(c.method, c.method + wcslen(c.method));
+        TraceCapture trace(1);
+        const Outcome outcome = CallMethod(c.method, c.parameters, self);
+        EXPECT_EQ(outcome.status, S_OK) << what;
+        if (c.returnValue != nullptr) {
+            EXPECT_EQ(outcome.returnValue, c.returnValue) << what;
+        }
+        std::vector<std::wstring> handlers = {L"CDorWEXWPDWMI::ExecMethodAsync enter.",
+                                              L"CDorWEXWPDWMI::ExecMethodAsync " + std::wstring(c.method) + L"."};
+        handlers.insert(handlers.end(), c.handlers.begin(), c.handlers.end());
+        std::vector<std::wstring> provider;
+        // (The device's content events reach the provider meanwhile, on other threads.)
+        for (const auto& line : LinesStartingWith(trace, {L"CDorWEXWPDWMI::ExecMethodAsync", L"CDorWEXWPDWMI::Method"})) {
+            if (line.find(L", CoImpersonateClient ") == std::wstring::npos) {
+                provider.push_back(line);
+            }
+        }
+        EXPECT_EQ(provider, handlers) << what;
+        // The device object's lines, in order, among its others.
+        const auto lines = LinesStartingWith(trace, {L"CDorWEXWPDObject::"});
+        auto at = lines.begin();
+        for (const auto& line : c.device) {
+            at = std::find(at, lines.end(), line);
+            EXPECT_NE(at, lines.end()) << what << ": " << std::string(line.begin(), line.end());
+            if (at == lines.end()) {
+                break;
+            }
+        }
+    }
+
+    // A device the lookup cannot find: no device operation, the lookup's line and "Device not found".
+    TraceCapture trace(1);
+    const Outcome missing = CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Nowhere\\DCIM")},
+                                                                {L"strObjectDeviceId", _variant_t(L"usb#nobody")},
+                                                                {L"uint32ContentType", _variant_t(0L, VT_I4)}});
+    EXPECT_EQ(missing.status, E_FAIL);
+    EXPECT_EQ(missing.description, L"Device not found");
+    EXPECT_TRUE(LinesStartingWith(trace, {L"CDorWEXWPDObject::EnumerateDevicePath"}).empty());
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=usb#nobody, "
+                          L"ObjectStoragePath=Nowhere\\DCIM\n"));
+    g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(Wide(id).c_str());
+}
+
+// WMI releases the provider's objects and later makes a new one: the new object re-attaches to the core
+// that still runs, which it says, and no second core is made.
+TEST(WmiProviderObjects, ANewProviderObjectReattachesToTheRunningCore) {
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    CDorWEXWMIWPDCore* const core = g_pCDorWEXWMIWPDCore;
+    ASSERT_NE(core, nullptr);
+    using UnloadProvider = HRESULT(WINAPI*)(BOOL*);
+    const auto unload = reinterpret_cast<UnloadProvider>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"dorwex_wmi_emulator.dll"), "DorwexWmiUnloadProvider")));
+    ASSERT_NE(unload, nullptr);
+    ASSERT_EQ(unload(nullptr), S_OK);
+    TraceCapture trace(1);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
+    EXPECT_EQ(g_pCDorWEXWMIWPDCore, core);
+    EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::Initialize", L"CDorWEXWMIWPDCore::"}),
+              (std::vector<std::wstring>{L"CDorWEXWPDWMI::Initialize", L"CDorWEXWMIWPDCore::ReInitialize"}));
 }
 
 }  // namespace

@@ -210,6 +210,9 @@ TEST_F(Collection, FirstAppleAndBlackBerryStartTheirProcessorsAndTheLastStopsThe
     ASSERT_NE(core->GetAppleEventsProcessor(), nullptr);
     EXPECT_TRUE(core->GetAppleEventsProcessor()->IsRunning());
     EXPECT_EQ(trace.Count(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring..."), 1u);
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::StartAppleMonitoring"), 1u);
+    EXPECT_LT(trace.IndexOf(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring..."),
+              trace.IndexOf(L"CDorWEXWMIWPDCore::StartAppleMonitoring"));
     ASSERT_EQ(devices.AddWPD(L"usb#iphone2"), S_OK);
     EXPECT_EQ(trace.Count(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting apple monitoring..."), 1u);
     EXPECT_EQ(devices.GetAppleCount(), 2);
@@ -218,6 +221,10 @@ TEST_F(Collection, FirstAppleAndBlackBerryStartTheirProcessorsAndTheLastStopsThe
     EXPECT_TRUE(core->HasBlackBerryMonitoring());
     EXPECT_EQ(devices.GetBlackBerryCount(), 1);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadBase::Start: TheMonitorThreadForThreadBlackBerry\n"));
+    EXPECT_EQ(trace.Count(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring..."), 1u);
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIWPDCore::StartBlackBerryMonitoring"), 1u);
+    EXPECT_LT(trace.IndexOf(L"CDorWEXWPDCollection::SetDeviceTypeCounter, starting blackberry monitoring..."),
+              trace.IndexOf(L"CDorWEXWMIWPDCore::StartBlackBerryMonitoring"));
 
     devices.RemoveWPD(L"usb#iphone1");
     EXPECT_TRUE(core->HasAppleMonitoring()) << "one Apple device is left";

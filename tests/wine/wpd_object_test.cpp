@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include "device/wpd_object.h"
+#include "monitor/wpd_collection.h"
+#include "monitor/wpd_core.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
@@ -80,6 +83,94 @@ TEST_F(DeviceObject, OpensWithTheProviderClientInformationAndReadsTheIdentity) {
     EXPECT_EQ(emulator.OpenSessions(L"usb#vid_04e8#r58m"), 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::Terminate"));
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectEvents::~CDorWEXWPDObjectEvents"));
+}
+
+// A phone that reports every identity property: InitializeWPD's lines, exactly and in order, from the
+// constructor to the result (the Plug and Play view's own lines aside).
+TEST_F(DeviceObject, InitializationTracesEveryStepInOrder) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#every", "SAMSUNG Electronics Co., Ltd.", "EVR1", 2);
+    spec.categories = "storage, audio_capture, rendering_information";
+    spec.deviceLines.push_back("WPD_DEVICE_SYNC_PARTNER = Desk");
+    spec.deviceLines.push_back("WPD_DEVICE_FIRMWARE_VERSION = 1.2.3");
+    spec.deviceLines.push_back("WPD_DEVICE_POWER_SOURCE = 1");
+    spec.deviceLines.push_back("WPD_DEVICE_PROTOCOL = MTP: 1.10");
+    spec.deviceLines.push_back("WPD_DEVICE_MANUFACTURER = Samsung");
+    spec.deviceLines.push_back("WPD_DEVICE_FRIENDLY_NAME = Galaxy");
+    emulator.Attach(spec);
+    TraceCapture trace(1);
+    {
+        CDorWEXWPDObject device(nullptr);
+        EXPECT_EQ(device.InitializeWPD(L"usb#vid_04e8#every"), S_OK);
+        device.Terminate();
+    }
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDObject::CDorWEXWPDObject",
+        L"CDorWEXWPDObject::InitializeWPD enter.",
+        L"CDorWEXWPDObject::InitializeWPD called for usb#vid_04e8#every.",
+        L"CDorWEXWPDObject::CreatePortableDeviceManager, 0",
+        L"CDorWEXWPDObject::CreatePortableDevice 1, 0",
+        L"CDorWEXWPDObject::GetManufacturer entered\n.",
+        L"CDorWEXWPDObject::GetManufacturer got <SAMSUNG Electronics Co., Ltd.>\n.",
+        L"CDorWEXWPDObject::GetManufacturer is ANDROID.",
+        L"CDorWEXWPDObject::GetManufacturer, 0: SAMSUNG Electronics Co., Ltd..",
+        L"CDorWEXWPDObject::GetFriendlyName, 0: Phone of usb#vid_04e8#every.",
+        L"CDorWEXWPDObject::GetDescription, 0: SAMSUNG Electronics Co., Ltd..",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties.Count: 11.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[0]="
+        L"{EF6B490D-5CD8-437A-AFFC-DA8B60EE4A3C},2.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[1]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},2.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[2]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},3.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[3]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},4.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[4]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},5.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[5]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},6.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[6]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},7.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[7]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},8.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[8]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},9.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[9]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},12.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, l_IPortableDeviceProperties[10]="
+        L"{26D4979A-E643-4626-9E2B-736DC0C92FDC},16.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_OBJECT_ID=DEVICE.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_SYNC_PARTNER=Desk.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_FIRMWARE_VERSION=1.2.3.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_POWER_LEVEL=80.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_POWER_SOURCE=1.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_PROTOCOL=MTP: 1.10.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_MANUFACTURER=Samsung.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_MODEL=Model-EVR1.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_SERIAL_NUMBER=EVR1.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_FRIENDLY_NAME=Galaxy.",
+        L"CDorWEXWPDObject::GetAdditionalProperties, WPD_DEVICE_NETWORK_IDENTIFIER=18446744073709551615.",
+        L"CDorWEXWPDObjectEvents::Register",
+        L"CDorWEXWPDObjectEvents::AddRef, 2",
+        L"CDorWEXWPDObject::GetFunctionalCategories: Functional Categories Found on the device",
+        L"CDorWEXWPDObject::GetFunctionalCategories: WPD_FUNCTIONAL_CATEGORY_STORAGE",
+        L"CDorWEXWPDObject::GetFunctionalCategories: WPD_FUNCTIONAL_CATEGORY_AUDIO_CAPTURE",
+        L"CDorWEXWPDObject::GetFunctionalCategories: WPD_FUNCTIONAL_CATEGORY_RENDERING_INFORMATION",
+        L"CDorWEXWPDObject::InitializeWPD, 0",
+        L"CDorWEXWPDObject::Terminate",
+        L"CDorWEXWPDObjectEvents::UnRegister",
+        L"CDorWEXWPDObjectEvents::Release, 1",
+        L"CDorWEXWPDObjectEvents::Release, 0",
+        L"CDorWEXWPDObjectEvents::~CDorWEXWPDObjectEvents",
+        L"CDorWEXWPDObject::~CDorWEXWPDObject",
+    };
+    std::vector<std::wstring> lines;
+    for (const auto& line : trace.Lines()) {
+        if (line.compare(0, 18, L"CDorWEXWPDObject::") == 0 || line.compare(0, 2, L"! ") == 0 ||
+            line.compare(0, 24, L"CDorWEXWPDObjectEvents::") == 0) {
+            lines.push_back(line.substr(0, line.size() - 2));
+        }
+    }
+    EXPECT_EQ(lines, expected);
 }
 
 TEST_F(DeviceObject, NullIdDoesNothing) {
@@ -274,6 +365,68 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
 
 // A delete the device answers with S_FALSE deleted nothing (the device keeps a storage): a failure, not
 // a success.
+// The deletion's own checks: both texts are required, the device id must be this device's (in any case), and
+// an object without an id of its own (a placeholder) passes the request on to the device of that id, once.
+TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce) {
+    const EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#deleting", "SAMSUNG", "DEL1");
+    emulator.Attach(spec);
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    for (const wchar_t* name : {L"\\a.jpg", L"\\b.jpg"}) {
+        emulator.WriteFile(storage + name, "jpeg");
+    }
+    std::unique_ptr<CDorWEXWMIWPDCore> core;
+    {
+        TraceCapture trace(1);
+        core = std::make_unique<CDorWEXWMIWPDCore>();
+        EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWMIWPDCore::CDorWEXWMIWPDCore\r\n",
+                                                            L"CDorWEXWPDCollection::CDorWEXWPDCollection\r\n"}));
+    }
+    ASSERT_EQ(core->GetCollection()->AddWPD(L"usb#vid_04e8#deleting"), S_OK);
+    const auto device = core->GetCollection()->FindWPDObjectById(L"usb#vid_04e8#deleting");
+    ASSERT_TRUE(device);
+    const std::wstring a = Text(device->GetStorageObjectProperty(L"Phone\\a.jpg", L"ObjectId"));
+    const std::wstring b = Text(device->GetStorageObjectProperty(L"Phone\\b.jpg", L"ObjectId"));
+    ASSERT_FALSE(a.empty());
+    ASSERT_FALSE(b.empty());
+    const std::wstring deleted = L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete succeeded, "
+                                 L"HRESULT=0x00000000.\r\n";
+    CDorWEXWPDObject placeholder(core.get());
+    const struct {
+        const char* what;
+        CDorWEXWPDObject* object;
+        const wchar_t* objectId;
+        const wchar_t* deviceId;
+        bool redirected;
+        HRESULT result;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"no object id", device.get(), nullptr, L"USB#VID_04E8#DELETING", false, E_FAIL,
+         {L"CDorWEXWPDObject::DeleteWPDObject, ERROR pTCHARObjectStoragePath_in == NULL\r\n"}},
+        {"no device id", device.get(), a.c_str(), nullptr, false, E_FAIL,
+         {L"CDorWEXWPDObject::DeleteWPDObject, ERROR pTCHARDeviceId_in == NULL\r\n"}},
+        {"another device's id", device.get(), a.c_str(), L"usb#vid_04e8#other", false, E_FAIL, {}},
+        {"a placeholder already passed on", &placeholder, a.c_str(), L"usb#vid_04e8#deleting", true, E_FAIL, {}},
+        {"a placeholder for no device", &placeholder, a.c_str(), L"usb#vid_04e8#other", false, E_FAIL, {}},
+        {"the id in another case", device.get(), a.c_str(), L"usb#VID_04E8#Deleting", false, S_OK, {deleted}},
+        {"a placeholder passes it on", &placeholder, b.c_str(), L"usb#vid_04e8#deleting", false, S_OK, {deleted}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(c.object->DeleteWPDObject(c.objectId, c.deviceId, c.redirected), c.result) << c.what;
+        // The deletion's lines (the device's removal events reach its callback meanwhile).
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.Lines()) {
+            if (line.compare(0, 34, L"CDorWEXWPDObject::DeleteWPDObject,") == 0) {
+                lines.push_back(line);
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+    }
+    EXPECT_EQ(GetFileAttributesW((storage + L"\\a.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesW((storage + L"\\b.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
+    core->GetCollection()->RemoveWPD(L"usb#vid_04e8#deleting");
+}
+
 TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
     emulator.Attach(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"));
     CDorWEXWPDObject device(nullptr);
