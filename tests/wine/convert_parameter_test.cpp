@@ -6,7 +6,7 @@
 
 #include "support/test_trace_sink.h"
 #include "wmi/method_dispatch.h"
-#include "wmi/trace.h"
+#include "common/trace.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "device/portable_device_api.h"
-#include "monitor/os_version.h"
+#include "device/os_version.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_events_processor.h"

@@ -378,8 +378,8 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
     Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
     ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
     // Added here unless the core found it attached when it started.
-    g_pCDorWEXWMIWPDCore->GetCollection()->AddWPD(Wide(id).c_str());
-    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->GetCollection()->FindWPDObjectById(Wide(id).c_str()));
+    g_pCDorWEXWMIWPDCore->Devices()->AddWPD(Wide(id).c_str());
+    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->Devices()->FindWPDObjectById(Wide(id).c_str()));
     const std::wstring device = Wide(id);
     const LONG self = static_cast<LONG>(GetCurrentProcessId());
 
@@ -489,7 +489,7 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
     EXPECT_TRUE(LinesStartingWith(trace, {L"CDorWEXWPDObject::EnumerateDevicePath"}).empty());
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=usb#nobody, "
                           L"ObjectStoragePath=Nowhere\\DCIM\n"));
-    g_pCDorWEXWMIWPDCore->GetCollection()->RemoveWPD(Wide(id).c_str());
+    g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(Wide(id).c_str());
 }
 
 // WMI releases the provider's objects and later makes a new one: the new object re-attaches to the core
@@ -498,7 +498,7 @@ TEST(WmiProviderObjects, ANewProviderObjectReattachesToTheRunningCore) {
     ComPtr<IWbemServices> services = Connect();
     ASSERT_TRUE(services);
     Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
-    CDorWEXWMIWPDCore* const core = g_pCDorWEXWMIWPDCore;
+    IDorWEXMonitor* const core = g_pCDorWEXWMIWPDCore;
     ASSERT_NE(core, nullptr);
     using UnloadProvider = HRESULT(WINAPI*)(BOOL*);
     const auto unload = reinterpret_cast<UnloadProvider>(

@@ -382,7 +382,8 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
                                                             L"CDorWEXWPDCollection::CDorWEXWPDCollection\r\n"}));
     }
     ASSERT_EQ(core->GetCollection()->AddWPD(L"usb#vid_04e8#deleting"), S_OK);
-    const auto device = core->GetCollection()->FindWPDObjectById(L"usb#vid_04e8#deleting");
+    const auto device =
+        std::dynamic_pointer_cast<CDorWEXWPDObject>(core->GetCollection()->FindWPDObjectById(L"usb#vid_04e8#deleting"));
     ASSERT_TRUE(device);
     const std::wstring a = Text(device->GetStorageObjectProperty(L"Phone\\a.jpg", L"ObjectId"));
     const std::wstring b = Text(device->GetStorageObjectProperty(L"Phone\\b.jpg", L"ObjectId"));
