@@ -426,6 +426,10 @@ TEST(BlackBerryMonitoring, ListKeyedByShareName) {
     upper.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
     TraceCapture trace(1);
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(nullptr), 0);
+    EXPECT_EQ(trace.Lines(),
+              (std::vector<std::wstring>{
+                  L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring entered...\r\n",
+                  L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: pCDorWEXWPDObject_in == NULL\r\n"}));
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(&unnamed), 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
                           L"pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0\n"));

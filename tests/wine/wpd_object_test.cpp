@@ -427,6 +427,32 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
     core->GetCollection()->RemoveWPD(L"usb#vid_04e8#deleting");
 }
 
+// A copy from a device whose reads fail ends at the first read, with its size and code; a copy onto an object
+// that holds no session ends with reason 1 before anything else is looked at.
+TEST_F(DeviceObject, FailedReadsAndAMissingSessionEndTheCopies) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#unreadable", "SAMSUNG", "RD1");
+    spec.faultLines = {"Read = 0x8007001F"};
+    emulator.Attach(spec);
+    emulator.WriteFile(emulator.StorageDirectory(spec, 0) + L"\\a.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\a.jpg";
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#unreadable"), S_OK);
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(device.CopyFileFromDevice(L"Phone\\a.jpg", local.c_str()), static_cast<HRESULT>(0x8007001F));
+        EXPECT_EQ(trace.StartingWith(L"! "),
+                  std::vector<std::wstring>{
+                      L"! Failed to read 262144 bytes from the source stream, l_HRESULT = 0x8007001f"});
+    }
+    device.Terminate();
+
+    CDorWEXWPDObject unopened(nullptr);
+    TraceCapture trace(1);
+    EXPECT_EQ(Text(unopened.CopyFileToDevice(L"Phone", local.c_str(), nullptr, 1)), L"No portable device object, reason=1");
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice enter.\r\n",
+                                                        L"CDorWEXWPDObject::CopyFileToDevice1 enter.\r\n"}));
+}
+
 TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
     emulator.Attach(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"));
     CDorWEXWPDObject device(nullptr);
