@@ -453,6 +453,38 @@ TEST_F(DeviceObject, FailedReadsAndAMissingSessionEndTheCopies) {
                                                         L"CDorWEXWPDObject::CopyFileToDevice1 enter.\r\n"}));
 }
 
+// The path of an object on the device, as content events carry it: the storage's name and the folders down to
+// the object, "DEVICE" for the device itself, "NULL" for no object; asked and answered in the trace.
+TEST_F(DeviceObject, TargetPathOfAnObjectIsTracedWithItsAnswer) {
+    const EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#paths", "SAMSUNG", "PTH1");
+    emulator.Attach(spec);
+    CreateDirectoryW((emulator.StorageDirectory(spec, 0) + L"\\DCIM").c_str(), nullptr);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#paths"), S_OK);
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(folder.empty());
+    const struct {
+        const wchar_t* id;
+        const wchar_t* path;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {folder.c_str(), L"Phone\\DCIM",
+         {L"CDorWEXWPDObject::GetObjectTargetPath " + folder + L"\r\n",
+          L"CDorWEXWPDObject::GetObjectTargetPath: " + folder + L" Phone\\DCIM\r\n"}},
+        {L"s10001", L"Phone",
+         {L"CDorWEXWPDObject::GetObjectTargetPath s10001\r\n", L"CDorWEXWPDObject::GetObjectTargetPath: s10001 Phone\r\n"}},
+        {L"DEVICE", L"DEVICE",
+         {L"CDorWEXWPDObject::GetObjectTargetPath DEVICE\r\n", L"CDorWEXWPDObject::GetObjectTargetPath: DEVICE DEVICE\r\n"}},
+        {nullptr, L"NULL", {L"CDorWEXWPDObject::GetObjectTargetPath NULL\r\n"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(Text(device.GetObjectTargetPath(c.id)), c.path);
+        EXPECT_EQ(trace.Lines(), c.lines);
+    }
+    device.Terminate();
+}
+
 TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
     emulator.Attach(PhoneSpec("usb#keeper", "SAMSUNG", "KEEP1"));
     CDorWEXWPDObject device(nullptr);
