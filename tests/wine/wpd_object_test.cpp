@@ -278,10 +278,19 @@ TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
     EXPECT_EQ(device.InitializeWPD(L"usb#busy"), S_OK) << "an Android device initialises even so";
     EXPECT_GE(GetTickCount() - start, 1900u) << "two pauses of 1000 ms between three attempts";
     EXPECT_EQ(emulator.CallCount(L"usb#busy", "GetFunctionalObjects"), 3u);
-    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
-                                 L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: ")
-                  .size(),
-              3u);
+    // Each attempt names the code with the system's text for it, or says there is none.
+    wchar_t* text = nullptr;
+    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                   0x800710D2, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    std::wstring message = text != nullptr ? text : L"could not get error message text";
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    const std::wstring attempt = L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
+                                 L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: " + message + L".";
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("),
+              (std::vector<std::wstring>{attempt, attempt, attempt}));
     EXPECT_EQ(device.Identity()->m_bstr_tDisk1Name.length(), 0u);
     device.Terminate();
 
