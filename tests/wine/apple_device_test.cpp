@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,45 @@ TEST_F(AppleDevice, WithoutItsCompanionTheCopiesRefuse) {
     EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileFromDevice enter.\r\n",
                                                         L"CDorWEXWPDObject::CopyFileFromDevice2 enter.\r\n"}));
     device.Terminate();
+}
+
+// Each operation on an Apple device names itself, then its Apple variant; a delete then tells its outcome, the
+// variant's line first.
+TEST_F(AppleDevice, EachOperationNamesItsAppleVariant) {
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    const struct {
+        const char* what;
+        std::function<void()> call;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"listing", [&] { device.EnumerateDevicePath(L"Internal Storage", 0); },
+         {L"CDorWEXWPDObject::EnumerateDevicePath enter.", L"CDorWEXWPDObject::EnumerateDevicePath2 enter."}},
+        {"new folder", [&] { device.CreateFolderOnDevice(L"Internal Storage\\DCIM", L"New"); },
+         {L"CDorWEXWPDObject::CreateFolderOnDevice enter.", L"CDorWEXWPDObject::CreateFolderOnDevice2 enter."}},
+        {"delete", [&] { device.DeleteFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", L"usb#vid_05ac&pid_12a8#apple"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice2 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\a.jpg=TRUE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Internal Storage\\DCIM\\a.jpg=TRUE"}},
+        {"delete again", [&] { device.DeleteFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", L"usb#vid_05ac&pid_12a8#apple"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice2 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\a.jpg=FALSE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Internal Storage\\DCIM\\a.jpg=FALSE"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        c.call();
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.StartingWith(L"CDorWEXWPDObject::")) {
+            if (line.find(L"GetAppleCOMObject") == std::wstring::npos) {
+                lines.push_back(line);
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+    }
+    EXPECT_NE(GetFileAttributesW((storage + L"\\DCIM\\New").c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
