@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -176,6 +177,45 @@ TEST_F(AppleDevice, WithoutItsCompanionTheCopiesRefuse) {
     device.Terminate();
 }
 
+// Each operation on an Apple device names itself, then its Apple variant; a delete then tells its outcome, the
+// variant's line first.
+TEST_F(AppleDevice, EachOperationNamesItsAppleVariant) {
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    CDorWEXWPDObject device(nullptr);
+    Open(device);
+    const struct {
+        const char* what;
+        std::function<void()> call;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"listing", [&] { device.EnumerateDevicePath(L"Internal Storage", 0); },
+         {L"CDorWEXWPDObject::EnumerateDevicePath enter.", L"CDorWEXWPDObject::EnumerateDevicePath2 enter."}},
+        {"new folder", [&] { device.CreateFolderOnDevice(L"Internal Storage\\DCIM", L"New"); },
+         {L"CDorWEXWPDObject::CreateFolderOnDevice enter.", L"CDorWEXWPDObject::CreateFolderOnDevice2 enter."}},
+        {"delete", [&] { device.DeleteFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", L"usb#vid_05ac&pid_12a8#apple"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice2 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\a.jpg=TRUE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Internal Storage\\DCIM\\a.jpg=TRUE"}},
+        {"delete again", [&] { device.DeleteFileFromDevice(L"Internal Storage\\DCIM\\a.jpg", L"usb#vid_05ac&pid_12a8#apple"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice2 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice2 Internal Storage\\DCIM\\a.jpg=FALSE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice Internal Storage\\DCIM\\a.jpg=FALSE"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        c.call();
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.StartingWith(L"CDorWEXWPDObject::")) {
+            if (line.find(L"GetAppleCOMObject") == std::wstring::npos) {
+                lines.push_back(line);
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+    }
+    EXPECT_NE(GetFileAttributesW((storage + L"\\DCIM\\New").c_str()), INVALID_FILE_ATTRIBUTES);
+}
+
 TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
     spec.faultLines = {"AppleCopyFileToDevice = 0x80070005", "AppleDeleteFileFromDevice = 0x80070005"};
     emulator.Attach(spec);
@@ -186,7 +226,17 @@ TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
     TraceCapture trace(1);
     EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), L"T", 1)), L"0");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 COM Error.\n"));
-    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::CopyFileToDevice2 0x80070005: ").size(), 1u);
+    wchar_t* text = nullptr;
+    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                   0x80070005, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    ASSERT_NE(text, nullptr);
+    std::wstring message = text;
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::CopyFileToDevice2 0x"),
+              std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice2 0x80070005: " + message + L"."});
     EXPECT_EQ(device.DeleteFileFromDevice(L"Internal Storage\\keep.txt", nullptr), 0);
     EXPECT_TRUE(Exists(storage + L"\\keep.txt"));
     // The WPD-level delete of an Apple object reports success whatever the companion did.

@@ -426,6 +426,10 @@ TEST(BlackBerryMonitoring, ListKeyedByShareName) {
     upper.m_pCDorWEXBlackBerry = std::make_unique<CDorWEXBlackBerry>();
     TraceCapture trace(1);
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(nullptr), 0);
+    EXPECT_EQ(trace.Lines(),
+              (std::vector<std::wstring>{
+                  L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring entered...\r\n",
+                  L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: pCDorWEXWPDObject_in == NULL\r\n"}));
     EXPECT_EQ(listener.AddBlackBerryToMonitoring(&unnamed), 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::AddBlackBerryToMonitoring, ERROR: "
                           L"pCDorWEXWPDObject_in->m_bstr_tDisk1Name.length() == 0\n"));
@@ -586,6 +590,49 @@ TEST_F(BlackBerryPipe, RemovalTerminatesThenLeavesMonitoringThenStopsThenDestroy
 
 // A copy off the device that the share refuses raises a COM error with the share's error object: what
 // failed and the system's reason. One whose wait for the share runs out is a plain failure.
+// Each operation on a BlackBerry names itself, then its BlackBerry variant; a delete then tells its outcome,
+// the variant's line first. The share access object does the work.
+TEST_F(BlackBerryPipe, EachOperationNamesItsBlackBerryVariant) {
+    const std::wstring folder = emulator.Directory() + L"\\bbshare";
+    CreateDirectoryW(folder.c_str(), nullptr);
+    emulator.WriteFile(folder + L"\\a.jpg", "jpeg");
+    emulator.WriteFile(emulator.Directory() + L"\\up.txt", "up");
+    ASSERT_EQ(device->m_pCDorWEXBlackBerry->ConnectToDevice(L"\\\\10.0.0.1\\media", L"bbuser", L"secret"), 0u);
+    const std::wstring copied = emulator.Directory() + L"\\a-copy.jpg";
+    const std::wstring upload = emulator.Directory() + L"\\up.txt";
+    const std::wstring file = folder + L"\\a.jpg";
+    const struct {
+        const char* what;
+        std::function<void()> call;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"listing", [&] { device->EnumerateDevicePath(folder.c_str(), 0); },
+         {L"CDorWEXWPDObject::EnumerateDevicePath enter.", L"CDorWEXWPDObject::EnumerateDevicePath3 enter."}},
+        {"copy from", [&] { device->CopyFileFromDevice(file.c_str(), copied.c_str()); },
+         {L"CDorWEXWPDObject::CopyFileFromDevice enter.", L"CDorWEXWPDObject::CopyFileFromDevice3 enter."}},
+        {"copy to", [&] { device->CopyFileToDevice(folder.c_str(), upload.c_str(), L"T", 1); },
+         {L"CDorWEXWPDObject::CopyFileToDevice enter.", L"CDorWEXWPDObject::CopyFileToDevice3 enter."}},
+        {"new folder", [&] { device->CreateFolderOnDevice(folder.c_str(), L"New"); },
+         {L"CDorWEXWPDObject::CreateFolderOnDevice enter.", L"CDorWEXWPDObject::CreateFolderOnDevice3 enter."}},
+        {"delete", [&] { device->DeleteFileFromDevice(file.c_str(), L"usb#vid_0fca&pid_8004#bb"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice3 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice3 " + file + L"=TRUE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice " + file + L"=TRUE"}},
+        {"delete again", [&] { device->DeleteFileFromDevice(file.c_str(), L"usb#vid_0fca&pid_8004#bb"); },
+         {L"CDorWEXWPDObject::DeleteFileFromDevice enter.", L"CDorWEXWPDObject::DeleteFileFromDevice3 enter.",
+          L"CDorWEXWPDObject::DeleteFileFromDevice3 " + file + L"=FALSE",
+          L"CDorWEXWPDObject::DeleteFileFromDevice " + file + L"=FALSE"}},
+    };
+    for (const auto& c : cases) {
+        trace.Clear();
+        c.call();
+        EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::"), c.lines) << c.what;
+    }
+    EXPECT_EQ(ReadAll(copied), "jpeg");
+    EXPECT_EQ(ReadAll(folder + L"\\up.txt"), "up");
+    EXPECT_NE(GetFileAttributesW((folder + L"\\New").c_str()), INVALID_FILE_ATTRIBUTES);
+}
+
 TEST_F(BlackBerryPipe, ShareCopyFailureIsRaisedWithItsErrorObject) {
     device->m_pCDorWEXBlackBerry->m_dwordConnectionWaitMs = 100;
     const std::wstring local = emulator.Directory() + L"\\copied.jpg";

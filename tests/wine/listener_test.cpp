@@ -123,6 +123,7 @@ TEST_F(Listener, StorageArrivalOnADeviceIsRecordedAsOneDiskMount) {
     EXPECT_EQ(callback->OnEvent(nullptr), E_POINTER);
     callback->OnEvent(parameters.Get());
     ASSERT_TRUE(WaitUntil([&] { return DiskMounts() == 1; }));
+    EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadWPDEventsProcessor::ProcessDiskMount, calling OnlineEvent"), 1u);
     callback->OnEvent(parameters.Get());
     ASSERT_TRUE(WaitUntil([&] {
         return trace.Has(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, removed previous entry.\n");
@@ -238,6 +239,35 @@ TEST_F(Listener, ArrivalAndDiskMountsTraceTheirStepsInOrder) {
     TraceCapture trace(1);
     EXPECT_EQ(SendMessageW(window, WM_USER + 5, 0, 0), 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, send message to default"));
+}
+
+// The callback answers for its two interfaces only, each answer naming itself first.
+TEST_F(Listener, EventCallbackAnswersForItsInterfaces) {
+    ComPtr<IPortableDeviceEventCallback> callback;
+    callback.Attach(new CDorWEXWPDObjectEvents(&core, nullptr));
+    // The count an answer raises the references to.
+    const ULONG raised = callback->AddRef();
+    callback->Release();
+    const struct {
+        const IID* iid;
+        HRESULT result;
+    } cases[] = {{&IID_IUnknown, S_OK}, {&IID_IPortableDeviceEventCallback, S_OK}, {&IID_IDispatch, E_NOINTERFACE}};
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        IUnknown* answer = nullptr;
+        EXPECT_EQ(callback->QueryInterface(*c.iid, reinterpret_cast<void**>(&answer)), c.result);
+        std::vector<std::wstring> expected = {L"CDorWEXWPDObjectEvents::QueryInterface\r\n"};
+        if (c.result == S_OK) {
+            EXPECT_EQ(answer, callback.Get());
+            answer->Release();
+            expected.push_back(L"CDorWEXWPDObjectEvents::AddRef, " + std::to_wstring(raised) + L"\r\n");
+            expected.push_back(L"CDorWEXWPDObjectEvents::Release, " + std::to_wstring(raised - 1) + L"\r\n");
+        }
+        EXPECT_EQ(trace.Lines(), expected);
+    }
+    TraceCapture trace(1);
+    EXPECT_EQ(callback->QueryInterface(IID_IUnknown, nullptr), E_INVALIDARG);
+    EXPECT_EQ(trace.Lines(), std::vector<std::wstring>{L"CDorWEXWPDObjectEvents::QueryInterface\r\n"});
 }
 
 // The kernel's version as the event callback reads it, for the life of the object.

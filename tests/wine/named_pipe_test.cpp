@@ -12,6 +12,7 @@
 
 #include "channels/apple_named_pipe.h"
 #include "channels/blackberry_named_pipe.h"
+#include "monitor/companion_processors.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/fake_devices.h"
@@ -408,6 +409,57 @@ TEST(CompanionChannels, BlackBerryCredentialsConnectTheNamedShareOncePerSet) {
     EXPECT_EQ(connects[1].password, L"other");
     EXPECT_EQ(devices.Lookups()[0].first, L"\\\\10.0.0.1\\media");
     EXPECT_EQ(devices.Lookups()[0].second, L"<null>");
+}
+
+// Another server holds the Apple pipe's name: the Apple worker cannot make its first instance, says so with
+// the system's code and text, gives up the set-up and ends (to be restarted later); the stop still ends it.
+TEST(ApplePipe, ANameAnotherServerHoldsFailsTheSetUp) {
+    HANDLE held = CreateNamedPipeW(kDorWEXApplePipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE,
+                                   1, 512, 512, 0, nullptr);
+    ASSERT_NE(held, INVALID_HANDLE_VALUE);
+    // What the system answers a second server of that name.
+    HANDLE second = CreateNamedPipeW(kDorWEXApplePipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                     PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 4, 8192, 8192, 0, nullptr);
+    ASSERT_EQ(second, INVALID_HANDLE_VALUE);
+    const DWORD refused = GetLastError();
+    wchar_t* text = nullptr;
+    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                   refused, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    std::wstring message = text != nullptr ? text : L"";
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    wchar_t code[16];
+    swprintf(code, 16, L"%x", static_cast<unsigned>(refused));
+
+    CDorWEXWMIWPDCore core;
+    TraceCapture trace(1);
+    {
+        CDorWEXWMIThreadAppleEventsProcessor processor(&core);
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        ASSERT_TRUE(WaitUntil([&] {
+            return trace.Has(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down...\n");
+        }));
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+    }
+    CloseHandle(held);
+    const std::wstring inOrder[] = {
+        L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, succeeded.",
+        L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, Instance=0, CreateNamedPipe failed " + std::wstring(code) + L": " +
+            message + L".",
+        L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, ERROR: for \\\\.\\pipe\\dorWEXApplePipe failed.",
+        L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents, ERROR: CDorWEXWMIAppleNamedPipe.Initialize failed.",
+        L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...",
+        L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down...",
+    };
+    long previous = -1;
+    for (const auto& line : inOrder) {
+        const long index = trace.IndexOf(line);
+        EXPECT_GT(index, previous) << std::string(line.begin(), line.end());
+        previous = index;
+    }
+    EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered...")) << "no loop without a pipe";
 }
 
 }  // namespace

@@ -114,6 +114,64 @@ TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
     EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice InstanceId2=<") +
                           kPhoneUSB + L">"));
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice USBHubPortNumber=3"));
+    // The whole view, in order: the notified node matched, the hub and port of the USB device, then what each
+    // entry holds.
+    const std::vector<std::wstring> expected = {
+        L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + Wide(kPhoneWPDId),
+        L"=============================================================",
+        L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + std::wstring(kPhoneFunction),
+        L"CDorWEXWPDObjectInWin32::SetDeviceInstanceIdUsingPnpAPI, "
+        L"Targeted device DevInst: 4, DeviceInstanceId: " + std::wstring(kPhoneFunction),
+        L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, "
+        L"Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for " + std::wstring(kPhoneUSB) + L" = 6.",
+        L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port 3",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"View, PDEV_BROADCAST_DEVICEINTERFACE->dbcc_name=<" + Wide(kPhoneWPDId) + L">",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Device Path=<" + Wide(kPhoneWPDId) + L">",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Type=<GUID_DEVINTERFACE_WPD>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification DeviceClassGUID=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"Entry0, Notification InstanceId0=<" + std::wstring(kPhoneFunction) + L">",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"Entry0, Notification SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-8>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_HARDWAREID=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_ENUMERATOR_NAME=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_LOCATION_PATHS=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_LOCATION_INFORMATION=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Device Drive Letter=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification DiskNumber=-1",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification USBHubPortNumber=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification TotalPortsOnHub=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification ActivePortsOnHub=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification NumberOfOpenPipes=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification NumberOfOutPipes=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification iManufacturer=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"Entry2, USBDevice Device Path=<\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{a5dcbf10}>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice Type=<GUID_DEVINTERFACE_USB_DEVICE>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice DeviceClassGUID=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice InstanceId2=<" + std::wstring(kPhoneUSB) + L">",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"Entry2, USBDevice SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-7>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_HARDWAREID=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_ENUMERATOR_NAME=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_LOCATION_PATHS=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, "
+        L"Entry2, USBDevice SPDRP_LOCATION_INFORMATION=<USB Composite Device (3)>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice Device Drive Letter=<>",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice DiskNumber=-1",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice USBHubPortNumber=3",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice TotalPortsOnHub=6",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice ActivePortsOnHub=1",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice NumberOfOpenPipes=3",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice NumberOfOutPipes=0",
+        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice iManufacturer=1",
+    };
+    std::vector<std::wstring> lines;
+    for (const auto& line : trace.Lines()) {
+        lines.push_back(line.substr(0, line.size() - 2));
+    }
+    EXPECT_EQ(lines, expected);
     EXPECT_EQ(pnp.OpenLists(), 0u);
     EXPECT_EQ(pnp.OpenHandles(), 0u);
 }

@@ -102,7 +102,11 @@ TEST_F(WmiEject, EjectsTheDeviceNotItsHubAndStopsPublishingIt) {
     EXPECT_EQ(vetoed.returnValue, L"0");
     EXPECT_EQ(Published(), 1u) << "a device that would not leave stays";
 
+    TraceCapture trace(1);
     const Outcome ejected = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(kPhoneNode)}});
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskId(2): DeviceOrDiskId=" +
+                          std::wstring(kPhoneNode) + L"\n"))
+        << "the device's node is the entry whose instance id is looked for";
     EXPECT_EQ(ejected.status, S_OK);
     EXPECT_EQ(ejected.returnValue, L"1") << "found through its node's instance id, ejected, stayed away";
     EXPECT_EQ(pnp.At(hub).ejectRequests, 0);
@@ -497,7 +501,17 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
 TEST(WmiProviderObjects, ANewProviderObjectReattachesToTheRunningCore) {
     ComPtr<IWbemServices> services = Connect();
     ASSERT_TRUE(services);
-    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    {
+        // Above level 1 the enumeration names itself.
+        TraceCapture verbose(2);
+        Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+        EXPECT_EQ(verbose.Count(L"CDorWEXWPDWMI::CreateInstanceEnumAsync"), 1u);
+    }
+    {
+        TraceCapture quiet(1);
+        Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
+        EXPECT_EQ(quiet.Count(L"CDorWEXWPDWMI::CreateInstanceEnumAsync"), 0u);
+    }
     IDorWEXMonitor* const core = g_pCDorWEXWMIWPDCore;
     ASSERT_NE(core, nullptr);
     using UnloadProvider = HRESULT(WINAPI*)(BOOL*);

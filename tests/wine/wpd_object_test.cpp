@@ -278,10 +278,19 @@ TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
     EXPECT_EQ(device.InitializeWPD(L"usb#busy"), S_OK) << "an Android device initialises even so";
     EXPECT_GE(GetTickCount() - start, 1900u) << "two pauses of 1000 ms between three attempts";
     EXPECT_EQ(emulator.CallCount(L"usb#busy", "GetFunctionalObjects"), 3u);
-    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
-                                 L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: ")
-                  .size(),
-              3u);
+    // Each attempt names the code with the system's text for it, or says there is none.
+    wchar_t* text = nullptr;
+    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                   0x800710D2, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
+    std::wstring message = text != nullptr ? text : L"could not get error message text";
+    LocalFree(text);
+    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
+        message.resize(message.size() - 2);
+    }
+    const std::wstring attempt = L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
+                                 L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: " + message + L".";
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("),
+              (std::vector<std::wstring>{attempt, attempt, attempt}));
     EXPECT_EQ(device.Identity()->m_bstr_tDisk1Name.length(), 0u);
     device.Terminate();
 
@@ -426,6 +435,64 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
     EXPECT_EQ(GetFileAttributesW((storage + L"\\a.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetFileAttributesW((storage + L"\\b.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     core->GetCollection()->RemoveWPD(L"usb#vid_04e8#deleting");
+}
+
+// A copy from a device whose reads fail ends at the first read, with its size and code; a copy onto an object
+// that holds no session ends with reason 1 before anything else is looked at.
+TEST_F(DeviceObject, FailedReadsAndAMissingSessionEndTheCopies) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#unreadable", "SAMSUNG", "RD1");
+    spec.faultLines = {"Read = 0x8007001F"};
+    emulator.Attach(spec);
+    emulator.WriteFile(emulator.StorageDirectory(spec, 0) + L"\\a.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\a.jpg";
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#unreadable"), S_OK);
+    {
+        TraceCapture trace(1);
+        EXPECT_EQ(device.CopyFileFromDevice(L"Phone\\a.jpg", local.c_str()), static_cast<HRESULT>(0x8007001F));
+        EXPECT_EQ(trace.StartingWith(L"! "),
+                  std::vector<std::wstring>{
+                      L"! Failed to read 262144 bytes from the source stream, l_HRESULT = 0x8007001f"});
+    }
+    device.Terminate();
+
+    CDorWEXWPDObject unopened(nullptr);
+    TraceCapture trace(1);
+    EXPECT_EQ(Text(unopened.CopyFileToDevice(L"Phone", local.c_str(), nullptr, 1)), L"No portable device object, reason=1");
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice enter.\r\n",
+                                                        L"CDorWEXWPDObject::CopyFileToDevice1 enter.\r\n"}));
+}
+
+// The path of an object on the device, as content events carry it: the storage's name and the folders down to
+// the object, "DEVICE" for the device itself, "NULL" for no object; asked and answered in the trace.
+TEST_F(DeviceObject, TargetPathOfAnObjectIsTracedWithItsAnswer) {
+    const EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#paths", "SAMSUNG", "PTH1");
+    emulator.Attach(spec);
+    CreateDirectoryW((emulator.StorageDirectory(spec, 0) + L"\\DCIM").c_str(), nullptr);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#paths"), S_OK);
+    const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+    ASSERT_FALSE(folder.empty());
+    const struct {
+        const wchar_t* id;
+        const wchar_t* path;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {folder.c_str(), L"Phone\\DCIM",
+         {L"CDorWEXWPDObject::GetObjectTargetPath " + folder + L"\r\n",
+          L"CDorWEXWPDObject::GetObjectTargetPath: " + folder + L" Phone\\DCIM\r\n"}},
+        {L"s10001", L"Phone",
+         {L"CDorWEXWPDObject::GetObjectTargetPath s10001\r\n", L"CDorWEXWPDObject::GetObjectTargetPath: s10001 Phone\r\n"}},
+        {L"DEVICE", L"DEVICE",
+         {L"CDorWEXWPDObject::GetObjectTargetPath DEVICE\r\n", L"CDorWEXWPDObject::GetObjectTargetPath: DEVICE DEVICE\r\n"}},
+        {nullptr, L"NULL", {L"CDorWEXWPDObject::GetObjectTargetPath NULL\r\n"}},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(Text(device.GetObjectTargetPath(c.id)), c.path);
+        EXPECT_EQ(trace.Lines(), c.lines);
+    }
+    device.Terminate();
 }
 
 TEST_F(DeviceObject, DeleteAnsweredWithSFalseIsAFailure) {
