@@ -74,7 +74,6 @@ public:
     std::map<std::wstring, DEV_BROADCAST_DEVICEINTERFACE_W*>& GetDiskMountMap() { return m_DiskMountMap; }
     std::mutex& GetDiskMountLock() { return m_mutexDiskMounts; }
 
-    IDorWEXEventSink* GetOwner() const { return m_pOwner; }
     CDorWEXWPDCollection* GetCollection() const { return m_pCollection.get(); }
     CDorWEXWMIThreadWPDEventsProcessor* GetWPDEventsProcessor() const { return m_pWPDEventsProcessor.get(); }
     CDorWEXWMIThreadAppleEventsProcessor* GetAppleEventsProcessor() const { return m_pAppleEventsProcessor.get(); }
