@@ -1,5 +1,6 @@
 #include "named_pipe_base.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -226,13 +227,19 @@ void CDorWEXWMIWPDNamedPipeBase::DisconnectAndReconnect(DWORD dwordInstance_in) 
 
 int CDorWEXWMIWPDNamedPipeBase::ProcessPipe() {
     Trace(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered...");
+    // A wait names the lowest signalled handle: with the stop event last, clients writing without pause
+    // would keep it from ever being seen. The wait takes it first, so a stop wins over any instance at no
+    // extra call per message.
+    HANDLE l_Waits[kInstances + 1];
+    l_Waits[0] = m_Events[kInstances];
+    std::copy(m_Events, m_Events + kInstances, l_Waits + 1);
     for (;;) {
-        const DWORD l_dwordWait = WaitForMultipleObjects(kInstances + 1, m_Events, FALSE, INFINITE);
-        DWORD l_dwordIndex = l_dwordWait - WAIT_OBJECT_0;
-        // The wait names the lowest signalled handle, and the stop event comes last: with clients writing
-        // without pause it would never be seen. A stop wins over any instance.
-        if (l_dwordIndex < kInstances && WaitForSingleObject(m_Events[kInstances], 0) == WAIT_OBJECT_0) {
+        const DWORD l_dwordWait = WaitForMultipleObjects(kInstances + 1, l_Waits, FALSE, INFINITE);
+        DWORD l_dwordIndex = l_dwordWait - WAIT_OBJECT_0;  // a result out of range is traced as it came
+        if (l_dwordIndex == 0) {
             l_dwordIndex = kInstances;
+        } else if (l_dwordIndex <= kInstances) {
+            --l_dwordIndex;
         }
         if (l_dwordIndex > kInstances) {
             Trace(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, ERROR: Instance=%ld IS OUT OF RANGE, thread is exiting",
