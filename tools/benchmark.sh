@@ -38,6 +38,28 @@ printf target > "$work/storage/deep1/deep2/deep3/target.txt"
     > "$work/content.txt"
 cat "$work/content.txt"
 echo
+# The memory of one 100,000-entry listing, each run in a process of its own: the provider through WMI, and
+# the same two device requests made directly (the emulated device's and the runtime's share).
+if [ "${3:-100000}" -ge 100000 ]; then
+    for run in $(seq 1 "$(( ${2:-5} < 5 ? 5 : ${2:-5} ))"); do
+        for who in provider device; do
+            "$wine" "$bin/benchmark_content.exe" memory "$who" 100000 "Z:${work//\//\\}" | tr -d '\r'
+        done
+    done > "$work/memory.txt"
+    awk -F'[=+ ]+' '
+        /^memory: provider=/ { provider[np++] = $3; text = $5 }
+        /^memory: device=/   { device[nd++] = $3 }
+        function sort(a, n,    i, j, t) { for (i = 1; i < n; i++) for (j = i; j > 0 && a[j-1] > a[j]; j--) { t = a[j]; a[j] = a[j-1]; a[j-1] = t } }
+        END {
+            sort(provider, np); sort(device, nd)
+            printf "memory of one 100,000-entry listing (result text %.1f MiB), %d runs each, a process per run:\n", text, np
+            printf "  provider through WMI          min +%.1f MiB  median +%.1f MiB\n", provider[0], provider[int(np/2)]
+            printf "  device and runtime alone      min +%.1f MiB  median +%.1f MiB\n", device[0], device[int(nd/2)]
+            printf "  the provider'\''s own share: +%.1f MiB, %.1f times the result text (medians)\n",
+                   provider[int(np/2)] - device[int(nd/2)], (provider[int(np/2)] - device[int(nd/2)]) / text
+        }' "$work/memory.txt"
+    echo
+fi
 "$wine" "$bin/benchmark_pipe.exe" "${4:-20000}" "${2:-5}" | tr -d '\r' > "$work/pipe.txt"
 cat "$work/pipe.txt"
 content=$(cat "$work/content.txt")

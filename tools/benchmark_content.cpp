@@ -105,21 +105,35 @@ struct Figures {
     double peakMiB = 0;
 };
 
-Figures Repeat(int runs, const wchar_t* device, const std::function<void()>& before, const std::function<void()>& work) {
-    std::vector<double> times;
-    Figures figures;
+// One case of a comparison: the device whose requests it counts, what to do before each run (not timed)
+// and the work.
+struct Case {
+    const wchar_t* device;
+    std::function<void()> before;
+    std::function<void()> work;
+};
+
+// Runs the cases in turn, one run of each per round, so that all of them see the machine alike (a build
+// or a page-cache write-back beside the benchmark slows them together, not one of them).
+std::vector<Figures> Alternate(int runs, const std::vector<Case>& cases) {
+    std::vector<std::vector<double>> times(cases.size());
+    std::vector<Figures> figures(cases.size());
     for (int i = 0; i < runs; ++i) {
-        if (before) {
-            before();
+        for (size_t c = 0; c < cases.size(); ++c) {
+            if (cases[c].before) {
+                cases[c].before();
+            }
+            const Run run = Measure(cases[c].device, cases[c].work);
+            times[c].push_back(run.seconds);
+            figures[c].requests = run.requests;
+            figures[c].peakMiB = std::max(figures[c].peakMiB, run.peakMiB);
         }
-        const Run run = Measure(device, work);
-        times.push_back(run.seconds);
-        figures.requests = run.requests;
-        figures.peakMiB = std::max(figures.peakMiB, run.peakMiB);
     }
-    std::sort(times.begin(), times.end());
-    figures.min = times.front();
-    figures.median = times[times.size() / 2];
+    for (size_t c = 0; c < cases.size(); ++c) {
+        std::sort(times[c].begin(), times[c].end());
+        figures[c].min = times[c].front();
+        figures[c].median = times[c][times[c].size() / 2];
+    }
     return figures;
 }
 
@@ -133,8 +147,27 @@ void Print(const wchar_t* what, const Figures& f, bool memory) {
 
 // --- The provider through WMI ---------------------------------------------------------------------
 
-std::wstring Call(IWbemServices* services, const wchar_t* method,
-                  const std::vector<std::pair<const wchar_t*, _variant_t>>& parameters, DWORD clientPid = 0) {
+using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
+
+// The method's in-parameters object, made before a measurement starts.
+ComPtr<IWbemClassObject> InParameters(IWbemServices* services, const wchar_t* method, const Parameters& parameters) {
+    ComPtr<IWbemClassObject> wpdClass, inSignature, in;
+    services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
+    wpdClass->GetMethod(method, 0, &inSignature, nullptr);
+    inSignature->SpawnInstance(0, &in);
+    for (const auto& parameter : parameters) {
+        in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
+    }
+    return in;
+}
+
+std::wstring ReturnValue(IWbemClassObject* out) {
+    _variant_t value;
+    out->Get(L"ReturnValue", 0, &value, nullptr, nullptr);
+    return value.vt == VT_BSTR && value.bstrVal != nullptr ? value.bstrVal : L"";
+}
+
+std::wstring Call(IWbemServices* services, const wchar_t* method, const Parameters& parameters, DWORD clientPid = 0) {
     ComPtr<IWbemClassObject> wpdClass, inSignature, in, out;
     services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
     wpdClass->GetMethod(method, 0, &inSignature, nullptr);
@@ -154,21 +187,16 @@ std::wstring Call(IWbemServices* services, const wchar_t* method,
     if (FAILED(hr) || !out) {
         return L"failed " + std::to_wstring(static_cast<unsigned long>(hr));
     }
-    _variant_t value;
-    out->Get(L"ReturnValue", 0, &value, nullptr, nullptr);
-    return value.vt == VT_BSTR && value.bstrVal != nullptr ? value.bstrVal : L"";
+    return ReturnValue(out.Get());
 }
 
 // --- The bare client: the same portable-device calls, made directly ---------------------------------
 
-class BulkSink final : public IPortableDevicePropertiesBulkCallback {
+// A bulk read's callback: the count of references, the end; what it keeps of the results is the subclass's.
+class BulkSinkBase : public IPortableDevicePropertiesBulkCallback {
 public:
-    struct Record {
-        std::wstring original, name;
-        bool folder = false;
-    };
-    BulkSink() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
-    ~BulkSink() { CloseHandle(ended); }
+    BulkSinkBase() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    virtual ~BulkSinkBase() { CloseHandle(ended); }
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
         if (riid == IID_IUnknown || riid == IID_IPortableDevicePropertiesBulkCallback) {
             *ppv = this;
@@ -181,6 +209,28 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --refs; }
     HRESULT STDMETHODCALLTYPE OnStart(REFGUID) override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE OnEnd(REFGUID, HRESULT) override {
+        SetEvent(ended);
+        return S_OK;
+    }
+    // Waits for the end and for the runtime to let go of the callback, which it does just after OnEnd.
+    void WaitForEnd() {
+        WaitForSingleObject(ended, INFINITE);
+        while (refs > 1) {
+            SwitchToThread();
+        }
+    }
+    std::atomic<ULONG> refs{1};
+    HANDLE ended;
+};
+
+// Keeps each object's names and kind.
+class BulkSink final : public BulkSinkBase {
+public:
+    struct Record {
+        std::wstring original, name;
+        bool folder = false;
+    };
     HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* results) override {
         DWORD count = 0;
         results->GetCount(&count);
@@ -209,14 +259,14 @@ public:
         }
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE OnEnd(REFGUID, HRESULT) override {
-        SetEvent(ended);
-        return S_OK;
-    }
-    std::atomic<ULONG> refs{1};
-    HANDLE ended;
     std::mutex lock;
     std::unordered_map<std::wstring, Record> records;
+};
+
+// Keeps nothing of the results.
+class CountingSink final : public BulkSinkBase {
+public:
+    HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection*) override { return S_OK; }
 };
 
 class BareClient {
@@ -255,7 +305,7 @@ public:
         GUID context{};
         m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
         m_bulk->Start(context);
-        WaitForSingleObject(sink.ended, INFINITE);
+        sink.WaitForEnd();
         std::wstring text;
         for (const auto& id : ids) {
             const auto& record = sink.records[id];
@@ -264,10 +314,31 @@ public:
                 text += name + L"@" + id + (record.folder ? L"@DIR~" : L"@FILE~");
             }
         }
-        while (sink.refs > 1) {
-            SwitchToThread();  // the runtime lets go of the callback just after OnEnd
-        }
         return text;
+    }
+
+    // The same two requests as a listing (the enumeration and the bulk read), keeping nothing: what the
+    // device and the portable-device runtime take for them.
+    size_t Touch(const std::wstring& folderId) {
+        size_t ids = 0;
+        ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
+        m_content->EnumObjects(0, folderId.c_str(), nullptr, &enumerator);
+        LPWSTR batch[64];
+        ULONG fetched = 0;
+        HRESULT hr = S_OK;
+        do {
+            hr = enumerator->Next(64, batch, &fetched);
+            for (ULONG i = 0; i < fetched; ++i) {
+                CoTaskMemFree(batch[i]);
+            }
+            ids += fetched;
+        } while (hr == S_OK);
+        CountingSink sink;
+        GUID context{};
+        m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
+        m_bulk->Start(context);
+        sink.WaitForEnd();
+        return ids;
     }
 
     // The id of a child by name, from the listing.
@@ -353,9 +424,82 @@ size_t Walk(const std::wstring& folder) {
     return count;
 }
 
+// The emulated devices, both on DIRECTORY\storage: one answering at once, one taking 1 ms per request.
+void DescribeDevices(const std::wstring& directory) {
+    const std::string common = "manufacturer = SAMSUNG\ncategories = storage\n[storage]\nobject_id = s10001\nname = Phone\n"
+                               "directory = storage\n";
+    WriteText(directory + L"\\fast.wpd", "[device]\nid = usb#vid_1234&pid_0001#benchmark\nfriendly_name = Fast\n"
+                                         "WPD_DEVICE_SERIAL_NUMBER = FAST\n" + common);
+    WriteText(directory + L"\\slow.wpd", "[device]\nid = usb#vid_1234&pid_0002#benchmark-1ms\nfriendly_name = Slow\n"
+                                         "latency_us = 1000\nWPD_DEVICE_SERIAL_NUMBER = SLOW\n" + common);
+    SetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", directory.c_str());
+}
+
+bool ConnectWmi(ComPtr<IWbemServices>& services) {
+    ComPtr<IWbemLocator> locator;
+    if (FAILED(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&locator))) ||
+        FAILED(locator->ConnectServer(_bstr_t(L"root\\cimv2"), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+                                      &services))) {
+        wprintf(L"cannot connect to WMI\n");
+        return false;
+    }
+    return true;
+}
+
+// One listing of DIRECTORY\storage\listSIZE in a process of its own, so that memory an earlier case freed
+// cannot hide its growth: "provider" through WMI, measured until ExecMethod has returned its result object
+// (the client's copy of the text is the client's), or "device": the same two requests made directly,
+// keeping nothing (what the emulated device and the portable-device runtime take for them). Both first
+// connect to WMI and open the device alike. Prints one line, "memory: WHO=+X text=Y" (MiB).
+int MemoryOfOneListing(const std::wstring& who, size_t size, const std::wstring& directory) {
+    g_requests = reinterpret_cast<DorwexEmulatorRequestsFunction>(
+        reinterpret_cast<void*>(GetProcAddress(LoadLibraryW(L"dorwex_wpd_emulator.dll"), "DorwexEmulatorRequests")));
+    DescribeDevices(directory);
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    int result = 1;
+    {
+        ComPtr<IWbemServices> services;
+        if (g_requests == nullptr || !ConnectWmi(services)) {
+            return 1;
+        }
+        const std::wstring name = L"list" + std::to_wstring(size);
+        const std::wstring path = L"Phone\\" + name;
+        BareClient bare(kFast);
+        const std::wstring folderId = bare.Child(L"s10001", name);
+        const ComPtr<IWbemClassObject> in =
+            InParameters(services.Get(), L"EnumerateDevicePath",
+                         {{L"strObjectStoragePath", _variant_t(path.c_str())}, {L"strObjectDeviceId", _variant_t(kFast)}});
+        ComPtr<IWbemClassObject> out;
+        size_t listed = 0;
+        Run run;
+        if (who == L"provider") {
+            run = Measure(kFast, [&] {
+                services->ExecMethod(_bstr_t(L"Win32ext_WPD"), _bstr_t(L"EnumerateDevicePath"), 0, nullptr, in.Get(),
+                                     &out, nullptr);
+            });
+            const std::wstring text = out ? ReturnValue(out.Get()) : L"";
+            listed = static_cast<size_t>(std::count(text.begin(), text.end(), L'~'));
+            wprintf(L"memory: provider=+%.1f text=%.1f\n", run.peakMiB,
+                    static_cast<double>(text.size() * sizeof(wchar_t)) / (1 << 20));
+        } else {
+            run = Measure(kFast, [&] { listed = bare.Touch(folderId); });
+            wprintf(L"memory: device=+%.1f\n", run.peakMiB);
+        }
+        result = listed == size ? 0 : 1;
+        if (result != 0) {
+            wprintf(L"memory: %zu of %zu entries listed\n", listed, size);
+        }
+    }
+    CoUninitialize();
+    return result;
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
+    if (argc == 5 && std::wstring(argv[1]) == L"memory") {
+        return MemoryOfOneListing(argv[2], wcstoul(argv[3], nullptr, 10), argv[4]);
+    }
     const ULONGLONG megabytes = argc > 1 ? wcstoull(argv[1], nullptr, 10) : 256;
     const int runs = std::max(5, argc > 2 ? _wtoi(argv[2]) : 5);
     const size_t largest = argc > 3 ? wcstoul(argv[3], nullptr, 10) : 100000;
@@ -373,13 +517,7 @@ int wmain(int argc, wchar_t** argv) {
     CreateDirectoryW(directory.c_str(), nullptr);
     const std::wstring storage = directory + L"\\storage";
     CreateDirectoryW(storage.c_str(), nullptr);
-    const std::string common = "manufacturer = SAMSUNG\ncategories = storage\n[storage]\nobject_id = s10001\nname = Phone\n"
-                               "directory = storage\n";
-    WriteText(directory + L"\\fast.wpd", "[device]\nid = usb#vid_1234&pid_0001#benchmark\nfriendly_name = Fast\n"
-                                         "WPD_DEVICE_SERIAL_NUMBER = FAST\n" + common);
-    WriteText(directory + L"\\slow.wpd", "[device]\nid = usb#vid_1234&pid_0002#benchmark-1ms\nfriendly_name = Slow\n"
-                                         "latency_us = 1000\nWPD_DEVICE_SERIAL_NUMBER = SLOW\n" + common);
-    SetEnvironmentVariableW(L"DORWEX_WPD_DEVICES", directory.c_str());
+    DescribeDevices(directory);
 
     // The content: a file of pseudo-random bytes (nothing on the way can shortcut zeros), the listing
     // folders and the deep path.
@@ -416,12 +554,8 @@ int wmain(int argc, wchar_t** argv) {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     double copyTo = 0, copyFrom = 0, listVsBare = 0, requestsPerEntry = 0;
     {
-        ComPtr<IWbemLocator> locator;
         ComPtr<IWbemServices> services;
-        if (FAILED(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&locator))) ||
-            FAILED(locator->ConnectServer(_bstr_t(L"root\\cimv2"), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                          &services))) {
-            wprintf(L"cannot connect to WMI\n");
+        if (!ConnectWmi(services)) {
             return 1;
         }
         const DWORD self = GetCurrentProcessId();
@@ -441,31 +575,38 @@ int wmain(int argc, wchar_t** argv) {
         };
         wprintf(L"copy of %llu MiB, %d runs each:\n", megabytes, runs);
         std::wstring to, from;
-        const Figures platform = Repeat(runs, kFast, clean, [&] { CopyFileW(source.c_str(), plain.c_str(), FALSE); });
-        const Figures providerTo = Repeat(runs, kFast, clean, [&] {
-            to = Call(services.Get(), L"CopyFileToDevice",
-                      {{L"strObjectStoragePath", _variant_t(L"Phone")},
-                       {L"strFileToCopy", _variant_t(source.c_str())},
-                       {L"strWriteToken", _variant_t(token.c_str())},
-                       {L"strObjectDeviceId", _variant_t(kFast)}},
-                      self);
-        });
-        const Figures bareTo = Repeat(runs, kFast, clean, [&] { fast.CopyTo(L"s10001", source, L"source.bin"); });
         const auto present = [&] {
             DeleteFileW(back.c_str());
             if (GetFileAttributesW(onDevice.c_str()) == INVALID_FILE_ATTRIBUTES) {
                 CopyFileW(source.c_str(), onDevice.c_str(), FALSE);
             }
         };
-        const Figures providerFrom = Repeat(runs, kFast, present, [&] {
-            from = Call(services.Get(), L"CopyFileFromDevice",
-                        {{L"strObjectStoragePath", _variant_t(L"Phone\\source.bin")},
-                         {L"strLocalFileName", _variant_t(back.c_str())},
-                         {L"strObjectDeviceId", _variant_t(kFast)}});
-        });
-        const Figures bareFrom = Repeat(runs, kFast, present, [&] {
-            fast.CopyFrom(fast.Child(L"s10001", L"source.bin"), back);
-        });
+        const std::vector<Figures> copiesTo = Alternate(
+            runs, {{kFast, clean, [&] { CopyFileW(source.c_str(), plain.c_str(), FALSE); }},
+                   {kFast, clean,
+                    [&] {
+                        to = Call(services.Get(), L"CopyFileToDevice",
+                                  {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                   {L"strFileToCopy", _variant_t(source.c_str())},
+                                   {L"strWriteToken", _variant_t(token.c_str())},
+                                   {L"strObjectDeviceId", _variant_t(kFast)}},
+                                  self);
+                    }},
+                   {kFast, clean, [&] { fast.CopyTo(L"s10001", source, L"source.bin"); }}});
+        const std::vector<Figures> copiesFrom = Alternate(
+            runs, {{kFast, present,
+                    [&] {
+                        from = Call(services.Get(), L"CopyFileFromDevice",
+                                    {{L"strObjectStoragePath", _variant_t(L"Phone\\source.bin")},
+                                     {L"strLocalFileName", _variant_t(back.c_str())},
+                                     {L"strObjectDeviceId", _variant_t(kFast)}});
+                    }},
+                   {kFast, present, [&] { fast.CopyFrom(fast.Child(L"s10001", L"source.bin"), back); }}});
+        const Figures& platform = copiesTo[0];
+        const Figures& providerTo = copiesTo[1];
+        const Figures& bareTo = copiesTo[2];
+        const Figures& providerFrom = copiesFrom[0];
+        const Figures& bareFrom = copiesFrom[1];
         clean();
         Print(L"CopyFileW", platform, false);
         Print((L"provider to the device (" + to + L")").c_str(), providerTo, true);
@@ -488,13 +629,18 @@ int wmain(int argc, wchar_t** argv) {
                 std::wstring listing, bareListing;
                 size_t walked = 0;
                 wprintf(L"listing of %zu entries, latency %ls, %d runs each:\n", size, latency, runs);
-                const Figures provider = Repeat(runs, device, nullptr, [&] {
-                    listing = Call(services.Get(), L"EnumerateDevicePath",
-                                   {{L"strObjectStoragePath", _variant_t(path.c_str())},
-                                    {L"strObjectDeviceId", _variant_t(device)}});
-                });
-                const Figures bareFigures = Repeat(runs, device, nullptr, [&] { bareListing = bare.List(folderId); });
-                const Figures walk = Repeat(runs, device, nullptr, [&] { walked = Walk(storage + L"\\" + name); });
+                const std::vector<Figures> listings = Alternate(
+                    runs, {{device, nullptr,
+                            [&] {
+                                listing = Call(services.Get(), L"EnumerateDevicePath",
+                                               {{L"strObjectStoragePath", _variant_t(path.c_str())},
+                                                {L"strObjectDeviceId", _variant_t(device)}});
+                            }},
+                           {device, nullptr, [&] { bareListing = bare.List(folderId); }},
+                           {device, nullptr, [&] { walked = Walk(storage + L"\\" + name); }}});
+                const Figures& provider = listings[0];
+                const Figures& bareFigures = listings[1];
+                const Figures& walk = listings[2];
                 Print(L"provider EnumerateDevicePath", provider, true);
                 Print(L"bare client (enumeration + bulk)", bareFigures, false);
                 Print(L"FindFirstFileW walk", walk, false);
@@ -517,12 +663,13 @@ int wmain(int argc, wchar_t** argv) {
             std::wstring objectId;
             wprintf(L"resolving Phone\\deep1\\deep2\\deep3\\target.txt (folders of 10,000 entries), latency %ls:\n",
                     device == kFast ? L"0" : L"1 ms");
-            const Figures resolve = Repeat(runs, device, nullptr, [&] {
+            const auto lookUp = [&] {
                 objectId = Call(services.Get(), L"GetProperty",
                                 {{L"strObjectStoragePath", _variant_t(L"Phone\\deep1\\deep2\\deep3\\target.txt")},
                                  {L"strPropertyName", _variant_t(L"ObjectId")},
                                  {L"strObjectDeviceId", _variant_t(device)}});
-            });
+            };
+            const Figures resolve = Alternate(runs, {{device, nullptr, lookUp}})[0];
             Print((L"provider GetProperty ObjectId (" + objectId + L")").c_str(), resolve, true);
             wprintf(L"  %.1f requests per path component (4 names below the storage)\n",
                     static_cast<double>(resolve.requests) / 4.0);
