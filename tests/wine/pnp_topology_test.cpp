@@ -2,6 +2,7 @@
 // USB stick with a drive letter, and ejects that succeed, are vetoed, or see the device come back.
 #include <gtest/gtest.h>
 
+#include "common/com_memory.h"
 #include "device/wpd_object.h"
 #include "device/pnp_topology.h"
 #include "monitor/wpd_collection.h"
@@ -393,6 +394,49 @@ TEST(PnpView, TheDeviceTakesItsUSBSerialNumberAndIsFoundByItsUSBNode) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:R58M12345\n"));
     EXPECT_TRUE(devices.FindWPDObject(kPhoneFunction, nullptr)) << "and through the node of the function";
     devices.RemoveWPD(Wide(kPhoneWPDId).c_str());
+}
+
+// The serial numbers the device publishes: a number the Plug and Play view reads from an instance id
+// replaces what the device object held, each change traced before and after; an id that carries no serial
+// number (a function of a composite device) changes nothing and says nothing.
+TEST(PnpView, SerialNumbersFromTheViewReplaceTheDevicesOwnWithEachChangeTraced) {
+    const std::wstring finalize = L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:";
+    const struct {
+        const char* what;
+        bool onTheHub;  // the phone's portable-device node straight on the hub, else below its USB node
+        const wchar_t* wpdSerialNumber;
+        const wchar_t* usbSerialNumber;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"a function below its USB node", false, L"", L"R58M12345",
+         {finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
+        {"a single-function device on the hub", true, L"R58M12345", L"R58M12345",
+         {finalize + L"WPD SerialNumber before:", finalize + L"WPD SerialNumber after:R58M12345",
+          finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
+    };
+    for (const auto& c : cases) {
+        WpdEmulator emulator;
+        PnpTreeDouble pnp;
+        const PhoneTree tree = AddPhone(pnp);
+        const std::wstring name = c.onTheHub ? L"\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"
+                                             : Wide(kPhoneWPDId);
+        if (c.onTheHub) {
+            // The USB device is the portable device itself: one node with the serial number in its id.
+            pnp.At(tree.function).present = false;
+            pnp.At(tree.usb).setupClass = pnp_classes::kWPD;
+            pnp.At(tree.usb).interfaces.push_back({pnp_classes::kWPDInterface, name});
+        }
+        emulator.Attach(PhoneSpec(std::string(name.begin(), name.end()), "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL"));
+        TraceCapture trace(1);
+        CDorWEXWPDObject device(nullptr);
+        ASSERT_EQ(device.InitializeWPD(name.c_str()), S_OK) << c.what;
+        EXPECT_EQ(trace.StartingWith(finalize), c.lines) << c.what;
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tSerialNumber), std::wstring(L"WPDSERIAL"))
+            << "what the device reported stays where it was read to";
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tWPDSerialNumber), std::wstring(c.wpdSerialNumber)) << c.what;
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tUSBSerialNumber), std::wstring(c.usbSerialNumber)) << c.what;
+        device.Terminate();
+    }
 }
 
 // Ejecting: a device known to the core's collection, ejected through a separate object as the method does.
