@@ -501,6 +501,23 @@ TEST_F(DeviceObject, DeleteOnAClosedSessionFailsAtItsContent) {
     EXPECT_NE(GetFileAttributesW(file.c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
+// The write event of a device that has no companion to ask takes the storage path as it is, an empty one too:
+// only the Apple companion's answer is refused for being empty.
+TEST_F(DeviceObject, WriteEventOfADeviceWithoutACompanionTakesTheStoragePathAsItIs) {
+    emulator.Attach(PhoneSpec("usb#vid_04e8#writes", "SAMSUNG", "WR1"));
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#writes"), S_OK);
+    for (const wchar_t* path : {L"Phone\\DCIM", L""}) {
+        const std::string what(path, path + wcslen(path));
+        TraceCapture trace(1);
+        EXPECT_EQ(device.SimulateWPDWriteEvent(path, L"a.jpg", L"", 4712), 0) << what << ": no core to send to";
+        EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::SimulateWPDWriteEvent enter.\r\n",
+                                                            L"CDorWEXWMIWPDCore::SendEvent enter.\r\n"}))
+            << what;
+    }
+    device.Terminate();
+}
+
 // A copy from a device whose reads fail ends at the first read, with its size and code; a copy onto an object
 // that holds no session ends with reason 1 before anything else is looked at.
 TEST_F(DeviceObject, FailedReadsAndAMissingSessionEndTheCopies) {
