@@ -10,6 +10,7 @@
 #include "device/apple_companion.h"
 #include "device/wpd_object.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 
@@ -226,15 +227,8 @@ TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
     TraceCapture trace(1);
     EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), L"T", 1)), L"0");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 COM Error.\n"));
-    wchar_t* text = nullptr;
-    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                   0x80070005, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    ASSERT_NE(text, nullptr);
-    std::wstring message = text;
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
-    }
+    const std::wstring message = SystemText(0x80070005);
+    ASSERT_FALSE(message.empty());
     EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::CopyFileToDevice2 0x"),
               std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice2 0x80070005: " + message + L"."});
     EXPECT_EQ(device.DeleteFileFromDevice(L"Internal Storage\\keep.txt", nullptr), 0);

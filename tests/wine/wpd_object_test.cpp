@@ -15,6 +15,7 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
@@ -279,13 +280,9 @@ TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
     EXPECT_GE(GetTickCount() - start, 1900u) << "two pauses of 1000 ms between three attempts";
     EXPECT_EQ(emulator.CallCount(L"usb#busy", "GetFunctionalObjects"), 3u);
     // Each attempt names the code with the system's text for it, or says there is none.
-    wchar_t* text = nullptr;
-    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                   0x800710D2, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    std::wstring message = text != nullptr ? text : L"could not get error message text";
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
+    std::wstring message = SystemText(0x800710D2);
+    if (message.empty()) {
+        message = L"could not get error message text";
     }
     const std::wstring attempt = L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
                                  L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: " + message + L".";
