@@ -22,15 +22,17 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
         Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: pTCHARObjectStoragePath_in == NULL.\n");
         return 0;
     }
+    // Only the Apple companion knows where a storage path lies on an Apple device, and an empty answer names
+    // no place; any other device's storage path is used as it stands.
     _bstr_t l_bstr_tDeviceAbsolutePath(pTCHARObjectStoragePath_in);
-    // Only the Apple companion knows where a storage path lies on an Apple device.
-    if (Identity()->m_eManufacturer == Manufacturer::APPLE &&
-        !GetAppleDeviceAbsolutePath(pTCHARObjectStoragePath_in, l_bstr_tDeviceAbsolutePath)) {
-        return 0;
-    }
-    if (l_bstr_tDeviceAbsolutePath.length() == 0) {
-        Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: l_bstr_tDeviceAbsolutePath.length()==0.\n");
-        return 0;
+    if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
+        if (!GetAppleDeviceAbsolutePath(pTCHARObjectStoragePath_in, l_bstr_tDeviceAbsolutePath)) {
+            return 0;
+        }
+        if (l_bstr_tDeviceAbsolutePath.length() == 0) {
+            Trace(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: l_bstr_tDeviceAbsolutePath.length()==0.\n");
+            return 0;
+        }
     }
     const wchar_t* l_pwcharFileName = pwcharFileName_in != nullptr ? pwcharFileName_in : L"";
     const wchar_t* l_pwcharObjectInfo = pwcharObjectInfo_in != nullptr ? pwcharObjectInfo_in : L"";

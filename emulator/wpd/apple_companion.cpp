@@ -1,7 +1,8 @@
 // The Apple companion double: reaches an emulated device, found by its WPD serial number, through the
 // directories that back its storages. Identity values come from the description's [registry] section;
-// a [fault] entry named after a method ("AppleCopyFileToDevice", ...) makes that method fail, and one for
-// "AppleGetDeviceAbsolutePath" makes the path answer a number instead of a text.
+// a [fault] entry named after a method ("AppleCopyFileToDevice", ...) makes that method fail, one for
+// "AppleGetDeviceAbsolutePath" makes the path answer a number instead of a text, and one for
+// "AppleGetDeviceAbsolutePathEmpty" an empty text (a companion that knows no device path for it).
 #include <objbase.h>
 
 #include <string>
@@ -191,6 +192,9 @@ public:
         if (FAILED(place.device->Fault("AppleGetDeviceAbsolutePath"))) {
             SetNumber(result, 0);  // an answer that is no text
             return S_OK;
+        }
+        if (FAILED(place.device->Fault("AppleGetDeviceAbsolutePathEmpty"))) {
+            return SetText(result, std::wstring());
         }
         std::wstring path = L"/private/var/mobile/Media/" + place.relative;
         for (auto& c : path) {

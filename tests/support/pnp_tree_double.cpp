@@ -533,22 +533,33 @@ WINBOOL WINAPI PnpTreeDouble::IoControl(HANDLE handle, DWORD code, LPVOID in, DW
     const bool isVolume = target.drive != L'\0' || (node != nullptr && IsEqualGUID(node->setupClass, pnp_classes::kVolume));
     const bool isDisk = node != nullptr && IsEqualGUID(node->setupClass, pnp_classes::kDiskDrive);
     switch (code) {
-    case IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS:
+    case IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS: {
         if (!isVolume || disk < 0) {
             break;
         }
-        if (outSize < sizeof(VOLUME_DISK_EXTENTS)) {
-            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        // As the volume manager answers: a buffer smaller than the structure is refused; one that holds the
+        // structure but not every extent gets the count and the first extent, with ERROR_MORE_DATA.
+        if (out == nullptr || outSize < sizeof(VOLUME_DISK_EXTENTS)) {
+            SetLastError(ERROR_INVALID_PARAMETER);
             return FALSE;
-        } else {
-            auto* extents = static_cast<VOLUME_DISK_EXTENTS*>(out);
-            extents->NumberOfDiskExtents = 1;
-            extents->Extents[0].DiskNumber = static_cast<DWORD>(disk);
-            extents->Extents[0].StartingOffset.QuadPart = 1024 * 1024;
-            extents->Extents[0].ExtentLength.QuadPart = 1024LL * 1024 * 1024;
-            *returned = sizeof(VOLUME_DISK_EXTENTS);
-            return TRUE;
         }
+        const DWORD count = node != nullptr ? node->diskExtents : 1;
+        auto* extents = static_cast<VOLUME_DISK_EXTENTS*>(out);
+        const DWORD room = 1 + static_cast<DWORD>((outSize - sizeof(VOLUME_DISK_EXTENTS)) / sizeof(DISK_EXTENT));
+        extents->NumberOfDiskExtents = count;
+        for (DWORD i = 0; i < count && i < room; ++i) {
+            extents->Extents[i].DiskNumber = static_cast<DWORD>(disk) + i;
+            extents->Extents[i].StartingOffset.QuadPart = 1024 * 1024;
+            extents->Extents[i].ExtentLength.QuadPart = 1024LL * 1024 * 1024;
+        }
+        if (count > room) {
+            *returned = sizeof(VOLUME_DISK_EXTENTS);
+            SetLastError(ERROR_MORE_DATA);
+            return FALSE;
+        }
+        *returned = static_cast<DWORD>(sizeof(VOLUME_DISK_EXTENTS) + (count - 1) * sizeof(DISK_EXTENT));
+        return TRUE;
+    }
     case IOCTL_STORAGE_GET_DEVICE_NUMBER:
         if (!isDisk || disk < 0 || outSize < sizeof(STORAGE_DEVICE_NUMBER)) {
             break;
@@ -612,6 +623,11 @@ WINBOOL WINAPI PnpTreeDouble::Close(HANDLE handle) {
 DWORD WINAPI PnpTreeDouble::LogicalDriveStrings(DWORD chars, LPWSTR buffer) {
     PnpTreeDouble& self = *s_pCurrent;
     std::lock_guard<std::mutex> guard(self.m_mutex);
+    if (self.Failing("GetLogicalDriveStringsW")) {
+        // Zero and the reason in the last error; Windows names no particular reason.
+        SetLastError(ERROR_ACCESS_DENIED);
+        return 0;
+    }
     std::wstring list;
     for (const auto& drive : self.m_drives) {
         list += drive.first;

@@ -44,6 +44,7 @@ public:
         int hubPorts = 0;                                 // a hub with that many ports
         int port = 0;                                     // the hub port this node is plugged into
         LONG diskNumber = -1;                             // a disk, or a volume on that disk
+        DWORD diskExtents = 1;                            // a volume spanning that many disks (from diskNumber on)
         bool present = true;
         // What eject and remove requests answer, in turn; CR_SUCCESS once the queue is empty.
         std::deque<CONFIGRET> ejectAnswers;
@@ -68,7 +69,8 @@ public:
     void SetDrive(wchar_t letter, LONG diskNumber);
 
     // Calls that fail, by name ("SetupDiClassGuidsFromNameExW", "SetupDiGetClassDevsExW",
-    // "SetupDiGetDeviceInfoListDetailW", "SetupDiCallClassInstaller", "CM_Get_Device_ID_ExW", ...).
+    // "SetupDiGetDeviceInfoListDetailW", "SetupDiCallClassInstaller", "CM_Get_Device_ID_ExW",
+    // "GetLogicalDriveStringsW", ...).
     void Fail(const std::string& call) { m_failing.insert(call); }
 
     // Called (without the double's lock) when an ejected device comes back, with the node's index; the test

@@ -150,7 +150,10 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
     return outcome;
 }
 
-Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+namespace {
+
+// An asynchronous method call on target (the WMI service or a provider object), completed before it returns.
+Outcome CallAsyncOn(IWbemServices* target, const wchar_t* method, const Parameters& parameters, LONG clientPid) {
     Outcome outcome;
     auto services = Connect();
     ComPtr<IWbemClassObject> in;
@@ -159,15 +162,27 @@ Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LON
         return outcome;
     }
     MethodSink sink;
-    EXPECT_EQ(services->ExecMethodAsync(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &sink),
+    EXPECT_EQ(target->ExecMethodAsync(_bstr_t(L"Win32ext_WPD"), _bstr_t(method), 0, context.Get(), in.Get(), &sink),
               WBEM_S_NO_ERROR);
-    EXPECT_EQ(sink.completions, 1) << "the emulated service completes a call before it returns";
+    EXPECT_EQ(sink.completions, 1) << "a method call is completed before it returns";
     outcome.status = sink.status;
     outcome.returnValue = sink.indicated.empty() ? L"<no object>" : Text(sink.indicated.front().Get(), L"ReturnValue");
     if (sink.statusObjectReceived) {
         outcome.description = Text(sink.statusObjectReceived.Get(), L"Description");
+        outcome.operation = Text(sink.statusObjectReceived.Get(), L"Operation");
     }
     return outcome;
+}
+
+}  // namespace
+
+Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+    return CallAsyncOn(Connect().Get(), method, parameters, clientPid);
+}
+
+Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
+                           LONG clientPid) {
+    return CallAsyncOn(provider, method, parameters, clientPid);
 }
 
 ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long milliseconds) {

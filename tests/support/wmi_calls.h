@@ -26,6 +26,9 @@ struct Outcome {
     HRESULT status = S_OK;
     std::wstring returnValue;
     std::wstring description;
+    // The __ExtendedStatus's "Operation": the provider's own from CallProviderMethod; through WMI
+    // (CallMethodAsync) the one WMI puts in ("ExecMethod"); not read by CallMethod.
+    std::wstring operation;
 };
 
 using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
@@ -37,6 +40,12 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
 // The same call through ExecMethodAsync: what the provider indicated (its "ReturnValue", "<none>" when it
 // put none) is read even when the call fails, with the status object's description.
 Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
+
+// The same call made on a provider object itself, as the WMI service makes it (the in-parameters of the
+// class's method, the client's process id in the context): what the provider indicates, and the status and
+// status object it hands its response handler, before WMI fills in its own parts.
+Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
+                           LONG clientPid = -1);
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.
 void Notify(WPARAM change, const std::wstring& interfaceName);

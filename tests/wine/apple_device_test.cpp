@@ -10,6 +10,7 @@
 #include "device/apple_companion.h"
 #include "device/wpd_object.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 
@@ -226,15 +227,8 @@ TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
     TraceCapture trace(1);
     EXPECT_EQ(Text(device.CopyFileToDevice(L"Internal Storage", (local + L"\\up.txt").c_str(), L"T", 1)), L"0");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::CopyFileToDevice2 COM Error.\n"));
-    wchar_t* text = nullptr;
-    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                   0x80070005, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    ASSERT_NE(text, nullptr);
-    std::wstring message = text;
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
-    }
+    const std::wstring message = SystemText(0x80070005);
+    ASSERT_FALSE(message.empty());
     EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObject::CopyFileToDevice2 0x"),
               std::vector<std::wstring>{L"CDorWEXWPDObject::CopyFileToDevice2 0x80070005: " + message + L"."});
     EXPECT_EQ(device.DeleteFileFromDevice(L"Internal Storage\\keep.txt", nullptr), 0);
@@ -243,23 +237,39 @@ TEST_F(AppleDevice, CompanionFailuresAreTracedAndAnsweredWithZero) {
     EXPECT_EQ(device.DeleteWPDObject(L"Internal Storage\\keep.txt", L"usb#vid_05ac&pid_12a8#apple"), S_OK);
 }
 
+// The write event's device path is the companion's answer for the storage path: an answer that is no text or
+// an empty text ends the event with its line; a text is sent on.
 TEST_F(AppleDevice, WriteEventCarriesTheDevicePathTheCompanionGives) {
-    spec.faultLines = {"AppleGetDeviceAbsolutePath = 0x80004005 x 1"};  // the first answer is no text
+    // The companion's first answer is no text, its second an empty one, the rest the path.
+    spec.faultLines = {"AppleGetDeviceAbsolutePath = 0x80004005 x 1", "AppleGetDeviceAbsolutePathEmpty = 0x80004005 x 1"};
     emulator.Attach(spec);
     CDorWEXWPDObject device(nullptr);
     Open(device);
-    TraceCapture trace(1);
-    EXPECT_EQ(device.SimulateWPDWriteEvent(nullptr, L"a.jpg", L"", 1), 0);
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: pTCHARObjectStoragePath_in == NULL.\n"));
-
-    trace.Clear();
-    EXPECT_EQ(device.SimulateWPDWriteEvent(L"Internal Storage\\DCIM", L"a.jpg", L"", 4712), 0);
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::SimulateWPDWriteEvent, ERROR: l_variant_tDeviceAbsolutePath.vt != VT_BSTR.\n"));
-    EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n")) << "no text, no event";
-
-    trace.Clear();
-    device.SimulateWPDWriteEvent(L"Internal Storage\\DCIM", L"a.jpg", L"", 4712);
-    EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDCore::SendEvent enter.\n")) << "sent, to a core if there is one";
+    const std::wstring simulate = L"CDorWEXWPDObject::SimulateWPDWriteEvent";
+    const std::wstring enter = simulate + L" enter.";
+    const std::wstring send = L"CDorWEXWMIWPDCore::SendEvent enter.";
+    const struct {
+        const char* what;
+        const wchar_t* path;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"no storage path", nullptr, {enter, simulate + L", ERROR: pTCHARObjectStoragePath_in == NULL."}},
+        {"an answer that is no text", L"Internal Storage\\DCIM",
+         {enter, simulate + L", ERROR: l_variant_tDeviceAbsolutePath.vt != VT_BSTR."}},
+        {"an empty text", L"Internal Storage\\DCIM", {enter, simulate + L", ERROR: l_bstr_tDeviceAbsolutePath.length()==0."}},
+        {"the device path", L"Internal Storage\\DCIM", {enter, send}},  // sent, to a core if there is one
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(1);
+        EXPECT_EQ(device.SimulateWPDWriteEvent(c.path, L"a.jpg", L"", 4712), 0) << c.what << ": no core to send to";
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.Lines()) {
+            if (line.compare(0, simulate.size(), simulate) == 0 || line.compare(0, send.size(), send) == 0) {
+                lines.push_back(line.substr(0, line.size() - 2));
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+    }
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
@@ -222,21 +223,6 @@ TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
 // it is given (the share name where the text names it, the fixed user word of 2202, the network's own error
 // for 1208); a code without a text of its own gets the hint to ask the system. One call per code: the exact
 // lines in order.
-// The system's text for an error code, as FormatMessage gives it, without its line end.
-std::wstring SystemMessage(DWORD code) {
-    wchar_t* text = nullptr;
-    const DWORD length =
-        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0,
-                       nullptr);
-    std::wstring message = length != 0 && text != nullptr ? std::wstring(text, length) : std::wstring();
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
-    }
-    return message;
-}
-
 // Each file operation on the share, one call each: its lines exactly, in order (a missing path ends an
 // operation after its first line; a failure names the call, the code, the system's text and the paths).
 TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
@@ -273,16 +259,16 @@ TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
          {copyTo}},
         {"copy to a missing folder",
          [&] { return access.CopyFileToDevice(noFolder.c_str(), (local + L"\\up.txt").c_str()); }, false,
-         {copyTo, L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: " + SystemMessage(3) + L": source:<" +
+         {copyTo, L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: " + SystemText(3) + L": source:<" +
                       local + L"\\up.txt>, target:<" + noFolder + L">.\r\n"}},
         {"new folder", [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, true, {folder}},
         {"new folder that is there",
          [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, false,
-         {folder, L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed b7: " + SystemMessage(183) +
+         {folder, L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed b7: " + SystemText(183) +
                       L".\r\n"}},
         {"delete a folder", [&] { return access.DeleteFileFromDevice((share + L"\\new").c_str()); }, true, {remove}},
         {"delete a missing file", [&] { return access.DeleteFileFromDevice(missingSource.c_str()); }, false,
-         {remove, L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete file failed 2: " + SystemMessage(2) + L".\r\n"}},
+         {remove, L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete file failed 2: " + SystemText(2) + L".\r\n"}},
         {"listing", [&] { return access.EnumerateDevicePath(share.c_str(), 0) == L"a.jpg@NA@FILE~up.txt@NA@FILE"; },
          true, {L"CDorWEXBlackBerry::EnumerateDevicePath, enter.\r\n"}},
         {"a property", [&] { return access.GetProperty(nullptr, L"IMEI") == L"35"; }, true,
@@ -651,14 +637,7 @@ TEST_F(BlackBerryPipe, ShareCopyFailureIsRaisedWithItsErrorObject) {
     }
     EXPECT_EQ(raised, E_FAIL);
     EXPECT_EQ(source, L"CDorWEXBlackBerry::CopyFileFromDevice");
-    wchar_t expected[512] = {};
-    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, ERROR_FILE_NOT_FOUND, 0, expected,
-                   512, nullptr);
-    std::wstring trimmed(expected);
-    while (!trimmed.empty() && (trimmed.back() == L'\n' || trimmed.back() == L'\r')) {
-        trimmed.pop_back();
-    }
-    EXPECT_EQ(description, trimmed);
+    EXPECT_EQ(description, SystemText(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(device->MoveFileFromDevice(missing.c_str(), local.c_str()), 0) << "a move answers 0";
 }
 

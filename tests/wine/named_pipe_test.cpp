@@ -17,6 +17,7 @@
 #include "monitor/wpd_core.h"
 #include "support/fake_devices.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
 #include "support/wait_until.h"
@@ -422,14 +423,7 @@ TEST(ApplePipe, ANameAnotherServerHoldsFailsTheSetUp) {
                                      PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 4, 8192, 8192, 0, nullptr);
     ASSERT_EQ(second, INVALID_HANDLE_VALUE);
     const DWORD refused = GetLastError();
-    wchar_t* text = nullptr;
-    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                   refused, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    std::wstring message = text != nullptr ? text : L"";
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
-    }
+    const std::wstring message = SystemText(refused);
     wchar_t code[16];
     swprintf(code, 16, L"%x", static_cast<unsigned>(refused));
 

@@ -2,12 +2,14 @@
 // USB stick with a drive letter, and ejects that succeed, are vetoed, or see the device come back.
 #include <gtest/gtest.h>
 
+#include "common/com_memory.h"
 #include "device/wpd_object.h"
 #include "device/pnp_topology.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/pnp_tree_double.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wpd_emulator.h"
 #include "wmi/module.h"
@@ -271,6 +273,91 @@ TEST(PnpView, FailingCallsAreTracedAndLeaveTheEntriesEmpty) {
     }
 }
 
+// A system call of the view that fails on the way: its line names the call, the code and the system's text
+// for it, in its place among the view's lines (the entries' own lines aside), and the entry keeps what was
+// found before the failure.
+TEST(PnpView, EachFailingCallIsTracedInItsPlaceWithItsCodeAndText) {
+    const std::wstring view = L"CDorWEXWPDObjectInWin32::";
+    const std::wstring separator = L"=============================================================";
+    const struct {
+        const char* what;
+        bool phone;  // else the USB stick
+        bool diskDriveListed;
+        const char* failing;
+        DWORD volumeDiskExtents;
+        const wchar_t* name;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"the configuration manager cannot name the matched node", true, true, "CM_Get_Device_ID_ExW", 1,
+         nullptr,
+         {view + L"ProcessDeviceNotification entered for " + Wide(kPhoneWPDId), separator,
+          view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kPhoneFunction,
+          view + L"SetDeviceInstanceIdUsingPnpAPI, DevInst: 4: CM_Get_Device_ID_Ex FAILED 1d: " +
+              SystemText(CR_REGISTRY_ERROR) + L".",
+          view + L"ProcessImmediateParent2, Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for " + kPhoneUSB +
+              L" = 6.",
+          view + L"ProcessImmediateParent2, device is on port 3"}},
+        {"a volume that spans two disks", false, false, nullptr, 2, kStickWPDName,
+         {view + L"ProcessDeviceNotification entered for " + kStickWPDName, separator,
+          view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kStickVolume,
+          view + L"SetDeviceInstanceIdUsingPnpAPI, Targeted device DevInst: 5, DeviceInstanceId: " + kStickVolume,
+          view + L"GetDiskNumberAndDriveLetter2, DeviceIoControl:IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS FAILED ea: " +
+              SystemText(ERROR_MORE_DATA) + L".",
+          view + L"ProcessImmediateParent2, Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 3 for "
+                 L"USB\\VID_0951&PID_1666\\60A44C413A8C = 6.",
+          view + L"ProcessImmediateParent2, device is on port 1"}},
+        {"the drive list cannot be read", false, true, "GetLogicalDriveStringsW", 1, kStickWPDName,
+         {view + L"ProcessDeviceNotification entered for " + kStickWPDName, separator,
+          view + L"FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_DISK: MATCHED ON " + kStickDisk +
+              L" Match count=1",
+          view + L"SetDeviceInstanceIdUsingPnpAPI, Targeted device DevInst: 4, DeviceInstanceId: " + kStickDisk,
+          view + L"GetDiskNumberAndDriveLetter2, GetLogicalDriveStrings FAILED 5: " + SystemText(ERROR_ACCESS_DENIED) +
+              L"."}},
+    };
+    for (const auto& c : cases) {
+        PnpTreeDouble pnp;
+        std::wstring name;
+        if (c.phone) {
+            AddPhone(pnp);
+            name = Wide(kPhoneWPDId);
+        } else {
+            AddStick(pnp, 2);
+            pnp.SetDrive(L'E', 2);
+            pnp.At(3).present = c.diskDriveListed;
+            pnp.At(4).diskExtents = c.volumeDiskExtents;
+            name = c.name;
+        }
+        if (c.failing != nullptr) {
+            pnp.Fail(c.failing);
+        }
+        TraceCapture trace(1);
+        CDorWEXWPDObjectInWin32 win32;
+        win32.ProcessDeviceNotification(name.c_str(), 1);
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.Lines()) {
+            if (line.compare(0, 41, L"CDorWEXWPDObjectInWin32::ShowProperties, ") != 0) {
+                lines.push_back(line.substr(0, line.size() - 2));
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.what;
+        EXPECT_EQ(pnp.OpenLists(), 0u) << c.what;
+        EXPECT_EQ(pnp.OpenHandles(), 0u) << c.what;
+        if (c.phone) {
+            EXPECT_EQ(win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneFunction)
+                << "the id the enumeration gave stays";
+        } else if (!c.diskDriveListed) {
+            const auto& volume = win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode);
+            EXPECT_EQ(volume.longDiskNumber, -1) << c.what;
+            EXPECT_TRUE(volume.wstringDiskDrive.empty()) << c.what;
+            EXPECT_TRUE(volume.wstringDriveLetter.empty()) << c.what;
+        } else {
+            const auto& disk = win32.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode);
+            EXPECT_EQ(disk.longDiskNumber, 2) << c.what;
+            EXPECT_TRUE(disk.wstringDriveLetter.empty()) << c.what;
+        }
+    }
+}
+
 TEST(PnpView, PlainUSBStorageIsNotPublishedButAPhoneIs) {
     WpdEmulator emulator;
     PnpTreeDouble pnp;
@@ -307,6 +394,49 @@ TEST(PnpView, TheDeviceTakesItsUSBSerialNumberAndIsFoundByItsUSBNode) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:R58M12345\n"));
     EXPECT_TRUE(devices.FindWPDObject(kPhoneFunction, nullptr)) << "and through the node of the function";
     devices.RemoveWPD(Wide(kPhoneWPDId).c_str());
+}
+
+// The serial numbers the device publishes: a number the Plug and Play view reads from an instance id
+// replaces what the device object held, each change traced before and after; an id that carries no serial
+// number (a function of a composite device) changes nothing and says nothing.
+TEST(PnpView, SerialNumbersFromTheViewReplaceTheDevicesOwnWithEachChangeTraced) {
+    const std::wstring finalize = L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:";
+    const struct {
+        const char* what;
+        bool onTheHub;  // the phone's portable-device node straight on the hub, else below its USB node
+        const wchar_t* wpdSerialNumber;
+        const wchar_t* usbSerialNumber;
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"a function below its USB node", false, L"", L"R58M12345",
+         {finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
+        {"a single-function device on the hub", true, L"R58M12345", L"R58M12345",
+         {finalize + L"WPD SerialNumber before:", finalize + L"WPD SerialNumber after:R58M12345",
+          finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
+    };
+    for (const auto& c : cases) {
+        WpdEmulator emulator;
+        PnpTreeDouble pnp;
+        const PhoneTree tree = AddPhone(pnp);
+        const std::wstring name = c.onTheHub ? L"\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"
+                                             : Wide(kPhoneWPDId);
+        if (c.onTheHub) {
+            // The USB device is the portable device itself: one node with the serial number in its id.
+            pnp.At(tree.function).present = false;
+            pnp.At(tree.usb).setupClass = pnp_classes::kWPD;
+            pnp.At(tree.usb).interfaces.push_back({pnp_classes::kWPDInterface, name});
+        }
+        emulator.Attach(PhoneSpec(std::string(name.begin(), name.end()), "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL"));
+        TraceCapture trace(1);
+        CDorWEXWPDObject device(nullptr);
+        ASSERT_EQ(device.InitializeWPD(name.c_str()), S_OK) << c.what;
+        EXPECT_EQ(trace.StartingWith(finalize), c.lines) << c.what;
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tSerialNumber), std::wstring(L"WPDSERIAL"))
+            << "what the device reported stays where it was read to";
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tWPDSerialNumber), std::wstring(c.wpdSerialNumber)) << c.what;
+        EXPECT_EQ(BstrText(device.Identity()->m_bstr_tUSBSerialNumber), std::wstring(c.usbSerialNumber)) << c.what;
+        device.Terminate();
+    }
 }
 
 // Ejecting: a device known to the core's collection, ejected through a separate object as the method does.

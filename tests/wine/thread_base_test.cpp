@@ -15,6 +15,7 @@
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
 #include "support/test_trace_sink.h"
+#include "support/system_text.h"
 #include "support/trace_gate.h"
 #include "support/wait_until.h"
 #include "wmi/module.h"
@@ -384,15 +385,8 @@ TEST(WPDEventsProcessor, WindowStillThereWhenTheStopDestroysItIsTracedAsAFailure
         stopper.join();
     }
     EXPECT_FALSE(processor.IsRunning());
-    wchar_t* text = nullptr;
-    ASSERT_NE(FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                             nullptr, ERROR_ACCESS_DENIED, 0, reinterpret_cast<wchar_t*>(&text), 0, nullptr),
-              0u);
-    std::wstring message = text;
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
-    }
+    const std::wstring message = SystemText(ERROR_ACCESS_DENIED);
+    ASSERT_FALSE(message.empty());
     EXPECT_EQ(trace.StartingWith(failure), std::vector<std::wstring>{failure + L"5: " + message + L"."});
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
 }

@@ -18,6 +18,7 @@
 #include "common/com_memory.h"
 #include "device/portable_device_api.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
@@ -1035,18 +1036,6 @@ TEST(WmiApple, CompanionContentAndPipeWriteReports) {
     EXPECT_TRUE(WaitUntil(ApplePipeGone)) << "the pipe is gone with the last Apple device";
 }
 
-// The system's text for a code, without its line end.
-std::wstring SystemText(HRESULT code) {
-    wchar_t text[512] = {};
-    FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, static_cast<DWORD>(code), 0,
-                   text, 512, nullptr);
-    std::wstring trimmed(text);
-    while (!trimmed.empty() && (trimmed.back() == L'\n' || trimmed.back() == L'\r')) {
-        trimmed.pop_back();
-    }
-    return trimmed;
-}
-
 // The Apple companion refuses a copy off the device: the caller learns why, and "ReturnValue" is "0". A
 // move whose copy is refused answers "0" and leaves the file on the device.
 TEST(WmiApple, CompanionCopyFailureReachesTheCallerWithItsReason) {
@@ -1073,7 +1062,7 @@ TEST(WmiApple, CompanionCopyFailureReachesTheCallerWithItsReason) {
                                                                  {L"strLocalFileName", _variant_t(local.c_str())},
                                                                  {L"strObjectDeviceId", _variant_t(device.c_str())}});
     EXPECT_EQ(copy.status, E_FAIL);
-    EXPECT_EQ(copy.description, SystemText(static_cast<HRESULT>(0x80070005)));
+    EXPECT_EQ(copy.description, SystemText(0x80070005));
     EXPECT_EQ(copy.returnValue, L"0");
     const Outcome move = CallMethodAsync(L"MoveFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\kept.jpg")},
                                                                  {L"strLocalFileName", _variant_t(local.c_str())},

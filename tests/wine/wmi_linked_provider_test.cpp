@@ -6,6 +6,7 @@
 
 #include <windows.h>
 #include <dbt.h>
+#include <wbemprov.h>
 
 #include <algorithm>
 #include <initializer_list>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "support/pnp_tree_double.h"
+#include "support/system_text.h"
 #include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
@@ -494,6 +496,108 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=usb#nobody, "
                           L"ObjectStoragePath=Nowhere\\DCIM\n"));
     g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(Wide(id).c_str());
+}
+
+// The status a failing method hands WMI names the handler that failed: the inner handler for a device the
+// lookup cannot find, for the write-token gate and for a COM error a copy raises; the outer handler for a
+// refused token request. WMI puts its own operation into the status a client gets, so the provider object
+// is called here as the service calls it.
+TEST(WmiMethods, EachFailureStatusNamesTheHandlerThatFailed) {
+    WpdEmulator emulator;
+    const std::string phoneId = "usb#vid_04e8&pid_6860#statuses";
+    emulator.Attach(PhoneSpec(phoneId, "SAMSUNG Electronics Co., Ltd.", "STS1"));
+    const std::wstring phone = Wide(phoneId);
+    EmulatedDeviceSpec appleSpec;
+    appleSpec.id = "usb#vid_05ac&pid_12a8#statuses";
+    appleSpec.manufacturer = "Apple Inc.";
+    appleSpec.friendlyName = "Apple iPhone";
+    appleSpec.deviceLines = {"WPD_DEVICE_SERIAL_NUMBER = APPLE-STS-1"};
+    appleSpec.storages = {{"s10001", "Internal Storage", "{PUID-APPLE-STS-1}", "Flash"}};
+    appleSpec.faultLines = {"AppleCopyFileFromDevice = 0x80070005"};
+    emulator.Attach(appleSpec);
+    emulator.WriteFile(emulator.StorageDirectory(appleSpec, 0) + L"\\kept.jpg", "jpeg");
+    const std::wstring apple = Wide(appleSpec.id);
+    const std::wstring local = emulator.Directory() + L"\\local.txt";
+    emulator.WriteFile(local, "local");
+
+    ComPtr<IWbemServices> services = Connect();
+    ASSERT_TRUE(services);
+    Query(services.Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
+    // Added here unless the core found them attached when it started.
+    g_pCDorWEXWMIWPDCore->Devices()->AddWPD(phone.c_str());
+    g_pCDorWEXWMIWPDCore->Devices()->AddWPD(apple.c_str());
+    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->Devices()->FindWPDObjectById(phone.c_str()));
+    ASSERT_TRUE(g_pCDorWEXWMIWPDCore->Devices()->FindWPDObjectById(apple.c_str()));
+
+    ComPtr<IWbemProviderInit> init;
+    ASSERT_EQ(CoCreateInstance(CLSID_DorWEXWPDWMIProvider, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&init)), S_OK);
+    ASSERT_EQ(init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services.Get(), nullptr,
+                               nullptr),
+              WBEM_S_NO_ERROR);
+    ComPtr<IWbemServices> provider;
+    ASSERT_EQ(init.As(&provider), S_OK);
+
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const _variant_t nobody(L"usb#nobody");
+    const _variant_t path(L"Nowhere\\a.txt");  // no storage of that name either
+    const _variant_t file(local.c_str());
+    const wchar_t kNotFound[] = L"Device not found";
+    const struct {
+        const wchar_t* method;
+        Parameters parameters;
+        std::wstring operation;
+        std::wstring description;
+    } cases[] = {
+        {L"GetProperty",
+         {{L"strObjectStoragePath", path}, {L"strPropertyName", _variant_t(L"ObjectId")}, {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodGetProperty2", kNotFound},
+        {L"CopyFileFromDevice",
+         {{L"strObjectStoragePath", path}, {L"strLocalFileName", file}, {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", kNotFound},
+        {L"MoveFileFromDevice",
+         {{L"strObjectStoragePath", path}, {L"strLocalFileName", file}, {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", kNotFound},
+        {L"DeleteFileFromDevice", {{L"strObjectStoragePath", path}, {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", kNotFound},
+        {L"EnumerateDevicePath",
+         {{L"strObjectStoragePath", path}, {L"strObjectDeviceId", nobody}, {L"uint32ContentType", _variant_t(0L, VT_I4)}},
+         L"CDorWEXWPDWMI::MethodEnumerateDevicePath2", kNotFound},
+        {L"CreateFolderOnDevice",
+         {{L"strObjectStoragePath", path}, {L"strNewFolderName", _variant_t(L"New")}, {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2", kNotFound},
+        {L"CopyFileToDevice",
+         {{L"strObjectStoragePath", path}, {L"strFileToCopy", file}, {L"strWriteToken", _variant_t(L"T")},
+          {L"strObjectDeviceId", nobody}},
+         L"CDorWEXWPDWMI::MethodCopyFileToDevice2", kNotFound},
+        {L"EjectDevice", {{L"strObjectDeviceId", nobody}}, L"CDorWEXWPDWMI::MethodEjectDevice2", kNotFound},
+        {L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self + 4, VT_I4)}},
+         L"CDorWEXWPDWMI::MethodRequestWriteToken", L"Invalid PID specified when requesting a write token."},
+        {L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone")}, {L"strFileToCopy", file},
+          {L"strObjectDeviceId", _variant_t(phone.c_str())}},
+         L"CDorWEXWPDWMI::MethodCopyFileToDevice2", L"Write token not specified."},
+        {L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone")}, {L"strFileToCopy", file},
+          {L"strWriteToken", _variant_t(L"no such token")}, {L"strObjectDeviceId", _variant_t(phone.c_str())}},
+         L"CDorWEXWPDWMI::MethodCopyFileToDevice2", L"Write token not found"},
+        // The companion left no error object: the handler names itself, with the system's text for the code.
+        {L"CopyFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Internal Storage\\kept.jpg")},
+          {L"strLocalFileName", _variant_t((emulator.Directory() + L"\\kept.jpg").c_str())},
+          {L"strObjectDeviceId", _variant_t(apple.c_str())}},
+         L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", SystemText(0x80070005)},
+    };
+    for (const auto& c : cases) {
+        const std::wstring said = std::wstring(c.method) + L": " + c.description;
+        const std::string what(said.begin(), said.end());  // for the failure message only
+        const Outcome outcome = CallProviderMethod(provider.Get(), c.method, c.parameters, self);
+        EXPECT_EQ(outcome.status, E_FAIL) << what;
+        EXPECT_EQ(outcome.operation, c.operation) << what;
+        EXPECT_EQ(outcome.description, c.description) << what;
+    }
+    g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(phone.c_str());
+    g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(apple.c_str());
 }
 
 // WMI releases the provider's objects and later makes a new one: the new object re-attaches to the core

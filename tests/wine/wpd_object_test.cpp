@@ -15,6 +15,7 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/test_files.h"
+#include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
@@ -279,13 +280,9 @@ TEST_F(DeviceObject, StorageQueryIsRetriedThreeTimesOnlyForTheBusyCode) {
     EXPECT_GE(GetTickCount() - start, 1900u) << "two pauses of 1000 ms between three attempts";
     EXPECT_EQ(emulator.CallCount(L"usb#busy", "GetFunctionalObjects"), 3u);
     // Each attempt names the code with the system's text for it, or says there is none.
-    wchar_t* text = nullptr;
-    FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                   0x800710D2, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<wchar_t*>(&text), 0, nullptr);
-    std::wstring message = text != nullptr ? text : L"could not get error message text";
-    LocalFree(text);
-    if (message.size() >= 2 && message.compare(message.size() - 2, 2, L"\r\n") == 0) {
-        message.resize(message.size() - 2);
+    std::wstring message = SystemText(0x800710D2);
+    if (message.empty()) {
+        message = L"could not get error message text";
     }
     const std::wstring attempt = L"CDorWEXWPDObject::GetFunctionalCategories: GetFunctionalObjects("
                                  L"WPD_FUNCTIONAL_CATEGORY_STORAGE failed 800710d2: " + message + L".";
@@ -324,6 +321,51 @@ TEST_F(DeviceObject, FailingCategoryAndStorageReadsAreTraced) {
     EXPECT_EQ(trace.Count(L"! Invalid functional object identifier found\n"), 1u);
     EXPECT_EQ(Text(second.Identity()->m_bstr_tDisk1Name), L"Phone");
     second.Terminate();
+}
+
+// A device that stops answering part way through its start-up: its session refuses one of the interfaces
+// the identity steps ask it for, with a code Windows documents for a device in that state. The refusal is
+// traced with its code where it happens, once for each storage it hides, and the device is still taken on
+// without what could not be read.
+TEST_F(DeviceObject, RefusedSessionInterfacesAreTracedWithTheirCodes) {
+    const std::wstring categories = L"CDorWEXWPDObject::GetFunctionalCategories: ";
+    const std::wstring found = categories + L"Functional Categories Found on the device";
+    const std::wstring storage = categories + L"WPD_FUNCTIONAL_CATEGORY_STORAGE";
+    const std::wstring noContent = L"! Failed to get IPortableDeviceContent from IPortableDevice, l_HRESULT = 0x802a0006";
+    const std::wstring noProperties =
+        L"! Failed to get IPortableDeviceProperties from IPortableDevice, l_HRESULT = 0x802a0004";
+    const struct {
+        const char* fault;  // E_WPD_DEVICE_IS_HUNG, or E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE for the properties
+        const wchar_t* serialNumber;  // read through the content's properties before the categories
+        std::vector<std::wstring> lines;
+    } cases[] = {
+        {"Capabilities = 0x802A0006", L"CAP1",
+         {categories + L"Failed to get IPortableDeviceCapabilities from IPortableDevice, l_HRESULT = 0x802a0006"}},
+        {"Content = 0x802A0006", L"", {found, storage, noContent, noContent}},
+        {"Properties = 0x802A0004", L"", {found, storage, noProperties, noProperties}},
+    };
+    for (const auto& c : cases) {
+        const std::string id = "usb#vid_04e8#refusing-" + std::to_string(&c - cases);
+        EmulatedDeviceSpec spec = PhoneSpec(id, "SAMSUNG", "CAP1", 2);
+        spec.faultLines = {c.fault};
+        emulator.Attach(spec);
+        TraceCapture trace(1);
+        CDorWEXWPDObject device(nullptr);
+        EXPECT_EQ(device.InitializeWPD(Wide(id).c_str()), S_OK) << c.fault;
+        std::vector<std::wstring> lines;
+        for (const auto& line : trace.Lines()) {
+            if (line.compare(0, categories.size(), categories) == 0 || line.compare(0, 2, L"! ") == 0) {
+                lines.push_back(line.substr(0, line.size() - 2));
+            }
+        }
+        EXPECT_EQ(lines, c.lines) << c.fault;
+        EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), c.serialNumber) << c.fault;
+        EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"") << c.fault;
+        EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk2Name), L"") << c.fault;
+        EXPECT_EQ(Text(device.Identity()->m_bstr_tExtraProperties), L"The device has mounted but not its disks.")
+            << c.fault;
+        device.Terminate();
+    }
 }
 
 // A device whose class is still unknown goes through the BlackBerry identity step: with the BlackBerry
@@ -435,6 +477,42 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
     EXPECT_EQ(GetFileAttributesW((storage + L"\\a.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetFileAttributesW((storage + L"\\b.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     core->GetCollection()->RemoveWPD(L"usb#vid_04e8#deleting");
+}
+
+// A delete that reaches a device object after its session was closed (the device went while the request was
+// on its way): the session refuses its content as Windows does before Open, and the delete says so and fails.
+TEST_F(DeviceObject, DeleteOnAClosedSessionFailsAtItsContent) {
+    const EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#closed", "SAMSUNG", "CLS1");
+    emulator.Attach(spec);
+    const std::wstring file = emulator.StorageDirectory(spec, 0) + L"\\a.jpg";
+    emulator.WriteFile(file, "jpeg");
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#closed"), S_OK);
+    const std::wstring a = Text(device.GetStorageObjectProperty(L"Phone\\a.jpg", L"ObjectId"));
+    ASSERT_FALSE(a.empty());
+    device.Terminate();
+    TraceCapture trace(1);
+    EXPECT_EQ(device.DeleteWPDObject(a.c_str(), L"usb#vid_04e8#closed"), static_cast<HRESULT>(0x802A0002));
+    EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::DeleteWPDObject, ERROR: "
+                                                        L"IPortableDevice->Content failed, HRESULT=0x802a0002.\r\n"}));
+    EXPECT_NE(GetFileAttributesW(file.c_str()), INVALID_FILE_ATTRIBUTES);
+}
+
+// The write event of a device that has no companion to ask takes the storage path as it is, an empty one too:
+// only the Apple companion's answer is refused for being empty.
+TEST_F(DeviceObject, WriteEventOfADeviceWithoutACompanionTakesTheStoragePathAsItIs) {
+    emulator.Attach(PhoneSpec("usb#vid_04e8#writes", "SAMSUNG", "WR1"));
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(L"usb#vid_04e8#writes"), S_OK);
+    for (const wchar_t* path : {L"Phone\\DCIM", L""}) {
+        const std::string what(path, path + wcslen(path));
+        TraceCapture trace(1);
+        EXPECT_EQ(device.SimulateWPDWriteEvent(path, L"a.jpg", L"", 4712), 0) << what << ": no core to send to";
+        EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{L"CDorWEXWPDObject::SimulateWPDWriteEvent enter.\r\n",
+                                                            L"CDorWEXWMIWPDCore::SendEvent enter.\r\n"}))
+            << what;
+    }
+    device.Terminate();
 }
 
 // A copy from a device whose reads fail ends at the first read, with its size and code; a copy onto an object
