@@ -219,10 +219,6 @@ TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
     }
 }
 
-// Every result of a connect and of a disconnect is traced with its number and its text, each text exactly as
-// it is given (the share name where the text names it, the fixed user word of 2202, the network's own error
-// for 1208); a code without a text of its own gets the hint to ask the system. One call per code: the exact
-// lines in order.
 // Each file operation on the share, one call each: its lines exactly, in order (a missing path ends an
 // operation after its first line; a failure names the call, the code, the system's text and the paths).
 TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
@@ -281,6 +277,10 @@ TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
     }
 }
 
+// Every result of a connect and of a disconnect is traced with its number and its text, each text exactly as
+// it is given (the share name where the text names it, the fixed user word of 2202, the network's own error
+// for 1208); a code without a text of its own gets the hint to ask the system. One call per code: the exact
+// lines in order.
 TEST_F(BlackBerryShare, EveryNetworkResultIsTracedWithItsText) {
     const std::wstring name = L"\\\\10.0.0.1\\media";
     const struct {
