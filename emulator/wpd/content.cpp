@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "collections.h"
+#include "device_session.h"
 #include "emulated_api.h"
 #include "file_tree.h"
 #include "properties_bulk.h"
@@ -36,11 +37,19 @@ HRESULT LastError() {
 
 class ObjectEnumerator final : public ComObject<IEnumPortableDeviceObjectIDs> {
 public:
-    explicit ObjectEnumerator(std::vector<std::wstring> ids) : m_ids(std::move(ids)) {}
+    ObjectEnumerator(std::shared_ptr<DeviceSession> session, std::vector<std::wstring> ids)
+        : m_session(std::move(session)), m_ids(std::move(ids)) {}
 
     HRESULT STDMETHODCALLTYPE Next(ULONG cObjects, LPWSTR* pObjIDs, ULONG* pcFetched) override {
         if (pObjIDs == nullptr) {
             return E_POINTER;
+        }
+        if (pcFetched != nullptr) {
+            *pcFetched = 0;
+        }
+        const HRESULT hr = m_session->Attached();
+        if (FAILED(hr)) {
+            return hr;
         }
         ULONG fetched = 0;
         while (fetched < cObjects && m_next < m_ids.size()) {
@@ -57,17 +66,26 @@ public:
         return fetched == cObjects ? S_OK : S_FALSE;
     }
     HRESULT STDMETHODCALLTYPE Skip(ULONG cObjects) override {
+        const HRESULT hr = m_session->Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         m_next = std::min(m_ids.size(), m_next + cObjects);
         return m_next < m_ids.size() ? S_OK : S_FALSE;
     }
     HRESULT STDMETHODCALLTYPE Reset() override {
+        const HRESULT hr = m_session->Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         m_next = 0;
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE Clone(IEnumPortableDeviceObjectIDs**) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
 
 private:
+    const std::shared_ptr<DeviceSession> m_session;
     std::vector<std::wstring> m_ids;
     size_t m_next = 0;
 };
@@ -75,14 +93,19 @@ private:
 // A stream over an object's data. A read stream reads an existing file; a write stream fills a hidden
 // file next to the target and becomes the object on Commit, as a device only shows an object once the
 // transfer is complete. Commit refuses a transfer whose byte count is not the size the object was created
-// with; that, Revert and a release without Commit abandon the transfer and leave no object.
+// with; that, Revert and a release without Commit abandon the transfer and leave no object. Once the session
+// the stream was obtained through is closed, its calls fail and a write is abandoned.
 class ObjectStream final : public ComObject<IPortableDeviceDataStream, IStream, ISequentialStream> {
 public:
-    ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring objectId)
-        : m_device(std::move(device)), m_file(file), m_objectId(std::move(objectId)) {}
-    ObjectStream(std::shared_ptr<EmulatedDevice> device, HANDLE file, std::wstring temporaryPath,
+    ObjectStream(std::shared_ptr<DeviceSession> session, HANDLE file, std::wstring objectId)
+        : m_session(std::move(session)),
+          m_device(&m_session->Device()),
+          m_file(file),
+          m_objectId(std::move(objectId)) {}
+    ObjectStream(std::shared_ptr<DeviceSession> session, HANDLE file, std::wstring temporaryPath,
                  std::wstring targetPath, int storage, ULONGLONG declaredSize)
-        : m_device(std::move(device)),
+        : m_session(std::move(session)),
+          m_device(&m_session->Device()),
           m_file(file),
           m_writing(true),
           m_temporaryPath(std::move(temporaryPath)),
@@ -95,16 +118,16 @@ public:
         if (pv == nullptr) {
             return STG_E_INVALIDPOINTER;
         }
+        HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         if (m_writing) {
             return STG_E_ACCESSDENIED;
         }
-        if (m_device->Removed()) {
-            return kDeviceGone;
-        }
-        m_device->Request();
-        const HRESULT fault = m_device->Fault("Read");
-        if (FAILED(fault)) {
-            return fault;
+        hr = m_session->DeviceCall("Read");
+        if (FAILED(hr)) {
+            return hr;
         }
         // A short read hands out less than asked for without being at the end: S_OK, as a device does.
         const ULONG asked = m_device->ShortRead() != 0 ? std::min<ULONG>(cb, m_device->ShortRead()) : cb;
@@ -122,16 +145,16 @@ public:
         if (pv == nullptr) {
             return STG_E_INVALIDPOINTER;
         }
+        HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         if (!m_writing || m_committed || m_abandoned) {
             return STG_E_ACCESSDENIED;
         }
-        if (m_device->Removed()) {
-            return kDeviceGone;
-        }
-        m_device->Request();
-        const HRESULT fault = m_device->Fault("Write");
-        if (FAILED(fault)) {
-            return fault;
+        hr = m_session->DeviceCall("Write");
+        if (FAILED(hr)) {
+            return hr;
         }
         // Runs of zeros are skipped rather than written, so that a device file of many gigabytes of zeros
         // stays sparse on the test machine; Commit sets the file's end.
@@ -155,6 +178,10 @@ public:
     }
 
     HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER dlibMove, DWORD dwOrigin, ULARGE_INTEGER* plibNewPosition) override {
+        const HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         LARGE_INTEGER position{};
         if (!SetFilePointerEx(m_file, dlibMove, &position, dwOrigin)) {
             return STG_E_INVALIDFUNCTION;
@@ -170,6 +197,10 @@ public:
     }
 
     HRESULT STDMETHODCALLTYPE Commit(DWORD) override {
+        HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         if (!m_writing) {
             return S_OK;
         }
@@ -179,13 +210,9 @@ public:
         if (m_abandoned) {
             return STG_E_REVERTED;
         }
-        if (m_device->Removed()) {
-            return kDeviceGone;
-        }
-        m_device->Request();
-        const HRESULT fault = m_device->Fault("Commit");
-        if (FAILED(fault)) {
-            return fault;
+        hr = m_session->DeviceCall("Commit");
+        if (FAILED(hr)) {
+            return hr;
         }
         if (m_bytesWritten != m_declaredSize) {
             Discard();  // the object was announced with another size: the transfer is void
@@ -195,7 +222,7 @@ public:
         CloseHandle(m_file);
         m_file = INVALID_HANDLE_VALUE;
         if (!MoveFileW(m_temporaryPath.c_str(), m_targetPath.c_str())) {
-            const HRESULT hr = LastError();
+            hr = LastError();
             DeleteFileW(m_temporaryPath.c_str());
             m_abandoned = true;  // nothing left to write into
             return hr;
@@ -211,10 +238,11 @@ public:
 
     // A write not yet committed is abandoned: its data go and no object is created.
     HRESULT STDMETHODCALLTYPE Revert() override {
+        const HRESULT hr = Attached();
         if (m_writing && !m_committed) {
             Discard();
         }
-        return S_OK;
+        return hr;
     }
     HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
         return STG_E_INVALIDFUNCTION;
@@ -227,6 +255,10 @@ public:
             return STG_E_INVALIDPOINTER;
         }
         *pstatstg = STATSTG{};
+        const HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         pstatstg->type = STGTY_STREAM;
         LARGE_INTEGER size{};
         if (m_file != INVALID_HANDLE_VALUE && GetFileSizeEx(m_file, &size)) {
@@ -241,6 +273,10 @@ public:
             return E_POINTER;
         }
         *ppszObjectID = nullptr;
+        const HRESULT hr = Attached();
+        if (FAILED(hr)) {
+            return hr;
+        }
         if (m_objectId.empty()) {
             return E_UNEXPECTED;  // a write that was not committed has no object
         }
@@ -249,11 +285,21 @@ public:
     }
 
     HRESULT STDMETHODCALLTYPE Cancel() override {
+        const HRESULT hr = Attached();
         Discard();
-        return S_OK;
+        return hr;
     }
 
 private:
+    // The session's state; a transfer on a closed session cannot complete and is abandoned.
+    HRESULT Attached() {
+        const HRESULT hr = m_session->Attached();
+        if (FAILED(hr)) {
+            Discard();
+        }
+        return hr;
+    }
+
     void Discard() {
         if (m_file != INVALID_HANDLE_VALUE) {
             CloseHandle(m_file);
@@ -265,7 +311,8 @@ private:
         }
     }
 
-    std::shared_ptr<EmulatedDevice> m_device;
+    const std::shared_ptr<DeviceSession> m_session;
+    EmulatedDevice* const m_device;  // the session's
     HANDLE m_file;
     bool m_writing = false;
     bool m_committed = false;
@@ -283,8 +330,8 @@ private:
 class PortableDeviceProperties final : public ComObject<IPortableDeviceProperties>,
                                        public IPortableDevicePropertiesBulk {
 public:
-    explicit PortableDeviceProperties(std::shared_ptr<EmulatedDevice> device)
-        : m_device(std::move(device)), m_bulk(m_device) {}
+    explicit PortableDeviceProperties(std::shared_ptr<DeviceSession> session)
+        : m_session(std::move(session)), m_device(&m_session->Device()), m_bulk(m_session) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
         if (ppv != nullptr && riid == __uuidof(IPortableDevicePropertiesBulk)) {
@@ -326,7 +373,7 @@ public:
             return E_POINTER;
         }
         *ppValues = nullptr;
-        const HRESULT fault = m_device->Removed() ? kDeviceGone : (m_device->Request(), m_device->Fault("GetValues"));
+        const HRESULT fault = m_session->DeviceCall("GetValues");
         if (FAILED(fault)) {
             return fault;
         }
@@ -353,16 +400,18 @@ public:
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
 
 private:
-    std::shared_ptr<EmulatedDevice> m_device;
+    const std::shared_ptr<DeviceSession> m_session;
+    EmulatedDevice* const m_device;  // the session's
     BulkPropertyReads m_bulk;
 };
 
 class PortableDeviceResources final : public ComObject<IPortableDeviceResources> {
 public:
-    explicit PortableDeviceResources(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+    explicit PortableDeviceResources(std::shared_ptr<DeviceSession> session)
+        : m_session(std::move(session)), m_device(&m_session->Device()) {}
 
     HRESULT STDMETHODCALLTYPE GetStream(LPCWSTR pszObjectID, REFPROPERTYKEY Key, const DWORD dwMode,
                                         DWORD* pdwOptimalBufferSize, IStream** ppStream) override {
@@ -370,7 +419,7 @@ public:
             return E_POINTER;
         }
         *ppStream = nullptr;
-        const HRESULT fault = m_device->Removed() ? kDeviceGone : (m_device->Request(), m_device->Fault("GetStream"));
+        const HRESULT fault = m_session->DeviceCall("GetStream");
         if (FAILED(fault)) {
             return fault;
         }
@@ -396,7 +445,7 @@ public:
         if (pdwOptimalBufferSize != nullptr) {
             *pdwOptimalBufferSize = kOptimalBufferSize;
         }
-        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppStream), m_device, file,
+        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppStream), m_session, file,
                                              object.id);
     }
 
@@ -407,18 +456,20 @@ public:
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
     HRESULT STDMETHODCALLTYPE CreateResource(IPortableDeviceValues*, IStream**, DWORD*, LPWSTR*) override {
         return E_NOTIMPL;
     }
 
 private:
-    std::shared_ptr<EmulatedDevice> m_device;
+    const std::shared_ptr<DeviceSession> m_session;
+    EmulatedDevice* const m_device;  // the session's
 };
 
 class PortableDeviceContent final : public ComObject<IPortableDeviceContent> {
 public:
-    explicit PortableDeviceContent(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+    explicit PortableDeviceContent(std::shared_ptr<DeviceSession> session)
+        : m_session(std::move(session)), m_device(&m_session->Device()) {}
 
     HRESULT STDMETHODCALLTYPE EnumObjects(const DWORD, LPCWSTR pszParentObjectID, IPortableDeviceValues*,
                                           IEnumPortableDeviceObjectIDs** ppEnum) override {
@@ -426,7 +477,7 @@ public:
             return E_POINTER;
         }
         *ppEnum = nullptr;
-        HRESULT hr = DeviceCall("EnumObjects");
+        HRESULT hr = m_session->DeviceCall("EnumObjects");
         if (FAILED(hr)) {
             return hr;
         }
@@ -436,7 +487,7 @@ public:
             return hr;
         }
         return CreateComObject<ObjectEnumerator>(__uuidof(IEnumPortableDeviceObjectIDs),
-                                                 reinterpret_cast<void**>(ppEnum),
+                                                 reinterpret_cast<void**>(ppEnum), m_session,
                                                  m_device->Children(pszParentObjectID));
     }
 
@@ -445,10 +496,10 @@ public:
             return E_POINTER;
         }
         *ppProperties = nullptr;
-        const HRESULT hr = Check("Properties");
+        const HRESULT hr = m_session->LocalCall("Properties");
         return FAILED(hr) ? hr
-                          : CreateComObject<PortableDeviceProperties>(__uuidof(IPortableDeviceProperties),
-                                                                      reinterpret_cast<void**>(ppProperties), m_device);
+                          : CreateComObject<PortableDeviceProperties>(
+                                __uuidof(IPortableDeviceProperties), reinterpret_cast<void**>(ppProperties), m_session);
     }
 
     HRESULT STDMETHODCALLTYPE Transfer(IPortableDeviceResources** ppResources) override {
@@ -456,10 +507,10 @@ public:
             return E_POINTER;
         }
         *ppResources = nullptr;
-        const HRESULT hr = Check("Transfer");
+        const HRESULT hr = m_session->LocalCall("Transfer");
         return FAILED(hr) ? hr
                           : CreateComObject<PortableDeviceResources>(__uuidof(IPortableDeviceResources),
-                                                                     reinterpret_cast<void**>(ppResources), m_device);
+                                                                     reinterpret_cast<void**>(ppResources), m_session);
     }
 
     // A folder: parent id, name and the folder content type are required.
@@ -471,7 +522,7 @@ public:
         if (ppszObjectID != nullptr) {
             *ppszObjectID = nullptr;
         }
-        HRESULT hr = DeviceCall("CreateObjectWithPropertiesOnly");
+        HRESULT hr = m_session->DeviceCall("CreateObjectWithPropertiesOnly");
         if (FAILED(hr)) {
             return hr;
         }
@@ -513,7 +564,7 @@ public:
         if (ppszCookie != nullptr) {
             *ppszCookie = nullptr;
         }
-        HRESULT hr = DeviceCall("CreateObjectWithPropertiesAndData");
+        HRESULT hr = m_session->DeviceCall("CreateObjectWithPropertiesAndData");
         if (FAILED(hr)) {
             return hr;
         }
@@ -550,7 +601,7 @@ public:
         if (pdwOptimalWriteBufferSize != nullptr) {
             *pdwOptimalWriteBufferSize = kOptimalBufferSize;
         }
-        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppData), m_device, file,
+        return CreateComObject<ObjectStream>(IID_IStream, reinterpret_cast<void**>(ppData), m_session, file,
                                              temporary, target, parent.storage, declaredSize);
     }
 
@@ -562,7 +613,7 @@ public:
         if (ppResults != nullptr) {
             *ppResults = nullptr;
         }
-        HRESULT hr = DeviceCall("Delete");
+        HRESULT hr = m_session->DeviceCall("Delete");
         if (FAILED(hr)) {
             return hr;
         }
@@ -601,7 +652,7 @@ public:
                                                                   IPortableDevicePropVariantCollection**) override {
         return E_NOTIMPL;
     }
-    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
     HRESULT STDMETHODCALLTYPE Move(IPortableDevicePropVariantCollection*, LPCWSTR,
                                    IPortableDevicePropVariantCollection**) override {
         return E_NOTIMPL;
@@ -612,16 +663,6 @@ public:
     }
 
 private:
-    HRESULT Check(const char* call) { return m_device->Removed() ? kDeviceGone : m_device->Fault(call); }
-    // A call the device itself answers: one request.
-    HRESULT DeviceCall(const char* call) {
-        if (m_device->Removed()) {
-            return kDeviceGone;
-        }
-        m_device->Request();
-        return m_device->Fault(call);
-    }
-
     // The parent folder and the name of an object to create.
     HRESULT Target(IPortableDeviceValues* values, const PROPERTYKEY& nameKey, ObjectInfo& parent_out,
                    std::wstring& name_out) {
@@ -676,14 +717,15 @@ private:
         return S_OK;
     }
 
-    std::shared_ptr<EmulatedDevice> m_device;
+    const std::shared_ptr<DeviceSession> m_session;
+    EmulatedDevice* const m_device;  // the session's
 };
 
 }  // namespace
 
-HRESULT CreateContent(const std::shared_ptr<EmulatedDevice>& device, IPortableDeviceContent** content_out) {
+HRESULT CreateContent(const std::shared_ptr<DeviceSession>& session, IPortableDeviceContent** content_out) {
     return CreateComObject<PortableDeviceContent>(__uuidof(IPortableDeviceContent),
-                                                  reinterpret_cast<void**>(content_out), device);
+                                                  reinterpret_cast<void**>(content_out), session);
 }
 
 }  // namespace dorwex::emulator

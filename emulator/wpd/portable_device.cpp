@@ -2,6 +2,7 @@
 #include <mutex>
 
 #include "collections.h"
+#include "device_session.h"
 #include "emulated_api.h"
 #include "emulator_state.h"
 #include "text.h"
@@ -26,14 +27,14 @@ const NamedCategory kCategories[] = {
 
 class PortableDeviceCapabilities final : public ComObject<IPortableDeviceCapabilities> {
 public:
-    explicit PortableDeviceCapabilities(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+    explicit PortableDeviceCapabilities(std::shared_ptr<DeviceSession> session) : m_session(std::move(session)) {}
 
     HRESULT STDMETHODCALLTYPE GetFunctionalCategories(IPortableDevicePropVariantCollection** ppCategories) override {
         if (ppCategories == nullptr) {
             return E_POINTER;
         }
         *ppCategories = nullptr;
-        HRESULT hr = DeviceCall("GetFunctionalCategories");
+        HRESULT hr = m_session->DeviceCall("GetFunctionalCategories");
         if (FAILED(hr)) {
             return hr;
         }
@@ -41,7 +42,7 @@ public:
         if (categories == nullptr) {
             return E_OUTOFMEMORY;
         }
-        for (const auto& name : m_device->Description().categories) {
+        for (const auto& name : m_session->Device().Description().categories) {
             for (const auto& known : kCategories) {
                 if (name == known.name) {
                     categories->AddGuid(*known.category);
@@ -61,7 +62,7 @@ public:
             return E_POINTER;
         }
         *ppObjectIDs = nullptr;
-        HRESULT hr = DeviceCall("GetFunctionalObjects");
+        HRESULT hr = m_session->DeviceCall("GetFunctionalObjects");
         if (FAILED(hr)) {
             return hr;
         }
@@ -70,7 +71,7 @@ public:
             return E_OUTOFMEMORY;
         }
         if (Category == WPD_FUNCTIONAL_CATEGORY_STORAGE || Category == WPD_FUNCTIONAL_CATEGORY_ALL) {
-            for (const auto& storage : m_device->Description().storages) {
+            for (const auto& storage : m_session->Device().Description().storages) {
                 if (storage.objectId == "!invalid") {
                     PROPVARIANT number;
                     PropVariantInit(&number);
@@ -100,21 +101,12 @@ public:
     HRESULT STDMETHODCALLTYPE GetFixedPropertyAttributes(REFGUID, REFPROPERTYKEY, IPortableDeviceValues**) override {
         return E_NOTIMPL;
     }
-    HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
     HRESULT STDMETHODCALLTYPE GetSupportedEvents(IPortableDevicePropVariantCollection**) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetEventOptions(REFGUID, IPortableDeviceValues**) override { return E_NOTIMPL; }
 
 private:
-    // A call the device itself answers: one request.
-    HRESULT DeviceCall(const char* call) {
-        if (m_device->Removed()) {
-            return kDeviceGone;
-        }
-        m_device->Request();
-        return m_device->Fault(call);
-    }
-
-    std::shared_ptr<EmulatedDevice> m_device;
+    const std::shared_ptr<DeviceSession> m_session;
 };
 
 class PortableDevice final : public ComObject<IPortableDevice> {
@@ -126,7 +118,7 @@ public:
             return E_POINTER;
         }
         std::lock_guard<std::mutex> guard(m_lock);
-        if (m_device) {
+        if (m_session) {
             return E_WPD_DEVICE_ALREADY_OPENED;
         }
         auto device = EmulatorState::Get().Find(pszPnPDeviceID);
@@ -139,7 +131,7 @@ public:
             return fault;
         }
         device->SessionOpened(ClientSummary(pClientInfo));
-        m_device = std::move(device);
+        m_session = std::make_shared<DeviceSession>(std::move(device));
         return S_OK;
     }
 
@@ -149,11 +141,11 @@ public:
         }
         *ppContent = nullptr;
         HRESULT hr = S_OK;
-        const auto device = Session("Content", hr);
-        if (!device) {
+        const auto session = Session("Content", hr);
+        if (!session) {
             return hr;
         }
-        return CreateContent(device, ppContent);
+        return CreateContent(session, ppContent);
     }
 
     HRESULT STDMETHODCALLTYPE Capabilities(IPortableDeviceCapabilities** ppCapabilities) override {
@@ -162,23 +154,25 @@ public:
         }
         *ppCapabilities = nullptr;
         HRESULT hr = S_OK;
-        const auto device = Session("Capabilities", hr);
-        if (!device) {
+        const auto session = Session("Capabilities", hr);
+        if (!session) {
             return hr;
         }
         return CreateComObject<PortableDeviceCapabilities>(__uuidof(IPortableDeviceCapabilities),
-                                                           reinterpret_cast<void**>(ppCapabilities), device);
+                                                           reinterpret_cast<void**>(ppCapabilities), session);
     }
 
+    // Ends the session: the objects obtained through it cease to function, its subscriptions go.
     HRESULT STDMETHODCALLTYPE Close() override {
-        std::shared_ptr<EmulatedDevice> device;
+        std::shared_ptr<DeviceSession> session;
         {
             std::lock_guard<std::mutex> guard(m_lock);
-            device.swap(m_device);
+            session.swap(m_session);
         }
-        if (device) {
-            device->UnadviseSession(this);
-            device->SessionClosed();
+        if (session) {
+            session->End();
+            session->Device().UnadviseSession(this);
+            session->Device().SessionClosed();
         }
         return S_OK;
     }
@@ -190,11 +184,11 @@ public:
         }
         *ppszCookie = nullptr;
         HRESULT hr = S_OK;
-        const auto device = Session("Advise", hr);
-        if (!device) {
+        const auto session = Session("Advise", hr);
+        if (!session) {
             return hr;
         }
-        *ppszCookie = CoTaskStrDup(device->Advise(pCallback, this).c_str());
+        *ppszCookie = CoTaskStrDup(session->Device().Advise(pCallback, this).c_str());
         return *ppszCookie != nullptr ? S_OK : E_OUTOFMEMORY;
     }
 
@@ -202,19 +196,19 @@ public:
         if (pszCookie == nullptr) {
             return E_POINTER;
         }
-        std::shared_ptr<EmulatedDevice> device;
+        std::shared_ptr<DeviceSession> session;
         {
             std::lock_guard<std::mutex> guard(m_lock);
-            device = m_device;
+            session = m_session;
         }
-        if (!device) {
+        if (!session) {
             return kDeviceNotOpen;
         }
-        const HRESULT fault = device->Fault("Unadvise");
+        const HRESULT fault = session->Device().Fault("Unadvise");
         if (FAILED(fault)) {
             return fault;
         }
-        return device->Unadvise(pszCookie) ? S_OK : E_INVALIDARG;
+        return session->Device().Unadvise(pszCookie) ? S_OK : E_INVALIDARG;
     }
 
     HRESULT STDMETHODCALLTYPE GetPnPDeviceID(LPWSTR* ppszPnPDeviceID) override {
@@ -222,10 +216,10 @@ public:
             return E_POINTER;
         }
         std::lock_guard<std::mutex> guard(m_lock);
-        if (!m_device) {
+        if (!m_session) {
             return kDeviceNotOpen;
         }
-        *ppszPnPDeviceID = CoTaskStrDup(m_device->Id().c_str());
+        *ppszPnPDeviceID = CoTaskStrDup(m_session->Device().Id().c_str());
         return *ppszPnPDeviceID != nullptr ? S_OK : E_OUTOFMEMORY;
     }
 
@@ -235,27 +229,27 @@ public:
     HRESULT STDMETHODCALLTYPE Cancel() override { return S_OK; }
 
 private:
-    // The open device, after counting the call and applying its fault; null with the error otherwise.
-    std::shared_ptr<EmulatedDevice> Session(const char* call, HRESULT& hr_out) {
-        std::shared_ptr<EmulatedDevice> device;
+    // The open session, after counting the call and applying its fault; null with the error otherwise.
+    std::shared_ptr<DeviceSession> Session(const char* call, HRESULT& hr_out) {
+        std::shared_ptr<DeviceSession> session;
         {
             std::lock_guard<std::mutex> guard(m_lock);
-            device = m_device;
+            session = m_session;
         }
-        if (!device) {
+        if (!session) {
             hr_out = kDeviceNotOpen;
             return nullptr;
         }
-        if (device->Removed()) {
+        if (session->Device().Removed()) {
             hr_out = kDeviceGone;
             return nullptr;
         }
-        const HRESULT fault = device->Fault(call);
+        const HRESULT fault = session->Device().Fault(call);
         if (FAILED(fault)) {
             hr_out = fault;
             return nullptr;
         }
-        return device;
+        return session;
     }
 
     // What the client said about itself, in a form tests can compare.
@@ -283,8 +277,7 @@ private:
     }
 
     std::mutex m_lock;
-    std::shared_ptr<EmulatedDevice> m_device;
-    HRESULT hr_out = S_OK;
+    std::shared_ptr<DeviceSession> m_session;
 };
 
 }  // namespace

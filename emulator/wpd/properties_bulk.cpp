@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "collections.h"
+#include "device_session.h"
 #include "emulated_api.h"
 #include "emulator_state.h"
 
@@ -31,7 +32,7 @@ struct BulkPropertyReads::Operation {
     }
 
     GUID context{};
-    std::shared_ptr<EmulatedDevice> device;
+    std::shared_ptr<DeviceSession> session;
     IPortableDevicePropertiesBulkCallback* callback = nullptr;  // one reference
     bool allKeys = true;
     std::vector<PROPERTYKEY> keys;
@@ -124,16 +125,13 @@ IPortableDeviceValues* ValuesOf(EmulatedDevice& device, const std::wstring& id, 
 }
 
 void Run(BulkPropertyReads::Operation& operation) {
-    EmulatedDevice& device = *operation.device;
+    const DeviceSession& session = *operation.session;
+    EmulatedDevice& device = session.Device();
     IPortableDevicePropertiesBulkCallback* callback = operation.callback;
     const GUID& context = operation.context;
     callback->OnStart(context);
-    HRESULT hr = device.Removed() ? kDeviceGone : S_OK;
     std::vector<std::wstring> ids;
-    if (SUCCEEDED(hr)) {
-        device.Request();  // the whole operation is one request to the device
-        hr = device.Fault("BulkProperties");
-    }
+    HRESULT hr = session.DeviceCall("BulkProperties");  // the whole operation is one request to the device
     if (SUCCEEDED(hr)) {
         if (operation.byFormat) {
             hr = CollectByFormat(device, operation, ids);
@@ -168,8 +166,8 @@ void Run(BulkPropertyReads::Operation& operation) {
                 hr = kCancelled;
                 break;
             }
-            if (device.Removed()) {
-                hr = kDeviceGone;
+            hr = session.Reachable();  // a closed session or a device gone ends the operation
+            if (FAILED(hr)) {
                 break;
             }
             auto* results = new (std::nothrow) PortableDeviceValuesCollection();
@@ -216,7 +214,7 @@ void CALLBACK RunOnPool(PTP_CALLBACK_INSTANCE, void* context) {
 
 }  // namespace
 
-BulkPropertyReads::BulkPropertyReads(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+BulkPropertyReads::BulkPropertyReads(std::shared_ptr<DeviceSession> session) : m_session(std::move(session)) {}
 
 BulkPropertyReads::~BulkPropertyReads() = default;
 
@@ -226,7 +224,7 @@ HRESULT BulkPropertyReads::Queue(std::shared_ptr<Operation> operation, IPortable
         return E_POINTER;
     }
     *context_out = GUID_NULL;
-    operation->device = m_device;
+    operation->session = m_session;
     operation->allKeys = keys == nullptr;
     if (keys != nullptr) {
         DWORD count = 0;
@@ -259,6 +257,10 @@ HRESULT BulkPropertyReads::QueueByObjectList(IPortableDevicePropVariantCollectio
     if (objectIds == nullptr) {
         return E_POINTER;
     }
+    const HRESULT hr = m_session->Attached();
+    if (FAILED(hr)) {
+        return hr;
+    }
     auto operation = std::make_shared<Operation>();
     DWORD count = 0;
     objectIds->GetCount(&count);
@@ -282,6 +284,10 @@ HRESULT BulkPropertyReads::QueueByObjectFormat(REFGUID format, LPCWSTR parentId,
     if (parentId == nullptr) {
         return E_POINTER;
     }
+    const HRESULT hr = m_session->Attached();
+    if (FAILED(hr)) {
+        return hr;
+    }
     auto operation = std::make_shared<Operation>();
     operation->byFormat = true;
     operation->format = format;
@@ -291,6 +297,10 @@ HRESULT BulkPropertyReads::QueueByObjectFormat(REFGUID format, LPCWSTR parentId,
 }
 
 HRESULT BulkPropertyReads::Start(REFGUID context) {
+    const HRESULT attached = m_session->Attached();
+    if (FAILED(attached)) {
+        return attached;
+    }
     std::shared_ptr<Operation> operation;
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -321,6 +331,10 @@ HRESULT BulkPropertyReads::Start(REFGUID context) {
 }
 
 HRESULT BulkPropertyReads::Cancel(REFGUID context) {
+    const HRESULT hr = m_session->Attached();
+    if (FAILED(hr)) {
+        return hr;
+    }
     std::lock_guard<std::mutex> guard(m_lock);
     for (auto it = m_operations.begin(); it != m_operations.end(); ++it) {
         if (SameGuid((*it)->context, context)) {

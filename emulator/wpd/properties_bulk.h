@@ -16,9 +16,12 @@
 
 namespace dorwex::emulator {
 
+class DeviceSession;
+
 class BulkPropertyReads {
 public:
-    explicit BulkPropertyReads(std::shared_ptr<EmulatedDevice> device);
+    // Operations run on the session's device and end once the session is closed.
+    explicit BulkPropertyReads(std::shared_ptr<DeviceSession> session);
     ~BulkPropertyReads();
 
     HRESULT QueueByObjectList(IPortableDevicePropVariantCollection* objectIds, IPortableDeviceKeyCollection* keys,
@@ -34,7 +37,7 @@ private:
     HRESULT Queue(std::shared_ptr<Operation> operation, IPortableDeviceKeyCollection* keys,
                   IPortableDevicePropertiesBulkCallback* callback, GUID* context_out);
 
-    std::shared_ptr<EmulatedDevice> m_device;
+    std::shared_ptr<DeviceSession> m_session;
     std::mutex m_lock;
     std::vector<std::shared_ptr<Operation>> m_operations;  // queued or running
 };

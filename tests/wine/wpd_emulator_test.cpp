@@ -6,6 +6,7 @@
 #include <wrl/client.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -862,6 +863,258 @@ TEST_F(EmulatorBulk, DeviceWithoutBulkOperationsAnswersNoInterface) {
     ComPtr<IPortableDevicePropertiesBulk> bulk;
     EXPECT_EQ(properties.As(&bulk), E_NOINTERFACE);
     EXPECT_EQ(bulk, nullptr);
+}
+
+// A collection holding one object id, for the calls that take a list of objects.
+ComPtr<IPortableDevicePropVariantCollection> IdList(const std::wstring& id) {
+    ComPtr<IPortableDevicePropVariantCollection> ids;
+    EXPECT_EQ(CoCreateInstance(CLSID_PortableDevicePropVariantCollection, nullptr, CLSCTX_INPROC_SERVER,
+                               IID_PPV_ARGS(&ids)),
+              S_OK);
+    PROPVARIANT value;
+    PropVariantInit(&value);
+    value.vt = VT_LPWSTR;
+    value.pwszVal = const_cast<LPWSTR>(id.c_str());
+    ids->Add(&value);  // Add copies the value
+    return ids;
+}
+
+// Every object obtained through a session stops working when IPortableDevice::Close ends that session: each
+// call answers E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE, reaches neither the device nor its storage, and a read
+// or a write under way at the close fails at its next call; the unfinished write leaves nothing behind.
+TEST_F(Emulator, ObjectsHostedOnAClosedSessionCeaseToFunction) {
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    emulator.WriteFile(storage + L"\\a.txt", "0123456789");
+    const std::wstring file = Child(L"s10001", L"a.txt");
+    ASSERT_FALSE(file.empty());
+
+    // Each object, shown to work before the close.
+    ComPtr<IPortableDeviceProperties> properties;
+    ASSERT_EQ(content->Properties(&properties), S_OK);
+    ComPtr<IPortableDevicePropertiesBulk> bulk;
+    ASSERT_EQ(properties.As(&bulk), S_OK);
+    BulkRecorder queued;
+    GUID context = GUID_NULL;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(), &queued,
+                                                 &context),
+              S_OK);
+    ComPtr<IPortableDeviceResources> resources;
+    ASSERT_EQ(content->Transfer(&resources), S_OK);
+    ComPtr<IPortableDeviceCapabilities> capabilities;
+    ASSERT_EQ(device->Capabilities(&capabilities), S_OK);
+    ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
+    ASSERT_EQ(content->EnumObjects(0, L"s10001", nullptr, &enumerator), S_OK);
+    ComPtr<IStream> reading;
+    ASSERT_EQ(resources->GetStream(file.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, nullptr, &reading), S_OK);
+    char buffer[16] = {};
+    ULONG read = 0;
+    ASSERT_EQ(reading->Read(buffer, 4, &read), S_OK) << "a read under way";
+    ComPtr<IStream> writing;
+    ASSERT_EQ(content->CreateObjectWithPropertiesAndData(NewFile(L"new.bin", 8).Get(), &writing, nullptr, nullptr),
+              S_OK);
+    ASSERT_EQ(writing->Write("four", 4, nullptr), S_OK) << "a write under way";
+
+    ASSERT_EQ(device->Close(), S_OK);
+    emulator.Requests(L"usb#emu", TRUE);
+
+    ComPtr<IPortableDeviceValues> folder;
+    CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&folder));
+    folder->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+    folder->SetStringValue(WPD_OBJECT_NAME, L"DCIM");
+    folder->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+    const struct {
+        const char* call;
+        std::function<HRESULT()> make;
+    } calls[] = {
+        {"IPortableDeviceContent::EnumObjects",
+         [&] {
+             ComPtr<IEnumPortableDeviceObjectIDs> ids;
+             return content->EnumObjects(0, L"s10001", nullptr, &ids);
+         }},
+        {"IPortableDeviceContent::Properties",
+         [&] {
+             ComPtr<IPortableDeviceProperties> more;
+             return content->Properties(&more);
+         }},
+        {"IPortableDeviceContent::Transfer",
+         [&] {
+             ComPtr<IPortableDeviceResources> more;
+             return content->Transfer(&more);
+         }},
+        {"IPortableDeviceContent::CreateObjectWithPropertiesOnly",
+         [&] {
+             CoTaskString id;
+             return content->CreateObjectWithPropertiesOnly(folder.Get(), &id);
+         }},
+        {"IPortableDeviceContent::CreateObjectWithPropertiesAndData",
+         [&] {
+             ComPtr<IStream> data;
+             return content->CreateObjectWithPropertiesAndData(NewFile(L"other.bin", 1).Get(), &data, nullptr,
+                                                               nullptr);
+         }},
+        {"IPortableDeviceContent::Delete",
+         [&] { return content->Delete(PORTABLE_DEVICE_DELETE_NO_RECURSION, IdList(file).Get(), nullptr); }},
+        {"IPortableDeviceProperties::GetValues",
+         [&] {
+             ComPtr<IPortableDeviceValues> values;
+             return properties->GetValues(file.c_str(), nullptr, &values);
+         }},
+        {"IPortableDevicePropertiesBulk::QueueGetValuesByObjectList",
+         [&] {
+             GUID another = GUID_NULL;
+             return bulk->QueueGetValuesByObjectList(IdList(file).Get(), ListingKeys().Get(), &queued, &another);
+         }},
+        {"IPortableDevicePropertiesBulk::QueueGetValuesByObjectFormat",
+         [&] {
+             GUID another = GUID_NULL;
+             return bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(),
+                                                       &queued, &another);
+         }},
+        {"IPortableDevicePropertiesBulk::Start", [&] { return bulk->Start(context); }},
+        {"IPortableDeviceResources::GetStream",
+         [&] {
+             ComPtr<IStream> another;
+             return resources->GetStream(file.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, nullptr, &another);
+         }},
+        {"IPortableDeviceCapabilities::GetFunctionalCategories",
+         [&] {
+             ComPtr<IPortableDevicePropVariantCollection> categories;
+             return capabilities->GetFunctionalCategories(&categories);
+         }},
+        {"IPortableDeviceCapabilities::GetFunctionalObjects",
+         [&] {
+             ComPtr<IPortableDevicePropVariantCollection> objects;
+             return capabilities->GetFunctionalObjects(WPD_FUNCTIONAL_CATEGORY_STORAGE, &objects);
+         }},
+        {"IEnumPortableDeviceObjectIDs::Next",
+         [&] {
+             LPWSTR id = nullptr;
+             ULONG fetched = 0;
+             const HRESULT hr = enumerator->Next(1, &id, &fetched);
+             CoTaskMemFree(id);
+             return hr;
+         }},
+        {"IEnumPortableDeviceObjectIDs::Skip", [&] { return enumerator->Skip(1); }},
+        {"IEnumPortableDeviceObjectIDs::Reset", [&] { return enumerator->Reset(); }},
+        {"IEnumPortableDeviceObjectIDs::Cancel", [&] { return enumerator->Cancel(); }},
+        {"IPortableDeviceContent::Cancel", [&] { return content->Cancel(); }},
+        {"IPortableDeviceProperties::Cancel", [&] { return properties->Cancel(); }},
+        {"IPortableDevicePropertiesBulk::Cancel", [&] { return bulk->Cancel(context); }},
+        {"IPortableDeviceResources::Cancel", [&] { return resources->Cancel(); }},
+        {"IPortableDeviceCapabilities::Cancel", [&] { return capabilities->Cancel(); }},
+        {"read stream IStream::Read", [&] { return reading->Read(buffer, sizeof buffer, &read); }},
+        {"read stream IStream::Seek",
+         [&] {
+             LARGE_INTEGER start{};
+             return reading->Seek(start, STREAM_SEEK_SET, nullptr);
+         }},
+        {"read stream IStream::Stat",
+         [&] {
+             STATSTG stat{};
+             return reading->Stat(&stat, STATFLAG_NONAME);
+         }},
+        {"read stream IPortableDeviceDataStream::GetObjectID",
+         [&] {
+             ComPtr<IPortableDeviceDataStream> data;
+             CoTaskString id;
+             return SUCCEEDED(reading.As(&data)) ? data->GetObjectID(&id) : E_NOINTERFACE;
+         }},
+        {"write stream IStream::Write", [&] { return writing->Write("four", 4, nullptr); }},
+        {"write stream IStream::Commit", [&] { return writing->Commit(STGC_DEFAULT); }},
+        {"write stream IStream::Revert", [&] { return writing->Revert(); }},
+    };
+    for (const auto& c : calls) {
+        EXPECT_EQ(c.make(), E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE) << c.call;
+    }
+    EXPECT_EQ(emulator.Requests(L"usb#emu", FALSE), 0u) << "no refused call reached the device";
+    EXPECT_EQ(FilesIn(storage), std::vector<std::wstring>{L"a.txt"})
+        << "nothing deleted or created, nothing left of the unfinished write";
+    ASSERT_TRUE(emulator.WaitForEvents(5000));
+    EXPECT_TRUE(queued.calls.empty()) << "the queued operation never ran";
+    bulk.Reset();
+    properties.Reset();
+    EXPECT_EQ(queued.refs, 1u) << "the stack let go of the callback";
+}
+
+// Close ends only its own session: another session of the same device keeps its objects working; Open on the
+// closed IPortableDevice starts a new session whose objects work while those of the old one stay dead.
+TEST_F(Emulator, CloseEndsOnlyItsOwnSessionAndReopeningStartsANewOne) {
+    emulator.WriteFile(emulator.StorageDirectory(spec, 0) + L"\\a.txt", "a");
+    const std::wstring file = Child(L"s10001", L"a.txt");
+    ASSERT_FALSE(file.empty());
+    ComPtr<IPortableDeviceValues> client;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)),
+              S_OK);
+    ComPtr<IPortableDevice> other;
+    ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&other)), S_OK);
+    ASSERT_EQ(other->Open(L"usb#emu", client.Get()), S_OK);
+    ComPtr<IPortableDeviceContent> otherContent;
+    ASSERT_EQ(other->Content(&otherContent), S_OK);
+    ComPtr<IPortableDeviceProperties> otherProperties;
+    ASSERT_EQ(otherContent->Properties(&otherProperties), S_OK);
+    ComPtr<IPortableDeviceProperties> oldProperties;
+    ASSERT_EQ(content->Properties(&oldProperties), S_OK);
+
+    ASSERT_EQ(device->Close(), S_OK);
+    EXPECT_EQ(Enumerate(otherContent.Get(), L"s10001"), std::vector<std::wstring>{file}) << "the other session";
+    ComPtr<IPortableDeviceValues> values;
+    EXPECT_EQ(otherProperties->GetValues(file.c_str(), nullptr, &values), S_OK) << "the other session";
+
+    ASSERT_EQ(device->Open(L"usb#emu", client.Get()), S_OK);
+    ComPtr<IPortableDeviceContent> reopened;
+    ASSERT_EQ(device->Content(&reopened), S_OK);
+    EXPECT_EQ(Enumerate(reopened.Get(), L"s10001"), std::vector<std::wstring>{file}) << "the new session";
+    ComPtr<IEnumPortableDeviceObjectIDs> ids;
+    EXPECT_EQ(content->EnumObjects(0, L"s10001", nullptr, &ids), E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE)
+        << "the old session's content stays dead";
+    EXPECT_EQ(oldProperties->GetValues(file.c_str(), nullptr, &values), E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE)
+        << "the old session's properties stay dead";
+
+    ASSERT_EQ(other->Close(), S_OK);
+    EXPECT_EQ(otherProperties->GetValues(file.c_str(), nullptr, &values), E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE);
+    EXPECT_EQ(Enumerate(reopened.Get(), L"s10001"), std::vector<std::wstring>{file})
+        << "the reopened session outlives the other's close";
+}
+
+// A bulk callback that holds its first result set until the test lets it go.
+class HeldBulkRecorder : public BulkRecorder {
+public:
+    HeldBulkRecorder()
+        : reached(CreateEventW(nullptr, TRUE, FALSE, nullptr)), resume(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~HeldBulkRecorder() {
+        CloseHandle(reached);
+        CloseHandle(resume);
+    }
+    HRESULT STDMETHODCALLTYPE OnProgress(REFGUID context, IPortableDeviceValuesCollection* results) override {
+        SetEvent(reached);
+        WaitForSingleObject(resume, 30000);
+        return BulkRecorder::OnProgress(context, results);
+    }
+    HANDLE reached;
+    HANDLE resume;
+};
+
+// A bulk operation running when its session closes ends with OnEnd and the session's error; no result set
+// follows the close.
+TEST_F(EmulatorBulk, AnOperationRunningWhenItsSessionClosesEndsWithItsError) {
+    Open(PhoneSpec("usb#closing", "Acme", "C1"));
+    Fill();
+    ComPtr<IPortableDevicePropertiesBulk> bulk;
+    ASSERT_EQ(properties.As(&bulk), S_OK);
+    HeldBulkRecorder recorder;
+    GUID context = GUID_NULL;
+    ASSERT_EQ(bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, L"s10001", 1, ListingKeys().Get(), &recorder,
+                                                 &context),
+              S_OK);
+    ASSERT_EQ(bulk->Start(context), S_OK);
+    const DWORD reached = WaitForSingleObject(recorder.reached, 30000);
+    ASSERT_EQ(device->Close(), S_OK);
+    SetEvent(recorder.resume);
+    ASSERT_EQ(reached, WAIT_OBJECT_0) << "the operation reported its first result set";
+    ASSERT_TRUE(Finished(recorder));
+    EXPECT_EQ(recorder.endStatus, E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE);
+    EXPECT_EQ(recorder.callCount[L"progress"], 1) << "nothing after the close; 302 objects make six result sets";
+    EXPECT_EQ(recorder.calls, (std::vector<std::wstring>{L"start", L"progress", L"end"}));
 }
 
 TEST(EmulatorDescriptions, BrokenFilesAreReportedNotLoaded) {
