@@ -289,23 +289,9 @@ public:
     // The folder's entries as "name@id@DIR~" / "name@id@FILE~", in the device's order.
     std::wstring List(const std::wstring& folderId) {
         std::vector<std::wstring> ids;
-        ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
-        m_content->EnumObjects(0, folderId.c_str(), nullptr, &enumerator);
-        LPWSTR batch[64];
-        ULONG fetched = 0;
-        HRESULT hr = S_OK;
-        do {
-            hr = enumerator->Next(64, batch, &fetched);
-            for (ULONG i = 0; i < fetched; ++i) {
-                ids.emplace_back(batch[i]);
-                CoTaskMemFree(batch[i]);
-            }
-        } while (hr == S_OK);
+        EnumerateChildren(folderId, [&](LPCWSTR id) { ids.emplace_back(id); });
         BulkSink sink;
-        GUID context{};
-        m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
-        m_bulk->Start(context);
-        sink.WaitForEnd();
+        ReadChildrenInBulk(folderId, sink);
         std::wstring text;
         for (const auto& id : ids) {
             const auto& record = sink.records[id];
@@ -321,23 +307,9 @@ public:
     // device and the portable-device runtime take for them.
     size_t Touch(const std::wstring& folderId) {
         size_t ids = 0;
-        ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
-        m_content->EnumObjects(0, folderId.c_str(), nullptr, &enumerator);
-        LPWSTR batch[64];
-        ULONG fetched = 0;
-        HRESULT hr = S_OK;
-        do {
-            hr = enumerator->Next(64, batch, &fetched);
-            for (ULONG i = 0; i < fetched; ++i) {
-                CoTaskMemFree(batch[i]);
-            }
-            ids += fetched;
-        } while (hr == S_OK);
+        EnumerateChildren(folderId, [&](LPCWSTR) { ++ids; });
         CountingSink sink;
-        GUID context{};
-        m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
-        m_bulk->Start(context);
-        sink.WaitForEnd();
+        ReadChildrenInBulk(folderId, sink);
         return ids;
     }
 
@@ -383,6 +355,31 @@ public:
     }
 
 private:
+    // Hands each child id of the folder to take, in the device's order.
+    template <class Take>
+    void EnumerateChildren(const std::wstring& folderId, Take take) {
+        ComPtr<IEnumPortableDeviceObjectIDs> enumerator;
+        m_content->EnumObjects(0, folderId.c_str(), nullptr, &enumerator);
+        LPWSTR batch[64];
+        ULONG fetched = 0;
+        HRESULT hr = S_OK;
+        do {
+            hr = enumerator->Next(64, batch, &fetched);
+            for (ULONG i = 0; i < fetched; ++i) {
+                take(batch[i]);
+                CoTaskMemFree(batch[i]);
+            }
+        } while (hr == S_OK);
+    }
+
+    // One bulk read of the names and kinds of the folder's children, into sink.
+    void ReadChildrenInBulk(const std::wstring& folderId, BulkSinkBase& sink) {
+        GUID context{};
+        m_bulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, folderId.c_str(), 1, m_keys.Get(), &sink, &context);
+        m_bulk->Start(context);
+        sink.WaitForEnd();
+    }
+
     static void Pump(IStream* from, IStream* to, DWORD size) {
         std::vector<BYTE> buffer(size);
         for (;;) {
