@@ -37,6 +37,17 @@ void DorWEXMethodCall::SetReturnText(const wchar_t* pwcharText_in) {
     variant_tReturnValue = _variant_t(pwcharText_in != nullptr ? pwcharText_in : L"");
 }
 
+void DorWEXMethodCall::SetReturnText(_bstr_t&& bstr_tText_in) {
+    if (bstr_tText_in.length() == 0) {
+        SetReturnText(L"");
+        return;
+    }
+    boolHasReturnValue = true;
+    variant_tReturnValue.Clear();
+    variant_tReturnValue.bstrVal = bstr_tText_in.Detach();
+    variant_tReturnValue.vt = VT_BSTR;
+}
+
 void DorWEXMethodCall::SetExtendedStatus(const wchar_t* pwcharOperation_in, const wchar_t* pwcharDescription_in) {
     IWbemClassObject* l_pStatus =
         CreateExtendedStatus(pProvider->GetNamespace(), pwcharOperation_in, pwcharDescription_in);
@@ -168,11 +179,10 @@ STDMETHODIMP CDorWEXWPDWMI::ExecMethodAsync(const BSTR strObjectPath, const BSTR
                 if (l_pHandler != nullptr) {
                     l_HRESULT = l_pHandler(l_Call);
                 }
-                _variant_t l_ReturnValue;
-                if (l_Call.boolHasReturnValue) {
-                    l_ReturnValue = l_Call.variant_tReturnValue;
-                }
-                l_OutParams->Put(dorwex::schema::kReturnValue, 0, &l_ReturnValue, 0);
+                // Put copies the value, so the call's own is handed as it is.
+                _variant_t l_NoValue;
+                l_OutParams->Put(dorwex::schema::kReturnValue, 0,
+                                 l_Call.boolHasReturnValue ? &l_Call.variant_tReturnValue : &l_NoValue, 0);
                 pResponseHandler->Indicate(1, l_OutParams.GetAddressOf());
             }
         }

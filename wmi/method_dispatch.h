@@ -34,6 +34,8 @@ struct DorWEXMethodCall {
 
     ~DorWEXMethodCall();
     void SetReturnText(const wchar_t* pwcharText_in);
+    // Takes the text over without copying it: a listing can be megabytes (null gives an empty text).
+    void SetReturnText(_bstr_t&& bstr_tText_in);
     // Records a failure the caller sees as an __ExtendedStatus with these texts.
     void SetExtendedStatus(const wchar_t* pwcharOperation_in, const wchar_t* pwcharDescription_in);
 };

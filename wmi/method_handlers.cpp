@@ -2,6 +2,7 @@
 // and makes the "ReturnValue" text; each inner handler finds the device and calls its operation.
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "../common/com_memory.h"
 #include "../common/com_error.h"
@@ -232,7 +233,7 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
     if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
         l_bstr_tListing = l_pDevice->EnumerateDevicePath(Pointer(l_Texts[0]), l_ContentType.value_or(0));
     }
-    call_io.SetReturnText(BstrText(l_bstr_tListing));
+    call_io.SetReturnText(std::move(l_bstr_tListing));
     return S_OK;
 }
 
