@@ -18,9 +18,10 @@
 #include "monitor/companion_processors.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
-#include "support/test_files.h"
 #include "support/system_text.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_order.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
@@ -565,12 +566,7 @@ TEST_F(BlackBerryPipe, RemovalTerminatesThenLeavesMonitoringThenStopsThenDestroy
         L"CDorWEXWPDObject::~CDorWEXWPDObject",
         L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.erase.\n",
     };
-    long previous = -1;
-    for (const auto& line : order) {
-        const long at = trace.IndexOf(line);
-        EXPECT_GT(at, previous) << std::string(line.begin(), line.end());
-        previous = at;
-    }
+    ExpectInOrder(trace, order);
     EXPECT_FALSE(core.HasBlackBerryMonitoring());
 }
 

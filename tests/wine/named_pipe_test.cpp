@@ -16,10 +16,11 @@
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "support/fake_devices.h"
-#include "support/test_files.h"
 #include "support/system_text.h"
+#include "support/test_files.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
+#include "support/trace_order.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 
@@ -438,7 +439,7 @@ TEST(ApplePipe, ANameAnotherServerHoldsFailsTheSetUp) {
         processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
     }
     CloseHandle(held);
-    const std::wstring inOrder[] = {
+    const std::vector<std::wstring> inOrder = {
         L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, succeeded.",
         L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, Instance=0, CreateNamedPipe failed " + std::wstring(code) + L": " +
             message + L".",
@@ -447,12 +448,7 @@ TEST(ApplePipe, ANameAnotherServerHoldsFailsTheSetUp) {
         L"CDorWEXWMIAppleEventsListener::ListenForAppleEvents exiting...",
         L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down...",
     };
-    long previous = -1;
-    for (const auto& line : inOrder) {
-        const long index = trace.IndexOf(line);
-        EXPECT_GT(index, previous) << std::string(line.begin(), line.end());
-        previous = index;
-    }
+    ExpectInOrder(trace, inOrder);
     EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered...")) << "no loop without a pipe";
 }
 

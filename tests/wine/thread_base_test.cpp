@@ -14,9 +14,10 @@
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
-#include "support/test_trace_sink.h"
 #include "support/system_text.h"
+#include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
+#include "support/trace_order.h"
 #include "support/wait_until.h"
 #include "wmi/module.h"
 
@@ -215,7 +216,7 @@ TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
     EXPECT_FALSE(IsWindow(window));
     EXPECT_EQ(g_longWindowClosing, 1);
     EXPECT_EQ(g_longWPDEventsThreadIsRunning, 0);
-    const wchar_t* const inOrder[] = {
+    ExpectInOrder(trace, {
         L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor\n",
         L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_CLOSE",
         L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_DESTROY",
@@ -224,13 +225,7 @@ TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
         L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor, child thread is "
         L"terminated!!!!\n",
         L"CDorWEXWMIThreadWPDEventsProcessor::Stop: TheMonitorThreadForThreadWPDEventsProcessor exiting\n",
-    };
-    long previous = -1;
-    for (const wchar_t* line : inOrder) {
-        const long index = trace.IndexOf(line);
-        EXPECT_GT(index, previous) << std::string(line, line + wcslen(line));
-        previous = index;
-    }
+    });
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE"));
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
     EXPECT_FALSE(processor.IsRunning());
@@ -275,19 +270,13 @@ TEST(ThreadBase, DestroyedWhileRunningTracesTheDestructionThenStops) {
         processor.reset();
         EXPECT_LT(GetTickCount64() - start, 5000u) << "the worker ended when told, not at the time-out";
         const std::wstring stopTrace = c.stopTrace;
-        const std::wstring inOrder[] = {
+        ExpectInOrder(trace, {
             L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase",
             L"CDorWEXWMIThreadBase::ManageThread, STOP",
             stopTrace + L", waiting for child thread to terminate...\n",
             stopTrace + L", child thread is terminated!!!!\n",
             stopTrace + L" exiting\n",
-        };
-        long previous = -1;
-        for (const auto& line : inOrder) {
-            const long index = trace.IndexOf(line);
-            EXPECT_GT(index, previous) << std::string(line.begin(), line.end());
-            previous = index;
-        }
+        });
         EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::~CDorWEXWMIThreadBase"), 1u);
         EXPECT_EQ(trace.Count(L"CDorWEXWMIThreadBase::ManageThread, STOP"), 1u);
     }
@@ -308,12 +297,9 @@ TEST(WPDEventsProcessor, ImmediateStopLeavesNoWorker) {
 
 // Each line in the order given, each written once (lines of one thread, so their order is fixed).
 void ExpectOnceEachInOrder(const TraceCapture& trace, const std::vector<std::wstring>& lines, const char* thread) {
-    long previous = -1;
+    ExpectInOrder(trace, lines, std::string(thread) + ": ");
     for (const auto& line : lines) {
-        const long index = trace.IndexOf(line);
-        EXPECT_GT(index, previous) << thread << ": " << std::string(line.begin(), line.end());
         EXPECT_EQ(trace.Count(line), 1u) << thread << ": " << std::string(line.begin(), line.end());
-        previous = index;
     }
 }
 
