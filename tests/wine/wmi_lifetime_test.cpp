@@ -18,6 +18,7 @@
 
 #include "device/portable_device_api.h"
 #include "emulator/wmi/control.h"
+#include "support/stack_com.h"
 #include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
@@ -153,19 +154,8 @@ ComPtr<IEnumWbemClassObject> Subscribe(IWbemServices* services) {
 }
 
 // An asynchronous consumer's sink, counting what it is told.
-class CountingSink final : public IWbemObjectSink {
+class CountingSink final : public StackCom<IWbemObjectSink> {
 public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-        if (riid == IID_IUnknown || riid == IID_IWbemObjectSink) {
-            *ppv = static_cast<IWbemObjectSink*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++references; }
-    ULONG STDMETHODCALLTYPE Release() override { return --references; }
     HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject**) override {
         indicated += count;
         return WBEM_S_NO_ERROR;
@@ -175,7 +165,6 @@ public:
         ++statuses;
         return WBEM_S_NO_ERROR;
     }
-    std::atomic<long> references{1};
     std::atomic<long> indicated{0};
     std::atomic<long> statuses{0};
     std::atomic<HRESULT> lastStatus{E_PENDING};
@@ -203,7 +192,7 @@ TEST(ProviderLifetime, UnloadLeavesNothingTheServiceGaveTheProviderAlive) {
     UnloadAndExpectTheDllFreed(controls);
     // The namespace the provider was given in Initialize and the sink of ProvideEvents were released.
     EXPECT_EQ(controls.liveObjects(), before);
-    EXPECT_EQ(consumer.references, 1) << "the service still holds the consumer's sink";
+    EXPECT_EQ(consumer.refs, 1u) << "the service still holds the consumer's sink";
 }
 
 TEST(ProviderLifetime, AnIdleProviderIsUnloadedAfterClearAfterButNotWhileConsumersRemain) {

@@ -14,6 +14,7 @@
 
 #include "common/com_memory.h"
 #include "device/portable_device_api.h"
+#include "support/stack_com.h"
 #include "support/wpd_emulator.h"
 
 using Microsoft::WRL::ComPtr;
@@ -21,21 +22,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 // A callback that lives on the test's stack: COM's reference count is only counted.
-class StackCallback : public IPortableDeviceEventCallback {
-public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-        if (riid == IID_IUnknown || riid == IID_IPortableDeviceEventCallback) {
-            *ppv = this;
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
-    std::atomic<ULONG> refs{1};
-};
+using StackCallback = StackCom<IPortableDeviceEventCallback>;
 
 // Counts the events it receives, remembering the event id and object name of each.
 class RecordingCallback : public StackCallback {
@@ -563,21 +550,10 @@ TEST_F(Emulator, RemovedDeviceRaisesItsEventAndRefusesFurtherCalls) {
 
 // Records what a bulk property operation reports: the order of the three calls, the threads they came
 // on, and every object's values merged by object id.
-class BulkRecorder : public IPortableDevicePropertiesBulkCallback {
+class BulkRecorder : public StackCom<IPortableDevicePropertiesBulkCallback> {
 public:
     BulkRecorder() : ended(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
     ~BulkRecorder() { CloseHandle(ended); }
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-        if (riid == IID_IUnknown || riid == IID_IPortableDevicePropertiesBulkCallback) {
-            *ppv = this;
-            AddRef();
-            return S_OK;
-        }
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
     HRESULT STDMETHODCALLTYPE OnStart(REFGUID context) override {
         Note(L"start", context);
         return S_OK;
@@ -627,7 +603,6 @@ public:
         contexts.push_back(context);
     }
 
-    std::atomic<ULONG> refs{1};
     HANDLE ended;
     HRESULT progressAnswer = S_OK;
     HRESULT endStatus = E_PENDING;
