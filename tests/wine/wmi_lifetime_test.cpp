@@ -499,8 +499,8 @@ TEST_P(ProviderInitialization, OnlyAReadyProviderIsCalled) {
               WBEM_S_NO_ERROR);
     EXPECT_EQ(method.statuses, 1);
     const HRESULT called = method.lastStatus;
-    EXPECT_EQ(enumerated, ready ? S_OK : WBEM_E_PROVIDER_LOAD_FAILURE);
-    EXPECT_EQ(called, ready ? S_OK : WBEM_E_PROVIDER_LOAD_FAILURE);
+    EXPECT_EQ(enumerated, ready ? S_OK : static_cast<HRESULT>(WBEM_E_PROVIDER_LOAD_FAILURE));
+    EXPECT_EQ(called, ready ? S_OK : static_cast<HRESULT>(WBEM_E_PROVIDER_LOAD_FAILURE));
     EXPECT_EQ(provider.dispatched, ready ? 2 : 0);
     EXPECT_EQ(controls.loaded(), ready ? TRUE : FALSE);
     // A provider that failed is loaded again, and initialised again, by the next request.
