@@ -168,13 +168,8 @@ std::wstring ReturnValue(IWbemClassObject* out) {
 }
 
 std::wstring Call(IWbemServices* services, const wchar_t* method, const Parameters& parameters, DWORD clientPid = 0) {
-    ComPtr<IWbemClassObject> wpdClass, inSignature, in, out;
-    services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
-    wpdClass->GetMethod(method, 0, &inSignature, nullptr);
-    inSignature->SpawnInstance(0, &in);
-    for (const auto& parameter : parameters) {
-        in->Put(parameter.first, 0, const_cast<_variant_t*>(&parameter.second), 0);
-    }
+    const ComPtr<IWbemClassObject> in = InParameters(services, method, parameters);
+    ComPtr<IWbemClassObject> out;
     ComPtr<IWbemContext> context;
     if (clientPid != 0) {
         CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context));
