@@ -165,11 +165,20 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
                         l_bstr_tTargetPath = l_pDevice->GetObjectTargetPath(l_ParentId.Get());
                     }
                 }
-                m_pHost->SendEvent(l_pwcharEventName, l_Value(l_ObjectId), l_Value(l_PnPDeviceId),
-                                   l_Value(l_PersistentUniqueId), l_Value(l_ParentId), l_Value(l_ObjectName),
-                                   BstrText(l_bstr_tTargetPath),
-                                   L"", l_Value(l_PnPDeviceId), l_Value(l_OriginalFileName),
-                                   _bstr_t(l_wstringText.c_str()), L"");
+                DorWEXWPDEvent l_Event;
+                l_Event.pwcharEventId = l_pwcharEventName;
+                l_Event.pwcharObjectId = l_Value(l_ObjectId);
+                l_Event.pwcharObjectDeviceId = l_Value(l_PnPDeviceId);
+                l_Event.pwcharObjectDevicePersistentUniqueId = l_Value(l_PersistentUniqueId);
+                l_Event.pwcharObjectParentId = l_Value(l_ParentId);
+                l_Event.pwcharObjectName = l_Value(l_ObjectName);
+                l_Event.pwcharTargetPath = BstrText(l_bstr_tTargetPath);
+                l_Event.pwcharSourcePath = L"";
+                l_Event.pwcharDeviceName = l_Value(l_PnPDeviceId);
+                l_Event.pwcharOriginalFileName = l_Value(l_OriginalFileName);
+                l_Event.pwcharEventText = l_wstringText.c_str();
+                l_Event.pwcharPID = L"";
+                m_pHost->SendEvent(l_Event);
             }
         } else if (l_boolDeliver && l_PnPDeviceId.Get() != nullptr && m_pHost != nullptr) {
             m_pHost->PostDiskMount(l_PnPDeviceId.Get());

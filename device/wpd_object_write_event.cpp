@@ -57,10 +57,19 @@ int CDorWEXWPDObject::SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePa
     // process id) stands where a WPD event has the object's persistent unique id, which a write has none of.
     const std::wstring l_wstringProcessId = std::to_wstring(GetCurrentProcessId());
     const auto l_pIdentity = Identity();
-    m_pHost->SendEvent(kObjectAddedEventId, l_pwcharFileName, BstrText(l_pIdentity->m_bstr_tDeviceId),
-                       l_wstringNumber.c_str(), pTCHARObjectStoragePath_in, l_pwcharFileName,
-                       BstrText(l_bstr_tDeviceAbsolutePath), BstrText(l_pIdentity->m_bstr_tDisk1Name),
-                       BstrText(l_pIdentity->m_bstr_tFriendlyName), l_pwcharFileName,
-                       _bstr_t(l_wstringText.c_str()), l_wstringProcessId.c_str());
+    DorWEXWPDEvent l_Event;
+    l_Event.pwcharEventId = kObjectAddedEventId;
+    l_Event.pwcharObjectId = l_pwcharFileName;
+    l_Event.pwcharObjectDeviceId = BstrText(l_pIdentity->m_bstr_tDeviceId);
+    l_Event.pwcharObjectDevicePersistentUniqueId = l_wstringNumber.c_str();
+    l_Event.pwcharObjectParentId = pTCHARObjectStoragePath_in;
+    l_Event.pwcharObjectName = l_pwcharFileName;
+    l_Event.pwcharTargetPath = BstrText(l_bstr_tDeviceAbsolutePath);
+    l_Event.pwcharSourcePath = BstrText(l_pIdentity->m_bstr_tDisk1Name);
+    l_Event.pwcharDeviceName = BstrText(l_pIdentity->m_bstr_tFriendlyName);
+    l_Event.pwcharOriginalFileName = l_pwcharFileName;
+    l_Event.pwcharEventText = l_wstringText.c_str();
+    l_Event.pwcharPID = l_wstringProcessId.c_str();
+    m_pHost->SendEvent(l_Event);
     return 1;
 }

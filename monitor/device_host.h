@@ -3,7 +3,8 @@
 #pragma once
 
 #include <windows.h>
-#include <comdef.h>
+
+#include "../common/wpd_event.h"
 
 class IDorWEXDeviceRegistry;
 
@@ -12,13 +13,7 @@ public:
     // The attached devices; null when there are none to look at.
     virtual IDorWEXDeviceRegistry* Devices() = 0;
     // Forwards an event to the provider the monitor publishes through; 0 when there is none.
-    virtual HRESULT SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                              const wchar_t* pwcharObjectDeviceId_in,
-                              const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                              const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                              const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                              const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                              const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) = 0;
+    virtual HRESULT SendEvent(const DorWEXWPDEvent& event_in) = 0;
     // A storage that has just come up on a device: the notification worker handles it as a disk mount.
     virtual void PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) = 0;
 

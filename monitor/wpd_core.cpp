@@ -79,13 +79,7 @@ void CDorWEXWMIWPDCore::DetachProvider(IDorWEXEventSink* pProvider_in) {
     }
 }
 
-HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                                     const wchar_t* pwcharObjectDeviceId_in,
-                                     const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                                     const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                                     const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                                     const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                                     const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) {
+HRESULT CDorWEXWMIWPDCore::SendEvent(const DorWEXWPDEvent& event_in) {
     // WMI releases provider objects whenever it likes: the event holds a reference of its own, taken under
     // the providers' lock from one that is not already on its way out. WMI may give the event role an
     // object of its own: the newest object WMI asked for events goes first, else the newest of all.
@@ -106,10 +100,7 @@ HRESULT CDorWEXWMIWPDCore::SendEvent(const wchar_t* pwcharEventId_in, const wcha
     if (!l_pOwner) {
         return S_OK;  // nobody to publish through
     }
-    return l_pOwner->SendEvent(pwcharEventId_in, pwcharObjectId_in, pwcharObjectDeviceId_in,
-                               pwcharObjectDevicePersistentUniqueId_in, pwcharObjectParentId_in, pwcharObjectName_in,
-                               pwcharTargetPath_in, pwcharSourcePath_in, pwcharDeviceName_in,
-                               pwcharOriginalFileName_in, bstr_tEventText_in, pwcharPID_in);
+    return l_pOwner->SendEvent(event_in);
 }
 
 IDorWEXMonitor* CreateWPDMonitor(IDorWEXEventSink* pOwner_in) {

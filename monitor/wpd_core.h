@@ -43,12 +43,7 @@ public:
     IDorWEXDeviceHost& DeviceHost() override { return *this; }
 
     // IDorWEXDeviceHost
-    HRESULT SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                      const wchar_t* pwcharObjectDeviceId_in, const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                      const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                      const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                      const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) override;
+    HRESULT SendEvent(const DorWEXWPDEvent& event_in) override;
     void PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) override;
 
     // IDorWEXWriteTokens

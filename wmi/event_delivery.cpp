@@ -6,13 +6,7 @@
 #include "schema.h"
 #include "../common/trace.h"
 
-HRESULT CDorWEXWPDWMI::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                                 const wchar_t* pwcharObjectDeviceId_in,
-                                 const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                                 const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                                 const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                                 const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                                 const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) {
+HRESULT CDorWEXWPDWMI::SendEvent(const DorWEXWPDEvent& event_in) {
     Trace(L"CDorWEXWPDWMI::SendEvent enter.\n");
     if (m_pIWbemObjectSink == nullptr) {
         // No consumer has subscribed yet: the event is dropped.
@@ -41,18 +35,18 @@ HRESULT CDorWEXWPDWMI::SendEvent(const wchar_t* pwcharEventId_in, const wchar_t*
         return _variant_t(pwcharText_in != nullptr ? pwcharText_in : L"");
     };
     std::array<_variant_t, dorwex::schema::kWPDEventPropertyCount> l_Values = {
-        l_Text(pwcharEventId_in),
-        l_Text(pwcharObjectId_in),
-        l_Text(pwcharObjectDeviceId_in),
-        l_Text(pwcharObjectDevicePersistentUniqueId_in),
-        l_Text(pwcharObjectParentId_in),
-        l_Text(pwcharObjectName_in),
-        l_Text(pwcharTargetPath_in),
-        l_Text(pwcharSourcePath_in),
-        l_Text(pwcharDeviceName_in),
-        l_Text(pwcharOriginalFileName_in),
-        l_Text(BstrText(bstr_tEventText_in)),
-        l_Text(pwcharPID_in),
+        l_Text(event_in.pwcharEventId),
+        l_Text(event_in.pwcharObjectId),
+        l_Text(event_in.pwcharObjectDeviceId),
+        l_Text(event_in.pwcharObjectDevicePersistentUniqueId),
+        l_Text(event_in.pwcharObjectParentId),
+        l_Text(event_in.pwcharObjectName),
+        l_Text(event_in.pwcharTargetPath),
+        l_Text(event_in.pwcharSourcePath),
+        l_Text(event_in.pwcharDeviceName),
+        l_Text(event_in.pwcharOriginalFileName),
+        l_Text(event_in.pwcharEventText),
+        l_Text(event_in.pwcharPID),
     };
     for (size_t l_index = 0; l_index < l_Values.size(); ++l_index) {
         l_HRESULT = l_pEvent->Put(dorwex::schema::kWPDEventProperties[l_index], 0,

@@ -4,8 +4,9 @@
 #pragma once
 
 #include <windows.h>
-#include <comdef.h>
 #include <unknwn.h>
+
+#include "../common/wpd_event.h"
 
 class IDorWEXEventSink : public IUnknown {
 public:
@@ -15,13 +16,7 @@ public:
     // Whether WMI gave this object a sink for events (ProvideEvents): only such an object can deliver them.
     virtual bool ProvidesEvents() const = 0;
     // Raises a Win32ext_WPDEvent with the twelve texts, each of which may be null.
-    virtual HRESULT SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                              const wchar_t* pwcharObjectDeviceId_in,
-                              const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                              const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                              const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                              const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                              const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) = 0;
+    virtual HRESULT SendEvent(const DorWEXWPDEvent& event_in) = 0;
 
 protected:
     ~IDorWEXEventSink() = default;

@@ -95,12 +95,7 @@ public:
     HRESULT GetIWbemClassObjectClassInstance(IWbemClassObject** ppClass_out, IWbemContext* pIWbemContext_in);
 
     // Raises a Win32ext_WPDEvent with the twelve texts, each of which may be null.
-    HRESULT SendEvent(const wchar_t* pwcharEventId_in, const wchar_t* pwcharObjectId_in,
-                      const wchar_t* pwcharObjectDeviceId_in, const wchar_t* pwcharObjectDevicePersistentUniqueId_in,
-                      const wchar_t* pwcharObjectParentId_in, const wchar_t* pwcharObjectName_in,
-                      const wchar_t* pwcharTargetPath_in, const wchar_t* pwcharSourcePath_in,
-                      const wchar_t* pwcharDeviceName_in, const wchar_t* pwcharOriginalFileName_in,
-                      const _bstr_t& bstr_tEventText_in, const wchar_t* pwcharPID_in) override;
+    HRESULT SendEvent(const DorWEXWPDEvent& event_in) override;
 
     // Whether WMI gave this object a sink for events (ProvideEvents): only such an object can deliver them.
     bool ProvidesEvents() const override { return m_boolProvidesEvents.load(); }

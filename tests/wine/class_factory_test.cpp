@@ -233,9 +233,7 @@ TEST(ProviderObject, EventQueriesAndEventsWithoutConsumers) {
         IWbemServices* services = As<IWbemServices>(queries);
         auto* provider = static_cast<CDorWEXWPDWMI*>(services);
         trace.Clear();
-        EXPECT_EQ(provider->SendEvent(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                      nullptr, _bstr_t(), nullptr),
-                  S_OK);
+        EXPECT_EQ(provider->SendEvent(DorWEXWPDEvent{}), S_OK);
         EXPECT_EQ(trace.Lines(), (std::vector<std::wstring>{
                                      L"CDorWEXWPDWMI::SendEvent enter.\r\n",
                                      L"CDorWEXWPDWMI::SendEvent, ERROR: m_pIWbemObjectSink == NULL.\r\n",

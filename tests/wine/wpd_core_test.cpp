@@ -154,8 +154,10 @@ TEST_F(Core, EventKeepsTheProviderObjectItGoesThroughAlive) {
 
     TraceCapture trace(1);
     const auto send = [&core] {
-        return core.SendEvent(L"event", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                              _bstr_t(L"text"), nullptr);
+        DorWEXWPDEvent event;
+        event.pwcharEventId = L"event";
+        event.pwcharEventText = L"text";
+        return core.SendEvent(event);
     };
     std::thread event;
     {
