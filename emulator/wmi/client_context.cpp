@@ -8,7 +8,7 @@ namespace dorwex::emulator::wmi {
 
 namespace {
 
-std::atomic<bool> g_provided{false};
+std::atomic<int> g_mode{-1};
 std::atomic<LONG> g_impersonations{0};
 std::atomic<LONG> g_reverts{0};
 
@@ -50,8 +50,9 @@ private:
 
 }  // namespace
 
-ClientCallScope::ClientCallScope() {
-    if (!g_provided.load()) {
+ClientCallScope::ClientCallScope(bool registeredForImpersonation) {
+    const int mode = g_mode.load();
+    if (mode == 0 || (mode != 1 && !registeredForImpersonation)) {
         return;
     }
     // COM keeps the context without a reference of its own: the scope holds it until it switches back.
@@ -69,8 +70,8 @@ ClientCallScope::~ClientCallScope() {
     }
 }
 
-void SetClientContextProvided(bool provided) {
-    g_provided = provided;
+void SetClientContextMode(int mode) {
+    g_mode = mode;
 }
 
 void ImpersonationCounts(LONG* impersonations, LONG* reverts) {

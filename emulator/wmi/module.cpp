@@ -95,9 +95,10 @@ extern "C" LONG WINAPI DorwexWmiLiveObjects() {
     return g_liveObjects.load();
 }
 
-// Provider calls from now on run in a client call context (1) or in none (0).
-extern "C" void WINAPI DorwexWmiSetClientContext(BOOL provided) {
-    SetClientContextProvided(provided != FALSE);
+// Provider calls from now on run in a client call context (1), in none (0), or as the provider's
+// registration says (any other value, the default).
+extern "C" void WINAPI DorwexWmiSetClientContext(int mode) {
+    SetClientContextMode(mode);
 }
 
 extern "C" void WINAPI DorwexWmiImpersonations(LONG* impersonations, LONG* reverts) {

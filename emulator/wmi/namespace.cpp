@@ -346,6 +346,8 @@ HRESULT Namespace::LoadLocked() {
             }
             const auto name = instance.values.find("Name");
             m_providerName = name != instance.values.end() ? Widen(name->second.text) : std::wstring();
+            const auto impersonation = instance.values.find("ImpersonationLevel");
+            m_providerImpersonates = impersonation != instance.values.end() && impersonation->second.text == "1";
         }
     }
     m_loadResult = WBEM_S_NO_ERROR;
@@ -359,6 +361,11 @@ std::shared_ptr<const ClassDefinition> Namespace::FindClass(const std::wstring& 
         }
     }
     return nullptr;
+}
+
+bool Namespace::ProviderImpersonates() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_providerImpersonates;
 }
 
 std::wstring Namespace::ProviderName() {

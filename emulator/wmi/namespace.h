@@ -49,6 +49,9 @@ public:
     bool ProviderLoaded();
     // The Name of the registered __Win32Provider, which WMI reports as ProviderName in a status.
     std::wstring ProviderName();
+    // Whether the registration asks for the client's identity (ImpersonationLevel = 1): WMI then calls the
+    // provider in a client call context.
+    bool ProviderImpersonates();
 
     // Event consumers. The first one makes the provider start its events (ProvideEvents); each has its
     // query registered with the provider (NewQuery) until it is cancelled (CancelQuery).
@@ -112,6 +115,7 @@ private:
     std::vector<std::shared_ptr<ClassDefinition>> m_classes;
     CLSID m_providerClsid{};
     std::wstring m_providerName;
+    bool m_providerImpersonates = false;
     IWbemServices* m_provider = nullptr;     // the instance and method role
     IUnknown* m_eventProvider = nullptr;     // the event role: the same object unless roles are separate
     IWbemObjectSink* m_eventSink = nullptr;  // what the provider indicates events to

@@ -136,7 +136,7 @@ void CallProvider(const wchar_t* operation, const std::wstring& parameter,
     }
     auto* sink = new CollectingSink();
     {
-        const ClientCallScope clientCall;  // a client call context when tests provide one
+        const ClientCallScope clientCall(Namespace::Get().ProviderImpersonates());
         result.hr = call(provider, sink);
     }
     provider->Release();

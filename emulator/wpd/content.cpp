@@ -130,15 +130,20 @@ public:
             return hr;
         }
         // A short read hands out less than asked for without being at the end: S_OK, as a device does.
-        const ULONG asked = m_device->ShortRead() != 0 ? std::min<ULONG>(cb, m_device->ShortRead()) : cb;
+        ULONG asked = m_device->ShortRead() != 0 ? std::min<ULONG>(cb, m_device->ShortRead()) : cb;
+        // A transfer cut short ends early: from there on every read gives nothing.
+        if (const ULONGLONG end = m_device->StreamEnd(); end != 0) {
+            asked = static_cast<ULONG>(std::min<ULONGLONG>(asked, end > m_bytesRead ? end - m_bytesRead : 0));
+        }
         DWORD read = 0;
-        if (!ReadFile(m_file, pv, asked, &read, nullptr)) {
+        if (asked != 0 && !ReadFile(m_file, pv, asked, &read, nullptr)) {
             return LastError();
         }
+        m_bytesRead += read;
         if (pcbRead != nullptr) {
             *pcbRead = read;
         }
-        return read < asked ? S_FALSE : S_OK;
+        return read < asked || (asked == 0 && cb != 0) ? S_FALSE : S_OK;
     }
 
     HRESULT STDMETHODCALLTYPE Write(const void* pv, ULONG cb, ULONG* pcbWritten) override {
@@ -321,6 +326,7 @@ private:
     int m_storage = -1;
     ULONGLONG m_declaredSize = 0;  // WPD_OBJECT_SIZE of the creation
     ULONGLONG m_bytesWritten = 0;
+    ULONGLONG m_bytesRead = 0;
     std::wstring m_objectId;
 };
 

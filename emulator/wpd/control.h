@@ -23,6 +23,11 @@ typedef ULONG(WINAPI* DorwexEmulatorCallCountFunction)(LPCWSTR deviceId, LPCSTR 
 // Requests that reached a device (each one answered after the device's latency_us); with reset set the
 // count starts again from 0 after it is read. 0 for an unknown device.
 typedef ULONG(WINAPI* DorwexEmulatorRequestsFunction)(LPCWSTR deviceId, BOOL reset);
+// From now on the call (names as in the [fault] section) fails with result: the next count calls, every
+// call for -1, none for 0. Replaces what the description says for that call.
+typedef HRESULT(WINAPI* DorwexEmulatorSetFaultFunction)(LPCWSTR deviceId, LPCSTR call, HRESULT result, LONG count);
+// Streams over object data end after this many bytes (0: at the object's real end): a transfer cut short.
+typedef HRESULT(WINAPI* DorwexEmulatorSetStreamEndFunction)(LPCWSTR deviceId, ULONGLONG bytes);
 typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);
 typedef LONG(WINAPI* DorwexEmulatorSubscriptionsFunction)(LPCWSTR deviceId);
 // The client information of the last Open: "name=...;major=1;minor=0;revision=2;qos=131072".

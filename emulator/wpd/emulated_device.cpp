@@ -97,6 +97,16 @@ EmulatedDevice::EmulatedDevice(DeviceDescription description, std::wstring baseD
 HRESULT EmulatedDevice::Fault(const char* call) {
     std::lock_guard<std::mutex> guard(m_lock);
     ++m_calls[call];
+    const auto set = m_setFaults.find(call);
+    if (set != m_setFaults.end()) {
+        if (set->second.second == 0) {
+            return S_OK;
+        }
+        if (set->second.second > 0) {
+            --set->second.second;
+        }
+        return set->second.first;
+    }
     const auto fault = m_description.faults.find(call);
     if (fault == m_description.faults.end()) {
         return S_OK;
@@ -109,6 +119,21 @@ HRESULT EmulatedDevice::Fault(const char* call) {
         ++used;
     }
     return static_cast<HRESULT>(fault->second.hresult);
+}
+
+void EmulatedDevice::SetFault(const std::string& call, HRESULT result, std::int64_t count) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_setFaults[call] = {result, count};
+}
+
+void EmulatedDevice::SetStreamEnd(ULONGLONG bytes) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_streamEnd = bytes;
+}
+
+ULONGLONG EmulatedDevice::StreamEnd() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_streamEnd;
 }
 
 void EmulatedDevice::Request() {

@@ -45,6 +45,13 @@ public:
     // Counts the call and returns the failure a test asked for, or S_OK.
     HRESULT Fault(const char* call);
     ULONG CallCount(const std::string& call);
+    // A fault set while the device runs: the next count calls (every call for -1; none for 0) fail with
+    // result. It takes the place of what the description says for that call.
+    void SetFault(const std::string& call, HRESULT result, std::int64_t count);
+    // Streams over object data report their end after this many bytes of each read (0: at the real end),
+    // as a transfer that a device cuts short.
+    void SetStreamEnd(ULONGLONG bytes);
+    ULONGLONG StreamEnd();
 
     // One request that reaches the device itself (over USB on a real one): counted, and answered only
     // after the device's latency. Calls the runtime answers on its own (Content, Properties, an
@@ -98,6 +105,8 @@ private:
     std::map<std::string, ULONG> m_calls;
     ULONG m_requests = 0;
     std::map<std::string, std::int64_t> m_faultsUsed;
+    std::map<std::string, std::pair<HRESULT, std::int64_t>> m_setFaults;  // call -> (result, calls left)
+    ULONGLONG m_streamEnd = 0;
     std::map<std::wstring, std::pair<int, std::wstring>> m_objects;  // id -> (storage, path)
     std::map<std::wstring, std::wstring> m_ids;                      // lower-case path key -> id
     unsigned m_nextObject = 1;

@@ -159,6 +159,24 @@ extern "C" ULONG WINAPI DorwexEmulatorCallCount(LPCWSTR deviceId, LPCSTR call) {
     return device && call != nullptr ? device->CallCount(call) : 0;
 }
 
+extern "C" HRESULT WINAPI DorwexEmulatorSetFault(LPCWSTR deviceId, LPCSTR call, HRESULT result, LONG count) {
+    const auto device = Device(deviceId);
+    if (!device || call == nullptr || count < -1) {
+        return E_INVALIDARG;
+    }
+    device->SetFault(call, result, count);
+    return S_OK;
+}
+
+extern "C" HRESULT WINAPI DorwexEmulatorSetStreamEnd(LPCWSTR deviceId, ULONGLONG bytes) {
+    const auto device = Device(deviceId);
+    if (!device) {
+        return E_INVALIDARG;
+    }
+    device->SetStreamEnd(bytes);
+    return S_OK;
+}
+
 extern "C" ULONG WINAPI DorwexEmulatorRequests(LPCWSTR deviceId, BOOL reset) {
     const auto device = Device(deviceId);
     return device ? device->Requests(reset != FALSE) : 0;

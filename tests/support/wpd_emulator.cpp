@@ -53,6 +53,8 @@ WpdEmulator::WpdEmulator() {
     LiveObjects = Resolve<DorwexEmulatorLiveObjectsFunction>(m_module, "DorwexEmulatorLiveObjects");
     SetHookResult = Resolve<DorwexEmulatorSetHookResultFunction>(m_module, "DorwexEmulatorSetHookResult");
     HookCalls = Resolve<DorwexEmulatorHookCallsFunction>(m_module, "DorwexEmulatorHookCalls");
+    SetFault = Resolve<DorwexEmulatorSetFaultFunction>(m_module, "DorwexEmulatorSetFault");
+    SetStreamEnd = Resolve<DorwexEmulatorSetStreamEndFunction>(m_module, "DorwexEmulatorSetStreamEnd");
 
     wchar_t temp[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temp);

@@ -60,6 +60,8 @@ public:
     DorwexEmulatorLiveObjectsFunction LiveObjects = nullptr;
     DorwexEmulatorSetHookResultFunction SetHookResult = nullptr;
     DorwexEmulatorHookCallsFunction HookCalls = nullptr;
+    DorwexEmulatorSetFaultFunction SetFault = nullptr;
+    DorwexEmulatorSetStreamEndFunction SetStreamEnd = nullptr;
 
 private:
     std::wstring FileFor(const EmulatedDeviceSpec& spec) const;
