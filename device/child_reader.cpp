@@ -290,11 +290,12 @@ void ChildReader::ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_i
     l_pCallback->Detach();
 }
 
-void ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {
+HRESULT ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {
     child_out = OneChild();
     ComPtr<IPortableDeviceValues> l_pValues;
-    if (FAILED(m_pProperties->GetValues(pwcharId_in, m_pKeys.Get(), &l_pValues))) {
-        return;
+    const HRESULT l_HRESULT = m_pProperties->GetValues(pwcharId_in, m_pKeys.Get(), &l_pValues);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
     }
     CoTaskString l_Name;
     if ((SUCCEEDED(l_pValues->GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &l_Name)) && l_Name.Get() != nullptr &&
@@ -307,6 +308,7 @@ void ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {
         child_out.folder = l_GUIDContentType == WPD_CONTENT_TYPE_FOLDER;
         child_out.storage = l_GUIDContentType == WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT;
     }
+    return S_OK;
 }
 
 }  // namespace dorwex

@@ -78,7 +78,8 @@ public:
     IPortableDeviceContent* Content() const { return m_pContent.Get(); }
     IPortableDeviceProperties* Properties() const { return m_pProperties.Get(); }
 
-    // Calls visit for each child, in the device's order, until it returns false.
+    // Calls visit for each child, in the device's order, until it returns false. A failure means the device
+    // did not list or describe every child visited: a child looked for may be there all the same.
     template <class Visit>
     HRESULT ForEachChild(const wchar_t* pwcharParentId_in, Visit visit_in) {
         ChildList l_List;
@@ -89,6 +90,7 @@ public:
         }
         ReadInBulk(pwcharParentId_in, l_List);
         OneChild l_One;
+        HRESULT l_HRESULTRead = S_OK;  // a child the device would not describe: its name is unknown, not absent
         for (size_t l_index = 0; l_index < l_List.Size(); ++l_index) {
             ChildObject l_Child;
             l_Child.id = l_List.Id(l_index);
@@ -98,7 +100,10 @@ public:
                 l_Child.folder = (l_Entry.flags & ChildList::kFolder) != 0;
                 l_Child.storage = (l_Entry.flags & ChildList::kStorage) != 0;
             } else {
-                Read(l_Child.id.data(), l_One);
+                const HRESULT l_HRESULTOne = Read(l_Child.id.data(), l_One);
+                if (FAILED(l_HRESULTOne) && SUCCEEDED(l_HRESULTRead)) {
+                    l_HRESULTRead = l_HRESULTOne;
+                }
                 l_Child.name = l_One.name;
                 l_Child.folder = l_One.folder;
                 l_Child.storage = l_One.storage;
@@ -107,7 +112,7 @@ public:
                 break;
             }
         }
-        return l_HRESULTNext;
+        return FAILED(l_HRESULTNext) ? l_HRESULTNext : l_HRESULTRead;
     }
 
 private:
@@ -119,7 +124,7 @@ private:
     // The ids in the device's order; a Next that fails ends them there, and its result is kept for the caller.
     HRESULT Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out);
     void ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io);
-    void Read(const wchar_t* pwcharId_in, OneChild& child_out);
+    HRESULT Read(const wchar_t* pwcharId_in, OneChild& child_out);
 
     Microsoft::WRL::ComPtr<IPortableDeviceContent> m_pContent;
     Microsoft::WRL::ComPtr<IPortableDeviceProperties> m_pProperties;

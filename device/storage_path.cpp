@@ -3,8 +3,9 @@
 namespace dorwex {
 
 StoragePath SplitStoragePath(std::wstring_view path) {
-    path = path.substr(0, kStoragePathChars);
     StoragePath split;
+    split.tooLong = path.size() > kStoragePathChars;
+    path = path.substr(0, kStoragePathChars);
     const std::size_t first = path.find(L'\\');
     split.storage.assign(path.substr(0, first));
     if (first == std::wstring_view::npos) {

@@ -33,6 +33,10 @@ public:
     virtual int SimulateWPDWriteEvent(const wchar_t* pTCHARObjectStoragePath_in, const wchar_t* pwcharFileName_in,
                                       const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in) = 0;
 
+    // Why the device will not act on a storage path, or null when it will: a path over the length limit
+    // names nothing, and an operation that changes content needs a storage the device has.
+    virtual const wchar_t* RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in,
+                                              bool boolChangesContent_in) const = 0;
     // Content operations; each chooses its variant by the manufacturer class.
     virtual _bstr_t EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) = 0;
     virtual _bstr_t GetStorageObjectProperty(const wchar_t* pwcharObjectStoragePath_in,

@@ -25,6 +25,9 @@ public:
     // The file by which the security service knows a device again: written as a system object, which a
     // device may keep elsewhere in the storage than where it was asked for.
     static constexpr wchar_t kTrackerFile[] = L"dorWEXDeviceTracker.bin";
+    // Why a storage path is refused.
+    static constexpr wchar_t kPathTooLong[] = L"The storage path is longer than 260 characters";
+    static constexpr wchar_t kNoSuchStorage[] = L"The device has no storage of that name";
 
     using Manufacturer = dorwex::Manufacturer;
 
@@ -52,16 +55,23 @@ public:
 
     // What a storage path names on the device (first component a storage name, then object names).
     // Lookup modes: 1 the file to copy from the device, 2 the file to move, 3 the object to delete, 4 the
-    // folder to create a folder in, 5 the folder to list, 6 the folder to copy a file into.
+    // folder to create a folder in, 5 the folder to list, 6 the folder to copy a file into, 7 the file or
+    // folder whose property is read.
     enum LookupMode { LOOKUP_COPY_FROM = 1, LOOKUP_MOVE = 2, LOOKUP_DELETE = 3, LOOKUP_CREATE_FOLDER = 4,
-                      LOOKUP_LIST = 5, LOOKUP_COPY_TO = 6 };
-    // The root object id of the storage the path names (the first storage for an unknown name), or null.
-    _bstr_t GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in) const;
-    // The object id the path names for the mode, or null.
-    _bstr_t FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in);
+                      LOOKUP_LIST = 5, LOOKUP_COPY_TO = 6, LOOKUP_PROPERTY = 7 };
+    // The root object id of the storage the path names, or null; an unknown name reads in the first storage
+    // unless boolNamedStorageOnly_in. A path over the length limit names nothing.
+    _bstr_t GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in, bool boolNamedStorageOnly_in = false) const;
+    // Whether a lookup mode leads to a change of the device's content (move, delete, new folder, upload).
+    static bool ChangesContent(int intMode_in);
+    // The object id the path names for the mode, or null; *pHRESULTDevice_out tells a device that failed to
+    // list a folder on the way from one that has nothing of that name.
+    _bstr_t FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in,
+                             HRESULT* pHRESULTDevice_out = nullptr);
     // Storage name and folder names down to the object: "Phone\DCIM\a.jpg"; "DEVICE" for the root.
     _bstr_t GetObjectTargetPath(const wchar_t* pwcharObjectId_in);
 
+    const wchar_t* RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in, bool boolChangesContent_in) const override;
     _bstr_t EnumerateDevicePath(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in) override;
     _bstr_t GetStorageObjectProperty(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharPropertyName_in) override;
     _bstr_t CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
@@ -73,7 +83,8 @@ public:
     HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) override;
     int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) override;
 
-    // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size.
+    // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size. The bytes
+    // written so far are stored also when it fails; a buffer that cannot be had is a failure.
     static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
                               ULONGLONG* pulonglongBytesWritten_out);
 
@@ -142,9 +153,13 @@ private:
     _bstr_t EnumerateDevicePath1(const wchar_t* pwcharObjectStoragePath_in, ULONG ulongContentType_in);
     _bstr_t CopyFileToDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in);
     HRESULT CopyFileFromDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
+    // The object's data into the local file, whole (WPD_OBJECT_SIZE bytes where the device reports it) or
+    // not at all: an existing file stays as it was when the transfer fails.
+    HRESULT CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in);
     HRESULT CreateFolderOnDevice1(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
     HRESULT DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectId_in);
-    // The target folder of a copy or a new folder: the path's folder, or the root of its storage.
+    // The target folder of an upload or a new folder: the path's folder, or the root of the storage it names
+    // (never another storage).
     _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);
     // The identity step of a device whose class is still unknown; S_OK unless the Plug and Play view fails.
     HRESULT ReadBlackBerryIdentity();

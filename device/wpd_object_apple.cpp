@@ -1,5 +1,6 @@
 // What an Apple device does through the Apple companion object: its identity, listing, copies, deletes,
 // new folders and moves, and where a storage path lies on the device.
+#include "local_replacement.h"
 #include "wpd_object.h"
 
 #include <string>
@@ -186,16 +187,23 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice2(const wchar_t* pwcharObjectStorage
     if (!l_pApple || pwcharObjectStoragePath_in == nullptr || pwcharLocalFileName_in == nullptr) {
         return E_FAIL;
     }
+    // The companion writes beside the target; the target is replaced only when the companion reports the
+    // whole copy done.
+    CDorWEXLocalReplacement l_Replacement(pwcharLocalFileName_in);
+    if (FAILED(l_Replacement.Created())) {
+        return l_Replacement.Created();
+    }
     _variant_t l_variant_tResult;
     ClearThreadErrorInfo();
     const HRESULT l_HRESULT = l_pApple->CopyFileFromDevice(AppleSerialNumber(), _bstr_t(pwcharObjectStoragePath_in),
-                                                           _bstr_t(pwcharLocalFileName_in), &l_variant_tResult);
+                                                           _bstr_t(l_Replacement.TemporaryPath()), &l_variant_tResult);
     if (FAILED(l_HRESULT)) {
         // The companion's failure goes to the caller with what the companion said about it.
         TraceComError(L"CopyFileFromDevice2", l_HRESULT);
         RaiseComError(l_HRESULT, TakeThreadErrorInfo());
     }
-    return Outcome(L"CopyFileFromDevice2", l_HRESULT, l_variant_tResult);
+    const HRESULT l_HRESULTOutcome = Outcome(L"CopyFileFromDevice2", l_HRESULT, l_variant_tResult);
+    return FAILED(l_HRESULTOutcome) ? l_HRESULTOutcome : l_Replacement.Commit();
 }
 
 int CDorWEXWPDObject::DeleteFileFromDevice2(const wchar_t* pwcharObjectStoragePath_in) {

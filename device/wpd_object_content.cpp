@@ -1,5 +1,5 @@
-// What a device object does with content: listing, properties of stored objects, copies in both
-// directions, deletion, folders and moves. Storage paths become object ids in wpd_object_paths.cpp.
+// What a device object does with content: listing, properties of stored objects, deletion and folders.
+// Copies and moves are in wpd_object_transfer.cpp; storage paths become object ids in wpd_object_paths.cpp.
 #include <shlwapi.h>
 
 #include <cwchar>
@@ -102,7 +102,7 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
     if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
         return _bstr_t(L"");  // the Apple companion has no object properties to ask for
     }
-    _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
+    _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_PROPERTY);
     if (l_bstr_tObject.length() == 0) {
         l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_LIST);  // a storage
     }
@@ -163,198 +163,7 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
     return _bstr_t(L"");
 }
 
-// --- Transfer -------------------------------------------------------------------------------------
-
-HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in,
-                                     DWORD dwordBufferSize_in, ULONGLONG* pulonglongBytesWritten_out) {
-    std::unique_ptr<BYTE[]> l_pBuffer(new (std::nothrow) BYTE[dwordBufferSize_in == 0 ? 1 : dwordBufferSize_in]);
-    if (!l_pBuffer) {
-        Trace(L"! Failed to allocate %d bytes for the temporary transfer buffer.\n", dwordBufferSize_in);
-        return S_OK;  // reported as success with nothing copied, as callers have always seen it
-    }
-    HRESULT l_HRESULT = S_OK;
-    ULONGLONG l_ulonglongTotal = 0;
-    for (;;) {
-        ULONG l_ulongRead = 0;
-        l_HRESULT = pIStreamSource_in->Read(l_pBuffer.get(), dwordBufferSize_in, &l_ulongRead);
-        if (FAILED(l_HRESULT)) {
-            Trace(L"! Failed to read %d bytes from the source stream, l_HRESULT = 0x%lx\n", dwordBufferSize_in,
-                  l_HRESULT);
-            return l_HRESULT;
-        }
-        // What every read gave is written, the final nothing too, and the last write's result is the answer.
-        ULONG l_ulongWritten = 0;
-        l_HRESULT = pIStreamDestination_in->Write(l_pBuffer.get(), l_ulongRead, &l_ulongWritten);
-        if (FAILED(l_HRESULT)) {
-            Trace(L"! Failed to write %d bytes of object data to the destination stream, l_HRESULT = 0x%lx\n",
-                  l_ulongRead, l_HRESULT);
-            return l_HRESULT;
-        }
-        l_ulonglongTotal += l_ulongWritten;
-        // A short read is not the end: only a read of nothing is.
-        if (l_ulongRead == 0) {
-            break;
-        }
-        Trace(L"Read %d bytes from the source stream...Wrote %d bytes to the destination stream...\n", l_ulongRead,
-              l_ulongWritten);
-    }
-    if (pulonglongBytesWritten_out != nullptr) {
-        *pulonglongBytesWritten_out = l_ulonglongTotal;
-    }
-    return l_HRESULT;
-}
-
-_bstr_t CDorWEXWPDObject::ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in) {
-    _bstr_t l_bstr_tFolder = FindObjectByPath(pwcharPath_in, intMode_in);
-    if (l_bstr_tFolder.length() == 0) {
-        l_bstr_tFolder = GetStorageRootObjectId(pwcharPath_in);
-    }
-    return l_bstr_tFolder;
-}
-
-_bstr_t CDorWEXWPDObject::CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
-                                           const wchar_t* pwcharWriteToken_in, DWORD) {
-    Trace(L"CDorWEXWPDObject::CopyFileToDevice enter.\n");
-    switch (Identity()->m_eManufacturer) {
-    case Manufacturer::BLACKBERRY:
-        return CopyFileToDevice3(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
-    case Manufacturer::APPLE:
-        return CopyFileToDevice2(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
-    default:
-        return CopyFileToDevice1(pwcharObjectStoragePath_in, pwcharFileToCopy_in);
-    }
-}
-
-_bstr_t CDorWEXWPDObject::CopyFileToDevice1(const wchar_t* pwcharObjectStoragePath_in,
-                                            const wchar_t* pwcharFileToCopy_in) {
-    Trace(L"CDorWEXWPDObject::CopyFileToDevice1 enter.\n");
-    if (!m_pIPortableDevice) {
-        return _bstr_t(L"No portable device object, reason=1");
-    }
-    ComPtr<IPortableDeviceContent> l_pContent;
-    HRESULT l_HRESULT = m_pIPortableDevice->Content(&l_pContent);
-    const _bstr_t l_bstr_tFolder = SUCCEEDED(l_HRESULT) && pwcharObjectStoragePath_in != nullptr
-                                       ? ResolveFolderOrStorageRoot(pwcharObjectStoragePath_in, LOOKUP_COPY_TO)
-                                       : _bstr_t();
-    if (l_bstr_tFolder.length() == 0) {
-        return _bstr_t(L"Could not obtain portable device object id, reason=2");
-    }
-    ComPtr<IStream> l_pFileStream;
-    if (pwcharFileToCopy_in == nullptr ||
-        FAILED(SHCreateStreamOnFileW(pwcharFileToCopy_in, STGM_READ | STGM_SHARE_DENY_WRITE, &l_pFileStream))) {
-        return _bstr_t(L"Could not create stream for source file, reason=3");
-    }
-
-    // The properties of the new object.
-    ComPtr<IPortableDeviceValues> l_pValues;
-    l_HRESULT = NewValues(l_pValues);
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_pValues->SetStringValue(WPD_OBJECT_PARENT_ID, l_bstr_tFolder);
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        STATSTG l_STATSTG{};
-        l_HRESULT = l_pFileStream->Stat(&l_STATSTG, STATFLAG_NONAME);
-        if (SUCCEEDED(l_HRESULT)) {
-            l_HRESULT = l_pValues->SetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, l_STATSTG.cbSize.QuadPart);
-        }
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        wchar_t l_wcharName[MAX_PATH + 1];
-        wchar_t l_wcharExtension[MAX_PATH + 1];
-        if (_wsplitpath_s(pwcharFileToCopy_in, nullptr, 0, nullptr, 0, l_wcharName, _countof(l_wcharName),
-                          l_wcharExtension, _countof(l_wcharExtension)) == 0) {
-            const std::wstring l_wstringOriginal = std::wstring(l_wcharName) + l_wcharExtension;
-            l_HRESULT = l_pValues->SetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, l_wstringOriginal.c_str());
-            if (SUCCEEDED(l_HRESULT)) {
-                l_HRESULT = l_pValues->SetStringValue(WPD_OBJECT_NAME, l_wcharName);
-            }
-        }
-    }
-    if (SUCCEEDED(l_HRESULT) && wcsstr(pwcharFileToCopy_in, kTrackerFile) != nullptr) {
-        l_HRESULT = l_pValues->SetBoolValue(WPD_OBJECT_ISSYSTEM, TRUE);  // the tracker file is a system object
-    }
-    // Some devices refuse a new object that does not say what it is.
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_pValues->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_GENERIC_FILE);
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_pValues->SetGuidValue(WPD_OBJECT_FORMAT, WPD_OBJECT_FORMAT_UNSPECIFIED);
-    }
-    if (FAILED(l_HRESULT)) {
-        return _bstr_t(L"Could not create required properties for target file content, reason=4");
-    }
-
-    ComPtr<IStream> l_pDeviceStream;
-    DWORD l_dwordBufferSize = 0;
-    if (FAILED(l_pContent->CreateObjectWithPropertiesAndData(l_pValues.Get(), &l_pDeviceStream, &l_dwordBufferSize,
-                                                             nullptr))) {
-        return _bstr_t(L"Could not create properties and data for target file, reason=5");
-    }
-    ComPtr<IPortableDeviceDataStream> l_pDataStream;
-    if (FAILED(l_pDeviceStream.As(&l_pDataStream))) {
-        return _bstr_t(L"Could not QI on target file stream, reason=6");
-    }
-    ULONGLONG l_ulonglongWritten = 0;
-    if (FAILED(StreamCopy(l_pDeviceStream.Get(), l_pFileStream.Get(), l_dwordBufferSize, &l_ulonglongWritten))) {
-        return _bstr_t(L"StreamCopy failed, reason=7");
-    }
-    if (FAILED(l_pDeviceStream->Commit(STGC_DEFAULT))) {
-        return _bstr_t(L"Commit failed, reason=8");
-    }
-    CoTaskString l_NewObjectId;
-    l_pDataStream->GetObjectID(&l_NewObjectId);
-    return _bstr_t(L"1");
-}
-
-HRESULT CDorWEXWPDObject::CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
-                                             const wchar_t* pwcharLocalFileName_in) {
-    Trace(L"CDorWEXWPDObject::CopyFileFromDevice enter.\n");
-    switch (Identity()->m_eManufacturer) {
-    case Manufacturer::BLACKBERRY:
-        return CopyFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    case Manufacturer::APPLE:
-        return CopyFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    default:
-        Trace(L"CDorWEXWPDObject::CopyFileFromDevice1 enter.\n");
-        return CopyFileFromDevice1(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    }
-}
-
-HRESULT CDorWEXWPDObject::CopyFileFromDevice1(const wchar_t* pwcharObjectStoragePath_in,
-                                              const wchar_t* pwcharLocalFileName_in) {
-    if (pwcharObjectStoragePath_in == nullptr || pwcharLocalFileName_in == nullptr) {
-        return E_INVALIDARG;
-    }
-    const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_COPY_FROM);
-    if (l_bstr_tObject.length() == 0) {
-        return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-    }
-    if (!m_pIPortableDevice) {
-        return S_OK;
-    }
-    ComPtr<IPortableDeviceContent> l_pContent;
-    ComPtr<IPortableDeviceResources> l_pResources;
-    ComPtr<IStream> l_pDeviceStream;
-    ComPtr<IStream> l_pFileStream;
-    DWORD l_dwordBufferSize = 0;
-    HRESULT l_HRESULT = m_pIPortableDevice->Content(&l_pContent);
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_pContent->Transfer(&l_pResources);
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = l_pResources->GetStream(l_bstr_tObject, WPD_RESOURCE_DEFAULT, STGM_READ, &l_dwordBufferSize,
-                                            &l_pDeviceStream);
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = SHCreateStreamOnFileW(pwcharLocalFileName_in, STGM_CREATE | STGM_WRITE, &l_pFileStream);
-    }
-    if (SUCCEEDED(l_HRESULT)) {
-        l_HRESULT = StreamCopy(l_pFileStream.Get(), l_pDeviceStream.Get(), l_dwordBufferSize, nullptr);
-    }
-    return l_HRESULT;
-}
-
-// --- Deleting, folders, moving --------------------------------------------------------------------
+// --- Deleting and folders ---------------------------------------------------------------------------------------------------------------------------------------
 
 int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) {
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice enter.\n");
@@ -511,26 +320,4 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice1(const wchar_t* pwcharParentPath_
     }
     CoTaskString l_NewFolderId;
     return l_pContent->CreateObjectWithPropertiesOnly(l_pValues.Get(), &l_NewFolderId);
-}
-
-int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
-                                         const wchar_t* pwcharLocalFileName_in) {
-    if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
-        return MoveFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    }
-    if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
-        return MoveFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    }
-    const _bstr_t l_bstr_tObject =
-        pwcharObjectStoragePath_in != nullptr ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE) : _bstr_t();
-    if (l_bstr_tObject.length() == 0) {
-        return 0;
-    }
-    const HRESULT l_HRESULT = CopyFileFromDevice1(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
-    if (FAILED(l_HRESULT)) {
-        return 0;
-    }
-    // The file has arrived: a delete that fails does not undo the move's success.
-    DeleteWPDObject(l_bstr_tObject, Identity()->m_bstr_tDeviceId);
-    return 1;
 }

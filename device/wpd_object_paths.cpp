@@ -19,24 +19,40 @@ using Microsoft::WRL::ComPtr;
 using dorwex::ChildObject;
 using dorwex::ChildReader;
 
-_bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in) const {
+_bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in,
+                                                 bool boolNamedStorageOnly_in) const {
     if (pwcharObjectStoragePath_in == nullptr || pwcharObjectStoragePath_in[0] == L'\0') {
         return _bstr_t();
     }
     const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
+    if (l_Path.tooLong) {
+        return _bstr_t();
+    }
     const auto l_pIdentity = Identity();
     // An empty first component equals an empty second storage name: such a path names no known storage.
-    const _bstr_t& l_bstr_tRoot = SameName(BstrText(l_pIdentity->m_bstr_tDisk2Name), l_Path.storage.c_str())
-                                      ? l_pIdentity->m_bstr_tDisk2ObjectId
-                                      : l_pIdentity->m_bstr_tDisk1ObjectId;
+    const bool l_boolSecond = SameName(BstrText(l_pIdentity->m_bstr_tDisk2Name), l_Path.storage.c_str());
+    if (boolNamedStorageOnly_in && !l_boolSecond &&
+        !SameName(BstrText(l_pIdentity->m_bstr_tDisk1Name), l_Path.storage.c_str())) {
+        return _bstr_t();  // a storage that is not there (a card taken out) is not the first one
+    }
+    const _bstr_t& l_bstr_tRoot = l_boolSecond ? l_pIdentity->m_bstr_tDisk2ObjectId : l_pIdentity->m_bstr_tDisk1ObjectId;
     return l_bstr_tRoot.length() == 0 ? _bstr_t() : l_bstr_tRoot;
 }
 
-_bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in) {
+bool CDorWEXWPDObject::ChangesContent(int intMode_in) {
+    return intMode_in == LOOKUP_MOVE || intMode_in == LOOKUP_DELETE || intMode_in == LOOKUP_CREATE_FOLDER ||
+           intMode_in == LOOKUP_COPY_TO;
+}
+
+_bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in,
+                                           HRESULT* pHRESULTDevice_out) {
+    if (pHRESULTDevice_out != nullptr) {
+        *pHRESULTDevice_out = S_OK;
+    }
     if (!m_pIPortableDevice) {
         return _bstr_t();
     }
-    const _bstr_t l_bstr_tRoot = GetStorageRootObjectId(pwcharObjectStoragePath_in);
+    const _bstr_t l_bstr_tRoot = GetStorageRootObjectId(pwcharObjectStoragePath_in, ChangesContent(intMode_in));
     if (l_bstr_tRoot.length() == 0) {
         return _bstr_t();
     }
@@ -55,7 +71,7 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
     for (size_t l_index = 0; l_index < l_Path.names.size(); ++l_index) {
         const bool l_boolLast = l_index + 1 == l_Path.names.size();
         std::wstring l_wstringFound;
-        l_Reader.ForEachChild(l_wstringCurrent.c_str(), [&](const ChildObject& child_in) {
+        const HRESULT l_HRESULTChildren = l_Reader.ForEachChild(l_wstringCurrent.c_str(), [&](const ChildObject& child_in) {
             if (child_in.name.empty() || !SameName(child_in.name, l_Path.names[l_index])) {
                 return true;
             }
@@ -68,6 +84,10 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
             return false;
         });
         if (l_wstringFound.empty()) {
+            // A folder the device could not read is not a folder without that name.
+            if (FAILED(l_HRESULTChildren) && pHRESULTDevice_out != nullptr) {
+                *pHRESULTDevice_out = l_HRESULTChildren;
+            }
             l_wstringCurrent.clear();
             break;
         }
@@ -77,8 +97,9 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
         return _bstr_t(l_wstringCurrent.c_str());
     }
     // The tracker file is written as a system object, which devices may keep elsewhere in the storage than
-    // where it was asked for: look for it by name anywhere in the storage, breadth first.
-    if (wcsstr(pwcharObjectStoragePath_in, kTrackerFile) != nullptr && !l_boolWantsFolder) {
+    // where it was asked for: look for it by name anywhere in the storage, breadth first. Only a path that
+    // ends in its name means it; "...\\dorWEXDeviceTracker.bin.bak" is another file.
+    if (!l_boolWantsFolder && SameName(l_Path.names.back(), kTrackerFile)) {
         std::vector<std::wstring> l_Folders{static_cast<const wchar_t*>(l_bstr_tRoot)};
         for (size_t l_index = 0; l_index < l_Folders.size() && l_index < 1000; ++l_index) {
             std::wstring l_wstringTracker;
@@ -97,6 +118,36 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
         }
     }
     return _bstr_t();
+}
+
+const wchar_t* CDorWEXWPDObject::RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in,
+                                                   bool boolChangesContent_in) const {
+    // The companions' paths are theirs to read: an Apple path goes to the companion whole, a BlackBerry's
+    // is a path on its share.
+    const Manufacturer l_eManufacturer = Identity()->m_eManufacturer;
+    if (pwcharObjectStoragePath_in == nullptr || l_eManufacturer == Manufacturer::APPLE ||
+        l_eManufacturer == Manufacturer::BLACKBERRY) {
+        return nullptr;
+    }
+    const dorwex::StoragePath l_Path = dorwex::SplitStoragePath(pwcharObjectStoragePath_in);
+    if (l_Path.tooLong) {
+        return kPathTooLong;
+    }
+    if (boolChangesContent_in && GetStorageRootObjectId(pwcharObjectStoragePath_in, true).length() == 0) {
+        return kNoSuchStorage;
+    }
+    return nullptr;
+}
+
+_bstr_t CDorWEXWPDObject::ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in) {
+    HRESULT l_HRESULTDevice = S_OK;
+    _bstr_t l_bstr_tFolder = FindObjectByPath(pwcharPath_in, intMode_in, &l_HRESULTDevice);
+    // Only a folder that is not there sends the object to the storage's root; one the device failed to
+    // look through may be there, and the object would land beside it.
+    if (l_bstr_tFolder.length() == 0 && SUCCEEDED(l_HRESULTDevice)) {
+        l_bstr_tFolder = GetStorageRootObjectId(pwcharPath_in, ChangesContent(intMode_in));
+    }
+    return l_bstr_tFolder;
 }
 
 _bstr_t CDorWEXWPDObject::GetObjectTargetPath(const wchar_t* pwcharObjectId_in) {

@@ -20,9 +20,11 @@ public:
     // Terminates and drops a device; returns 0.
     virtual int RemoveWPD(const wchar_t* pwcharDeviceId_in) = 0;
     virtual DevicePtr FindWPDObjectById(const wchar_t* pwcharDeviceId_in) = 0;
-    // Either argument may be null.
-    virtual DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in,
-                                    const wchar_t* pwcharObjectStoragePath_in) = 0;
+    // Either argument may be null. The storage path's first component (a storage name) finds a device only
+    // when no device id is given. A lookup that finds more than one device finds none; then
+    // *pboolAmbiguous_out (when given) is set.
+    virtual DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in, const wchar_t* pwcharObjectStoragePath_in,
+                                    bool* pboolAmbiguous_out = nullptr) = 0;
     // The devices in key order, for enumeration.
     virtual std::vector<std::pair<std::wstring, DevicePtr>> Snapshot() = 0;
 

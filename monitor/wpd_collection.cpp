@@ -271,9 +271,13 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObjectById(const wc
 }
 
 CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in,
-                                                                    const wchar_t* pwcharObjectStoragePath_in) {
+                                                                    const wchar_t* pwcharObjectStoragePath_in,
+                                                                    bool* pboolAmbiguous_out) {
     Trace(L"CDorWEXWPDCollection::FindWPDObject for <%s> and <%s>\n", OrNull(pwcharDeviceOrDiskId_in),
           OrNull(pwcharObjectStoragePath_in));
+    if (pboolAmbiguous_out != nullptr) {
+        *pboolAmbiguous_out = false;
+    }
     std::lock_guard<std::mutex> l_guard(m_mutexDevices);
 
     if (m_ActiveWpdDevicesMap.size() == 1 && !NonEmpty(pwcharDeviceOrDiskId_in)) {
@@ -281,6 +285,24 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_
               OrNull(pwcharDeviceOrDiskId_in));
         return m_ActiveWpdDevicesMap.begin()->second;
     }
+
+    // One strategy over every device: the device it finds, or none when it finds none or more than one (two
+    // phones of one model share a friendly name and storage names; taking the first would act on the other).
+    int l_intStrategy = 0;
+    const auto Apply = [&](int intStrategy_in, const auto& matches_in) -> const Entry* {
+        const Entry* l_pFound = nullptr;
+        for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
+            if (!matches_in(l_Entry)) {
+                continue;
+            }
+            if (l_pFound != nullptr) {
+                l_intStrategy = intStrategy_in;
+                return nullptr;
+            }
+            l_pFound = &l_Entry;
+        }
+        return l_pFound;
+    };
 
     // Strategies 2 to 6 look for the caller's id, each over every device in key order.
     struct IdStrategy {
@@ -302,43 +324,58 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_
          L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnFriendlyName(6): ObjectStoragePath=%s\n", true},
     };
     if (NonEmpty(pwcharDeviceOrDiskId_in)) {
+        int l_intNumber = 2;
         for (const auto& l_Strategy : kIdStrategies) {
-            for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
-                if (l_Strategy.pMatches(l_Entry, pwcharDeviceOrDiskId_in)) {
-                    Trace(l_Strategy.pwcharTrace,
-                          l_Strategy.boolTracesPath ? OrNull(pwcharObjectStoragePath_in) : pwcharDeviceOrDiskId_in);
-                    return l_Entry.second;
-                }
+            const Entry* l_pFound =
+                Apply(l_intNumber++, [&](const Entry& entry_in) { return l_Strategy.pMatches(entry_in, pwcharDeviceOrDiskId_in); });
+            if (l_pFound != nullptr) {
+                Trace(l_Strategy.pwcharTrace,
+                      l_Strategy.boolTracesPath ? OrNull(pwcharObjectStoragePath_in) : pwcharDeviceOrDiskId_in);
+                return l_pFound->second;
+            }
+            if (l_intStrategy != 0) {
+                break;
             }
         }
     }
 
-    if (NonEmpty(pwcharObjectStoragePath_in)) {
+    // The storage name only says which device when the caller named none: a request that names a device
+    // that is not there must not land on another one with a storage of that name.
+    if (l_intStrategy == 0 && !NonEmpty(pwcharDeviceOrDiskId_in) && NonEmpty(pwcharObjectStoragePath_in)) {
         // The disk name is the path's first component.
         std::wstring l_wstringDiskName(pwcharObjectStoragePath_in, wcsnlen(pwcharObjectStoragePath_in, MAX_PATH));
         l_wstringDiskName = l_wstringDiskName.substr(0, l_wstringDiskName.find(L'\\'));
         if (!l_wstringDiskName.empty()) {
-            for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
-                if (MatchesDiskName(l_Entry, l_wstringDiskName.c_str())) {
-                    Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskName(7): "
-                          L"ObjectStoragePath=%s\n",
-                          pwcharObjectStoragePath_in);
-                    return l_Entry.second;
-                }
+            if (const Entry* l_pFound = Apply(7, [&](const Entry& entry_in) {
+                    return MatchesDiskName(entry_in, l_wstringDiskName.c_str());
+                })) {
+                Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskName(7): "
+                      L"ObjectStoragePath=%s\n",
+                      pwcharObjectStoragePath_in);
+                return l_pFound->second;
             }
         }
     }
 
-    if (pwcharDeviceOrDiskId_in != nullptr) {
-        for (const auto& l_Entry : m_ActiveWpdDevicesMap) {
-            if (MatchesBlackBerry(l_Entry, pwcharDeviceOrDiskId_in)) {
-                Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=%s\n",
-                      OrNull(pwcharObjectStoragePath_in));
-                return l_Entry.second;
-            }
+    if (l_intStrategy == 0 && pwcharDeviceOrDiskId_in != nullptr) {
+        if (const Entry* l_pFound = Apply(8, [&](const Entry& entry_in) {
+                return MatchesBlackBerry(entry_in, pwcharDeviceOrDiskId_in);
+            })) {
+            Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=%s\n",
+                  OrNull(pwcharObjectStoragePath_in));
+            return l_pFound->second;
         }
     }
 
+    if (l_intStrategy != 0) {
+        Trace(L"CDorWEXWPDCollection::FindWPDObject: ERROR: More than one device matches(%d): DeviceOrDiskId=%s, "
+              L"ObjectStoragePath=%s\n",
+              l_intStrategy, OrNull(pwcharDeviceOrDiskId_in), OrNull(pwcharObjectStoragePath_in));
+        if (pboolAmbiguous_out != nullptr) {
+            *pboolAmbiguous_out = true;
+        }
+        return nullptr;
+    }
     Trace(L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=%s, "
           L"ObjectStoragePath=%s\n",
           pwcharDeviceOrDiskId_in, OrNull(pwcharObjectStoragePath_in));

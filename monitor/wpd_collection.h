@@ -31,7 +31,8 @@ public:
     HRESULT AddWPD(const wchar_t* pwcharDeviceId_in) override;
     int RemoveWPD(const wchar_t* pwcharDeviceId_in) override;
     DevicePtr FindWPDObjectById(const wchar_t* pwcharDeviceId_in) override;
-    DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in, const wchar_t* pwcharObjectStoragePath_in) override;
+    DevicePtr FindWPDObject(const wchar_t* pwcharDeviceOrDiskId_in, const wchar_t* pwcharObjectStoragePath_in,
+                            bool* pboolAmbiguous_out = nullptr) override;
     std::vector<std::pair<std::wstring, DevicePtr>> Snapshot() override;
     void SetDeviceTypeCounter(const DevicePtr& pDevice_in);
 

@@ -88,13 +88,28 @@ IDorWEXDeviceRegistry::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wch
                                             const Text& deviceId_in, const Text& storagePath_in) {
     IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
     IDorWEXDeviceRegistry::DevicePtr l_pDevice;
+    bool l_boolAmbiguous = false;
     if (l_pCore != nullptr && l_pCore->Devices() != nullptr) {
-        l_pDevice = l_pCore->Devices()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in));
+        l_pDevice = l_pCore->Devices()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in), &l_boolAmbiguous);
     }
     if (!l_pDevice) {
-        call_io.SetExtendedStatus(pwcharInnerName_in, L"Device not found");
+        call_io.SetExtendedStatus(pwcharInnerName_in,
+                                  l_boolAmbiguous ? L"More than one device matches" : L"Device not found");
     }
     return l_pDevice;
+}
+
+// Whether the device may act on the path; otherwise the call fails with the reason and "ReturnValue" "0".
+bool PathAccepted(DorWEXMethodCall& call_io, const wchar_t* pwcharInnerName_in, const IDorWEXWPDDevice& device_in,
+                  const Text& storagePath_in, bool boolChangesContent_in) {
+    const wchar_t* l_pwcharRefusal = device_in.RefusedStoragePath(Pointer(storagePath_in), boolChangesContent_in);
+    if (l_pwcharRefusal == nullptr) {
+        return true;
+    }
+    Trace(L"%s refused %s.\n", pwcharInnerName_in, l_pwcharRefusal);
+    call_io.SetExtendedStatus(pwcharInnerName_in, l_pwcharRefusal);
+    call_io.SetReturnText(L"0");
+    return false;
 }
 
 // A COM error a device operation raised, for the caller: the operation is the error's source when the
@@ -152,13 +167,17 @@ HRESULT DeviceMethod(DorWEXMethodCall& call_io, const wchar_t* pwcharOuter_in, c
 
 // The calling client's identity for the local-file side of a copy, as Windows' own providers take it: the
 // provider runs as LocalSystem, and a client must not make it read or write a file the client itself may
-// not. Without a client call context (an in-process caller), the provider's own identity stays.
+// not. A call whose client cannot be impersonated does not touch a local file at all: the call fails.
 class ClientImpersonation {
 public:
-    explicit ClientImpersonation(const wchar_t* pwcharOperation_in) {
+    ClientImpersonation(DorWEXMethodCall& call_io, const wchar_t* pwcharOperation_in) {
         const HRESULT l_HRESULT = CoImpersonateClient();
         m_boolImpersonating = SUCCEEDED(l_HRESULT);
         Trace(L"%s, CoImpersonateClient %x\n", pwcharOperation_in, l_HRESULT);
+        if (!m_boolImpersonating) {
+            call_io.SetExtendedStatus(pwcharOperation_in, L"The client could not be impersonated");
+            call_io.SetReturnText(L"0");
+        }
     }
     ~ClientImpersonation() {
         if (m_boolImpersonating) {
@@ -167,6 +186,9 @@ public:
     }
     ClientImpersonation(const ClientImpersonation&) = delete;
     ClientImpersonation& operator=(const ClientImpersonation&) = delete;
+
+    // False when the call has already failed for want of the client's identity.
+    bool Impersonating() const { return m_boolImpersonating; }
 
 private:
     bool m_boolImpersonating = false;
@@ -177,6 +199,10 @@ private:
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodGetProperty", L"CDorWEXWPDWMI::MethodGetProperty2", L"",
                            [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
+                               if (!PathAccepted(call_io, L"CDorWEXWPDWMI::MethodGetProperty2", device_in, texts_in[0],
+                                                 false)) {
+                                   return;
+                               }
                                const _bstr_t l_bstr_tValue =
                                    device_in.GetStorageObjectProperty(Pointer(texts_in[0]), Pointer(texts_in[1]));
                                call_io.SetReturnText(BstrText(l_bstr_tValue));
@@ -187,7 +213,14 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice",
                            L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", L"0",
                            [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
-                               const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodCopyFileFromDevice2");
+                               constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCopyFileFromDevice2";
+                               if (!PathAccepted(call_io, kInner, device_in, texts_in[0], false)) {
+                                   return;
+                               }
+                               const ClientImpersonation l_Impersonation(call_io, kInner);
+                               if (!l_Impersonation.Impersonating()) {
+                                   return;
+                               }
                                const HRESULT l_HRESULT = CopyCatchingComErrors(
                                    [&] { return device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])); },
                                    [&](const _com_error& error_in) {
@@ -201,7 +234,14 @@ HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(
         call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice", L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", L"0",
         [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
-            const ClientImpersonation l_Impersonation(L"CDorWEXWPDWMI::MethodMoveFileFromDevice2");
+            constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodMoveFileFromDevice2";
+            if (!PathAccepted(call_io, kInner, device_in, texts_in[0], true)) {
+                return;
+            }
+            const ClientImpersonation l_Impersonation(call_io, kInner);
+            if (!l_Impersonation.Impersonating()) {
+                return;
+            }
             SetOneOrZero(call_io, device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
         });
 }
@@ -210,6 +250,9 @@ HRESULT MethodDeleteFileFromDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<2>(
         call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice", L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", L"0",
         [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[2]) {
+            if (!PathAccepted(call_io, L"CDorWEXWPDWMI::MethodDeleteFileFromDevice2", device_in, texts_in[0], true)) {
+                return;
+            }
             const _bstr_t l_bstr_tDeviceId = device_in.Identity()->m_bstr_tDeviceId;
             SetOneOrZero(call_io, device_in.DeleteFileFromDevice(Pointer(texts_in[0]), l_bstr_tDeviceId));
         });
@@ -230,7 +273,11 @@ HRESULT MethodEnumerateDevicePath(DorWEXMethodCall& call_io) {
     }
     TraceEnter(kInner);
     _bstr_t l_bstr_tListing;
-    if (const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0])) {
+    const auto l_pDevice = FindDevice(call_io, kInner, l_Texts[1], l_Texts[0]);
+    if (l_pDevice && !PathAccepted(call_io, kInner, *l_pDevice, l_Texts[0], false)) {
+        return S_OK;
+    }
+    if (l_pDevice) {
         l_bstr_tListing = l_pDevice->EnumerateDevicePath(Pointer(l_Texts[0]), l_ContentType.value_or(0));
     }
     call_io.SetReturnText(std::move(l_bstr_tListing));
@@ -241,6 +288,9 @@ HRESULT MethodCreateFolderOnDevice(DorWEXMethodCall& call_io) {
     return DeviceMethod<3>(
         call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice", L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2", L"0",
         [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
+            if (!PathAccepted(call_io, L"CDorWEXWPDWMI::MethodCreateFolderOnDevice2", device_in, texts_in[0], true)) {
+                return;
+            }
             SetOneOrZero(call_io,
                          SUCCEEDED(device_in.CreateFolderOnDevice(Pointer(texts_in[0]), Pointer(texts_in[1]))) ? 1 : 0);
         });
@@ -303,7 +353,13 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
         call_io.SetExtendedStatus(kInner, L"Write token not found");
         return S_OK;
     }
-    const ClientImpersonation l_Impersonation(kInner);
+    if (!PathAccepted(call_io, kInner, *l_pDevice, l_Texts[0], true)) {
+        return S_OK;
+    }
+    const ClientImpersonation l_Impersonation(call_io, kInner);
+    if (!l_Impersonation.Impersonating()) {
+        return S_OK;
+    }
     const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
                                                                Pointer(l_Texts[2]), l_dwordTokenProcessId);
     call_io.SetReturnText(BstrText(l_bstr_tResult));

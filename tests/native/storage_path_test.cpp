@@ -28,17 +28,21 @@ TEST(StoragePath, StorageThenNames) {
     EXPECT_EQ(path.names, (std::vector<std::wstring>{L"Fotos \u00e9t\u00e9", L"\u5199\u771f", L"\U0001F600.txt"}));
 }
 
-TEST(StoragePath, OnlyTheFirst260CharactersCount) {
-    const std::wstring folder(250, L'f');
-    auto path = SplitStoragePath(L"Phone\\" + folder + L"\\tail.txt");
-    ASSERT_EQ(path.names.size(), 2u);
+// A path over the limit names nothing: cut short it would name a folder on the way to what was meant.
+TEST(StoragePath, APathOverTheLimitIsTooLongNotCut) {
+    const std::wstring folder(253, L'f');
+    auto path = SplitStoragePath(L"Phone\\" + folder);
+    EXPECT_FALSE(path.tooLong) << "260 characters exactly";
+    path = SplitStoragePath(L"Phone\\" + folder + L"\\tail.txt");
+    EXPECT_TRUE(path.tooLong);
+    ASSERT_EQ(path.names.size(), 1u) << "split as far as 260 characters, for traces";
     EXPECT_EQ(path.names[0], folder);
-    EXPECT_EQ(path.names[1], L"tai") << "cut at 260 characters: 6 + 250 + 1 + 3";
 
     const std::wstring huge(40000, L'x');
     path = SplitStoragePath(huge);
+    EXPECT_TRUE(path.tooLong);
     EXPECT_EQ(path.storage.size(), 260u);
-    EXPECT_TRUE(SplitStoragePath(L"").storage.empty());
+    EXPECT_FALSE(SplitStoragePath(L"").tooLong);
 }
 
 }  // namespace

@@ -38,6 +38,7 @@ public:
         writes.push_back({Text(path), Text(fileName), Text(objectInfo), number});
         return 1;
     }
+    const wchar_t* RefusedStoragePath(const wchar_t*, bool) const override { return nullptr; }
     _bstr_t EnumerateDevicePath(const wchar_t*, ULONG) override { return L""; }
     _bstr_t GetStorageObjectProperty(const wchar_t*, const wchar_t*) override { return L""; }
     _bstr_t CopyFileToDevice(const wchar_t*, const wchar_t*, const wchar_t*, DWORD) override { return L"0"; }
@@ -96,7 +97,7 @@ public:
     HRESULT AddWPD(const wchar_t*) override { return E_NOTIMPL; }
     int RemoveWPD(const wchar_t*) override { return 0; }
     DevicePtr FindWPDObjectById(const wchar_t*) override { return device; }
-    DevicePtr FindWPDObject(const wchar_t* deviceOrDiskId, const wchar_t* storagePath) override {
+    DevicePtr FindWPDObject(const wchar_t* deviceOrDiskId, const wchar_t* storagePath, bool* = nullptr) override {
         std::lock_guard<std::mutex> guard(mutex);
         lookups.emplace_back(deviceOrDiskId != nullptr ? deviceOrDiskId : L"<null>",
                              storagePath != nullptr ? storagePath : L"<null>");

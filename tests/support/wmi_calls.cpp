@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "support/stack_com.h"
 #include "support/wait_until.h"
 
 using Microsoft::WRL::ComPtr;
@@ -180,9 +181,35 @@ Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LON
     return CallAsyncOn(Connect().Get(), method, parameters, clientPid);
 }
 
+namespace {
+
+// The client call context WMI gives a provider registered for impersonation: the client is this test, so
+// impersonating it is ImpersonateSelf.
+class ClientSecurity final : public StackCom<IServerSecurity> {
+public:
+    HRESULT STDMETHODCALLTYPE QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**, DWORD*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE ImpersonateClient() override {
+        return ImpersonateSelf(SecurityImpersonation) ? S_OK : HRESULT_FROM_WIN32(GetLastError());
+    }
+    HRESULT STDMETHODCALLTYPE RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
+    BOOL STDMETHODCALLTYPE IsImpersonating() override { return FALSE; }
+};
+
+}  // namespace
+
 Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
                            LONG clientPid) {
-    return CallAsyncOn(provider, method, parameters, clientPid);
+    ClientSecurity client;
+    IUnknown* previous = nullptr;
+    const bool switched = SUCCEEDED(CoSwitchCallContext(&client, &previous));
+    Outcome outcome = CallAsyncOn(provider, method, parameters, clientPid);
+    if (switched) {
+        IUnknown* ours = nullptr;
+        CoSwitchCallContext(previous, &ours);
+    }
+    return outcome;
 }
 
 ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long milliseconds) {

@@ -42,7 +42,8 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
 Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
 
 // The same call made on a provider object itself, as the WMI service makes it (the in-parameters of the
-// class's method, the client's process id in the context): what the provider indicates, and the status and
+// class's method, the client's process id in the context, a client call context the provider can
+// impersonate): what the provider indicates, and the status and
 // status object it hands its response handler, before WMI fills in its own parts.
 Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
                            LONG clientPid = -1);

@@ -136,8 +136,10 @@ TEST_F(Collection, EveryLookupStrategyWithItsTrace) {
          L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnFriendlyName(6): ObjectStoragePath=x\\y\n"},
         {nullptr, L"internal\\DCIM\\a.jpg", b,
          L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskName(7): ObjectStoragePath=internal\\DCIM\\a.jpg\n"},
-        {L"unknown", L"Card", a,
-         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnDiskName(7): ObjectStoragePath=Card\n"},
+        // A device id that names no device does not fall to the storage name: that would be another device.
+        {L"unknown", L"Card", nullptr,
+         L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=unknown, "
+         L"ObjectStoragePath=Card\n"},
         {L"\\\\169.254.0.1\\media\\a.jpg", nullptr, c,
          L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=NULL\n"},
         {L"nobody", L"nowhere\\x", nullptr,
