@@ -1,6 +1,7 @@
 #include "blackberry_text.h"
 
 #include <cwctype>
+#include <vector>
 
 #include "tokenizer.h"
 
@@ -33,6 +34,96 @@ bool IsFilteredShare(std::wstring_view share) {
     const std::wstring_view tail = share.substr(share.size() - 4);
     return tail[0] == L'\\' && std::towlower(tail[1]) == L'd' && std::towlower(tail[2]) == L't' &&
            std::towlower(tail[3]) == L'm';
+}
+
+namespace {
+
+bool SameCaseBlind(std::wstring_view first, std::wstring_view second) {
+    if (first.size() != second.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < first.size(); ++i) {
+        if (std::towlower(first[i]) != std::towlower(second[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// A name the system opens as itself on a share: no character it gives a meaning, nothing it trims, no
+// device.
+bool IsPlainName(std::wstring_view name) {
+    if (name.empty() || name.back() == L'.' || name.back() == L' ') {
+        return false;
+    }
+    for (const wchar_t c : name) {
+        if (c < 0x20 || std::wstring_view(L"\\/:*?\"<>|").find(c) != std::wstring_view::npos) {
+            return false;
+        }
+    }
+    std::wstring base(name.substr(0, name.find(L'.')));
+    while (!base.empty() && base.back() == L' ') {
+        base.pop_back();
+    }
+    for (auto& c : base) {
+        c = static_cast<wchar_t>(std::towupper(c));
+    }
+    static const wchar_t* const kDevices[] = {L"CON", L"PRN", L"AUX", L"NUL", L"CONIN$", L"CONOUT$"};
+    for (const wchar_t* device : kDevices) {
+        if (base == device) {
+            return false;
+        }
+    }
+    return !(base.size() == 4 && (base.compare(0, 3, L"COM") == 0 || base.compare(0, 3, L"LPT") == 0) &&
+             ((base[3] >= L'0' && base[3] <= L'9') || base[3] == 0xB9 || base[3] == 0xB2 || base[3] == 0xB3));
+}
+
+// The components after a leading "\\", or false when the path does not begin so or has an empty one.
+bool SplitUncPath(std::wstring_view path, std::vector<std::wstring_view>& components) {
+    if (path.size() < 2 || path[0] != L'\\' || path[1] != L'\\') {
+        return false;
+    }
+    std::wstring_view rest = path.substr(2);
+    for (;;) {
+        const size_t separator = rest.find(L'\\');
+        components.push_back(rest.substr(0, separator));
+        if (components.back().empty()) {
+            return false;
+        }
+        if (separator == std::wstring_view::npos) {
+            return true;
+        }
+        rest = rest.substr(separator + 1);
+    }
+}
+
+}  // namespace
+
+std::wstring_view ShareHost(std::wstring_view path) {
+    if (path.size() < 2 || path[0] != L'\\' || path[1] != L'\\') {
+        return std::wstring_view();
+    }
+    const std::wstring_view rest = path.substr(2);
+    return rest.substr(0, rest.find(L'\\'));
+}
+
+bool IdNamesShareHost(std::wstring_view id, std::wstring_view address) {
+    return !address.empty() && SameCaseBlind(ShareHost(id), address);
+}
+
+bool IsPathInsideShare(std::wstring_view path, std::wstring_view share) {
+    std::vector<std::wstring_view> shareParts;
+    std::vector<std::wstring_view> pathParts;
+    if (!SplitUncPath(share, shareParts) || shareParts.size() != 2 || !SplitUncPath(path, pathParts) ||
+        pathParts.size() < 2) {
+        return false;
+    }
+    for (size_t i = 0; i < pathParts.size(); ++i) {
+        if (!IsPlainName(pathParts[i]) || (i < 2 && !SameCaseBlind(pathParts[i], shareParts[i]))) {
+            return false;
+        }
+    }
+    return IsPlainName(shareParts[0]) && IsPlainName(shareParts[1]);
 }
 
 std::wstring LongSharePath(std::wstring_view path) {

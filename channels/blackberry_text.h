@@ -24,6 +24,20 @@ std::array<std::wstring, 5> BlackBerryTokens(std::wstring_view message);
 // A share whose name ends in "\dtm" (any case) after at least one other character is not connected.
 bool IsFilteredShare(std::wstring_view share);
 
+// The host of a share path: what stands between its leading "\\" and the next "\" (or its end); empty when
+// the path does not begin with "\\".
+std::wstring_view ShareHost(std::wstring_view path);
+
+// Whether an id names the BlackBerry at this address: the host of the id's share path is the address, whole
+// and case-blind (169.254.0.1 does not name \\169.254.0.17\media). An empty address names nothing.
+bool IdNamesShareHost(std::wstring_view id, std::wstring_view address);
+
+// Whether a path lies inside the share \\host\name (itself included), in canonical form: the share's host
+// and name (case-blind), then plain names only. Refused: another host or share, a drive letter, the
+// "\\?\" and "\\.\" namespaces, empty components, "." and ".." (and any name ending in a dot or a space,
+// which the system would trim), ":" (streams), "/", wildcards, control characters, DOS device names.
+bool IsPathInsideShare(std::wstring_view path, std::wstring_view share);
+
 // \\server\share\path becomes \\?\UNC\server\share\path; any other path stays as it is.
 std::wstring LongSharePath(std::wstring_view path);
 

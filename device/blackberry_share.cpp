@@ -8,32 +8,14 @@
 #include "../common/trace.h"
 #include "../common/error_text.h"
 #include "../channels/blackberry_text.h"
+#include "blackberry_share_internal.h"
 #include "wnet_api.h"
 
 namespace {
 
-std::wstring SystemText(DWORD dwordError_in) {
-    std::wstring l_wstringText;
-    GetSystemErrorText(static_cast<HRESULT>(dwordError_in), l_wstringText);
-    return l_wstringText;
-}
-
-// Leaves an error-info object naming the failing operation and describing the failure on the calling
-// thread, for the WMI method that called it.
-void SetOperationErrorInfo(const wchar_t* pwcharSource_in, DWORD dwordError_in) {
-    ICreateErrorInfo* l_pCreateErrorInfo = nullptr;
-    if (FAILED(CreateErrorInfo(&l_pCreateErrorInfo))) {
-        return;
-    }
-    l_pCreateErrorInfo->SetSource(const_cast<LPOLESTR>(pwcharSource_in));
-    std::wstring l_wstringDescription = SystemText(dwordError_in);
-    l_pCreateErrorInfo->SetDescription(&l_wstringDescription[0]);
-    IErrorInfo* l_pErrorInfo = nullptr;
-    if (SUCCEEDED(l_pCreateErrorInfo->QueryInterface(IID_IErrorInfo, reinterpret_cast<void**>(&l_pErrorInfo)))) {
-        SetErrorInfo(0, l_pErrorInfo);
-        l_pErrorInfo->Release();
-    }
-    l_pCreateErrorInfo->Release();
+// Case-blind, as the system compares share names.
+bool SameShare(const std::wstring& wstringFirst_in, const std::wstring& wstringSecond_in) {
+    return _wcsicmp(wstringFirst_in.c_str(), wstringSecond_in.c_str()) == 0;
 }
 
 // The traced text of a network result; an extended error asks the network for its own.
@@ -53,12 +35,34 @@ std::wstring ResultText(DWORD dwordResult_in, const std::wstring& wstringShare_i
            l_Error.data() + L"Provider Name: " + l_Provider.data();
 }
 
-bool IsDirectory(const std::wstring& wstringPath_in) {
+}  // namespace
+
+std::wstring ShareSystemText(DWORD dwordError_in) {
+    std::wstring l_wstringText;
+    GetSystemErrorText(static_cast<HRESULT>(dwordError_in), l_wstringText);
+    return l_wstringText;
+}
+
+void SetShareErrorInfo(const wchar_t* pwcharSource_in, DWORD dwordError_in) {
+    ICreateErrorInfo* l_pCreateErrorInfo = nullptr;
+    if (FAILED(CreateErrorInfo(&l_pCreateErrorInfo))) {
+        return;
+    }
+    l_pCreateErrorInfo->SetSource(const_cast<LPOLESTR>(pwcharSource_in));
+    std::wstring l_wstringDescription = ShareSystemText(dwordError_in);
+    l_pCreateErrorInfo->SetDescription(&l_wstringDescription[0]);
+    IErrorInfo* l_pErrorInfo = nullptr;
+    if (SUCCEEDED(l_pCreateErrorInfo->QueryInterface(IID_IErrorInfo, reinterpret_cast<void**>(&l_pErrorInfo)))) {
+        SetErrorInfo(0, l_pErrorInfo);
+        l_pErrorInfo->Release();
+    }
+    l_pCreateErrorInfo->Release();
+}
+
+bool IsShareDirectory(const std::wstring& wstringPath_in) {
     const DWORD l_dwordAttributes = GetFileAttributesW(wstringPath_in.c_str());
     return l_dwordAttributes != INVALID_FILE_ATTRIBUTES && (l_dwordAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
-
-}  // namespace
 
 CDorWEXBlackBerry::CDorWEXBlackBerry() : m_HANDLEEventConnected(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
@@ -81,6 +85,16 @@ DWORD CDorWEXBlackBerry::ConnectToDevice(const wchar_t* pwcharShare_in, const wc
     Trace(L"CDorWEXBlackBerry::ConnectToDevice, WNetAddConnection2 %ld %s\n", static_cast<LONG>(l_dwordResult),
           ResultText(l_dwordResult, pwcharShare_in).c_str());
     if (l_dwordResult == NO_ERROR) {
+        {
+            std::lock_guard<std::mutex> l_guard(m_mutexShares);
+            bool l_boolKnown = false;
+            for (const auto& l_wstringShare : m_vectorConnectedShares) {
+                l_boolKnown = l_boolKnown || SameShare(l_wstringShare, pwcharShare_in);
+            }
+            if (!l_boolKnown) {
+                m_vectorConnectedShares.push_back(pwcharShare_in);
+            }
+        }
         InterlockedExchange(&m_longConnected, 1);
         SetEvent(m_HANDLEEventConnected);
         Trace(L"CDorWEXBlackBerry::ConnectToDevice, SetEvent(m_HANDLEEventConnected)");
@@ -93,72 +107,46 @@ void CDorWEXBlackBerry::DisconnectFromDevice() {
     if (m_longConnected != 1) {
         return;
     }
-    const DWORD l_dwordResult = WNetApi().pWNetCancelConnection2W(m_wstringShareName.c_str(), CONNECT_UPDATE_PROFILE, TRUE);
-    Trace(L"CDorWEXBlackBerry::DisconnectFromDevice, WNetCancelConnection2 %ld %s\n", static_cast<LONG>(l_dwordResult),
-          ResultText(l_dwordResult, m_wstringShareName).c_str());
-    if (l_dwordResult == NO_ERROR) {
+    // Every share this object connected: its storage and the SD card the companion added.
+    std::lock_guard<std::mutex> l_guard(m_mutexShares);
+    for (auto l_Share = m_vectorConnectedShares.begin(); l_Share != m_vectorConnectedShares.end();) {
+        const DWORD l_dwordResult = WNetApi().pWNetCancelConnection2W(l_Share->c_str(), CONNECT_UPDATE_PROFILE, TRUE);
+        Trace(L"CDorWEXBlackBerry::DisconnectFromDevice, WNetCancelConnection2 %ld %s\n", static_cast<LONG>(l_dwordResult),
+              ResultText(l_dwordResult, *l_Share).c_str());
+        l_Share = l_dwordResult == NO_ERROR ? m_vectorConnectedShares.erase(l_Share) : l_Share + 1;
+    }
+    if (m_vectorConnectedShares.empty()) {
         InterlockedExchange(&m_longConnected, 0);
     }
 }
 
-bool CDorWEXBlackBerry::CopyFileFromDevice(const wchar_t* pwcharSourceOnDevice_in, const wchar_t* pwcharLocalTarget_in) {
-    Trace(L"CDorWEXBlackBerry::CopyFileFromDevice enter.\n");
-    if (pwcharSourceOnDevice_in == nullptr || pwcharLocalTarget_in == nullptr) {
-        return false;
+bool CDorWEXBlackBerry::IsOwnPath(const wchar_t* pwcharPath_in, const wchar_t* pwcharOperation_in) {
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexShares);
+        if (dorwex::IsPathInsideShare(pwcharPath_in, m_wstringShareName)) {
+            return true;
+        }
+        for (const auto& l_wstringShare : m_vectorConnectedShares) {
+            if (dorwex::IsPathInsideShare(pwcharPath_in, l_wstringShare)) {
+                return true;
+            }
+        }
     }
-    Trace(L"CDorWEXBlackBerry::CopyFileFromDevice waiting for connection to device.\n");
-    if (WaitForSingleObject(m_HANDLEEventConnected, m_dwordConnectionWaitMs) != WAIT_OBJECT_0) {
-        Trace(L"CDorWEXBlackBerry::CopyFileFromDevice TIMED OUT waiting for connection to device.\n");
-        return false;
-    }
-    const std::wstring l_wstringSource = dorwex::LongSharePath(pwcharSourceOnDevice_in);
-    if (!CopyFileW(l_wstringSource.c_str(), pwcharLocalTarget_in, FALSE)) {
-        const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileFromDevice", l_dwordError);
-        Trace(L"CDorWEXBlackBerry::CopyFileFromDevice, %s failed %x:\n", L"CopyFile", l_dwordError);
-        Trace(L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<%s>, target:<%s>.\n", l_wstringSource.c_str(),
-              pwcharLocalTarget_in);
-        return false;
-    }
-    return true;
-}
-
-bool CDorWEXBlackBerry::CopyFileToDevice(const wchar_t* pwcharTargetOnDevice_in, const wchar_t* pwcharLocalSource_in) {
-    Trace(L"CDorWEXBlackBerry::CopyFileToDevice, enter.\n");
-    if (pwcharTargetOnDevice_in == nullptr || pwcharLocalSource_in == nullptr) {
-        return false;
-    }
-    std::wstring l_wstringTarget = dorwex::LongSharePath(pwcharTargetOnDevice_in);
-    if (IsDirectory(l_wstringTarget)) {
-        wchar_t l_wcharName[256] = {};
-        wchar_t l_wcharExtension[256] = {};
-        _wsplitpath_s(pwcharLocalSource_in, nullptr, 0, nullptr, 0, l_wcharName, _countof(l_wcharName),
-                      l_wcharExtension, _countof(l_wcharExtension));
-        l_wstringTarget += L"\\";
-        l_wstringTarget += l_wcharName;
-        l_wstringTarget += l_wcharExtension;
-    }
-    if (!CopyFileW(pwcharLocalSource_in, l_wstringTarget.c_str(), FALSE)) {
-        const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CopyFileToDevice", l_dwordError);
-        Trace(L"CDorWEXBlackBerry::CopyFileToDevice, %s failed %x: %s: source:<%s>, target:<%s>.\n", L"CopyFile",
-              l_dwordError, SystemText(l_dwordError).c_str(), pwcharLocalSource_in, l_wstringTarget.c_str());
-        return false;
-    }
-    return true;
+    Trace(L"%s, refused <%s>: not inside the device's share.\n", pwcharOperation_in, pwcharPath_in);
+    return false;
 }
 
 bool CDorWEXBlackBerry::CreateFolderOnDevice(const wchar_t* pwcharPath_in) {
     Trace(L"CDorWEXBlackBerry::CreateFolderOnDevice, enter.\n");
-    if (pwcharPath_in == nullptr) {
+    if (pwcharPath_in == nullptr || !IsOwnPath(pwcharPath_in, L"CDorWEXBlackBerry::CreateFolderOnDevice")) {
         return false;
     }
     // The path exactly as given: this operation alone does not use the long form.
     if (!CreateDirectoryW(pwcharPath_in, nullptr)) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::CreateFolderOnDevice", l_dwordError);
+        SetShareErrorInfo(L"CDorWEXBlackBerry::CreateFolderOnDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::CreateFolderOnDevice, CreateDirectory failed %x: %s.\n", l_dwordError,
-              SystemText(l_dwordError).c_str());
+              ShareSystemText(l_dwordError).c_str());
         return false;
     }
     return true;
@@ -166,17 +154,17 @@ bool CDorWEXBlackBerry::CreateFolderOnDevice(const wchar_t* pwcharPath_in) {
 
 bool CDorWEXBlackBerry::DeleteFileFromDevice(const wchar_t* pwcharPath_in) {
     Trace(L"CDorWEXBlackBerry::DeleteFileFromDevice, enter.\n");
-    if (pwcharPath_in == nullptr) {
+    if (pwcharPath_in == nullptr || !IsOwnPath(pwcharPath_in, L"CDorWEXBlackBerry::DeleteFileFromDevice")) {
         return false;
     }
     const std::wstring l_wstringPath = dorwex::LongSharePath(pwcharPath_in);
-    const bool l_boolDirectory = IsDirectory(l_wstringPath);
+    const bool l_boolDirectory = IsShareDirectory(l_wstringPath);
     const BOOL l_BOOL = l_boolDirectory ? RemoveDirectoryW(l_wstringPath.c_str()) : DeleteFileW(l_wstringPath.c_str());
     if (!l_BOOL) {
         const DWORD l_dwordError = GetLastError();
-        SetOperationErrorInfo(L"CDorWEXBlackBerry::DeleteFileFromDevice", l_dwordError);
+        SetShareErrorInfo(L"CDorWEXBlackBerry::DeleteFileFromDevice", l_dwordError);
         Trace(L"CDorWEXBlackBerry::DeleteFileFromDevice, Delete %s failed %x: %s.\n",
-              l_boolDirectory ? L"directory" : L"file", l_dwordError, SystemText(l_dwordError).c_str());
+              l_boolDirectory ? L"directory" : L"file", l_dwordError, ShareSystemText(l_dwordError).c_str());
         return false;
     }
     return true;
@@ -185,7 +173,7 @@ bool CDorWEXBlackBerry::DeleteFileFromDevice(const wchar_t* pwcharPath_in) {
 std::wstring CDorWEXBlackBerry::EnumerateDevicePath(const wchar_t* pwcharPath_in, ULONG ulongMode_in) {
     Trace(L"CDorWEXBlackBerry::EnumerateDevicePath, enter.\n");
     std::wstring l_wstringListing;
-    if (pwcharPath_in == nullptr) {
+    if (pwcharPath_in == nullptr || !IsOwnPath(pwcharPath_in, L"CDorWEXBlackBerry::EnumerateDevicePath")) {
         return l_wstringListing;
     }
     WIN32_FIND_DATAW l_Found = {};
@@ -219,7 +207,8 @@ std::wstring CDorWEXBlackBerry::GetProperty(const wchar_t* pwcharPath_in, const 
         return l_wstringAll;
     }
     if (_wcsicmp(pwcharName_in, L"ObjectId") == 0) {
-        return pwcharPath_in != nullptr && GetFileAttributesW(pwcharPath_in) != INVALID_FILE_ATTRIBUTES
+        return pwcharPath_in != nullptr && IsOwnPath(pwcharPath_in, L"CDorWEXBlackBerry::GetProperty") &&
+                       GetFileAttributesW(dorwex::LongSharePath(pwcharPath_in).c_str()) != INVALID_FILE_ATTRIBUTES
                    ? std::wstring(pwcharPath_in)
                    : std::wstring();
     }

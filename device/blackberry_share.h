@@ -1,13 +1,16 @@
 // A BlackBerry's storage, reached as the network share the device exposes. The companion service sends the
 // share's credentials; until they arrive, a copy from the device waits for the connection. File operations
 // work on the share's paths (UNC names, used in their long form) and leave a COM error-info object on the
-// calling thread when they fail.
+// calling thread when they fail. They take only canonical paths inside the device's own shares (its storage
+// share and every share it connected); anything else is refused before any file call.
 #pragma once
 
 #include <windows.h>
 
 #include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
 class CDorWEXBlackBerry {
 public:
@@ -20,6 +23,7 @@ public:
 
     // The network result (0 connected); no share does nothing and answers 0.
     DWORD ConnectToDevice(const wchar_t* pwcharShare_in, const wchar_t* pwcharUser_in, const wchar_t* pwcharPassword_in);
+    // Cancels every connection this object made; a share whose cancel fails stays connected.
     void DisconnectFromDevice();
 
     bool CopyFileFromDevice(const wchar_t* pwcharSourceOnDevice_in, const wchar_t* pwcharLocalTarget_in);
@@ -35,4 +39,11 @@ public:
     HANDLE m_HANDLEEventConnected;
     // How long a copy from the device waits for the connection.
     DWORD m_dwordConnectionWaitMs = kConnectionWaitMs;
+
+private:
+    // Whether the path lies inside one of the device's shares; a refusal is traced with the operation's name.
+    bool IsOwnPath(const wchar_t* pwcharPath_in, const wchar_t* pwcharOperation_in);
+
+    std::mutex m_mutexShares;
+    std::vector<std::wstring> m_vectorConnectedShares;  // every share a connect succeeded for, once each
 };

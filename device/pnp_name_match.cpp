@@ -23,7 +23,35 @@ bool DeviceNamesMatch(std::wstring_view instanceId, std::wstring_view interfaceN
     const bool firstShorter = first.size() <= second.size();
     const std::wstring& shorter = firstShorter ? first : second;
     const std::wstring& longer = firstShorter ? second : first;
-    return longer.find(shorter) != std::wstring::npos;
+    for (size_t at = longer.find(shorter); at != std::wstring::npos; at = longer.find(shorter, at + 1)) {
+        const size_t end = at + shorter.size();
+        const bool startsComponent = at == 0 || longer[at - 1] == L'~' || (at >= 4 && longer.compare(at - 4, 4, L"_??_") == 0);
+        const bool endsComponent = end == longer.size() || longer[end] == L'~';
+        if (startsComponent && endsComponent) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool NameIsOfInstance(std::wstring_view instanceId, std::wstring_view deviceName) {
+    if (instanceId.empty()) {
+        return false;
+    }
+    const std::wstring id = NormalizeDeviceName(instanceId);
+    const std::wstring normalizedName = NormalizeDeviceName(deviceName);
+    std::wstring_view name = normalizedName;
+    for (const wchar_t* prefix : {L"~~?~", L"~??~", L"~~.~"}) {
+        if (name.compare(0, 4, prefix) == 0) {
+            name.remove_prefix(4);
+            break;
+        }
+    }
+    if (name.compare(0, id.size(), id) != 0) {
+        return false;
+    }
+    const std::wstring_view rest = name.substr(id.size());
+    return rest.empty() || rest.compare(0, 2, L"~{") == 0;
 }
 
 }  // namespace dorwex

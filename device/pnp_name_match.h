@@ -2,8 +2,10 @@
 // Windows headers.
 //
 // Both texts are upper-cased (ASCII letters), every "#" and every "\" becomes "~", and the shorter is looked
-// for in the longer: an interface name such as \\?\USB#VID_04E8&PID_6860#R58M#{6ac27878-...} contains the
-// instance id USB\VID_04E8&PID_6860\R58M once both are written alike.
+// for in the longer as whole components: an interface name such as \\?\USB#VID_04E8&PID_6860#R58M#{6ac27878-...}
+// contains the instance id USB\VID_04E8&PID_6860\R58M once both are written alike, and a volume's name
+// contains its disk's id after "_??_". An id is never found inside a longer component: ...\R58M does not
+// match ...#R58M1#.
 #pragma once
 
 #include <string>
@@ -13,6 +15,11 @@ namespace dorwex {
 
 std::wstring NormalizeDeviceName(std::wstring_view name);
 bool DeviceNamesMatch(std::wstring_view instanceId, std::wstring_view interfaceName);
+
+// Whether a device name names exactly this node: written alike, it is the instance id itself, after an
+// optional "\\?\", "\??\" or "\\.\" and before an optional interface class "#{...}" (with whatever
+// follows it). Unlike DeviceNamesMatch, nothing else may stand around the id.
+bool NameIsOfInstance(std::wstring_view instanceId, std::wstring_view deviceName);
 
 }  // namespace dorwex
 

@@ -11,6 +11,7 @@
 #include "../common/trace.h"
 #include "../monitor/device_host.h"
 #include "../monitor/device_registry.h"
+#include "pnp_name_match.h"
 
 namespace {
 
@@ -29,19 +30,8 @@ struct EjectNode {
     bool hasParent = false;
 };
 
-bool ContainsCaseBlind(const std::wstring& wstringText_in, const wchar_t* pwcharPart_in) {
-    std::wstring l_wstringText = wstringText_in;
-    std::wstring l_wstringPart = pwcharPart_in;
-    for (auto* l_pText : {&l_wstringText, &l_wstringPart}) {
-        for (auto& l_wchar : *l_pText) {
-            l_wchar = static_cast<wchar_t>(towupper(l_wchar));
-        }
-    }
-    return !l_wstringPart.empty() && l_wstringText.find(l_wstringPart) != std::wstring::npos;
-}
-
 // Opens the list of present devices of the class (the "WPD" class by name when no class is given) and finds
-// the first node whose instance id occurs in the device id written with "\" for "#", and that has a parent
+// the first node that the device id names, whole (...\1 is not named by ...#12#{...}), and that has a parent
 // when one is required. False when no such node exists or a call fails.
 bool FindEjectNode(const wchar_t* pwcharDeviceId_in, const GUID* pguidClass_in, bool boolNeedParent_in,
                    EjectNode& node_out) {
@@ -68,12 +58,6 @@ bool FindEjectNode(const wchar_t* pwcharDeviceId_in, const GUID* pguidClass_in, 
         node_out.list.Reset();
         return false;
     }
-    std::wstring l_wstringDeviceId = pwcharDeviceId_in;
-    for (auto& l_wchar : l_wstringDeviceId) {
-        if (l_wchar == L'#') {
-            l_wchar = L'\\';
-        }
-    }
     SP_DEVINFO_DATA l_DeviceInfo = {};
     l_DeviceInfo.cbSize = sizeof(l_DeviceInfo);
     for (DWORD l_dwordIndex = 0; l_Api.pSetupDiEnumDeviceInfo(node_out.list.Get(), l_dwordIndex, &l_DeviceInfo);
@@ -81,7 +65,7 @@ bool FindEjectNode(const wchar_t* pwcharDeviceId_in, const GUID* pguidClass_in, 
         wchar_t l_wcharInstanceId[201] = {};
         if (l_Api.pCM_Get_Device_ID_ExW(l_DeviceInfo.DevInst, l_wcharInstanceId, 200, 0,
                                         l_ListDetail.RemoteMachineHandle) != CR_SUCCESS ||
-            !ContainsCaseBlind(l_wstringDeviceId, l_wcharInstanceId)) {
+            !dorwex::NameIsOfInstance(l_wcharInstanceId, pwcharDeviceId_in)) {
             continue;
         }
         node_out.hasParent = l_Api.pCM_Get_Parent(&node_out.parent, l_DeviceInfo.DevInst, 0) == CR_SUCCESS;

@@ -5,6 +5,7 @@
 
 #include "../common/com_memory.h"
 #include "../common/trace.h"
+#include "../channels/blackberry_text.h"
 #include "../device/wpd_device.h"
 #include "wpd_core.h"
 
@@ -85,7 +86,8 @@ bool MatchesDiskName(const Entry& entry_in, const wchar_t* pwcharDiskName_in) {
 bool MatchesBlackBerry(const Entry& entry_in, const wchar_t* pwcharId_in) {
     const dorwex::CompanionRecord* l_pRecord = entry_in.second->CompanionRecord();
     const std::wstring* l_pServer = l_pRecord ? l_pRecord->Find(L"DHCPServer") : nullptr;
-    return l_pServer != nullptr && !l_pServer->empty() && wcsstr(pwcharId_in, l_pServer->c_str()) != nullptr;
+    // The address is the host of the share path the caller holds, whole: 169.254.0.1 is not 169.254.0.17.
+    return l_pServer != nullptr && dorwex::IdNamesShareHost(pwcharId_in, *l_pServer);
 }
 
 }  // namespace

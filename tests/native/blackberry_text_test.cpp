@@ -73,3 +73,91 @@ TEST(BlackBerryShare, ListingModes) {
 }
 
 }  // namespace
+
+namespace {
+
+// The host of the id's share path, whole: one address is never found inside another.
+TEST(BlackBerryShare, AnIdNamesTheDeviceByItsWholeHost) {
+    EXPECT_EQ(dorwex::ShareHost(L"\\\\169.254.0.17\\media\\a.jpg"), L"169.254.0.17");
+    EXPECT_EQ(dorwex::ShareHost(L"\\\\host"), L"host");
+    EXPECT_EQ(dorwex::ShareHost(L"host\\media"), L"");
+    const struct {
+        const wchar_t* id;
+        const wchar_t* address;
+        bool named;
+    } cases[] = {
+        {L"\\\\169.254.0.1\\media\\a.jpg", L"169.254.0.1", true},
+        {L"\\\\169.254.0.1", L"169.254.0.1", true},
+        {L"\\\\BBHost\\media", L"bbhost", true},
+        {L"\\\\169.254.0.17\\media\\a.jpg", L"169.254.0.1", false},
+        {L"\\\\169.254.0.1\\media", L"169.254.0.17", false},
+        {L"\\\\10.169.254.0.1\\media", L"169.254.0.1", false},
+        {L"x\\\\169.254.0.1\\media", L"169.254.0.1", false},
+        {L"169.254.0.1", L"169.254.0.1", false},
+        {L"\\\\?\\UNC\\169.254.0.1\\media", L"169.254.0.1", false},
+        // No address names nothing, not even an id whose host is empty.
+        {L"\\\\\\media", L"", false},
+        {L"\\\\", L"", false},
+        {L"", L"", false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(dorwex::IdNamesShareHost(c.id, c.address), c.named) << c.id << " / " << c.address;
+    }
+}
+
+TEST(BlackBerryShare, OnlyCanonicalPathsInsideTheShare) {
+    const wchar_t share[] = L"\\\\10.0.0.1\\media";
+    const struct {
+        const wchar_t* path;
+        bool inside;
+    } cases[] = {
+        {L"\\\\10.0.0.1\\media", true},
+        {L"\\\\10.0.0.1\\media\\DCIM\\a.jpg", true},
+        {L"\\\\10.0.0.1\\MEDIA\\Music", true},
+        {L"\\\\10.0.0.1\\media\\a b.c d", true},
+        {L"\\\\10.0.0.1\\media\\.hidden", true},
+        {L"\\\\10.0.0.1\\media\\com10.txt", true},
+        {L"\\\\10.0.0.1\\mediax\\a.jpg", false},
+        {L"\\\\10.0.0.1\\sdcard\\a.jpg", false},
+        {L"\\\\10.0.0.17\\media\\a.jpg", false},
+        {L"\\\\10.0.0.1", false},
+        {L"\\\\10.0.0.1\\media\\", false},
+        {L"\\\\10.0.0.1\\media\\\\a.jpg", false},
+        {L"\\\\10.0.0.1\\media\\..\\c$\\Windows", false},
+        {L"\\\\10.0.0.1\\media\\DCIM\\..", false},
+        {L"\\\\10.0.0.1\\media\\.", false},
+        {L"\\\\10.0.0.1\\media\\DCIM\\...", false},
+        {L"\\\\10.0.0.1\\media\\a.jpg.", false},
+        {L"\\\\10.0.0.1\\media\\a.jpg ", false},
+        {L"\\\\10.0.0.1\\media\\a.jpg:secret", false},
+        {L"\\\\10.0.0.1\\media\\a.jpg::$DATA", false},
+        {L"\\\\10.0.0.1\\media/../../c$", false},
+        {L"\\\\10.0.0.1\\media\\*", false},
+        {L"\\\\10.0.0.1\\media\\a?.jpg", false},
+        {L"\\\\10.0.0.1\\media\\a\x01.jpg", false},
+        {L"\\\\10.0.0.1\\media\\CON", false},
+        {L"\\\\10.0.0.1\\media\\nul.txt", false},
+        {L"\\\\10.0.0.1\\media\\Lpt1", false},
+        {L"\\\\10.0.0.1\\media\\COM\xB9", false},
+        {L"C:\\Windows\\System32\\config", false},
+        {L"C:\\10.0.0.1\\media\\a.jpg", false},
+        {L"\\\\?\\UNC\\10.0.0.1\\media\\a.jpg", false},
+        {L"\\\\?\\C:\\Windows", false},
+        {L"\\\\.\\PhysicalDrive0", false},
+        {L"\\??\\C:\\Windows", false},
+        {L"\\10.0.0.1\\media\\a.jpg", false},
+        {L"media\\a.jpg", false},
+        {L"", false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(dorwex::IsPathInsideShare(c.path, share), c.inside) << c.path;
+    }
+    // A share that is not of the form \\host\name contains nothing.
+    for (const wchar_t* badShare : {L"", L"\\\\10.0.0.1", L"\\\\10.0.0.1\\media\\DCIM", L"C:\\media", L"\\\\?\\media",
+                                    L"\\\\.\\media", L"\\\\10.0.0.1\\"}) {
+        EXPECT_FALSE(dorwex::IsPathInsideShare(std::wstring(badShare) + L"\\a.jpg", badShare)) << badShare;
+        EXPECT_FALSE(dorwex::IsPathInsideShare(badShare, badShare)) << badShare;
+    }
+}
+
+}  // namespace

@@ -18,6 +18,41 @@ TEST(DeviceNamesMatch, CaseSeparatorsAndInterfaceSuffixDoNotMatter) {
     EXPECT_EQ(dorwex::NormalizeDeviceName(L"a#b\\c"), L"A~B~C");
 }
 
+// Instance ids are compared whole: ...\1 is not found in a name of ...\12, in either function.
+TEST(DeviceNamesMatch, AnIdIsNeverFoundInsideALongerOne) {
+    const std::wstring volume =
+        L"\\\\?\\STORAGE#VOLUME#_??_USBSTOR#DISK&VEN_K#60A4&0#{53f56307-b6bf}#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    const struct {
+        const wchar_t* instanceId;
+        std::wstring name;
+        bool matches;  // DeviceNamesMatch
+        bool names;    // NameIsOfInstance
+    } cases[] = {
+        {L"USB\\VID_0FCA&PID_8004\\1", L"\\\\?\\usb#vid_0fca&pid_8004#1#{6ac27878}", true, true},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"\\\\?\\usb#vid_0fca&pid_8004#12#{6ac27878}", false, false},
+        {L"USB\\VID_0FCA&PID_8004\\12", L"\\\\?\\usb#vid_0fca&pid_8004#1#{6ac27878}", false, false},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"\\\\?\\usb#vid_0fca&pid_8004#1&mi_00#{6ac27878}", false, false},
+        {L"SB\\VID_0FCA&PID_8004\\1", L"\\\\?\\usb#vid_0fca&pid_8004#1#{6ac27878}", false, false},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"usb#vid_0fca&pid_8004#1", true, true},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"usb\\vid_0fca&pid_8004\\1", true, true},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"\\??\\usb#vid_0fca&pid_8004#1#{6ac27878}\\ref", true, true},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"prefix usb\\vid_0fca&pid_8004\\1 suffix", false, false},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"x#usb#vid_0fca&pid_8004#1#{6ac27878}", true, false},
+        {L"USB\\VID_0FCA&PID_8004\\1", L"\\\\?\\usb#vid_0fca&pid_8004#1#x", true, false},
+        // A volume's name holds its disk's id after "_??_": the same device, found by the view, never ejected
+        // in the volume's place.
+        {L"USBSTOR\\DISK&VEN_K\\60A4&0", volume, true, false},
+        {L"USBSTOR\\DISK&VEN_K\\60A4", volume, false, false},
+        {L"STORAGE\\VOLUME\\_??_USBSTOR#DISK&VEN_K#60A4&0#{53f56307-b6bf}", volume, true, true},
+        {L"", L"usb#vid_0fca&pid_8004#1", false, false},
+    };
+    for (const auto& c : cases) {
+        const std::string name(c.name.begin(), c.name.end());
+        EXPECT_EQ(DeviceNamesMatch(c.instanceId, c.name), c.matches) << name;
+        EXPECT_EQ(dorwex::NameIsOfInstance(c.instanceId, c.name), c.names) << name;
+    }
+}
+
 TEST(SerialNumberFromInstanceId, OnlyARealSerialNumber) {
     const struct {
         const wchar_t* instanceId;

@@ -6,12 +6,14 @@
 #include <windows.h>
 #include <oleauto.h>
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "channels/blackberry_named_pipe.h"
+#include "channels/blackberry_text.h"
 #include "device/blackberry_share.h"
 #include "device/wnet_api.h"
 #include "device/wpd_object.h"
@@ -114,21 +116,84 @@ std::wstring ErrorSource() {
     return text;
 }
 
+// Removes a directory's content, and the directory itself when asked.
+void RemoveTree(const std::wstring& directory, bool itself) {
+    WIN32_FIND_DATAW found = {};
+    HANDLE search = FindFirstFileW((directory + L"\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            const std::wstring name = found.cFileName;
+            if (name == L"." || name == L"..") {
+                continue;
+            }
+            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                RemoveTree(directory + L"\\" + name, true);
+            } else {
+                DeleteFileW((directory + L"\\" + name).c_str());
+            }
+        } while (FindNextFileW(search, &found));
+        FindClose(search);
+    }
+    if (itself) {
+        RemoveDirectoryW(directory.c_str());
+    }
+}
+
+// The names in a directory, sorted ("." and ".." left out): what a failed operation must leave as it was.
+std::vector<std::wstring> Names(const std::wstring& directory) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found = {};
+    HANDLE search = FindFirstFileW((directory + L"\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            if (wcscmp(found.cFileName, L".") != 0 && wcscmp(found.cFileName, L"..") != 0) {
+                names.push_back(found.cFileName);
+            }
+        } while (FindNextFileW(search, &found));
+        FindClose(search);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The share \\host\name, empty. Wine serves a UNC path from the prefix's dosdevices\unc\host\name (no
+// network is involved; on Windows this would be the BlackBerry's own share); the directory one level up,
+// beside the share, is returned too, for what must stay out of reach.
+std::wstring EmptyShare(const std::wstring& host, const std::wstring& name, std::wstring* pAbove = nullptr) {
+    wchar_t prefix[MAX_PATH] = {};
+    const DWORD length = GetEnvironmentVariableW(L"WINEPREFIX", prefix, MAX_PATH);
+    EXPECT_TRUE(length > 0 && length < MAX_PATH) << "the tests run in a Wine prefix";
+    std::wstring directory = std::wstring(L"Z:") + prefix;
+    std::replace(directory.begin(), directory.end(), L'/', L'\\');
+    for (const std::wstring& part : {std::wstring(L"dosdevices"), std::wstring(L"unc"), host}) {
+        directory += L"\\" + part;
+        CreateDirectoryW(directory.c_str(), nullptr);
+    }
+    if (pAbove != nullptr) {
+        *pAbove = directory;
+    }
+    directory += L"\\" + name;
+    RemoveTree(directory, true);
+    CreateDirectoryW(directory.c_str(), nullptr);
+    return L"\\\\" + host + L"\\" + name;
+}
+
 class BlackBerryShare : public testing::Test {
 protected:
     void SetUp() override {
-        share = emulator.Directory() + L"\\share";
+        share = EmptyShare(L"10.0.0.1", L"media", &above);
         local = emulator.Directory() + L"\\local";
-        CreateDirectoryW(share.c_str(), nullptr);
         CreateDirectoryW(local.c_str(), nullptr);
+        access.m_wstringShareName = share;
     }
+    void TearDown() override { RemoveTree(above, false); }
     WpdEmulator emulator;  // for its scratch directory
     WNetDouble wnet;
-    std::wstring share, local;
+    std::wstring share, local, above;
+    CDorWEXBlackBerry access;
 };
 
 TEST_F(BlackBerryShare, FileOperationsOnTheSharesPaths) {
-    CDorWEXBlackBerry access;
     access.m_dwordConnectionWaitMs = 300;
     emulator.WriteFile(share + L"\\a.jpg", "jpeg");
     CreateDirectoryW((share + L"\\music").c_str(), nullptr);
@@ -174,8 +239,6 @@ TEST_F(BlackBerryShare, FileOperationsOnTheSharesPaths) {
 }
 
 TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
-    CDorWEXBlackBerry access;
-    access.m_wstringShareName = L"\\\\10.0.0.1\\media";
     TraceCapture trace(1);
     access.DisconnectFromDevice();
     EXPECT_TRUE(wnet.Cancels().empty()) << "never connected: nothing to cancel";
@@ -220,10 +283,102 @@ TEST_F(BlackBerryShare, ConnectionCallsAndTheirResultTexts) {
     }
 }
 
+// Paths that are not inside the device's own shares, in any spelling, are refused before any file call: each
+// operation fails with its line and nothing changes, outside the share or inside it. A second share the
+// device connected (its SD card) is its own as well.
+TEST_F(BlackBerryShare, PathsOutsideItsSharesAreRefusedBeforeAnyFileCall) {
+    ASSERT_EQ(access.ConnectToDevice(share.c_str(), L"user", L"secret"), 0u);
+    emulator.WriteFile(local + L"\\victim.txt", "keep");
+    emulator.WriteFile(local + L"\\up.txt", "up");
+    emulator.WriteFile(above + L"\\beside.txt", "keep");
+    CreateDirectoryW((above + L"\\other").c_str(), nullptr);
+    emulator.WriteFile(above + L"\\other\\b.jpg", "keep");
+    emulator.WriteFile(share + L"\\a.jpg", "jpeg");
+    const std::wstring outside[] = {
+        local + L"\\victim.txt",
+        L"\\\\?\\" + local + L"\\victim.txt",
+        share + L"\\..\\beside.txt",
+        L"\\\\?\\UNC\\10.0.0.1\\media\\..\\beside.txt",
+        L"\\\\10.0.0.1\\other\\b.jpg",
+        L"\\\\10.0.0.1\\media\\a.jpg:hidden",
+        L"\\\\10.0.0.1\\media/../other/b.jpg",
+    };
+    TraceCapture trace(1);
+    for (const auto& path : outside) {
+        const std::string what(path.begin(), path.end());
+        EXPECT_FALSE(access.DeleteFileFromDevice(path.c_str())) << what;
+        EXPECT_TRUE(trace.Has(L"CDorWEXBlackBerry::DeleteFileFromDevice, refused <" + path +
+                              L">: not inside the device's share.\n"))
+            << what;
+        EXPECT_FALSE(access.CreateFolderOnDevice((path + L"x").c_str())) << what;
+        EXPECT_EQ(access.GetProperty(path.c_str(), L"ObjectId"), L"") << what;
+        EXPECT_FALSE(access.CopyFileFromDevice(path.c_str(), (local + L"\\stolen.txt").c_str())) << what;
+        EXPECT_FALSE(access.CopyFileToDevice(path.c_str(), (local + L"\\up.txt").c_str())) << what;
+    }
+    EXPECT_EQ(access.EnumerateDevicePath(local.c_str(), 0), L"");
+    EXPECT_EQ(access.EnumerateDevicePath((share + L"\\..").c_str(), 0), L"");
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXBlackBerry::EnumerateDevicePath, refused <").size(), 2u);
+    EXPECT_EQ(ReadAll(local + L"\\victim.txt"), "keep");
+    EXPECT_EQ(ReadAll(above + L"\\beside.txt"), "keep");
+    EXPECT_EQ(ReadAll(above + L"\\other\\b.jpg"), "keep");
+    EXPECT_EQ(Names(local), (std::vector<std::wstring>{L"up.txt", L"victim.txt"}));
+    EXPECT_EQ(Names(above), (std::vector<std::wstring>{L"beside.txt", L"media", L"other"}));
+    EXPECT_EQ(Names(share), std::vector<std::wstring>{L"a.jpg"});
+
+    // Once the device connected its second share, that one is its own too.
+    ASSERT_EQ(access.ConnectToDevice(L"\\\\10.0.0.1\\other", L"user", L"secret"), 0u);
+    EXPECT_TRUE(access.CopyFileFromDevice(L"\\\\10.0.0.1\\other\\b.jpg", (local + L"\\b.jpg").c_str()));
+    EXPECT_EQ(ReadAll(local + L"\\b.jpg"), "keep");
+}
+
+// A copy replaces its target only once the whole file has arrived: one that fails leaves the target as it
+// was and no file of its own beside it, in either direction. The caller's impersonation is in force again
+// after every copy, and a copy made without one leaves none behind.
+TEST_F(BlackBerryShare, ACopyReplacesItsTargetWholeOrNotAtAll) {
+    ASSERT_EQ(access.ConnectToDevice(share.c_str(), L"user", L"secret"), 0u);
+    const std::string fromDevice(300000, 'j'), toDevice(200000, 'u');
+    emulator.WriteFile(share + L"\\a.jpg", fromDevice);
+    emulator.WriteFile(share + L"\\up.txt", "old on the device");
+    emulator.WriteFile(local + L"\\a.jpg", "old local");
+    emulator.WriteFile(local + L"\\up.txt", toDevice);
+    const auto impersonating = [] {
+        HANDLE token = nullptr;
+        if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) {
+            return false;
+        }
+        CloseHandle(token);
+        return true;
+    };
+    ASSERT_TRUE(ImpersonateSelf(SecurityImpersonation));
+    EXPECT_FALSE(access.CopyFileFromDevice((share + L"\\missing.jpg").c_str(), (local + L"\\a.jpg").c_str()));
+    EXPECT_TRUE(impersonating());
+    EXPECT_FALSE(access.CopyFileToDevice((share + L"\\up.txt").c_str(), (local + L"\\missing.txt").c_str()));
+    EXPECT_TRUE(impersonating());
+    EXPECT_FALSE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\nowhere\\a.jpg").c_str()));
+    EXPECT_EQ(ReadAll(local + L"\\a.jpg"), "old local");
+    EXPECT_EQ(ReadAll(share + L"\\up.txt"), "old on the device");
+    EXPECT_EQ(Names(local), (std::vector<std::wstring>{L"a.jpg", L"up.txt"}));
+    EXPECT_EQ(Names(share), (std::vector<std::wstring>{L"a.jpg", L"up.txt"}));
+
+    EXPECT_TRUE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\a.jpg").c_str()));
+    EXPECT_TRUE(impersonating());
+    EXPECT_TRUE(access.CopyFileFromDevice((share + L"\\a.jpg").c_str(), (local + L"\\new.jpg").c_str()));
+    EXPECT_TRUE(access.CopyFileToDevice((share + L"\\up.txt").c_str(), (local + L"\\up.txt").c_str()));
+    EXPECT_TRUE(impersonating());
+    ASSERT_TRUE(RevertToSelf());
+    EXPECT_TRUE(access.CopyFileToDevice(share.c_str(), (local + L"\\new.jpg").c_str())) << "into the share's root";
+    EXPECT_FALSE(impersonating());
+    EXPECT_EQ(ReadAll(local + L"\\a.jpg"), fromDevice);
+    EXPECT_EQ(ReadAll(local + L"\\new.jpg"), fromDevice);
+    EXPECT_EQ(ReadAll(share + L"\\up.txt"), toDevice);
+    EXPECT_EQ(ReadAll(share + L"\\new.jpg"), fromDevice);
+    EXPECT_EQ(Names(local), (std::vector<std::wstring>{L"a.jpg", L"new.jpg", L"up.txt"}));
+    EXPECT_EQ(Names(share), (std::vector<std::wstring>{L"a.jpg", L"new.jpg", L"up.txt"}));
+}
+
 // Each file operation on the share, one call each: its lines exactly, in order (a missing path ends an
 // operation after its first line; a failure names the call, the code, the system's text and the paths).
 TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
-    CDorWEXBlackBerry access;
     access.m_dwordConnectionWaitMs = 300;
     emulator.WriteFile(share + L"\\a.jpg", "jpeg");
     emulator.WriteFile(local + L"\\up.txt", "up");
@@ -249,7 +404,7 @@ TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
         {"copy from a missing file",
          [&] { return access.CopyFileFromDevice(missingSource.c_str(), (local + L"\\m.jpg").c_str()); }, false,
          {copyFrom, waiting, L"CDorWEXBlackBerry::CopyFileFromDevice, CopyFile failed 2:\r\n",
-          L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<" + missingSource + L">, target:<" + local +
+          L"CDorWEXBlackBerry::CopyFileFromDevice, failed:source:<" + dorwex::LongSharePath(missingSource) + L">, target:<" + local +
               L"\\m.jpg>.\r\n"}},
         {"copy to without a source", [&] { return access.CopyFileToDevice(share.c_str(), nullptr); }, false, {copyTo}},
         {"copy to", [&] { return access.CopyFileToDevice(share.c_str(), (local + L"\\up.txt").c_str()); }, true,
@@ -257,7 +412,7 @@ TEST_F(BlackBerryShare, EachFileOperationTracesItsStepsAndFailures) {
         {"copy to a missing folder",
          [&] { return access.CopyFileToDevice(noFolder.c_str(), (local + L"\\up.txt").c_str()); }, false,
          {copyTo, L"CDorWEXBlackBerry::CopyFileToDevice, CopyFile failed 3: " + SystemText(3) + L": source:<" +
-                      local + L"\\up.txt>, target:<" + noFolder + L">.\r\n"}},
+                      local + L"\\up.txt>, target:<" + dorwex::LongSharePath(noFolder) + L">.\r\n"}},
         {"new folder", [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, true, {folder}},
         {"new folder that is there",
          [&] { return access.CreateFolderOnDevice((share + L"\\new").c_str()); }, false,
@@ -367,8 +522,6 @@ TEST_F(BlackBerryShare, EveryNetworkResultIsTracedWithItsText) {
         {0,
          L"NO ERROR"},
     };
-    CDorWEXBlackBerry access;
-    access.m_wstringShareName = name;
     for (const auto& c : cases) {
         wnet.Answer({c.code});
         TraceCapture trace(1);
@@ -470,6 +623,9 @@ protected:
         ASSERT_NE(client, INVALID_HANDLE_VALUE);
     }
     void TearDown() override {
+        std::wstring host;
+        EmptyShare(L"10.0.0.1", L"media", &host);
+        RemoveTree(host, false);
         if (client != INVALID_HANDLE_VALUE) {
             CloseHandle(client);
         }
@@ -521,10 +677,11 @@ TEST_F(BlackBerryPipe, CredentialsConnectOnceAndTheSameCredentialsDoNotReconnect
     for (const auto& line : trace.Lines()) {
         EXPECT_EQ(line.find(L"secret"), std::wstring::npos) << "no password in a trace";
     }
-    // The device leaves: its share is disconnected and no longer watched.
+    // The device leaves: every share it connected (its storage and its SD card) is disconnected, and it is
+    // no longer watched.
     core.GetCollection()->RemoveWPD(L"usb#vid_0fca&pid_8004#bb");
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIBlackBerryEventsListener::RemoveBlackBerryFromMonitoring removed \\\\10.0.0.1\\media\n"));
-    EXPECT_EQ(wnet.Cancels().size(), 1u);
+    EXPECT_EQ(wnet.Cancels(), (std::vector<std::wstring>{L"\\\\10.0.0.1\\media|1|1", L"\\\\10.0.0.1\\sdcard|1|1"}));
 }
 
 // The record keeps the last credentials that connected; failures with other credentials count against it.
@@ -575,8 +732,7 @@ TEST_F(BlackBerryPipe, RemovalTerminatesThenLeavesMonitoringThenStopsThenDestroy
 // Each operation on a BlackBerry names itself, then its BlackBerry variant; a delete then tells its outcome,
 // the variant's line first. The share access object does the work.
 TEST_F(BlackBerryPipe, EachOperationNamesItsBlackBerryVariant) {
-    const std::wstring folder = emulator.Directory() + L"\\bbshare";
-    CreateDirectoryW(folder.c_str(), nullptr);
+    const std::wstring folder = EmptyShare(L"10.0.0.1", L"media");
     emulator.WriteFile(folder + L"\\a.jpg", "jpeg");
     emulator.WriteFile(emulator.Directory() + L"\\up.txt", "up");
     ASSERT_EQ(device->m_pCDorWEXBlackBerry->ConnectToDevice(L"\\\\10.0.0.1\\media", L"bbuser", L"secret"), 0u);
@@ -620,7 +776,7 @@ TEST_F(BlackBerryPipe, ShareCopyFailureIsRaisedWithItsErrorObject) {
     const std::wstring local = emulator.Directory() + L"\\copied.jpg";
     EXPECT_EQ(device->CopyFileFromDevice(L"\\\\10.0.0.1\\media\\a.jpg", local.c_str()), E_FAIL) << "not connected yet";
     ASSERT_EQ(device->m_pCDorWEXBlackBerry->ConnectToDevice(L"\\\\10.0.0.1\\media", L"bbuser", L"secret"), 0u);
-    const std::wstring missing = emulator.Directory() + L"\\no-such-file.jpg";
+    const std::wstring missing = EmptyShare(L"10.0.0.1", L"media") + L"\\no-such-file.jpg";
     HRESULT raised = S_OK;
     std::wstring source;
     std::wstring description;

@@ -563,11 +563,56 @@ TEST_F(Eject, AnIdThatNamesNoNodeEjectsNothing) {
     CDorWEXWPDObject device(&core);
     ASSERT_EQ(device.InitializeForEject(L"\\\\?\\usb#vid_ffff&pid_0001#nobody#{6ac27878}"), S_OK);
     EXPECT_EQ(device.EjectDevice(), 0);
-    // Without "#" the id is compared as it is: a node whose id it holds unchanged still matches.
+    // An id without "#" names the node whose instance id it is, whole; one that merely holds it names none.
+    CDorWEXWPDObject holding(&core);
+    ASSERT_EQ(holding.InitializeForEject(L"prefix USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000 suffix"), S_OK);
+    EXPECT_EQ(holding.EjectDevice(), 0);
+    EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 0);
     CDorWEXWPDObject plain(&core);
-    ASSERT_EQ(plain.InitializeForEject(L"prefix USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000 suffix"), S_OK);
+    ASSERT_EQ(plain.InitializeForEject(L"usb\\vid_04e8&pid_6860&mi_00\\7&2a8f3e1&0&0000"), S_OK);
     EXPECT_EQ(plain.EjectDevice(), 1);
     EXPECT_EQ(pnp.At(tree.usb).ejectRequests, 1);
+}
+
+// Two devices whose instance ids differ only by a last digit (...\1 and ...\12): the eject of either one
+// reaches its own USB parent and never the other's.
+TEST_F(Eject, AnInstanceIdThatBeginsAnotherNamesOnlyItsOwnNode) {
+    struct Device {
+        int usb, function;
+        std::wstring name;
+    };
+    const auto add = [&](const std::wstring& serial, int port) {
+        Node usb;
+        usb.instanceId = L"USB\\VID_0FCA&PID_8004\\BB" + serial;
+        usb.setupClass = pnp_classes::kUSB;
+        usb.parent = tree.hub;
+        usb.port = port;
+        Device device{pnp.Add(usb), -1,
+                      L"\\\\?\\usb#vid_0fca&pid_8004&mi_00#" + serial + L"#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"};
+        Node function;
+        function.instanceId = L"USB\\VID_0FCA&PID_8004&MI_00\\" + serial;
+        function.setupClass = pnp_classes::kWPD;
+        function.parent = device.usb;
+        function.interfaces.push_back({pnp_classes::kWPDInterface, device.name});
+        device.function = pnp.Add(function);
+        return device;
+    };
+    const Device one = add(L"1", 4);
+    const Device twelve = add(L"12", 5);
+    for (const Device* target : {&twelve, &one}) {
+        const Device* other = target == &one ? &twelve : &one;
+        for (const Device* device : {&one, &twelve}) {
+            pnp.At(device->usb).present = pnp.At(device->function).present = true;
+            pnp.At(device->usb).ejectRequests = pnp.At(device->function).ejectRequests = 0;
+        }
+        CDorWEXWPDObject device(&core);
+        ASSERT_EQ(device.InitializeForEject(target->name.c_str()), S_OK);
+        EXPECT_EQ(device.EjectDevice(), 1);
+        EXPECT_EQ(pnp.At(target->usb).ejectRequests, 1) << std::string(target->name.begin(), target->name.end());
+        EXPECT_EQ(pnp.At(other->usb).ejectRequests, 0) << std::string(target->name.begin(), target->name.end());
+        EXPECT_EQ(pnp.At(other->function).ejectRequests, 0);
+        EXPECT_TRUE(pnp.At(other->usb).present);
+    }
 }
 
 TEST_F(Eject, AnAppleDeviceTakesTheApplePathBeforeWindows8) {

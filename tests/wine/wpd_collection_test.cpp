@@ -142,6 +142,13 @@ TEST_F(Collection, EveryLookupStrategyWithItsTrace) {
          L"ObjectStoragePath=Card\n"},
         {L"\\\\169.254.0.1\\media\\a.jpg", nullptr, c,
          L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=NULL\n"},
+        // Another address that begins with the BlackBerry's is another device.
+        {L"\\\\169.254.0.17\\media\\a.jpg", nullptr, nullptr,
+         L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=\\\\169.254.0.17\\media\\a.jpg, "
+         L"ObjectStoragePath=NULL\n"},
+        {L"x\\\\169.254.0.1\\media", nullptr, nullptr,
+         L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=x\\\\169.254.0.1\\media, "
+         L"ObjectStoragePath=NULL\n"},
         {L"nobody", L"nowhere\\x", nullptr,
          L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=nobody, "
          L"ObjectStoragePath=nowhere\\x\n"},
