@@ -155,10 +155,6 @@ DWORD CopyWhole(HANDLE handleSource_in, HANDLE handleTarget_in) {
     return FlushFileBuffers(handleTarget_in) ? NO_ERROR : GetLastError();
 }
 
-bool Exists(const std::wstring& wstringPath_in) {
-    return GetFileAttributesW(wstringPath_in.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 }  // namespace
 
 bool CDorWEXBlackBerry::CopyFileFromDevice(const wchar_t* pwcharSourceOnDevice_in, const wchar_t* pwcharLocalTarget_in) {
@@ -197,12 +193,10 @@ bool CDorWEXBlackBerry::CopyFileFromDevice(const wchar_t* pwcharSourceOnDevice_i
             l_dwordError = GetLastError();
         }
         if (l_dwordError == NO_ERROR) {
-            // ReplaceFileW keeps the existing target's security and attributes; a new target is moved in
-            // without replacing whatever may have appeared under its name since.
-            const BOOL l_BOOL = Exists(l_wstringTarget)
-                                    ? ReplaceFileW(l_wstringTarget.c_str(), l_Temporary.Name().c_str(), nullptr,
-                                                   REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr, nullptr)
-                                    : MoveFileExW(l_Temporary.Name().c_str(), l_wstringTarget.c_str(), MOVEFILE_WRITE_THROUGH);
+            // One rename in the same folder: the target is the old file or the new one. (ReplaceFileW would
+            // keep the old file's security, but can fail half-way with the old file already gone.)
+            const BOOL l_BOOL = MoveFileExW(l_Temporary.Name().c_str(), l_wstringTarget.c_str(),
+                                            MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
             if (l_BOOL) {
                 l_Temporary.Commit();
             } else {
