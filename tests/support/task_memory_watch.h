@@ -12,6 +12,8 @@
 #include <mutex>
 #include <set>
 
+#include "stack_com.h"
+
 class TaskMemoryWatch {
 public:
     TaskMemoryWatch() {
@@ -59,7 +61,7 @@ public:
     }
 
 private:
-    class Spy : public IMallocSpy {
+    class Spy : public StackCom<IMallocSpy> {
     public:
         // Lives as long as the process, past static destruction: COM calls it for every later free.
         static Spy& Instance() {
@@ -70,17 +72,6 @@ private:
             }();
             return *spy;
         }
-
-        HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
-            if (riid == IID_IUnknown || riid == IID_IMallocSpy) {
-                *ppv = static_cast<IMallocSpy*>(this);
-                return S_OK;
-            }
-            *ppv = nullptr;
-            return E_NOINTERFACE;
-        }
-        ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-        ULONG STDMETHODCALLTYPE Release() override { return 1; }
 
         SIZE_T STDMETHODCALLTYPE PreAlloc(SIZE_T cbRequest) override { return cbRequest; }
         void* STDMETHODCALLTYPE PostAlloc(void* pActual) override {
