@@ -28,9 +28,10 @@ void TraceLastError(const wchar_t* pwcharFormat_in, LONG longInstance_in, DWORD 
 }
 
 // Access of the process owner: GENERIC_ALL with every standard and specific right; of Everyone: the same
-// without WRITE_DAC and WRITE_OWNER.
+// without WRITE_DAC and WRITE_OWNER. Network logons are denied all of the owner's.
 constexpr DWORD kOwnerAccess = 0x101FFFFF;
 constexpr DWORD kEveryoneAccess = 0x1013FFFF;
+constexpr DWORD kNetworkDenied = kOwnerAccess;
 
 struct HeapBlockFree {
     void operator()(void* pBlock_in) const { HeapFree(GetProcessHeap(), 0, pBlock_in); }
@@ -110,10 +111,18 @@ BOOL CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor(SECURITY_DESCRIPTOR* p
                        GetLastError());
         return FALSE;
     }
-    // The ACL header, two ACE headers and both SIDs, aligned to 4.
+    // The NETWORK group (S-1-5-2): every logon that came over the network, whatever its account.
+    BYTE l_SIDNetwork[SECURITY_MAX_SID_SIZE];
+    DWORD l_dwordSIDNetworkSize = sizeof(l_SIDNetwork);
+    if (!CreateWellKnownSid(WinNetworkSid, nullptr, l_SIDNetwork, &l_dwordSIDNetworkSize)) {
+        TraceLastError(L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, CreateWellKnownSid failed %x: %s.\n",
+                       GetLastError());
+        return FALSE;
+    }
+    // The ACL header, three ACE headers and their SIDs, aligned to 4.
     const DWORD l_dwordACLSize =
-        (sizeof(ACL) + 2 * sizeof(ACE_HEADER) + sizeof(DWORD) * 2 + GetLengthSid(pSIDInternal_in) +
-         GetLengthSid(pSIDExternal_in) + 3) & ~static_cast<DWORD>(3);
+        (sizeof(ACL) + 3 * (sizeof(ACE_HEADER) + sizeof(DWORD)) + GetLengthSid(l_SIDNetwork) +
+         GetLengthSid(pSIDInternal_in) + GetLengthSid(pSIDExternal_in) + 3) & ~static_cast<DWORD>(3);
     if (m_pACL != nullptr) {
         HeapFree(GetProcessHeap(), 0, m_pACL);
     }
@@ -126,7 +135,15 @@ BOOL CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor(SECURITY_DESCRIPTOR* p
                        GetLastError());
         return FALSE;
     }
-    // Both entries are attempted even when the first fails.
+    // The system reads the entries in order and stops at the first that denies a wanted right: the denial
+    // comes first, or the grant to Everyone would let a network logon in. Every entry is attempted even
+    // when one before it fails.
+    const BOOL l_BOOLNetwork = AddAccessDeniedAce(m_pACL, ACL_REVISION, kNetworkDenied, l_SIDNetwork);
+    if (!l_BOOLNetwork) {
+        TraceLastError(L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, Network AddAccessDeniedAce failed "
+                       L"%x: %s.\n",
+                       GetLastError());
+    }
     const BOOL l_BOOLInternal = AddAccessAllowedAce(m_pACL, ACL_REVISION, kOwnerAccess, pSIDInternal_in);
     if (!l_BOOLInternal) {
         TraceLastError(L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, Internal AddAccessAllowedAce failed "
@@ -139,7 +156,8 @@ BOOL CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor(SECURITY_DESCRIPTOR* p
                        L"%x: %s.\n",
                        GetLastError());
     }
-    if (!l_BOOLInternal || !l_BOOLExternal || !SetSecurityDescriptorDacl(pDescriptor_io, TRUE, m_pACL, FALSE)) {
+    if (!l_BOOLNetwork || !l_BOOLInternal || !l_BOOLExternal ||
+        !SetSecurityDescriptorDacl(pDescriptor_io, TRUE, m_pACL, FALSE)) {
         return FALSE;
     }
     Trace(L"CDorWEXWMIWPDNamedPipeBase::CreateSecurityDescriptor, succeeded.\n");
@@ -168,9 +186,8 @@ BOOL CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe(SECURITY_DESCRIPTOR* pDescriptor
             return FALSE;
         }
         l_Instance.overlapped.hEvent = m_Events[l_dwordIndex];
-        l_Instance.pipe = CreateNamedPipeW(pwcharPipeName_in, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                           PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, kInstances,
-                                           kBufferSize, kBufferSize, 0, &l_SecurityAttributes);
+        l_Instance.pipe = CreateNamedPipeW(pwcharPipeName_in, kOpenMode, kPipeMode, kInstances, kBufferSize,
+                                           kBufferSize, 0, &l_SecurityAttributes);
         if (l_Instance.pipe == INVALID_HANDLE_VALUE) {
             TraceLastError(L"CDorWEXWMIWPDNamedPipeBase::SetupNamedPipe, Instance=%ld, CreateNamedPipe failed %x: %s.\n",
                            static_cast<LONG>(l_dwordIndex), GetLastError());

@@ -1,7 +1,7 @@
-// The server of a companion pipe: a security descriptor that lets the companion service (any user) write,
-// four overlapped message-mode instances on one name, and a single-threaded loop that accepts clients,
-// reads their messages and hands each one to ProcessData. The loop ends when the owning processor's stop
-// event (events[4]) is signalled.
+// The server of a companion pipe: a security descriptor that lets the companion service (any local user)
+// write and refuses network logons, four overlapped message-mode instances on one name that refuse clients
+// on other computers, and a single-threaded loop that accepts clients, reads their messages and hands each
+// one to ProcessData. The loop ends when the owning processor's stop event (events[4]) is signalled.
 #pragma once
 
 #include <windows.h>
@@ -14,6 +14,12 @@ class CDorWEXWMIWPDNamedPipeBase {
 public:
     static constexpr DWORD kInstances = 4;
     static constexpr DWORD kBufferSize = 8192;
+
+    // How each instance is created. PIPE_REJECT_REMOTE_CLIENTS makes the pipe itself refuse clients on other
+    // computers, whatever the descriptor says.
+    static constexpr DWORD kOpenMode = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
+    static constexpr DWORD kPipeMode =
+        PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
 
     enum PipeState : DWORD { CONNECTING_STATE = 0, READING_STATE = 1, WRITING_STATE = 2 };
 
@@ -36,7 +42,8 @@ public:
     // Receives a copy of the instance whose request holds the message just read.
     virtual int ProcessData(PipeInstance instance_in) = 0;
 
-    // The security descriptor chain: the process owner's SID, then Everyone's, then the descriptor.
+    // The security descriptor chain: the process owner's SID, then Everyone's, then the descriptor, whose
+    // DACL denies network logons everything before it grants the owner and Everyone.
     BOOL GetInternalProcessOwnerSID(SECURITY_DESCRIPTOR* pDescriptor_io);
     BOOL GetExternalProcessOwnerSID(SECURITY_DESCRIPTOR* pDescriptor_io, PSID pSIDInternal_in);
     BOOL CreateSecurityDescriptor(SECURITY_DESCRIPTOR* pDescriptor_io, PSID pSIDInternal_in, PSID pSIDExternal_in);

@@ -3,15 +3,11 @@
 #include <rpc.h>
 #include <wrl/client.h>
 
-#include <dbt.h>
-
 #include <algorithm>
-#include <cstring>
 
 #include "../channels/companion_channels.h"
 #include "../common/com_memory.h"
 #include "../common/module_state.h"
-#include "../common/pnp_guids.h"
 #include "../common/trace.h"
 #include "../device/portable_device_api.h"
 #include "../wmi/event_sink.h"
@@ -305,7 +301,7 @@ DWORD CDorWEXWMIWPDCore::GetPidForWriteToken(const wchar_t* pwcharToken_in) {
 }
 
 // Hands a storage arrival to the listener's window as a disk mount: the window's thread owns the
-// listener's state, and it frees the record.
+// listener's state. The record waits in the listener's queue; the message that announces it carries none.
 void CDorWEXWMIWPDCore::PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) {
     CDorWEXWMIThreadWPDEventsProcessor* l_pProcessor = m_pWPDEventsProcessor.get();
     if (l_pProcessor == nullptr) {
@@ -317,19 +313,5 @@ void CDorWEXWMIWPDCore::PostDiskMount(const wchar_t* pwcharPnPDeviceId_in) {
     if (l_pListener == nullptr || l_pListener->GetWindow() == nullptr) {
         return;
     }
-    const size_t l_sizeName = wcslen(pwcharPnPDeviceId_in) + 1;
-    const size_t l_sizeRecord = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + l_sizeName * sizeof(wchar_t);
-    auto* l_pRecord = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(l_sizeRecord));
-    if (l_pRecord == nullptr) {
-        return;
-    }
-    std::memset(l_pRecord, 0, l_sizeRecord);
-    l_pRecord->dbcc_size = static_cast<DWORD>(l_sizeRecord);
-    l_pRecord->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
-    l_pRecord->dbcc_classguid = kGUID_DEVINTERFACE_WPD;
-    std::memcpy(l_pRecord->dbcc_name, pwcharPnPDeviceId_in, l_sizeName * sizeof(wchar_t));
-    if (!PostMessageW(l_pListener->GetWindow(), WM_DEVICECHANGE, DBT_DEVNODES_CHANGED,
-                      reinterpret_cast<LPARAM>(l_pRecord))) {
-        CoTaskMemFree(l_pRecord);
-    }
+    l_pListener->QueueDiskMount(pwcharPnPDeviceId_in);
 }

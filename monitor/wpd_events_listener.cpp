@@ -167,11 +167,17 @@ void CDorWEXWMIWPDEventsListener::DestroyWindowClassForListening() {
 LRESULT CALLBACK CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback(HWND hwnd_in, UINT uintMessage_in,
                                                                             WPARAM wParam_in, LPARAM lParam_in) {
     switch (uintMessage_in) {
-    case WM_DESTROY:
+    case WM_DESTROY: {
         Trace(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_DESTROY");
+        auto* l_pListener =
+            reinterpret_cast<CDorWEXWMIWPDEventsListener*>(GetWindowLongPtrW(hwnd_in, GWLP_USERDATA));
+        if (l_pListener != nullptr) {
+            l_pListener->DropQueuedDiskMounts();
+        }
         PostQuitMessage(0);
         InterlockedExchange(&g_longWindowClosing, 1);
         return 0;
+    }
     case WM_CLOSE: {
         Trace(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE");
         const LRESULT l_LRESULT = DefWindowProcW(hwnd_in, uintMessage_in, wParam_in, lParam_in);
@@ -184,14 +190,12 @@ LRESULT CALLBACK CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback(HWN
         if (l_pListener == nullptr) {
             return TRUE;
         }
-        if (wParam_in == DBT_DEVNODES_CHANGED || wParam_in == DBT_DEVICEARRIVAL) {
+        // The system sends DBT_DEVNODES_CHANGED without a record. Any other process of the session can
+        // post it with any value: that value is never read or freed here. Disk mounts come through the
+        // listener's own queue.
+        if (wParam_in == DBT_DEVICEARRIVAL) {
             if (PortableDeviceRecord(lParam_in) != nullptr) {
                 l_pListener->ProcessWPDOnline(wParam_in, reinterpret_cast<const DEV_BROADCAST_HDR*>(lParam_in));
-            }
-            // The system sends DBT_DEVNODES_CHANGED without a record: one that carries a record was posted by
-            // the device's event callback, which allocated it for this window to free.
-            if (wParam_in == DBT_DEVNODES_CHANGED && lParam_in != 0) {
-                CoTaskMemFree(reinterpret_cast<void*>(lParam_in));
             }
         } else if (wParam_in == DBT_DEVICEREMOVECOMPLETE) {
             if (const auto* l_pRecord = PortableDeviceRecord(lParam_in)) {
@@ -200,6 +204,15 @@ LRESULT CALLBACK CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback(HWN
             }
         }
         return TRUE;
+    }
+    case kDiskMountsQueuedMessage: {
+        // Whoever posted it, the window takes only what its listener queued.
+        auto* l_pListener =
+            reinterpret_cast<CDorWEXWMIWPDEventsListener*>(GetWindowLongPtrW(hwnd_in, GWLP_USERDATA));
+        if (l_pListener != nullptr) {
+            l_pListener->ProcessQueuedDiskMounts();
+        }
+        return 0;
     }
     default:
         Trace(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, send message to default");
@@ -276,6 +289,56 @@ int CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount(const wchar_t* pwcharName_i
     l_DiskMountMap.emplace(pwcharName_in, l_pCopy);
     Trace(L"CDorWEXWMIWPDEventsListener::ProcessWPDDiskMount, inserted new entry.\n");
     return 0;
+}
+
+void CDorWEXWMIWPDEventsListener::QueueDiskMount(const wchar_t* pwcharName_in) {
+    const size_t l_sizeName = wcslen(pwcharName_in) + 1;
+    const size_t l_sizeRecord = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + l_sizeName * sizeof(wchar_t);
+    DiskMountRecord l_pRecord(static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(l_sizeRecord)));
+    if (!l_pRecord) {
+        return;
+    }
+    std::memset(l_pRecord.get(), 0, l_sizeRecord);
+    l_pRecord->dbcc_size = static_cast<DWORD>(l_sizeRecord);
+    l_pRecord->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+    l_pRecord->dbcc_classguid = kGUID_DEVINTERFACE_WPD;
+    std::memcpy(l_pRecord->dbcc_name, pwcharName_in, l_sizeName * sizeof(wchar_t));
+    {
+        std::lock_guard<std::mutex> l_guard(m_mutexDiskMounts);
+        if (m_boolWindowGone) {
+            return;
+        }
+        try {
+            m_DiskMounts.push_back(std::move(l_pRecord));
+        } catch (...) {
+            return;  // out of memory: this mount is lost
+        }
+    }
+    // A post that fails (a full message queue) leaves the record queued for the next message, or for the
+    // window's end.
+    PostMessageW(m_HWND, kDiskMountsQueuedMessage, 0, 0);
+}
+
+void CDorWEXWMIWPDEventsListener::ProcessQueuedDiskMounts() {
+    for (;;) {
+        DiskMountRecord l_pRecord;
+        {
+            std::lock_guard<std::mutex> l_guard(m_mutexDiskMounts);
+            if (m_DiskMounts.empty()) {
+                return;
+            }
+            l_pRecord = std::move(m_DiskMounts.front());
+            m_DiskMounts.pop_front();
+        }
+        ProcessWPDOnline(DBT_DEVNODES_CHANGED, reinterpret_cast<const DEV_BROADCAST_HDR*>(l_pRecord.get()));
+    }
+}
+
+void CDorWEXWMIWPDEventsListener::DropQueuedDiskMounts() {
+    std::deque<DiskMountRecord> l_Dropped;
+    std::lock_guard<std::mutex> l_guard(m_mutexDiskMounts);
+    m_boolWindowGone = true;
+    l_Dropped.swap(m_DiskMounts);
 }
 
 BOOL CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents(const wchar_t* pwcharName_in,

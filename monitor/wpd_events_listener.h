@@ -5,10 +5,19 @@
 #include <windows.h>
 #include <dbt.h>
 
+#include <objbase.h>
+
 #include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
 
 #include "../common/pnp_guids.h"
 
+// Tells the hidden window that disk mounts wait in its listener's queue. A message of the window's own
+// class (WM_APP range, which no system message uses); it carries nothing: any process can post it to the
+// window, and all it can cause is a look at the queue.
+constexpr UINT kDiskMountsQueuedMessage = WM_APP + 1;
 
 class CDorWEXWMIWPDCore;
 class CDorWEXWMIThreadWPDEventsProcessor;
@@ -16,7 +25,7 @@ class CDorWEXWMIThreadWPDEventsProcessor;
 class CDorWEXWMIWPDEventsListener {
 public:
     explicit CDorWEXWMIWPDEventsListener(CDorWEXWMIWPDCore* pOwner_in);
-    ~CDorWEXWMIWPDEventsListener() = default;
+    ~CDorWEXWMIWPDEventsListener() = default;  // frees the records still queued
     CDorWEXWMIWPDEventsListener(const CDorWEXWMIWPDEventsListener&) = delete;
     CDorWEXWMIWPDEventsListener& operator=(const CDorWEXWMIWPDEventsListener&) = delete;
 
@@ -37,6 +46,14 @@ public:
     int ProcessWPDDiskMount(const wchar_t* pwcharName_in, const DEV_BROADCAST_DEVICEINTERFACE_W* pRecord_in);
     BOOL HandleMultiFactorAuthenticationEvents(const wchar_t* pwcharName_in, const wchar_t* pwcharState_in);
 
+    // Hands a disk mount of the interface name to the window's thread: queues a record of it and posts
+    // kDiskMountsQueuedMessage. Any thread. Nothing is queued once the window is gone.
+    void QueueDiskMount(const wchar_t* pwcharName_in);
+    // On the window's thread: each queued record, oldest first, as a disk mount; then freed.
+    void ProcessQueuedDiskMounts();
+    // On the window's thread when it is destroyed: frees what is still queued and takes nothing more.
+    void DropQueuedDiskMounts();
+
     HWND GetWindow() const { return m_HWND; }
     CDorWEXWMIWPDCore* GetOwner() const { return m_pOwner; }
 
@@ -50,4 +67,12 @@ private:
     CDorWEXWMIWPDCore* m_pOwner;
     DEV_BROADCAST_DEVICEINTERFACE_W m_DEV_BROADCAST_DEVICEINTERFACEFilter{};
     CDorWEXWMIThreadWPDEventsProcessor* m_pProcessor = nullptr;
+
+    struct TaskMemFree {
+        void operator()(void* pBlock_in) const { CoTaskMemFree(pBlock_in); }
+    };
+    using DiskMountRecord = std::unique_ptr<DEV_BROADCAST_DEVICEINTERFACE_W, TaskMemFree>;
+    std::mutex m_mutexDiskMounts;  // guards the queue and the window-gone flag
+    std::deque<DiskMountRecord> m_DiskMounts;
+    bool m_boolWindowGone = false;
 };

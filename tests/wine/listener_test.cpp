@@ -17,7 +17,9 @@
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_events_processor.h"
 #include "device/wpd_object_events.h"
+#include "support/task_memory_watch.h"
 #include "support/test_trace_sink.h"
+#include "support/trace_gate.h"
 #include "support/wait_until.h"
 #include "support/wpd_emulator.h"
 #include "wmi/module.h"
@@ -29,8 +31,7 @@ namespace {
 constexpr GUID kWPDInterface = {0x6ac27878, 0xa6fa, 0x4155, {0xba, 0x85, 0xf9, 0x8f, 0x49, 0x1d, 0x4f, 0x33}};
 constexpr GUID kDiskInterface = {0x53f56307, 0xb6bf, 0x11d0, {0x94, 0xf2, 0x00, 0xa0, 0xc9, 0x1e, 0xfb, 0x8b}};
 
-// A device-interface record as the system builds it, in task memory (a posted mount record is freed by the
-// window).
+// A device-interface record as the system builds it, in task memory.
 DEV_BROADCAST_DEVICEINTERFACE_W* Record(const GUID& interfaceClass, const std::wstring& name) {
     const size_t size = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + (name.size() + 1) * sizeof(wchar_t);
     auto* record = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(CoTaskMemAlloc(size));
@@ -56,6 +57,10 @@ protected:
     size_t DiskMounts() {
         std::lock_guard<std::mutex> guard(core.GetDiskMountLock());
         return core.GetDiskMountMap().size();
+    }
+    bool DiskMountOf(const std::wstring& name) {
+        std::lock_guard<std::mutex> guard(core.GetDiskMountLock());
+        return core.GetDiskMountMap().count(name) != 0;
     }
 
     WpdEmulator emulator;
@@ -136,6 +141,54 @@ TEST_F(Listener, StorageArrivalOnADeviceIsRecordedAsOneDiskMount) {
     }
 }
 
+// Any process of the session can post the window a DBT_DEVNODES_CHANGED with any value in lParam. The
+// window neither reads nor frees what is at that address: here the foreign value is a block this test owns,
+// in task memory and shaped like a portable device's record.
+TEST_F(Listener, DevnodesChangedWithAForeignPointerIsNeitherReadNorFreed) {
+    TaskMemoryWatch memory;
+    ASSERT_TRUE(memory.Active());
+    const std::wstring name = L"\\\\?\\usb#vid_4#foreign";
+    DEV_BROADCAST_DEVICEINTERFACE_W* foreign = Record(kWPDInterface, name);
+    const auto* bytes = reinterpret_cast<const BYTE*>(foreign);
+    const std::vector<BYTE> before(bytes, bytes + foreign->dbcc_size);
+    TraceCapture trace(1);
+    ASSERT_TRUE(PostMessageW(window, WM_DEVICECHANGE, DBT_DEVNODES_CHANGED, reinterpret_cast<LPARAM>(foreign)));
+    // The window takes posted messages in order: once a disk mount handed over after it is recorded, the
+    // foreign message has been handled.
+    core.PostDiskMount(L"\\\\?\\usb#vid_4#after");
+    ASSERT_TRUE(WaitUntil([&] { return DiskMountOf(L"\\\\?\\usb#vid_4#after"); }));
+    const bool freed = memory.Freed(foreign);
+    EXPECT_FALSE(freed) << "the window freed a block it was never given";
+    EXPECT_FALSE(DiskMountOf(name)) << "the window took a record from a pointer it was never given";
+    EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDEventsListener::HandleMultiFactorAuthenticationEvents, enter: " + name +
+                           L" ONLINE.\n"));
+    if (!freed) {
+        EXPECT_EQ(memcmp(foreign, before.data(), before.size()), 0);
+        CoTaskMemFree(foreign);
+    }
+}
+
+// Disk mounts handed over while the window closes are not handled, and their records go with the window.
+TEST_F(Listener, DiskMountsStillQueuedWhenTheWindowClosesAreFreed) {
+    TaskMemoryWatch memory;
+    ASSERT_TRUE(memory.Active());
+    TraceCapture trace(1);
+    {
+        TraceGate gate(L"CDorWEXWMIWPDEventsListener ==> dorWEXWMIWPDWindowProcCallback, WM_CLOSE");
+        ASSERT_TRUE(PostMessageW(window, WM_CLOSE, 0, 0));
+        ASSERT_TRUE(gate.WaitHeld());
+        memory.Record(true);
+        core.PostDiskMount(L"\\\\?\\usb#vid_5#late1");
+        core.PostDiskMount(L"\\\\?\\usb#vid_5#late2");
+        memory.Record(false);
+        ASSERT_GE(memory.Recorded(), 2u) << "each hand-off holds its record in task memory";
+    }
+    ASSERT_TRUE(WaitUntil(
+        [&] { return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening exiting..."); }));
+    EXPECT_EQ(memory.Outstanding(), 0u) << "records handed to a window that closed were left allocated";
+    EXPECT_EQ(DiskMounts(), 0u);
+}
+
 // The online handler looks at device-interface records only; anything else is named and dropped (a record
 // of a kind it does not know silently), and nothing is handed to the monitor.
 TEST_F(Listener, OnlineHandlerNamesAndDropsWhatIsNoDeviceInterface) {
@@ -198,11 +251,14 @@ TEST_F(Listener, ArrivalAndDiskMountsTraceTheirStepsInOrder) {
     };
     for (const auto& c : cases) {
         TraceCapture trace(1);
-        // A mount record is posted by the event callback in task memory, and the window frees it.
-        DEV_BROADCAST_DEVICEINTERFACE_W* record = Record(kWPDInterface, name);
-        EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, c.change, reinterpret_cast<LPARAM>(record)), TRUE);
         if (c.change == DBT_DEVICEARRIVAL) {
+            // The system's arrival: its record is read during the call and stays the sender's.
+            DEV_BROADCAST_DEVICEINTERFACE_W* record = Record(kWPDInterface, name);
+            EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, c.change, reinterpret_cast<LPARAM>(record)), TRUE);
             CoTaskMemFree(record);
+        } else {
+            // A storage coming up on the device, handed to the window as the event callback hands it.
+            core.PostDiskMount(name.c_str());
         }
         // The monitor thread takes this notification (its Plug and Play view names it) and publishes it, here
         // without WMI, so that ends at once. Notifications left from earlier tests may be handled around it.

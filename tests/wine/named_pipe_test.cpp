@@ -70,7 +70,39 @@ bool Send(HANDLE client, const void* data, DWORD bytes) {
     return WriteFile(client, data, bytes, &written, nullptr) && written == bytes;
 }
 
-TEST(NamedPipe, DescriptorGrantsTheOwnerAllAndEveryoneAllButOwnershipAndDacl) {
+// The user of this process's token, as the server's descriptor names it.
+std::vector<BYTE> ProcessUserSid() {
+    HANDLE token = nullptr;
+    std::vector<BYTE> sid;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+        return sid;
+    }
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    std::vector<BYTE> user(size);
+    if (GetTokenInformation(token, TokenUser, user.data(), size, &size)) {
+        const PSID userSid = reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid;
+        const auto* first = static_cast<const BYTE*>(userSid);
+        sid.assign(first, first + GetLengthSid(userSid));
+    }
+    CloseHandle(token);
+    return sid;
+}
+
+std::vector<BYTE> WellKnownSid(WELL_KNOWN_SID_TYPE type) {
+    std::vector<BYTE> sid(SECURITY_MAX_SID_SIZE);
+    DWORD size = static_cast<DWORD>(sid.size());
+    if (!CreateWellKnownSid(type, nullptr, sid.data(), &size)) {
+        return {};
+    }
+    sid.resize(size);
+    return sid;
+}
+
+// Windows reads a DACL's entries in order and stops at the first that denies a wanted right: the refusal
+// of network logons (the NETWORK group, S-1-5-2) comes before the two grants, the process owner with every
+// right and Everyone without WRITE_DAC and WRITE_OWNER.
+TEST(NamedPipe, DescriptorDeniesNetworkLogonsBeforeGrantingTheOwnerAndEveryone) {
     RecordingPipe pipe(nullptr, nullptr);
     SECURITY_DESCRIPTOR descriptor = {};
     ASSERT_TRUE(pipe.GetInternalProcessOwnerSID(&descriptor));
@@ -80,24 +112,58 @@ TEST(NamedPipe, DescriptorGrantsTheOwnerAllAndEveryoneAllButOwnershipAndDacl) {
     EXPECT_TRUE(present);
     EXPECT_FALSE(defaulted);
     ASSERT_NE(acl, nullptr);
-    EXPECT_EQ(acl->AceCount, 2);
     EXPECT_EQ(acl->AclRevision, ACL_REVISION);
 
-    ACCESS_ALLOWED_ACE* owner = nullptr;
-    ACCESS_ALLOWED_ACE* everyone = nullptr;
-    ASSERT_TRUE(GetAce(acl, 0, reinterpret_cast<void**>(&owner)));
-    ASSERT_TRUE(GetAce(acl, 1, reinterpret_cast<void**>(&everyone)));
-    EXPECT_EQ(owner->Mask, 0x101FFFFFu);
-    EXPECT_EQ(everyone->Mask, 0x1013FFFFu);
-    EXPECT_EQ(everyone->Mask & (WRITE_DAC | WRITE_OWNER), 0u);
-    SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
-    PSID worldSid = nullptr;
-    ASSERT_TRUE(AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &worldSid));
-    EXPECT_TRUE(EqualSid(&everyone->SidStart, worldSid));
-    const DWORD expectedSize =
-        (8 + 2 * 8 + GetLengthSid(&owner->SidStart) + GetLengthSid(worldSid) + 3) & ~static_cast<DWORD>(3);
-    EXPECT_EQ(acl->AclSize, expectedSize) << "header, two entries and both SIDs, aligned to 4";
-    FreeSid(worldSid);
+    const std::vector<BYTE> network = WellKnownSid(WinNetworkSid);
+    const std::vector<BYTE> owner = ProcessUserSid();
+    const std::vector<BYTE> everyone = WellKnownSid(WinWorldSid);
+    ASSERT_FALSE(network.empty() || owner.empty() || everyone.empty());
+    const struct {
+        const char* who;
+        BYTE type;
+        DWORD mask;
+        const std::vector<BYTE>& sid;
+    } expected[] = {
+        {"network logons", ACCESS_DENIED_ACE_TYPE, 0x101FFFFF, network},
+        {"process owner", ACCESS_ALLOWED_ACE_TYPE, 0x101FFFFF, owner},
+        {"everyone", ACCESS_ALLOWED_ACE_TYPE, 0x1013FFFF, everyone},
+    };
+    ASSERT_EQ(acl->AceCount, 3);
+    DWORD sids = 0;
+    for (DWORD i = 0; i < 3; ++i) {
+        // An access-denied entry has the layout of an access-allowed one.
+        ACCESS_ALLOWED_ACE* ace = nullptr;
+        ASSERT_TRUE(GetAce(acl, i, reinterpret_cast<void**>(&ace)));
+        EXPECT_EQ(ace->Header.AceType, expected[i].type) << expected[i].who;
+        EXPECT_EQ(ace->Header.AceFlags, 0) << expected[i].who;
+        EXPECT_EQ(ace->Mask, expected[i].mask) << expected[i].who;
+        EXPECT_TRUE(EqualSid(&ace->SidStart, const_cast<BYTE*>(expected[i].sid.data()))) << expected[i].who;
+        sids += static_cast<DWORD>(expected[i].sid.size());
+    }
+    EXPECT_EQ(expected[2].mask & (WRITE_DAC | WRITE_OWNER), 0u);
+    EXPECT_EQ(acl->AclSize, (8 + 3 * 8 + sids + 3) & ~static_cast<DWORD>(3))
+        << "header, three entries and their SIDs, aligned to 4";
+}
+
+// Clients on other computers are refused by the pipe itself as well: every instance is created with
+// PIPE_REJECT_REMOTE_CLIENTS. Neither GetNamedPipeInfo nor GetNamedPipeHandleState shows that flag, and
+// Wine takes it and ignores it, so the mode is read where the server takes it from; a client shows that the
+// instance it reached was created with the rest of it (message type, four instances).
+TEST(NamedPipe, InstancesRefuseRemoteClientsAndCarryMessages) {
+    const DWORD mode = CDorWEXWMIWPDNamedPipeBase::kPipeMode;
+    EXPECT_EQ(mode & PIPE_REJECT_REMOTE_CLIENTS, static_cast<DWORD>(PIPE_REJECT_REMOTE_CLIENTS));
+    EXPECT_EQ(mode & (PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_NOWAIT),
+              static_cast<DWORD>(PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE));
+    EXPECT_EQ(CDorWEXWMIWPDNamedPipeBase::kOpenMode, static_cast<DWORD>(PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED));
+
+    Server<RecordingPipe> server(kTestPipe);
+    HANDLE client = OpenPipeClient(kTestPipe);
+    ASSERT_NE(client, INVALID_HANDLE_VALUE);
+    DWORD flags = 0, outSize = 0, inSize = 0, instances = 0;
+    ASSERT_TRUE(GetNamedPipeInfo(client, &flags, &outSize, &inSize, &instances));
+    EXPECT_EQ(flags, static_cast<DWORD>(PIPE_CLIENT_END | PIPE_TYPE_MESSAGE));
+    EXPECT_EQ(instances, CDorWEXWMIWPDNamedPipeBase::kInstances);
+    CloseHandle(client);
 }
 
 TEST(NamedPipe, FourClientsAtOnceAndAFifthWhenOneLeaves) {
