@@ -158,6 +158,8 @@ private:
     HRESULT CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in);
     HRESULT CreateFolderOnDevice1(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
     HRESULT DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectId_in);
+    // A fresh IPortableDeviceValues for the properties of a new object.
+    static HRESULT NewValues(Microsoft::WRL::ComPtr<IPortableDeviceValues>& pValues_out);
     // The target folder of an upload or a new folder: the path's folder, or the root of the storage it names
     // (never another storage).
     _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);

@@ -1,7 +1,5 @@
 // What a device object does with content: listing, properties of stored objects, deletion and folders.
 // Copies and moves are in wpd_object_transfer.cpp; storage paths become object ids in wpd_object_paths.cpp.
-#include <shlwapi.h>
-
 #include <cwchar>
 #include <memory>
 #include <string_view>
@@ -20,14 +18,9 @@ using Microsoft::WRL::ComPtr;
 using dorwex::ChildObject;
 using dorwex::ChildReader;
 
-namespace {
-
-// Owns an IPortableDeviceValues built for a new object.
-HRESULT NewValues(ComPtr<IPortableDeviceValues>& pValues_out) {
+HRESULT CDorWEXWPDObject::NewValues(ComPtr<IPortableDeviceValues>& pValues_out) {
     return CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&pValues_out));
 }
-
-}  // namespace
 
 // --- Listing and properties -----------------------------------------------------------------------
 

@@ -18,10 +18,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-HRESULT NewValues(ComPtr<IPortableDeviceValues>& pValues_out) {
-    return CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&pValues_out));
-}
-
 // The object's WPD_OBJECT_SIZE, when the device reports one.
 bool ReadObjectSize(IPortableDeviceContent* pContent_in, const wchar_t* pwcharObjectId_in, ULONGLONG& ulonglongSize_out) {
     ComPtr<IPortableDeviceProperties> l_pProperties;
