@@ -2,6 +2,7 @@
 #include "module.h"
 
 #include <objbase.h>
+#include <olectl.h>
 
 #include <cwchar>
 #include <cstdlib>
@@ -180,17 +181,16 @@ STDAPI DllRegisterServer() {
     wchar_t l_wcharCLSID[128];
     FormatProviderClassKey(l_wcharKey, l_wcharCLSID);
 
-    // Registration failures are not reported: registering always answers S_OK.
+    // Any key or value not written is reported, so that regsvr32 and installers do not take a half
+    // registration for a whole one.
     RegistryKey l_RegistryKeyClass;
-    if (l_RegistryKeyClass.Create(HKEY_LOCAL_MACHINE, l_wcharKey) == ERROR_SUCCESS) {
-        l_RegistryKeyClass.SetString(nullptr, kProviderDescription);
-        RegistryKey l_RegistryKeyServer;
-        if (l_RegistryKeyServer.Create(l_RegistryKeyClass.Get(), L"InprocServer32") == ERROR_SUCCESS) {
-            l_RegistryKeyServer.SetString(nullptr, g_wcharModulePath);
-            l_RegistryKeyServer.SetString(L"ThreadingModel", L"Both");
-        }
-    }
-    return S_OK;
+    RegistryKey l_RegistryKeyServer;
+    const bool l_boolWritten = l_RegistryKeyClass.Create(HKEY_LOCAL_MACHINE, l_wcharKey) == ERROR_SUCCESS &&
+                               l_RegistryKeyClass.SetString(nullptr, kProviderDescription) == ERROR_SUCCESS &&
+                               l_RegistryKeyServer.Create(l_RegistryKeyClass.Get(), L"InprocServer32") == ERROR_SUCCESS &&
+                               l_RegistryKeyServer.SetString(nullptr, g_wcharModulePath) == ERROR_SUCCESS &&
+                               l_RegistryKeyServer.SetString(L"ThreadingModel", L"Both") == ERROR_SUCCESS;
+    return l_boolWritten ? S_OK : SELFREG_E_CLASS;
 }
 
 STDAPI DllUnregisterServer() {
@@ -198,16 +198,27 @@ STDAPI DllUnregisterServer() {
     wchar_t l_wcharCLSID[128];
     FormatProviderClassKey(l_wcharKey, l_wcharCLSID);
 
+    // A key that is not there is removed already; one that stays (another program's subkey under the class
+    // key, a key it may not delete) is reported.
+    const auto l_Removed = [](LSTATUS lstatus_in) {
+        return lstatus_in == ERROR_SUCCESS || lstatus_in == ERROR_FILE_NOT_FOUND;
+    };
+    bool l_boolRemoved = true;
     {
         RegistryKey l_RegistryKeyClass;
-        if (l_RegistryKeyClass.Open(HKEY_LOCAL_MACHINE, l_wcharKey) == ERROR_SUCCESS) {
-            RegDeleteKeyW(l_RegistryKeyClass.Get(), L"InprocServer32");
+        const LSTATUS l_lstatusOpened = l_RegistryKeyClass.Open(HKEY_LOCAL_MACHINE, l_wcharKey);
+        if (l_lstatusOpened == ERROR_SUCCESS) {
+            l_boolRemoved = l_Removed(RegDeleteKeyW(l_RegistryKeyClass.Get(), L"InprocServer32"));
+        } else if (l_lstatusOpened != ERROR_FILE_NOT_FOUND) {
+            l_boolRemoved = false;
         }
     }
     RegistryKey l_RegistryKeyCLSID;
-    if (l_RegistryKeyCLSID.Open(HKEY_LOCAL_MACHINE, kCLSIDKey) != ERROR_SUCCESS) {
-        return S_OK;
+    const LSTATUS l_lstatusOpened = l_RegistryKeyCLSID.Open(HKEY_LOCAL_MACHINE, kCLSIDKey);
+    if (l_lstatusOpened == ERROR_SUCCESS) {
+        l_boolRemoved = l_Removed(RegDeleteKeyW(l_RegistryKeyCLSID.Get(), l_wcharCLSID)) && l_boolRemoved;
+    } else if (l_lstatusOpened != ERROR_FILE_NOT_FOUND) {
+        l_boolRemoved = false;
     }
-    RegDeleteKeyW(l_RegistryKeyCLSID.Get(), l_wcharCLSID);
-    return S_OK;
+    return l_boolRemoved ? S_OK : SELFREG_E_CLASS;
 }

@@ -57,10 +57,6 @@ STDMETHODIMP CDorWEXWPDWMI::QueryInterface(REFIID riid, void** ppv) {
     if (IsEqualIID(riid, IID_IWbemServices)) {
         *ppv = static_cast<IWbemServices*>(this);
         l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemServices";
-    } else if (IsEqualIID(riid, IID_IWbemPropertyProvider)) {
-        // There is no property provider; this answer is what WMI has always been given.
-        *ppv = static_cast<IWbemProviderInit*>(this);
-        l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemPropertyProvider";
     } else if (IsEqualIID(riid, IID_IWbemEventProvider)) {
         *ppv = static_cast<IWbemEventProvider*>(this);
         l_pwcharTrace = L"CDorWEXWPDWMI::QueryInterface, IID_IWbemEventProvider";

@@ -4,6 +4,7 @@
 #include <objbase.h>
 #include <winver.h>
 #include <wbemcli.h>
+#include <olectl.h>
 
 #include <string>
 
@@ -114,6 +115,54 @@ TEST_F(ProviderDll, IsSilentAtTheLevelItLoadsWith) {
     ASSERT_TRUE(result.boolStarted);
     EXPECT_EQ(result.dwordExitCode, 0u);
     EXPECT_TRUE(result.vectorStrings.empty()) << result.vectorStrings.front();
+}
+
+// Registration answers SELFREG_E_CLASS when a key cannot be written or removed, so that regsvr32 and
+// installers report it. A volatile class key refuses a lasting subkey (ERROR_CHILD_MUST_BE_VOLATILE); a
+// class key that another program gave a subkey of its own cannot be deleted by RegDeleteKeyW.
+TEST_F(ProviderDll, RegistrationSaysWhenAKeyCannotBeWrittenOrRemoved) {
+    using Entry = HRESULT(STDAPICALLTYPE*)();
+    const auto registerServer = Export<Entry>(module_, "DllRegisterServer");
+    const auto unregisterServer = Export<Entry>(module_, "DllUnregisterServer");
+    ASSERT_NE(registerServer, nullptr);
+    ASSERT_NE(unregisterServer, nullptr);
+    wchar_t clsid[64] = {};
+    StringFromGUID2(CLSID_DorWEXWPDWMIProvider, clsid, 64);
+    const std::wstring key = std::wstring(L"Software\\Classes\\CLSID\\") + clsid;
+    const auto present = [&](const std::wstring& subKey) {
+        HKEY opened = nullptr;
+        const bool found = RegOpenKeyExW(HKEY_LOCAL_MACHINE, subKey.c_str(), 0, KEY_READ, &opened) == ERROR_SUCCESS;
+        if (found) {
+            RegCloseKey(opened);
+        }
+        return found;
+    };
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+
+    EXPECT_EQ(unregisterServer(), S_OK) << "nothing registered: nothing to remove";
+    EXPECT_EQ(registerServer(), S_OK);
+    EXPECT_TRUE(present(key + L"\\InprocServer32"));
+    EXPECT_EQ(unregisterServer(), S_OK);
+    EXPECT_FALSE(present(key));
+
+    HKEY created = nullptr;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
+                              nullptr, &created, nullptr),
+              ERROR_SUCCESS);
+    RegCloseKey(created);
+    EXPECT_EQ(registerServer(), SELFREG_E_CLASS) << "InprocServer32 could not be written";
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+
+    ASSERT_EQ(registerServer(), S_OK);
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, (key + L"\\Foreign").c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                              nullptr, &created, nullptr),
+              ERROR_SUCCESS);
+    RegCloseKey(created);
+    EXPECT_EQ(unregisterServer(), SELFREG_E_CLASS) << "the class key could not be removed";
+    EXPECT_TRUE(present(key + L"\\Foreign")) << "another program's key was removed";
+    EXPECT_FALSE(present(key + L"\\InprocServer32"));
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+    EXPECT_EQ(registerServer(), S_OK);
 }
 
 }  // namespace

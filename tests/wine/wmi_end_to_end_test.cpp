@@ -477,12 +477,8 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     ComPtr<IWbemProviderInit> init;
     ASSERT_EQ(CoCreateInstance(kProviderClsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&init)), S_OK);
     ComPtr<IUnknown> unknown;
-    ComPtr<IWbemProviderInit> asPropertyProvider;
     ASSERT_EQ(init.As(&unknown), S_OK);
     EXPECT_EQ(static_cast<void*>(unknown.Get()), static_cast<void*>(init.Get()));
-    ASSERT_EQ(init->QueryInterface(IID_IWbemPropertyProvider, reinterpret_cast<void**>(asPropertyProvider.GetAddressOf())),
-              S_OK);
-    EXPECT_EQ(asPropertyProvider.Get(), init.Get()) << "answered with the IWbemProviderInit table";
     ComPtr<IWbemEventConsumerProvider> consumer;
     EXPECT_EQ(init.As(&consumer), E_NOINTERFACE);
     ComPtr<IWbemServices> provider;
