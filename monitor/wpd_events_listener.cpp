@@ -58,7 +58,9 @@ HRESULT CDorWEXWMIWPDEventsListener::CreateWindowForListening(CDorWEXWMIThreadWP
     if (pProcessor_in->IsStopping()) {
         return S_OK;  // a Stop has begun: no window, so nothing to wait for
     }
-    HINSTANCE l_HINSTANCE = GetModuleHandleW(nullptr);
+    // The class belongs to this module, whose window procedure it names: the system does not unregister a
+    // DLL's classes when the DLL is unloaded, so the worker unregisters it itself before it ends.
+    const HINSTANCE l_HINSTANCE = ThisModule();
     WNDCLASSEXW l_WNDCLASSEXW{};
     l_WNDCLASSEXW.cbSize = sizeof(l_WNDCLASSEXW);
     l_WNDCLASSEXW.style = CS_VREDRAW | CS_HREDRAW | CS_OWNDC;
@@ -68,28 +70,47 @@ HRESULT CDorWEXWMIWPDEventsListener::CreateWindowForListening(CDorWEXWMIThreadWP
     l_WNDCLASSEXW.hIcon = LoadIconW(nullptr, IDI_APPLICATION);
     l_WNDCLASSEXW.hIconSm = LoadIconW(nullptr, IDI_APPLICATION);
     l_WNDCLASSEXW.hCursor = LoadCursorW(nullptr, IDC_ARROW);
-    l_WNDCLASSEXW.hbrBackground = CreateSolidBrush(RGB(0xC0, 0xC0, 0xC0));
+    l_WNDCLASSEXW.hbrBackground = CreateSolidBrush(RGB(0xC0, 0xC0, 0xC0));  // freed with the class
     l_WNDCLASSEXW.lpszClassName = kWindowClassName;
-    // A class left registered by a worker that died is still good to use.
-    const bool l_boolRegistered =
-        RegisterClassExW(&l_WNDCLASSEXW) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-    if (l_boolRegistered) {
-        HWND l_HWND = CreateWindowExW(WS_EX_APPWINDOW | WS_EX_CLIENTEDGE, kWindowClassName, L"dorWEX14",
-                                      WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, 640, 480, nullptr, nullptr, l_HINSTANCE,
-                                      nullptr);
-        if (l_HWND != nullptr) {
-            SetWindowLongPtrW(l_HWND, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
-            m_HWND = l_HWND;
-            if (pProcessor_in->IsStopping()) {
-                m_HWND = nullptr;
-                DestroyWindow(l_HWND);
-                return S_OK;
-            }
-        } else {
-            TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, CreateWindowEx FAILED %x: %s.\n");
-        }
+    bool l_boolRegistered = RegisterClassExW(&l_WNDCLASSEXW) != 0;
+    if (!l_boolRegistered && GetLastError() == ERROR_CLASS_ALREADY_EXISTS) {
+        // Left by an earlier worker that could not end cleanly: its procedure may be code that is gone.
+        // It is replaced, never used.
+        UnregisterClassW(kWindowClassName, l_HINSTANCE);
+        l_boolRegistered = RegisterClassExW(&l_WNDCLASSEXW) != 0;
     }
-    return ListenForWPDEvents();
+    if (!l_boolRegistered) {
+        TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, RegisterClassEx FAILED %x: %s.\n");
+        DeleteObject(l_WNDCLASSEXW.hbrBackground);
+        return ListenForWPDEvents();
+    }
+    HWND l_HWND = CreateWindowExW(WS_EX_APPWINDOW | WS_EX_CLIENTEDGE, kWindowClassName, L"dorWEX14",
+                                  WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, 640, 480, nullptr, nullptr, l_HINSTANCE,
+                                  nullptr);
+    HRESULT l_HRESULT = S_OK;
+    if (l_HWND != nullptr) {
+        SetWindowLongPtrW(l_HWND, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+        m_HWND = l_HWND;
+        // A window of a new worker, perhaps of a new monitor in a module that stayed loaded: the flag of the
+        // window before it says nothing about this one.
+        InterlockedExchange(&g_longWindowClosing, 0);
+        if (pProcessor_in->IsStopping()) {
+            m_HWND = nullptr;
+        } else {
+            l_HRESULT = ListenForWPDEvents();
+        }
+    } else {
+        TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, CreateWindowEx FAILED %x: %s.\n");
+        l_HRESULT = ListenForWPDEvents();
+    }
+    // On this thread, which owns the window: first the window, then its class.
+    if (l_HWND != nullptr && IsWindow(l_HWND)) {
+        DestroyWindow(l_HWND);
+    }
+    if (!UnregisterClassW(kWindowClassName, l_HINSTANCE)) {
+        TraceLastError(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, UnregisterClass FAILED %x: %s.\n");
+    }
+    return l_HRESULT;
 }
 
 HRESULT CDorWEXWMIWPDEventsListener::ListenForWPDEvents() {
@@ -158,10 +179,6 @@ void CDorWEXWMIWPDEventsListener::DestroyWindowForListening() {
             TraceLastError(L"CDorWEXWMIWPDEventsListener::DestroyWindowForListening, DestroyWindow FAILED %x: %s.\n");
         }
     }
-}
-
-void CDorWEXWMIWPDEventsListener::DestroyWindowClassForListening() {
-    UnregisterClassW(kWindowClassName, GetModuleHandleW(nullptr));
 }
 
 LRESULT CALLBACK CDorWEXWMIWPDEventsListener::dorWEXWMIWPDWindowProcCallback(HWND hwnd_in, UINT uintMessage_in,

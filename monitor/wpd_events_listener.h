@@ -34,10 +34,10 @@ public:
     HRESULT ListenForWPDEvents();
     int RegisterWithOSToReceiveWPDEvents();
 
-    // Called by the processor's Stop, from the stopping thread.
+    // Called by the processor's Stop, from the stopping thread. The window and its class go on the worker's
+    // own thread, when its pump has ended.
     void UnregisterWithOSToReceiveEvents();
     void DestroyWindowForListening();
-    void DestroyWindowClassForListening();
 
     // The online handler (arrivals, and disk mounts that the event callback reports), the removal handler,
     // the disk-mount record and the service's named event. Each runs on the worker thread.

@@ -65,6 +65,12 @@ CDorWEXWMIThreadWPDEventsProcessor::CDorWEXWMIThreadWPDEventsProcessor(CDorWEXWM
     : CDorWEXWMIThreadBase(pCore_in, WorkerThreadWPDEventsProcessor, THREAD_TYPE_WPD) {
     SetApplicationEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     g_HANDLEApplicationEvent = GetApplicationEvent();
+    // COM may keep an unused module mapped for a while and hand it the next request: what the monitor
+    // before this one left in the module's state is not this one's. Its notifications went with it (the
+    // new monitor lists the attached devices itself), and its window's end does not close this one.
+    InterlockedExchange(&g_longWindowClosing, 0);
+    std::lock_guard<std::mutex> l_guard(g_mutexPendingDevice);
+    g_PendingDevices.clear();
 }
 
 CDorWEXWMIThreadWPDEventsProcessor::~CDorWEXWMIThreadWPDEventsProcessor() {
@@ -98,7 +104,6 @@ int CDorWEXWMIThreadWPDEventsProcessor::Stop() {
             PostMessageW(m_pListener->GetWindow(), WM_DESTROY, 0, 0);
             m_pListener->UnregisterWithOSToReceiveEvents();
             m_pListener->DestroyWindowForListening();
-            m_pListener->DestroyWindowClassForListening();
         }
     }
     SignalTerminate();

@@ -46,7 +46,6 @@ DEV_BROADCAST_DEVICEINTERFACE_W* Record(const GUID& interfaceClass, const std::w
 class Listener : public testing::Test {
 protected:
     void SetUp() override {
-        InterlockedExchange(&g_longWindowClosing, 0);
         core.Initialize();
         ASSERT_TRUE(WaitUntil([&] {
             auto lock = core.GetWPDEventsProcessor()->LockListener();

@@ -192,7 +192,6 @@ TEST(ThreadBase, ThreadsOutlivingTheBoundedStopKeepTheirHandles) {
 
 TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
     TraceCapture trace(1);
-    InterlockedExchange(&g_longWindowClosing, 0);
     CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
     processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
     // The first window of a fresh prefix starts Wine's desktop process, which can take a while.
@@ -208,12 +207,19 @@ TEST(WPDEventsProcessor, WorkerOwnsTheHiddenWindowUntilStop) {
     wchar_t className[64] = {};
     GetClassNameW(window, className, 64);
     EXPECT_STREQ(className, L"dorWEXWMIWPDHiddenWindowClass");
+    // The class is this module's: a DLL's classes outlive it unless it unregisters them.
+    WNDCLASSEXW registered{};
+    registered.cbSize = sizeof(registered);
+    EXPECT_TRUE(GetClassInfoExW(GetModuleHandleW(nullptr), L"dorWEXWMIWPDHiddenWindowClass", &registered));
+    EXPECT_EQ(reinterpret_cast<HINSTANCE>(GetClassLongPtrW(window, GCLP_HMODULE)), GetModuleHandleW(nullptr));
     EXPECT_FALSE(IsWindowVisible(window));
     // A device-change message of no interest is answered TRUE.
     EXPECT_EQ(SendMessageW(window, WM_DEVICECHANGE, 0x0018 /* DBT_CONFIGCHANGED */, 0), TRUE);
 
     processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
     EXPECT_FALSE(IsWindow(window));
+    EXPECT_FALSE(GetClassInfoExW(GetModuleHandleW(nullptr), L"dorWEXWMIWPDHiddenWindowClass", &registered))
+        << "the class outlived the worker";
     EXPECT_EQ(g_longWindowClosing, 1);
     EXPECT_EQ(g_longWPDEventsThreadIsRunning, 0);
     ExpectInOrder(trace, {
