@@ -14,7 +14,8 @@ public:
     // Stops every worker and drops every device.
     virtual ~IDorWEXMonitor() = default;
 
-    // Starts the WPD events processor and adds the devices already attached; returns 1.
+    // Starts the WPD events processor, and a thread of the monitor that adds the devices already attached
+    // (opening a device takes a while: never on the caller's thread, which is WMI's); returns 1.
     virtual int Initialize() = 0;
     // Stops the companion processors, with the shutting-down flag raised first so that no worker restarts
     // while they wind down; deleting the monitor then stops the rest.
@@ -25,6 +26,11 @@ public:
     virtual void DetachProvider(IDorWEXEventSink* pProvider_in) = 0;
 
     virtual IDorWEXDeviceRegistry* Devices() = 0;
+    // The same, for a request of a client: first waits, at most kStartupWaitMilliseconds, until the devices
+    // attached when the monitor started have been added, so that a request made during the start does not
+    // find its device missing.
+    virtual IDorWEXDeviceRegistry* DevicesWhenStarted() = 0;
+    static constexpr DWORD kStartupWaitMilliseconds = 30000;
     virtual IDorWEXWriteTokens& WriteTokens() = 0;
     // What a device object made for one request (an eject) is given to reach the monitor.
     virtual IDorWEXDeviceHost& DeviceHost() = 0;

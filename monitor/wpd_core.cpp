@@ -12,6 +12,7 @@
 #include "../device/portable_device_api.h"
 #include "../wmi/event_sink.h"
 #include "companion_processors.h"
+#include "thread_base.h"
 #include "wpd_collection.h"
 #include "wpd_events_listener.h"
 #include "wpd_events_processor.h"
@@ -25,11 +26,21 @@ CDorWEXWMIWPDCore::CDorWEXWMIWPDCore(IDorWEXEventSink* pOwner_in) : m_pOwner(pOw
     }
     Trace(L"CDorWEXWMIWPDCore::CDorWEXWMIWPDCore");
     m_pCollection = std::make_unique<CDorWEXWPDCollection>(this);
+    m_HANDLEStarted = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 }
 
 // The WPD processor stops first, so that no notification arrives while the devices are dropped, then
 // companion processors still running (the module normally stops them before).
 CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
+    // The start adds devices to the collection: it ends (after the device it is opening) before anything
+    // goes. One that does not end in time is a thread that still uses this core, as below.
+    bool l_boolStartupRunning = false;
+    if (m_HANDLEStartupThread != nullptr) {
+        InterlockedExchange(&m_longStopStartup, 1);
+        l_boolStartupRunning = WaitForSingleObject(m_HANDLEStartupThread, kStartupWaitMilliseconds) != WAIT_OBJECT_0;
+        CloseHandle(m_HANDLEStartupThread);
+        m_HANDLEStartupThread = nullptr;
+    }
     {
         std::lock_guard<std::mutex> l_guard(m_mutexCompanions);
         std::unique_ptr<CDorWEXWMIThreadBase> l_Processors[] = {std::move(m_pWPDEventsProcessor),
@@ -43,7 +54,7 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
         }
         // A thread that still runs after its bounded stop uses its processor, and through it this core:
         // neither may be freed under it, so both are left to the process.
-        if (!m_RetiredProcessors.empty()) {
+        if (!m_RetiredProcessors.empty() || l_boolStartupRunning) {
             Trace(L"CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore, %ld processor threads still running, left to the "
                   L"process.\n",
                   static_cast<LONG>(m_RetiredProcessors.size()));
@@ -58,6 +69,9 @@ CDorWEXWMIWPDCore::~CDorWEXWMIWPDCore() {
     m_pCollection.reset();
     for (auto& l_Entry : m_DiskMountMap) {
         CoTaskMemFree(l_Entry.second);
+    }
+    if (m_HANDLEStarted != nullptr) {
+        CloseHandle(m_HANDLEStarted);
     }
 }
 
@@ -107,6 +121,14 @@ IDorWEXDeviceRegistry* CDorWEXWMIWPDCore::Devices() {
     return m_pCollection.get();
 }
 
+IDorWEXDeviceRegistry* CDorWEXWMIWPDCore::DevicesWhenStarted() {
+    if (m_HANDLEStarted != nullptr && WaitForSingleObject(m_HANDLEStarted, kStartupWaitMilliseconds) != WAIT_OBJECT_0) {
+        Trace(L"CDorWEXWMIWPDCore::DevicesWhenStarted, devices still opening after %lu ms.\n",
+              kStartupWaitMilliseconds);
+    }
+    return m_pCollection.get();
+}
+
 void CDorWEXWMIWPDCore::Shutdown() {
     Trace(L"CDorWEXWMIWPDCore::Shutdown");
     InterlockedExchange(&g_longShuttingDown, 1);
@@ -125,11 +147,27 @@ int CDorWEXWMIWPDCore::Initialize() {
         m_pWPDEventsProcessor = std::make_unique<CDorWEXWMIThreadWPDEventsProcessor>(this);
     }
     m_pWPDEventsProcessor->ManageThread(this, CDorWEXWMIThreadBase::START);
-    if (m_pOwner == nullptr || !m_pCollection) {
+    if (m_pOwner == nullptr || !m_pCollection || m_HANDLEStartupThread != nullptr) {
+        SetEvent(m_HANDLEStarted);
         return 1;
     }
-    AddAttachedDevices();
+    m_HANDLEStartupThread = CreateModuleThread(StartupThread, this, 0);
+    if (m_HANDLEStartupThread == nullptr) {
+        AddAttachedDevices();  // no thread to be had: here, late rather than never
+        SetEvent(m_HANDLEStarted);
+    }
     return 1;
+}
+
+DWORD WINAPI CDorWEXWMIWPDCore::StartupThread(LPVOID pCore_in) {
+    auto* l_pCore = static_cast<CDorWEXWMIWPDCore*>(pCore_in);
+    const HRESULT l_HRESULTCom = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    l_pCore->AddAttachedDevices();
+    SetEvent(l_pCore->m_HANDLEStarted);
+    if (SUCCEEDED(l_HRESULTCom)) {
+        CoUninitialize();
+    }
+    return 0;
 }
 
 void CDorWEXWMIWPDCore::AddAttachedDevices() {
@@ -149,7 +187,7 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
         return;
     }
     for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
-        if (!m_pCollection->FindWPDObjectById(l_pIds[l_dwordIndex])) {
+        if (m_longStopStartup == 0 && !m_pCollection->FindWPDObjectById(l_pIds[l_dwordIndex])) {
             m_pCollection->AddWPD(l_pIds[l_dwordIndex]);
         }
         CoTaskMemFree(l_pIds[l_dwordIndex]);

@@ -39,6 +39,7 @@ public:
     void AttachProvider(IDorWEXEventSink* pProvider_in) override;
     void DetachProvider(IDorWEXEventSink* pProvider_in) override;
     IDorWEXDeviceRegistry* Devices() override;
+    IDorWEXDeviceRegistry* DevicesWhenStarted() override;
     IDorWEXWriteTokens& WriteTokens() override { return *this; }
     IDorWEXDeviceHost& DeviceHost() override { return *this; }
 
@@ -78,6 +79,7 @@ public:
 
 private:
     void AddAttachedDevices();
+    static DWORD WINAPI StartupThread(LPVOID pCore_in);
     template <class Processor>
     void StopCompanion(std::unique_ptr<Processor>& pProcessor_io);
     void RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase> pProcessor_in);
@@ -98,5 +100,10 @@ private:
     // Stopped processors whose threads had not ended when their stop gave up waiting (m_mutexCompanions).
     std::vector<std::unique_ptr<CDorWEXWMIThreadBase>> m_RetiredProcessors;
     std::map<std::wstring, DWORD> m_WriteTokens;  // token -> process id
+    // The thread that adds the devices attached at the start, and the event it sets when it is done (set
+    // from the beginning when there is nothing to add). m_longStopStartup ends it between two devices.
+    HANDLE m_HANDLEStartupThread = nullptr;
+    HANDLE m_HANDLEStarted = nullptr;
+    volatile LONG m_longStopStartup = 0;
     std::mutex m_mutexWriteTokens;
 };

@@ -89,7 +89,7 @@ IDorWEXDeviceRegistry::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wch
     IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
     IDorWEXDeviceRegistry::DevicePtr l_pDevice;
     bool l_boolAmbiguous = false;
-    if (l_pCore != nullptr && l_pCore->Devices() != nullptr) {
+    if (l_pCore != nullptr && l_pCore->DevicesWhenStarted() != nullptr) {
         l_pDevice = l_pCore->Devices()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in), &l_boolAmbiguous);
     }
     if (!l_pDevice) {

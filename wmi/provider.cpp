@@ -124,9 +124,7 @@ STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServic
         pNamespace->AddRef();
         m_pIWbemServices = pNamespace;
     }
-    if (pInitSink != nullptr) {
-        pInitSink->SetStatus(pNamespace != nullptr ? static_cast<LONG>(WBEM_S_INITIALIZED) : static_cast<LONG>(WBEM_E_FAILED), 0);
-    }
+    bool l_boolStarted = false;
     try {
         bool l_boolNewCore = false;
         {
@@ -144,12 +142,20 @@ STDMETHODIMP CDorWEXWPDWMI::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServic
                 l_boolNewCore = true;
             }
         }
-        // Started outside the lock: the start calls into the portable-device stack.
+        // Started outside the lock. The start returns at once: the devices attached now are opened on the
+        // monitor's own thread, and requests wait for them (DevicesWhenStarted).
         if (l_boolNewCore) {
             m_pCore->Initialize();
         }
+        l_boolStarted = true;
     } catch (...) {
-        // Out of memory: WMI was told the provider is ready; without a core it answers with nothing.
+        // Out of memory: WMI hears that this object failed and loads the provider again later.
+    }
+    // Ready only once a request can be answered: WMI may dispatch one from another thread the moment it
+    // hears this, before Initialize has returned.
+    if (pInitSink != nullptr) {
+        const bool l_boolReady = pNamespace != nullptr && m_pCore != nullptr && l_boolStarted;
+        pInitSink->SetStatus(l_boolReady ? static_cast<LONG>(WBEM_S_INITIALIZED) : static_cast<LONG>(WBEM_E_FAILED), 0);
     }
     return WBEM_S_NO_ERROR;
 }
@@ -308,7 +314,7 @@ HRESULT CDorWEXWPDWMI::GetInstanceByPath(const BSTR bstrObjectPath_in, IWbemClas
     }
     const std::wstring l_wstringId = l_ObjectPath->keys.front().ToText();
     const auto l_pDevice =
-        m_pCore != nullptr && m_pCore->Devices() != nullptr
+        m_pCore != nullptr && m_pCore->DevicesWhenStarted() != nullptr
             ? m_pCore->Devices()->FindWPDObjectById(l_wstringId.c_str())
             : nullptr;
     if (!l_pDevice) {
@@ -381,7 +387,7 @@ STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, I
     const HRESULT l_HRESULT = CallAtComBoundary([&] {
         Microsoft::WRL::ComPtr<IWbemClassObject> l_pClass;
         HRESULT l_HRESULTEnum = m_pIWbemServices->GetObject(strClass, 0, pCtx, l_pClass.GetAddressOf(), nullptr);
-        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->Devices() == nullptr) {
+        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->DevicesWhenStarted() == nullptr) {
             return l_HRESULTEnum;
         }
         for (const auto& l_Entry : m_pCore->Devices()->Snapshot()) {

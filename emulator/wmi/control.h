@@ -13,6 +13,7 @@ struct DorwexWmiProviderCounts {
     LONG unloads;          // unloads that released provider objects
     LONG objects;          // distinct provider objects held now (1 for shared roles, 2 for separate ones)
     LONG eventSinks;       // sinks given to IWbemEventProvider::ProvideEvents still alive
+    LONG longestInitializeMs;  // the longest a provider's IWbemProviderInit::Initialize held the calling thread
 };
 
 // Releases every provider object of every role and lets COM free the DLL if its DllCanUnloadNow allows;
@@ -26,6 +27,12 @@ typedef void(WINAPI* DorwexWmiSetClearAfterFunction)(DWORD milliseconds);
 // Separate provider objects for the event role and the instance/method role from the next load on. The
 // environment variable DORWEX_WMI_SEPARATE_ROLES=1 sets the first value.
 typedef void(WINAPI* DorwexWmiSetSeparateRolesFunction)(BOOL separate);
+// How long COM keeps the provider's DLL mapped after DllCanUnloadNow answered S_OK, in milliseconds
+// (CoFreeUnusedLibrariesEx's delay); DORWEX_WMI_FREE_DELAY_MS sets the first value, 0 when unset.
+typedef void(WINAPI* DorwexWmiSetFreeDelayFunction)(DWORD milliseconds);
+// How long the service waits for the provider's SetStatus after calling Initialize, in milliseconds;
+// DORWEX_WMI_INITIALIZE_TIMEOUT_MS sets the first value, 60000 when unset.
+typedef void(WINAPI* DorwexWmiSetInitializeTimeoutFunction)(DWORD milliseconds);
 typedef void(WINAPI* DorwexWmiProviderCountsFunction)(DorwexWmiProviderCounts* counts);
 typedef BOOL(WINAPI* DorwexWmiProviderLoadedFunction)();
 typedef LONG(WINAPI* DorwexWmiSubscriptionsFunction)();

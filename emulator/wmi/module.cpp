@@ -124,6 +124,14 @@ extern "C" void WINAPI DorwexWmiSetSeparateRoles(BOOL separate) {
     Namespace::Get().SetSeparateRoles(separate != FALSE);
 }
 
+extern "C" void WINAPI DorwexWmiSetFreeDelay(DWORD milliseconds) {
+    Namespace::Get().SetFreeDelay(milliseconds);
+}
+
+extern "C" void WINAPI DorwexWmiSetInitializeTimeout(DWORD milliseconds) {
+    Namespace::Get().SetInitializeTimeout(milliseconds);
+}
+
 extern "C" void WINAPI DorwexWmiProviderCounts(DorwexWmiProviderCounts* counts) {
     if (counts == nullptr) {
         return;
@@ -134,4 +142,5 @@ extern "C" void WINAPI DorwexWmiProviderCounts(DorwexWmiProviderCounts* counts) 
     counts->unloads = current.unloads;
     counts->objects = current.objects;
     counts->eventSinks = current.eventSinks;
+    counts->longestInitializeMs = current.longestInitializeMs;
 }

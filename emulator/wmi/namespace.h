@@ -72,12 +72,20 @@ public:
     // Whether the event role and the instance/method role get separate provider objects (from the next
     // load on); the environment variable DORWEX_WMI_SEPARATE_ROLES=1 gives the first value.
     void SetSeparateRoles(bool separate);
+    // How long COM keeps the provider's DLL mapped after its DllCanUnloadNow said yes (CoFreeUnusedLibrariesEx's
+    // delay; COM's own default for a multithreaded DLL is ten minutes); a request in that time loads nothing
+    // new. DORWEX_WMI_FREE_DELAY_MS gives the first value, 0 when unset.
+    void SetFreeDelay(DWORD milliseconds);
+    // How long the service waits for IWbemProviderInitSink::SetStatus after it called Initialize.
+    // DORWEX_WMI_INITIALIZE_TIMEOUT_MS gives the first value, 60000 when unset.
+    void SetInitializeTimeout(DWORD milliseconds);
     struct LifetimeCounts {
         LONG initializations = 0;  // provider objects initialised successfully
         LONG moduleLoads = 0;      // loads that found the provider's module not mapped before
         LONG unloads = 0;          // unloads that released provider objects
         LONG objects = 0;          // distinct provider objects held now
         LONG eventSinks = 0;       // sinks given to ProvideEvents still alive
+        LONG longestInitializeMs = 0;  // the longest a provider's Initialize held the service's thread
     };
     LifetimeCounts Counts();
     // A provider call starts or ends (the calls handed out by Provider count themselves).
@@ -126,6 +134,8 @@ private:
     bool m_settingsRead = false;
     bool m_separateRoles = false;
     DWORD m_clearAfter = 0;
+    DWORD m_freeDelay = 0;
+    DWORD m_initializeTimeout = 60000;
     LONG m_callsInFlight = 0;
     DWORD m_lastActivity = 0;  // tick count of the last provider call's end or subscription change
     std::wstring m_modulePath;  // the module the provider's class was loaded from

@@ -13,6 +13,7 @@
 // initialised on its own.
 #include <objbase.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -45,18 +46,37 @@ public:
 
 // What a provider reports from Initialize. Only SetStatus(WBEM_S_INITIALIZED, 0) makes it ready: a provider
 // that reports nothing, reports WBEM_E_FAILED or passes flags (reserved, must be 0) has not initialised.
+// The report may come from any thread, before or after Initialize returns ("IWbemProviderInit::Initialize":
+// the provider may "create a separate thread to complete its initialization and immediately return"); WMI
+// takes the provider as "fully capable of immediately servicing requests" from the moment it hears
+// WBEM_S_INITIALIZED ("IWbemProviderInitSink::SetStatus").
 class InitSink final : public ComObject<IWbemProviderInitSink> {
 public:
+    InitSink() : m_settled(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~InitSink() override { CloseHandle(m_settled); }
     HRESULT STDMETHODCALLTYPE SetStatus(LONG lStatus, LONG lFlags) override {
         std::lock_guard<std::mutex> guard(m_lock);
         if (lFlags != 0) {
             m_refused = true;
+            SetEvent(m_settled);
             return WBEM_E_INVALID_PARAMETER;
         }
         m_reported = true;
         m_status = lStatus;
+        SetEvent(m_settled);
         return WBEM_S_NO_ERROR;
     }
+    // Initialize returned: a failure settles the load, a success leaves it to SetStatus.
+    void Returned(HRESULT hr) {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_returned = true;
+        if (FAILED(hr)) {
+            m_refused = true;
+            SetEvent(m_settled);
+        }
+    }
+    // Waits until the provider settled its initialisation, at most the time given.
+    bool WaitSettled(DWORD milliseconds) { return WaitForSingleObject(m_settled, milliseconds) == WAIT_OBJECT_0; }
     bool Initialized() {
         std::lock_guard<std::mutex> guard(m_lock);
         return m_reported && !m_refused && m_status == WBEM_S_INITIALIZED;
@@ -64,8 +84,10 @@ public:
 
 private:
     std::mutex m_lock;
+    HANDLE m_settled;
     bool m_reported = false;
     bool m_refused = false;
+    bool m_returned = false;
     HRESULT m_status = WBEM_E_PROVIDER_LOAD_FAILURE;
 };
 
@@ -266,6 +288,18 @@ void Namespace::SetClearAfter(DWORD milliseconds) {
     m_serviceWake.notify_all();
 }
 
+void Namespace::SetFreeDelay(DWORD milliseconds) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_settingsRead = true;
+    m_freeDelay = milliseconds;
+}
+
+void Namespace::SetInitializeTimeout(DWORD milliseconds) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_settingsRead = true;
+    m_initializeTimeout = milliseconds;
+}
+
 void Namespace::SetSeparateRoles(bool separate) {
     std::lock_guard<std::mutex> guard(m_lock);
     m_settingsRead = true;
@@ -312,7 +346,11 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         knownModule = m_modulePath;
     }
     const bool wasMapped = ModuleMapped(knownModule);
-    HRESULT hr = WBEM_E_PROVIDER_LOAD_FAILURE;
+    DWORD initializeTimeout;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        initializeTimeout = m_initializeTimeout;
+    }
     IWbemProviderInit* init = nullptr;
     RunInMultithreadedApartment([&] {
         IClassFactory* factory = nullptr;
@@ -324,19 +362,43 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         factory->Release();
         if (FAILED(created) || init == nullptr) {
             init = nullptr;
-            return;
         }
-        IWbemServices* services = nullptr;
-        if (FAILED(CreateServices(IID_IWbemServices, reinterpret_cast<void**>(&services)))) {
-            return;
-        }
-        auto* initSink = new InitSink();
+    });
+    if (init == nullptr) {
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    IWbemServices* services = nullptr;
+    if (FAILED(CreateServices(IID_IWbemServices, reinterpret_cast<void**>(&services)))) {
+        init->Release();
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
+    // Initialize runs on a thread of the service's own; the request goes on from here as soon as the
+    // provider reports, whether Initialize has returned or not. The time Initialize held its thread is
+    // recorded: WMI allows a provider to hold none of its threads.
+    auto* initSink = new InitSink();
+    init->AddRef();
+    initSink->AddRef();
+    std::thread([this, init, services, initSink] {
+        const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        const DWORD started = GetTickCount();
         const HRESULT initialized =
             init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
+        const LONG held = static_cast<LONG>(GetTickCount() - started);
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_counts.longestInitializeMs = std::max(m_counts.longestInitializeMs, held);
+        }
+        initSink->Returned(initialized);
         services->Release();
-        hr = SUCCEEDED(initialized) && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
         initSink->Release();
-    });
+        init->Release();
+        if (SUCCEEDED(apartment)) {
+            CoUninitialize();
+        }
+    }).detach();
+    const bool settled = initSink->WaitSettled(initializeTimeout);
+    HRESULT hr = settled && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
+    initSink->Release();
     if (init == nullptr) {
         return WBEM_E_PROVIDER_LOAD_FAILURE;
     }
@@ -575,9 +637,14 @@ HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
     ReleaseAndClear(instanceRole);
     ReleaseAndClear(eventRole);
     ReleaseAndClear(eventSink);
-    // COM asks every DLL of the apartment that it loaded whether it can be unloaded, and frees those that
-    // answer S_OK, without delay.
-    RunInMultithreadedApartment([] { CoFreeUnusedLibrariesEx(0, 0); });
+    // COM asks every DLL of the apartment that it loaded whether it can be unloaded; one that answers S_OK
+    // is freed once the delay has passed (at once without one), if it still answers S_OK then.
+    DWORD freeDelay;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        freeDelay = m_freeDelay;
+    }
+    RunInMultithreadedApartment([freeDelay] { CoFreeUnusedLibrariesEx(freeDelay, 0); });
     *module_freed_out = !module.empty() && !ModuleMapped(module);
     std::lock_guard<std::mutex> guard(m_lock);
     m_freePending = !*module_freed_out && !module.empty() && m_provider == nullptr && m_eventProvider == nullptr;
@@ -594,6 +661,8 @@ void Namespace::StartServiceThread() {
         m_settingsRead = true;
         m_clearAfter = EnvironmentNumber(L"DORWEX_WMI_CLEAR_AFTER_MS", 0);
         m_separateRoles = EnvironmentNumber(L"DORWEX_WMI_SEPARATE_ROLES", 0) != 0;
+        m_freeDelay = EnvironmentNumber(L"DORWEX_WMI_FREE_DELAY_MS", 0);
+        m_initializeTimeout = EnvironmentNumber(L"DORWEX_WMI_INITIALIZE_TIMEOUT_MS", 60000);
     }
     // The thread belongs to the multithreaded apartment for the life of the process, so the apartment the
     // provider is loaded in outlives the short-lived threads that load and free it. Its code stays mapped
@@ -619,8 +688,9 @@ void Namespace::ServiceThread() {
     for (;;) {
         if (m_freePending) {
             const std::wstring module = m_modulePath;
+            const DWORD freeDelay = m_freeDelay;
             guard.unlock();
-            CoFreeUnusedLibrariesEx(0, 0);
+            CoFreeUnusedLibrariesEx(freeDelay, 0);
             guard.lock();
             if (!ModuleMapped(module) || m_provider != nullptr || m_eventProvider != nullptr) {
                 m_freePending = false;

@@ -164,6 +164,13 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                 } else {
                     device.latencyMicroseconds = static_cast<std::uint32_t>(microseconds);
                 }
+            } else if (name == "open_ms") {
+                std::uint64_t milliseconds = 0;
+                if (!ParseUnsigned(value, milliseconds) || milliseconds > 60000) {
+                    error("open_ms needs a count of milliseconds up to 60000");
+                } else {
+                    device.openMilliseconds = static_cast<std::uint32_t>(milliseconds);
+                }
             } else if (name == "minimal_driver" || name == "strict_creation" || name == "bulk_properties") {
                 bool& mode = name == "minimal_driver"    ? device.minimalDriver
                              : name == "strict_creation" ? device.strictCreation

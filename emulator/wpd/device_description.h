@@ -14,6 +14,8 @@
 //   strict_creation = yes                   (a new file object needs its content type and format)
 //   latency_us = 1000                       (each request that reaches the device takes this long;
 //                                            default 0)
+//   open_ms = 1000                          (opening a session takes this long, as an MTP OpenSession
+//                                            does; default 0)
 //   bulk_properties = no                    (the device offers no IPortableDevicePropertiesBulk;
 //                                            default yes)
 //   WPD_DEVICE_SERIAL_NUMBER = R58M123      (any WPD_DEVICE_* or WPD_OBJECT_* key of the root object)
@@ -62,6 +64,7 @@ struct DeviceDescription {
     bool minimalDriver = false;           // events carry only what every driver must send
     bool strictCreation = false;          // new files must name their content type and format
     std::uint32_t latencyMicroseconds = 0;  // time each request to the device takes
+    std::uint32_t openMilliseconds = 0;     // time opening a session takes
     bool bulkProperties = true;           // IPortableDevicePropertiesBulk is offered
     std::map<std::string, std::string> properties;  // WPD key name -> value text
     std::map<std::string, std::string> registry;    // device property name -> value

@@ -126,6 +126,9 @@ public:
             return kNotFound;
         }
         device->Request();  // the session is opened on the device
+        if (device->Description().openMilliseconds != 0) {
+            Sleep(device->Description().openMilliseconds);  // the device's OpenSession
+        }
         const HRESULT fault = device->Fault("Open");
         if (FAILED(fault)) {
             return fault;

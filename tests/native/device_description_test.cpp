@@ -18,6 +18,7 @@ TEST(DeviceDescription, ReadsEverySection) {
         "minimal_driver = yes\n"
         "strict_creation = true\n"
         "latency_us = 1500\n"
+        "open_ms = 1000\n"
         "bulk_properties = no\n"
         "WPD_DEVICE_SERIAL_NUMBER = R58M\n"
         "[registry]\n"
@@ -40,6 +41,7 @@ TEST(DeviceDescription, ReadsEverySection) {
     EXPECT_TRUE(device.minimalDriver);
     EXPECT_TRUE(device.strictCreation);
     EXPECT_EQ(device.latencyMicroseconds, 1500u);
+    EXPECT_EQ(device.openMilliseconds, 1000u);
     EXPECT_FALSE(device.bulkProperties);
     EXPECT_EQ(device.properties.at("WPD_DEVICE_SERIAL_NUMBER"), "R58M");
     EXPECT_EQ(device.registry.at("BBPIN"), "2A3B");
@@ -70,6 +72,7 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         {"[device]\nid = a\nstrict_creation =\n", "line 3: strict_creation needs yes or no"},
         {"[device]\nid = a\nbulk_properties = some\n", "line 3: bulk_properties needs yes or no"},
         {"[device]\nid = a\nlatency_us = fast\n", "line 3: latency_us needs a count of microseconds up to 10000000"},
+        {"[device]\nid = a\nopen_ms = 60001\n", "line 3: open_ms needs a count of milliseconds up to 60000"},
         {"[device]\nid = a\nlatency_us = 10000001\n",
          "line 3: latency_us needs a count of microseconds up to 10000000"},
         {"[device]\nid = a\n[fault]\nOpen = often\n",

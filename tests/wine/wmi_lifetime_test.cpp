@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <comdef.h>
+#include <dbt.h>
 #include <wbemcli.h>
 #include <wbemprov.h>
 #include <wrl/client.h>
@@ -79,6 +80,8 @@ struct Controls {
         find(loaded, "DorwexWmiProviderLoaded");
         find(subscriptions, "DorwexWmiSubscriptions");
         find(liveObjects, "DorwexWmiLiveObjects");
+        find(setFreeDelay, "DorwexWmiSetFreeDelay");
+        find(setInitializeTimeout, "DorwexWmiSetInitializeTimeout");
     }
     DorwexWmiProviderCounts Counts() const {
         DorwexWmiProviderCounts current{};
@@ -93,6 +96,8 @@ struct Controls {
     DorwexWmiProviderLoadedFunction loaded = nullptr;
     DorwexWmiSubscriptionsFunction subscriptions = nullptr;
     DorwexWmiLiveObjectsFunction liveObjects = nullptr;
+    DorwexWmiSetFreeDelayFunction setFreeDelay = nullptr;
+    DorwexWmiSetInitializeTimeoutFunction setInitializeTimeout = nullptr;
 };
 
 bool ProviderDllMapped() {
@@ -183,9 +188,11 @@ TEST(ProviderLifetime, UnloadLeavesNothingTheServiceGaveTheProviderAlive) {
     CountingSink consumer;
     ASSERT_EQ(services->ExecNotificationQueryAsync(_bstr_t(L"WQL"), _bstr_t(kEventQuery), 0, nullptr, &consumer),
               S_OK);
-    WriteThroughTheDeviceApi(L"counted.jpg");
-    ASSERT_TRUE(WaitUntil([&] { return consumer.indicated >= 1; }));
+    // The listing waits until the devices attached at the start are open: only then do their events reach
+    // the provider.
     EXPECT_EQ(ListPhone().status, S_OK);
+    WriteThroughTheDeviceApi(L"counted.jpg");
+    EXPECT_TRUE(WaitUntil([&] { return consumer.indicated >= 1; }));
     EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u);
     ASSERT_EQ(services->CancelAsyncCall(&consumer), S_OK);
 
@@ -278,6 +285,112 @@ TEST(ProviderLifetime, ASubscriptionMadeBeforeTheUnloadReceivesEventsAfterTheRel
     EXPECT_EQ(NextEventName(later.Get()), L"three.jpg");
     ASSERT_TRUE(g_emulator->WaitForEvents(5000));
     EXPECT_EQ(NextEvent(events.Get(), 200), nullptr) << "one event, delivered once";
+}
+
+// A phone announced to the provider's window as the system announces an arrival; true once it is published.
+bool ArrivalPublished(const std::string& id, const std::string& serial) {
+    g_emulator->Attach(PhoneSpec(id, "NOKIA", serial));
+    Notify(DBT_DEVICEARRIVAL, Wide(id));
+    const std::wstring query = L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = '" + Wide(serial) + L"'";
+    return WaitUntil([&] { return Query(Connect().Get(), query).size() == 1; });
+}
+
+const wchar_t kWindowClass[] = L"dorWEXWMIWPDHiddenWindowClass";
+
+bool ClassRegistered(HINSTANCE module) {
+    WNDCLASSEXW found{};
+    found.cbSize = sizeof(found);
+    return GetClassInfoExW(module, kWindowClass, &found) != FALSE;
+}
+
+// The system does not unregister a DLL's window classes when it unloads the DLL. A class left registered
+// names a window procedure in the old mapping: a reload at another address that used it would send the
+// window's first message into memory that is no longer the provider's.
+TEST(ProviderLifetime, AReloadAtAnotherAddressUsesAWindowClassOfItsOwn) {
+    const Controls controls;
+    ASSERT_EQ(ListPhone().status, S_OK);
+    const HMODULE first = GetModuleHandleW(kProviderDll);
+    ASSERT_NE(first, nullptr);
+    HWND window = nullptr;
+    ASSERT_TRUE(WaitUntil([&] { return (window = FindWindowW(kWindowClass, L"dorWEX14")) != nullptr; }));
+    EXPECT_EQ(reinterpret_cast<HMODULE>(GetClassLongPtrW(window, GCLP_HMODULE)), first)
+        << "the class is registered for another module than the provider's";
+    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(first);
+    const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(reinterpret_cast<const BYTE*>(first) + dos->e_lfanew);
+    const SIZE_T imageSize = nt->OptionalHeader.SizeOfImage;
+
+    UnloadAndExpectTheDllFreed(controls);
+    EXPECT_FALSE(ClassRegistered(first)) << "the class outlived the DLL";
+    EXPECT_FALSE(ClassRegistered(GetModuleHandleW(nullptr))) << "the class outlived the DLL";
+
+    // The old address range taken, the next load relocates the DLL.
+    void* reserved = VirtualAlloc(first, imageSize, MEM_RESERVE, PAGE_NOACCESS);
+    ASSERT_EQ(reserved, static_cast<void*>(first));
+    EXPECT_EQ(ListPhone().status, S_OK);
+    const HMODULE second = GetModuleHandleW(kProviderDll);
+    ASSERT_NE(second, nullptr);
+    EXPECT_NE(second, first) << "the DLL came back at its old address";
+    EXPECT_TRUE(ArrivalPublished("\\\\?\\usb#vid_0421&pid_0661#relocated#{6ac27878-a6fa-4155-ba85-f98f491d4f33}",
+                                 "RELOC1"));
+
+    UnloadAndExpectTheDllFreed(controls);
+    VirtualFree(reserved, 0, MEM_RELEASE);
+}
+
+// COM frees an unused multithreaded DLL only a while after DllCanUnloadNow allowed it, and a request in
+// that time reuses the mapped DLL: the monitor it starts then must not inherit the stopped one's state.
+TEST(ProviderLifetime, AModuleStillMappedAfterItsUnloadServesTheNextRequestWholly) {
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    const Controls controls;
+    ASSERT_EQ(ListPhone().status, S_OK);
+    controls.setFreeDelay(60000);
+    BOOL freed = TRUE;
+    ASSERT_EQ(controls.unload(&freed), S_OK);
+    EXPECT_FALSE(freed);
+    ASSERT_TRUE(ProviderDllMapped());
+    const DorwexWmiProviderCounts unloaded = controls.Counts();
+
+    auto events = Subscribe(services.Get());
+    ASSERT_TRUE(events);
+    EXPECT_EQ(ListPhone().status, S_OK);
+    WriteThroughTheDeviceApi(L"kept.jpg");
+    EXPECT_EQ(NextEventName(events.Get()), L"kept.jpg");
+    const Outcome listed = ListPhone();
+    EXPECT_NE(listed.returnValue.find(L"kept.jpg@"), std::wstring::npos) << listed.returnValue;
+    EXPECT_TRUE(ArrivalPublished("\\\\?\\usb#vid_0421&pid_0661#remapped#{6ac27878-a6fa-4155-ba85-f98f491d4f33}",
+                                 "REMAP1"));
+    EXPECT_EQ(controls.Counts().moduleLoads, unloaded.moduleLoads) << "the DLL was loaded anew";
+    EXPECT_EQ(controls.Counts().initializations, unloaded.initializations + 1);
+
+    controls.setFreeDelay(0);
+    UnloadAndExpectTheDllFreed(controls);
+}
+
+// WMI dispatches a request the moment the provider reports WBEM_S_INITIALIZED, and no provider may hold
+// the thread Initialize is called on. Opening a phone takes about a second: the devices attached at the
+// start are opened on the provider's own threads, and a request made meanwhile waits for them.
+TEST(ProviderLifetime, InitializeReturnsAtOnceAndTheFirstRequestSeesEveryAttachedDevice) {
+    const Controls controls;
+    const size_t published = Query(Connect().Get(), L"SELECT * FROM Win32ext_WPD").size();
+    BOOL freed = FALSE;
+    ASSERT_TRUE(SUCCEEDED(controls.unload(&freed)));
+    std::vector<EmulatedDeviceSpec> slow;
+    for (int index = 0; index < 3; ++index) {
+        const std::string number = std::to_string(index);
+        slow.push_back(PhoneSpec("usb#vid_04e8&pid_6860#slow" + number, "SAMSUNG Electronics", "SLOW" + number));
+        slow.back().deviceLines.push_back("open_ms = 1000");
+        g_emulator->Attach(slow.back());
+    }
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), published + slow.size());
+    EXPECT_LT(controls.Counts().longestInitializeMs, 1000) << "Initialize opened a device on WMI's thread";
+
+    for (const auto& spec : slow) {
+        g_emulator->Detach(spec);
+    }
+    ASSERT_TRUE(SUCCEEDED(controls.unload(&freed)));
 }
 
 class SeparateRoles : public testing::Test {
@@ -467,8 +580,10 @@ protected:
         ASSERT_TRUE(SUCCEEDED(controls.unload(&freed)));
         ASSERT_EQ(CoRegisterClassObject(kProviderClsid, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie),
                   S_OK);
+        controls.setInitializeTimeout(500);  // how long a provider that reports nothing is waited for
     }
     void TearDown() override {
+        controls.setInitializeTimeout(60000);
         CoRevokeClassObject(cookie);
         BOOL freed = FALSE;
         controls.unload(&freed);
@@ -484,8 +599,9 @@ protected:
     DWORD cookie = 0;
 };
 
-// Only SetStatus(WBEM_S_INITIALIZED, 0) makes a provider ready: without it nothing is dispatched and the
-// request fails with WBEM_E_PROVIDER_LOAD_FAILURE; flags other than 0 are refused.
+// Only SetStatus(WBEM_S_INITIALIZED, 0) makes a provider ready: without it (within the time the service
+// waits) nothing is dispatched and the request fails with WBEM_E_PROVIDER_LOAD_FAILURE; flags other than 0
+// are refused.
 TEST_P(ProviderInitialization, OnlyAReadyProviderIsCalled) {
     auto services = Connect();
     ASSERT_TRUE(services);
