@@ -311,6 +311,9 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         clsid = m_providerClsid;
         knownModule = m_modulePath;
     }
+    if (clsid == GUID_NULL) {
+        return WBEM_E_PROVIDER_NOT_FOUND;  // no __Win32Provider is registered for the class
+    }
     const bool wasMapped = ModuleMapped(knownModule);
     HRESULT hr = WBEM_E_PROVIDER_LOAD_FAILURE;
     IWbemProviderInit* init = nullptr;
@@ -458,7 +461,7 @@ HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
     {
         std::lock_guard<std::mutex> guard(m_lock);
         LoadLocked();
-        const auto definition = FindClass(query.className);
+        const auto definition = FindClassLocked(query.className);
         if (!definition) {
             return WBEM_E_INVALID_CLASS;
         }
