@@ -35,6 +35,9 @@ public:
         if (strNetworkResource == nullptr || !IsServedNamespace(strNetworkResource)) {
             return WBEM_E_INVALID_NAMESPACE;
         }
+        // The service has its repository loaded before a client connects: what the namespace holds (its
+        // compiled instances among them) exists before the client's first call.
+        Namespace::Get().Load();
         return CreateServices(IID_IWbemServices, reinterpret_cast<void**>(ppNamespace));
     }
 };

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "namespace.h"
+#include "repository.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -49,17 +50,10 @@ CompileStatus CheckArguments(const wchar_t* ns, LONG options, LONG classFlags, L
 
 // A MOF file's text: ANSI or UTF-8 as written, UTF-16 (with its byte-order mark) converted to UTF-8.
 bool ReadMof(const wchar_t* path, std::string& text, HRESULT& error) {
-    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
+    if (!ReadText(path, text)) {
         error = HRESULT_FROM_WIN32(GetLastError());
         return false;
     }
-    char buffer[4096];
-    DWORD read = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        text.append(buffer, read);
-    }
-    CloseHandle(file);
     if (text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0xFF && static_cast<unsigned char>(text[1]) == 0xFE) {
         const auto* wide = reinterpret_cast<const wchar_t*>(text.data() + 2);
         const int chars = static_cast<int>((text.size() - 2) / sizeof(wchar_t));
