@@ -71,7 +71,7 @@ bool WriteEntry(size_t statements, const std::wstring& defaultNamespace, const s
     CreateDirectoryW(directory.substr(0, cut).c_str(), nullptr);
     CreateDirectoryW(directory.c_str(), nullptr);
     wchar_t name[32];
-    swprintf(name, 32, L"\\%08zu.mof", RepositoryEntries().size() + 1);
+    swprintf(name, 32, L"\\%08lu.mof", static_cast<unsigned long>(RepositoryEntries().size() + 1));
     const int nsBytes = WideCharToMultiByte(CP_UTF8, 0, defaultNamespace.c_str(), -1, nullptr, 0, nullptr, nullptr);
     std::string ns(static_cast<size_t>(nsBytes > 0 ? nsBytes - 1 : 0), '\0');
     if (!ns.empty()) {

@@ -20,7 +20,13 @@ fail() {
 }
 
 rm -rf "$work" && mkdir -p "$work"
-trap 'bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null' EXIT
+# The prefix (some 700 MB) is kept only when the test failed, to look into.
+finish() {
+    local status=$?
+    bash "$root/tools/wine/prefix.sh" down "$prefix" >/dev/null
+    [ "$status" != 0 ] || rm -rf "$prefix"
+}
+trap finish EXIT
 bash "$root/tools/wine/prefix.sh" up "$prefix" >/dev/null
 dorwex_wine_environment "$prefix"
 wine=$(dorwex_find_wine)
