@@ -2,7 +2,8 @@
 # Installs the Debian packages the build and the tests need, when any is missing; packages named as
 # arguments (what one tool alone needs, such as gcovr for tools/coverage.sh) join the list.
 set -euo pipefail
-packages=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 googletest clang libclang-rt-14-dev "$@")
+packages=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 googletest clang libclang-rt-14-dev
+          wixl msitools osslsigncode openssl "$@")
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

@@ -1,6 +1,6 @@
 // The emulated WMI service as an in-process COM server: the locators (clients connect through
 // CLSID_WbemLocator, the provider's publication through CLSID_WbemAdministrativeLocator), the context
-// class, registration, and the control functions tests call directly.
+// class, the MOF compiler, registration, and the control functions tests call directly.
 #include <objbase.h>
 #include <wbemcli.h>
 
@@ -13,6 +13,7 @@
 #include "context.h"
 #include "control.h"
 #include "emulator/common/com_server.h"
+#include "mof_compiler.h"
 #include "namespace.h"
 
 namespace dorwex::emulator::wmi {
@@ -23,20 +24,6 @@ namespace {
 constexpr CLSID kCLSID_WbemAdministrativeLocator = {
     0xcb8555cc, 0x9128, 0x11d1, {0xad, 0x9b, 0x00, 0xc0, 0x4f, 0xd8, 0xfd, 0xff}};
 
-bool IsOurNamespace(const wchar_t* resource) {
-    if (resource == nullptr) {
-        return false;
-    }
-    std::wstring name(resource);
-    std::replace(name.begin(), name.end(), L'/', L'\\');
-    for (const wchar_t* prefix : {L"\\\\.\\", L"\\\\localhost\\"}) {
-        if (_wcsnicmp(name.c_str(), prefix, wcslen(prefix)) == 0) {
-            name = name.substr(wcslen(prefix));
-        }
-    }
-    return _wcsicmp(name.c_str(), L"root\\cimv2") == 0;
-}
-
 class Locator final : public ComObject<IWbemLocator> {
 public:
     HRESULT STDMETHODCALLTYPE ConnectServer(const BSTR strNetworkResource, const BSTR, const BSTR, const BSTR, LONG,
@@ -45,9 +32,12 @@ public:
             return WBEM_E_INVALID_PARAMETER;
         }
         *ppNamespace = nullptr;
-        if (!IsOurNamespace(strNetworkResource)) {
+        if (strNetworkResource == nullptr || !IsServedNamespace(strNetworkResource)) {
             return WBEM_E_INVALID_NAMESPACE;
         }
+        // The service has its repository loaded before a client connects: what the namespace holds (its
+        // compiled instances among them) exists before the client's first call.
+        Namespace::Get().Load();
         return CreateServices(IID_IWbemServices, reinterpret_cast<void**>(ppNamespace));
     }
 };
@@ -61,6 +51,7 @@ const ServedClass kClasses[] = {
     {&CLSID_WbemLocator, Create<Locator>, L"Emulated WbemLocator"},
     {&kCLSID_WbemAdministrativeLocator, Create<Locator>, L"Emulated WbemAdministrativeLocator"},
     {&CLSID_WbemContext, Create<Context>, L"Emulated WbemContext"},
+    {&CLSID_MofCompiler, Create<MofCompiler>, L"Emulated MofCompiler"},
 };
 
 }  // namespace

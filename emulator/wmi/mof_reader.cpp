@@ -17,8 +17,25 @@ struct Token {
 
 class ReadError : public std::runtime_error {
 public:
-    ReadError(std::size_t line, const std::string& what) : std::runtime_error("line " + std::to_string(line) + ": " + what) {}
+    ReadError(std::size_t line, const std::string& what)
+        : std::runtime_error("line " + std::to_string(line) + ": " + what), m_line(line) {}
+    std::size_t Line() const { return m_line; }
+
+private:
+    std::size_t m_line;
 };
+
+bool SameName(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
 
 class Lexer {
 public:
@@ -109,18 +126,53 @@ public:
 
     void Run(Document& document) {
         while (m_token.kind != TokenKind::End) {
+            Statement statement;
+            statement.firstLine = m_token.line;
             if (IsPunctuation("#")) {
-                ReadPragma(document);
+                if (!ReadPragma(document)) {
+                    continue;
+                }
+                statement.kind = Statement::Kind::Deletion;
+                statement.index = document.deletions.size() - 1;
             } else if (IsIdentifier("instance")) {
                 document.instances.push_back(ReadInstance());
+                statement.kind = Statement::Kind::Instance;
+                statement.index = document.instances.size() - 1;
             } else {
                 document.classes.push_back(ReadClass());
+                statement.kind = Statement::Kind::Class;
+                statement.index = document.classes.size() - 1;
+            }
+            statement.lastLine = m_previousLine;
+            statement.ns = document.ns;
+            document.statements.push_back(statement);
+        }
+        // An alias stands for an instance of the same text.
+        for (const auto& statement : document.statements) {
+            if (statement.kind != Statement::Kind::Instance) {
+                continue;
+            }
+            for (const auto& value : document.instances[statement.index].values) {
+                if (value.second.isAlias && !HasAlias(document, value.second.text)) {
+                    throw ReadError(statement.firstLine, "undefined alias $" + value.second.text);
+                }
             }
         }
     }
 
 private:
-    void Advance() { m_token = m_lexer.Next(); }
+    void Advance() {
+        m_previousLine = m_token.line;
+        m_token = m_lexer.Next();
+    }
+    static bool HasAlias(const Document& document, const std::string& alias) {
+        for (const auto& instance : document.instances) {
+            if (!instance.alias.empty() && instance.alias == alias) {
+                return true;
+            }
+        }
+        return false;
+    }
     bool IsPunctuation(const char* text) const { return m_token.kind == TokenKind::Punctuation && m_token.text == text; }
     bool IsIdentifier(const char* text) const { return m_token.kind == TokenKind::Identifier && m_token.text == text; }
     [[noreturn]] void Fail(const std::string& what) const { throw ReadError(m_token.line, what); }
@@ -140,22 +192,44 @@ private:
         return text;
     }
 
-    void ReadPragma(Document& document) {
+    // True when the pragma was a deletion, which is then the document's last.
+    bool ReadPragma(Document& document) {
         Advance();
         if (!IsIdentifier("pragma")) {
             Fail("expected 'pragma' after '#'");
         }
         Advance();
         const std::string name = ExpectIdentifier("pragma name");
+        if (SameName(name, "autorecover")) {
+            return false;  // takes no argument; recovery lists do not concern this reader
+        }
         Expect("(");
         if (m_token.kind != TokenKind::String) {
             Fail("expected a string argument of #pragma " + name);
         }
-        if (name == "namespace") {
-            document.ns = m_token.text;
-        }
+        const std::string argument = m_token.text;
         Advance();
+        const bool deleteClass = SameName(name, "deleteclass");
+        const bool deleteInstance = SameName(name, "deleteinstance");
+        if (!deleteClass && !deleteInstance) {
+            if (SameName(name, "namespace")) {
+                document.ns = argument;
+            }
+            Expect(")");
+            return false;
+        }
+        Deletion deletion;
+        deletion.kind = deleteClass ? Deletion::Kind::Class : Deletion::Kind::Instance;
+        deletion.target = argument;
+        Expect(",");
+        const std::string flag = ExpectIdentifier("FAIL or NOFAIL");
+        if (!SameName(flag, "fail") && !SameName(flag, "nofail")) {
+            Fail("expected FAIL or NOFAIL, not " + flag);
+        }
+        deletion.failIfMissing = SameName(flag, "fail");
         Expect(")");
+        document.deletions.push_back(deletion);
+        return true;
     }
 
     // [a, b("x"), c(3)]: each qualifier as written, with its argument when it has one.
@@ -312,23 +386,8 @@ private:
 
     Lexer m_lexer;
     Token m_token;
+    std::size_t m_previousLine = 1;  // the line of the token before m_token: where a statement ended
 };
-
-}  // namespace
-
-namespace {
-
-bool SameName(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -357,6 +416,7 @@ ReadResult Read(std::string_view text) {
         parser.Run(result.document);
     } catch (const ReadError& error) {
         result.error = error.what();
+        result.errorLine = error.Line();
     }
     return result;
 }

@@ -1,7 +1,8 @@
-// Reads the subset of the Managed Object Format that the provider's MOF uses: #pragma namespace, class
-// declarations with qualifiers, properties and methods, and "instance of" blocks with aliases. The
-// emulated WMI service builds its classes and its provider registration from it; tests compare it with the
-// schema constants. Pure logic, no Windows headers.
+// Reads the subset of the Managed Object Format that the provider's MOFs use: #pragma namespace, class
+// declarations with qualifiers, properties and methods, "instance of" blocks with aliases, and the
+// #pragma deleteclass / deleteinstance commands of an uninstall MOF. The emulated WMI service builds its
+// classes and its provider registration from it and compiles with it; tests compare it with the schema
+// constants. Pure logic, no Windows headers.
 #pragma once
 
 #include <map>
@@ -71,10 +72,31 @@ struct Instance {
     std::map<std::string, Value> values;
 };
 
+// #pragma deleteclass("Class", FAIL|NOFAIL) or deleteinstance("Class.key=value", FAIL|NOFAIL).
+struct Deletion {
+    enum class Kind { Class, Instance };
+    Kind kind = Kind::Class;
+    std::string target;         // the class name or the instance's object path, unescaped
+    bool failIfMissing = true;  // FAIL: the compile stops when there is nothing to delete
+};
+
+// The statements in the order of the text, as a compiler applies them: the kind, the index into the
+// document's list of that kind, the lines it spans, and the namespace in force.
+struct Statement {
+    enum class Kind { Class, Instance, Deletion };
+    Kind kind = Kind::Class;
+    std::size_t index = 0;
+    std::size_t firstLine = 0;
+    std::size_t lastLine = 0;
+    std::string ns;
+};
+
 struct Document {
-    std::string ns;  // from #pragma namespace, e.g. "\\.\root\cimv2"
+    std::string ns;  // from the last #pragma namespace, e.g. "\\.\root\cimv2"
     std::vector<Class> classes;
     std::vector<Instance> instances;
+    std::vector<Deletion> deletions;
+    std::vector<Statement> statements;
 
     const Class* FindClass(std::string_view name) const;
 };
@@ -82,6 +104,7 @@ struct Document {
 struct ReadResult {
     Document document;
     std::string error;  // "line N: ..." when the text could not be read; the document is then partial
+    std::size_t errorLine = 0;
 };
 
 ReadResult Read(std::string_view text);

@@ -3,102 +3,12 @@
 #include <objbase.h>
 #include <oleauto.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <cwctype>
-
-#include "mof_reader.h"
 
 namespace dorwex::emulator::wmi {
 
 namespace {
-
-std::wstring Widen(const std::string& text) {
-    std::wstring wide;
-    if (!text.empty()) {
-        const int count = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-        wide.resize(static_cast<size_t>(count));
-        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], count);
-    }
-    return wide;
-}
-
-CIMTYPE CimType(const std::string& mofType) {
-    static const struct {
-        const char* name;
-        CIMTYPE type;
-    } kTypes[] = {
-        {"string", CIM_STRING}, {"boolean", CIM_BOOLEAN}, {"uint8", CIM_UINT8},     {"sint8", CIM_SINT8},
-        {"uint16", CIM_UINT16}, {"sint16", CIM_SINT16},   {"uint32", CIM_UINT32},   {"sint32", CIM_SINT32},
-        {"uint64", CIM_UINT64}, {"sint64", CIM_SINT64},   {"real32", CIM_REAL32},   {"real64", CIM_REAL64},
-        {"datetime", CIM_DATETIME},
-    };
-    for (const auto& known : kTypes) {
-        if (_stricmp(known.name, mofType.c_str()) == 0) {
-            return known.type;
-        }
-    }
-    return CIM_STRING;
-}
-
-std::vector<QualifierDefinition> Qualifiers(const mof::Qualifiers& declared) {
-    std::vector<QualifierDefinition> qualifiers;
-    for (const mof::Qualifier& qualifier : declared) {
-        QualifierDefinition defined;
-        defined.name = Widen(qualifier.name);
-        switch (qualifier.kind) {
-            case mof::Qualifier::Kind::String:
-                defined.type = VT_BSTR;
-                defined.text = Widen(qualifier.value);
-                break;
-            case mof::Qualifier::Kind::Number:
-                defined.type = VT_I4;
-                defined.number = std::strtol(qualifier.value.c_str(), nullptr, 0);
-                break;
-            case mof::Qualifier::Kind::Identifier:
-                defined.flag = _stricmp(qualifier.value.c_str(), "false") != 0;
-                break;
-            case mof::Qualifier::Kind::Flag:
-                break;
-        }
-        qualifiers.push_back(defined);
-    }
-    return qualifiers;
-}
-
-// Every property's qualifiers also hold its CIM type as text, as WMI adds it.
-PropertyDefinition Property(const std::string& name, const std::string& type, const mof::Qualifiers& declared) {
-    PropertyDefinition property{Widen(name), CimType(type), mof::FindQualifier(declared, "key") != nullptr,
-                                Qualifiers(declared)};
-    QualifierDefinition cimType;
-    cimType.name = L"CIMTYPE";
-    cimType.type = VT_BSTR;
-    cimType.text = Widen(type);
-    property.qualifiers.push_back(cimType);
-    return property;
-}
-
-std::shared_ptr<ClassDefinition> SystemClass(const wchar_t* name, std::vector<std::wstring> ancestors,
-                                             std::vector<PropertyDefinition> properties) {
-    auto definition = std::make_shared<ClassDefinition>();
-    definition->name = name;
-    definition->ancestors = std::move(ancestors);
-    definition->properties = std::move(properties);
-    return definition;
-}
-
-std::wstring MofPath() {
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = GetEnvironmentVariableW(L"DORWEX_WMI_MOF", path, MAX_PATH);
-    if (length > 0 && length < MAX_PATH) {
-        return path;
-    }
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&MofPath), &module);
-    GetModuleFileNameW(module, path, MAX_PATH);
-    std::wstring directory(path);
-    return directory.substr(0, directory.find_last_of(L'\\') + 1) + L"dorwex_wpd_provider.mof";
-}
 
 std::wstring Trim(const std::wstring& text) {
     const auto first = text.find_first_not_of(L" \t");
@@ -129,6 +39,17 @@ size_t FindKeyword(const std::wstring& text, const wchar_t* keyword, size_t from
 }
 
 }  // namespace
+
+bool IsServedNamespace(const std::wstring& path) {
+    std::wstring name(path);
+    std::replace(name.begin(), name.end(), L'/', L'\\');
+    for (const wchar_t* prefix : {L"\\\\.\\", L"\\\\localhost\\"}) {
+        if (_wcsnicmp(name.c_str(), prefix, wcslen(prefix)) == 0) {
+            name = name.substr(wcslen(prefix));
+        }
+    }
+    return _wcsicmp(name.c_str(), L"root\\cimv2") == 0;
+}
 
 bool ParseQuery(const wchar_t* text, Query& query) {
     if (text == nullptr) {
@@ -255,106 +176,18 @@ HRESULT Namespace::LoadLocked() {
         return m_loadResult;
     }
     m_loaded = true;
-    m_loadResult = WBEM_E_INITIALIZATION_FAILURE;
-    const std::wstring path = MofPath();
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        m_loadError = L"cannot open the MOF " + path;
-        return m_loadResult;
-    }
-    std::string text;
-    char buffer[4096];
-    DWORD read = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) {
-        text.append(buffer, read);
-    }
-    CloseHandle(file);
-    const mof::ReadResult mof = mof::Read(text);
-    if (!mof.error.empty()) {
-        m_loadError = path + L": " + Widen(mof.error);
-        return m_loadResult;
-    }
-
-    // The system classes the provider relies on.
-    const std::vector<std::wstring> systemRoot = {L"__SystemClass"};
-    m_classes.push_back(SystemClass(L"__ExtendedStatus", {L"__NotifyStatus", L"__SystemClass"},
-                                    {Property("Description", "string", {}), Property("Operation", "string", {}),
-                                     Property("ParameterInfo", "string", {}), Property("ProviderName", "string", {}),
-                                     Property("StatusCode", "uint32", {})}));
-    m_classes.push_back(SystemClass(L"__Event", systemRoot, {Property("TIME_CREATED", "uint64", {})}));
-    m_classes.push_back(SystemClass(L"__ExtrinsicEvent", {L"__Event", L"__SystemClass"},
-                                    {Property("TIME_CREATED", "uint64", {})}));
-
-    for (const mof::Class& declared : mof.document.classes) {
-        auto definition = std::make_shared<ClassDefinition>();
-        definition->name = Widen(declared.name);
-        definition->provider = Widen(declared.provider);
-        definition->qualifiers = Qualifiers(declared.qualifiers);
-        if (!declared.superclass.empty()) {
-            if (auto super = FindClass(Widen(declared.superclass))) {
-                definition->ancestors.push_back(super->name);
-                definition->ancestors.insert(definition->ancestors.end(), super->ancestors.begin(),
-                                             super->ancestors.end());
-                definition->properties = super->properties;
-            } else {
-                m_loadError = L"class " + definition->name + L" derives from the unknown " + Widen(declared.superclass);
-                return m_loadResult;
-            }
-        }
-        for (const mof::Property& property : declared.properties) {
-            definition->properties.push_back(Property(property.name, property.type, property.qualifiers));
-        }
-        for (const mof::Method& method : declared.methods) {
-            MethodDefinition defined;
-            defined.name = Widen(method.name);
-            defined.isStatic = method.isStatic;
-            defined.implemented = method.implemented;
-            defined.qualifiers = Qualifiers(method.qualifiers);
-            auto in = std::make_shared<ClassDefinition>();
-            auto out = std::make_shared<ClassDefinition>();
-            in->name = out->name = L"__PARAMETERS";
-            out->properties.push_back(Property("ReturnValue", method.returnType, {{"out", "", {}}}));
-            // Parameters carry their position as the ID qualifier, as WMI numbers them.
-            LONG id = 0;
-            for (const mof::Parameter& parameter : method.parameters) {
-                PropertyDefinition argument = Property(parameter.name, parameter.type, parameter.qualifiers);
-                if (FindQualifierDefinition(argument.qualifiers, L"ID") == nullptr) {
-                    QualifierDefinition position;
-                    position.name = L"ID";
-                    position.type = VT_I4;
-                    position.number = id;
-                    argument.qualifiers.push_back(position);
-                }
-                ++id;
-                (parameter.in ? in : out)->properties.push_back(argument);
-            }
-            if (!in->properties.empty()) {
-                defined.in = in;
-            }
-            defined.out = out;
-            definition->methods.push_back(defined);
-        }
-        m_classes.push_back(definition);
-    }
-    for (const mof::Instance& instance : mof.document.instances) {
-        if (instance.className == "__Win32Provider") {
-            const auto clsid = instance.values.find("ClsId");
-            if (clsid == instance.values.end() ||
-                FAILED(CLSIDFromString(Widen(clsid->second.text).c_str(), &m_providerClsid))) {
-                m_loadError = L"the provider registration has no valid ClsId";
-                return m_loadResult;
-            }
-            const auto name = instance.values.find("Name");
-            m_providerName = name != instance.values.end() ? Widen(name->second.text) : std::wstring();
-            const auto impersonation = instance.values.find("ImpersonationLevel");
-            m_providerImpersonates = impersonation != instance.values.end() && impersonation->second.text == "1";
-        }
-    }
-    m_loadResult = WBEM_S_NO_ERROR;
+    std::wstring error;
+    m_loadResult = ReplayLocked(error);
+    m_loadError = error;
     return m_loadResult;
 }
 
 std::shared_ptr<const ClassDefinition> Namespace::FindClass(const std::wstring& name) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return FindClassLocked(name);
+}
+
+std::shared_ptr<const ClassDefinition> Namespace::FindClassLocked(const std::wstring& name) {
     for (const auto& definition : m_classes) {
         if (_wcsicmp(definition->name.c_str(), name.c_str()) == 0) {
             return definition;

@@ -1,5 +1,8 @@
-// The one namespace the emulated WMI service holds (root\cimv2): its classes, read from the provider's MOF,
-// the provider registered for them, loaded as WMI loads it, and the event subscriptions of clients.
+// The one namespace the emulated WMI service holds (root\cimv2): its classes and static instances, the
+// provider registered for them, loaded as WMI loads it, and the event subscriptions of clients. What is in
+// it comes from a MOF read at the start (the provider's, when it lies next to the service's DLL or is named
+// by DORWEX_WMI_MOF) and from the MOFs compiled since through IMofCompiler, which the machine's repository
+// keeps for every later process.
 #pragma once
 
 #include <windows.h>
@@ -13,6 +16,7 @@
 #include <vector>
 
 #include "class_object.h"
+#include "mof_reader.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -33,6 +37,25 @@ struct Query {
 bool ParseQuery(const wchar_t* text, Query& query_out);
 bool MatchesQuery(IWbemClassObject* object, const Query& query);
 
+// Whether a namespace path names the one this service holds ("root\cimv2", "\\.\root\cimv2", ...).
+bool IsServedNamespace(const std::wstring& path);
+
+// What a compile reports, as WBEM_COMPILE_STATUS_INFO carries it: the phase that failed (0 none, 1 parsing,
+// 2 arguments, 3 storing), the error, and the object at fault (1-based) with its lines.
+struct CompileStatus {
+    LONG phase = 0;
+    HRESULT hr = WBEM_S_NO_ERROR;
+    LONG objectNumber = 0;
+    LONG firstLine = 0;
+    LONG lastLine = 0;
+};
+
+// A static instance compiled into the namespace (a provider registration, for example).
+struct StoredInstance {
+    std::shared_ptr<const ClassDefinition> definition;
+    IWbemClassObject* object = nullptr;  // owned by the namespace
+};
+
 class Namespace {
 public:
     static Namespace& Get();
@@ -41,6 +64,15 @@ public:
     HRESULT Load();
     std::wstring LoadError();
     std::shared_ptr<const ClassDefinition> FindClass(const std::wstring& name);
+
+    // --- Compiling (compile.cpp) ---
+    // Compiles MOF text as the MOF compiler does: statements are stored one after the other, so a failure
+    // leaves those before it stored; what was stored is kept in the repository for later processes.
+    // default_namespace applies to statements before any #pragma namespace (null: root\default).
+    // check_only reads the text and stores nothing.
+    CompileStatus Compile(const std::string& text, const std::wstring& default_namespace, bool check_only);
+    // Copies of the static instances of a class and of the classes derived from it.
+    std::vector<IWbemClassObject*> StaticInstances(const std::wstring& class_name);
 
     // The provider's IWbemServices for instance and method calls, loaded and initialised on first use (with
     // a reference for the caller). What it hands out counts as a call in flight until it is released: the
@@ -95,6 +127,20 @@ public:
 private:
     Namespace() = default;
     HRESULT LoadLocked();
+    std::shared_ptr<const ClassDefinition> FindClassLocked(const std::wstring& name);
+
+    // Under m_lock: the store emptied to the system classes, then what a process starts with (the MOF
+    // read at the start, then every compile the repository kept).
+    void ResetStoreLocked();
+    HRESULT ReplayLocked(std::wstring& error_out);
+    // Applies the first `count` statements of a document; stops at the first that fails.
+    CompileStatus ApplyLocked(const mof::Document& document, const std::wstring& default_namespace, size_t count);
+    HRESULT ApplyClassLocked(const mof::Class& declared);
+    HRESULT ApplyInstanceLocked(const mof::Instance& declared, std::vector<std::pair<std::string, std::wstring>>& aliases);
+    HRESULT ApplyDeletionLocked(const mof::Deletion& deletion);
+    void RemoveClassLocked(const std::wstring& name);
+    // The provider registration (class id, name, impersonation) from the stored __Win32Provider.
+    void RefreshProviderLocked();
 
     // Under m_roleLock: the role objects, made (and initialised) when missing.
     HRESULT EnsureInstanceRole();
@@ -121,6 +167,7 @@ private:
     HRESULT m_loadResult = S_OK;
     std::wstring m_loadError;
     std::vector<std::shared_ptr<ClassDefinition>> m_classes;
+    std::vector<StoredInstance> m_instances;
     CLSID m_providerClsid{};
     std::wstring m_providerName;
     bool m_providerImpersonates = false;

@@ -345,6 +345,9 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         clsid = m_providerClsid;
         knownModule = m_modulePath;
     }
+    if (clsid == GUID_NULL) {
+        return WBEM_E_PROVIDER_NOT_FOUND;  // no __Win32Provider is registered for the class
+    }
     const bool wasMapped = ModuleMapped(knownModule);
     DWORD initializeTimeout;
     {
@@ -520,7 +523,7 @@ HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
     {
         std::lock_guard<std::mutex> guard(m_lock);
         LoadLocked();
-        const auto definition = FindClass(query.className);
+        const auto definition = FindClassLocked(query.className);
         if (!definition) {
             return WBEM_E_INVALID_CLASS;
         }

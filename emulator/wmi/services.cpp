@@ -570,16 +570,18 @@ private:
                 return WBEM_E_INVALID_QUERY;
             }
         }
-        if (definition->provider.empty()) {
-            return WBEM_S_NO_ERROR;  // static classes have no instances here
-        }
         ProviderResult result;
-        const OwnedText className(definition->name);
-        CallProvider(L"CreateInstanceEnum", definition->name,
-                     [&](IWbemServices* provider, IWbemObjectSink* sink) {
-                         return provider->CreateInstanceEnumAsync(className.get(), lFlags, pCtx, sink);
-                     },
-                     result);
+        if (definition->provider.empty()) {
+            // A static class answers the instances compiled into the namespace.
+            result.objects = Namespace::Get().StaticInstances(definition->name);
+        } else {
+            const OwnedText className(definition->name);
+            CallProvider(L"CreateInstanceEnum", definition->name,
+                         [&](IWbemServices* provider, IWbemObjectSink* sink) {
+                             return provider->CreateInstanceEnumAsync(className.get(), lFlags, pCtx, sink);
+                         },
+                         result);
+        }
         hr = result.hr;
         for (auto* object : result.objects) {
             ClassObject* ours = AsClassObject(object);

@@ -1,10 +1,13 @@
 // The provider's MOF declares exactly what the schema constants in code say.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "emulator/wmi/mof_reader.h"
+#include "emulator/wmi/wbem_path.h"
 #include "wmi/schema.h"
 
 namespace {
@@ -30,13 +33,21 @@ const char* MofType(schema::ValueType type) {
     }
 }
 
-dorwex::mof::Document ReadProviderMof() {
-    std::ifstream file(DORWEX_PROVIDER_MOF);
+dorwex::mof::Document ReadMof(const char* path) {
+    std::ifstream file(path);
     std::stringstream text;
     text << file.rdbuf();
     const auto result = dorwex::mof::Read(text.str());
-    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.error, "") << path;
     return result.document;
+}
+
+dorwex::mof::Document ReadProviderMof() {
+    return ReadMof(DORWEX_PROVIDER_MOF);
+}
+
+std::wstring Widen(const std::string& text) {
+    return std::wstring(text.begin(), text.end());
 }
 
 TEST(SchemaAndMof, ProviderRegistration) {
@@ -108,6 +119,89 @@ TEST(SchemaAndMof, EventClass) {
     }
 }
 
+// What the installer compiles on removal (and to roll back a failed installation) deletes every class
+// and every registration the provider's MOF declares, classes first, the provider itself last.
+TEST(SchemaAndMof, UninstallMofDeletesWhatTheMofDeclares) {
+    const auto mof = ReadProviderMof();
+    const auto uninstall = ReadMof(DORWEX_UNINSTALL_MOF);
+    using Deletion = dorwex::mof::Deletion;
+    EXPECT_EQ(uninstall.ns, mof.ns);
+    EXPECT_TRUE(uninstall.classes.empty());
+    EXPECT_TRUE(uninstall.instances.empty());
+    for (const auto& declared : mof.classes) {
+        const auto deletion = std::find_if(uninstall.deletions.begin(), uninstall.deletions.end(), [&](const Deletion& d) {
+            return d.kind == Deletion::Kind::Class && d.target == declared.name;
+        });
+        ASSERT_NE(deletion, uninstall.deletions.end()) << "class " << declared.name << " is not deleted";
+        EXPECT_FALSE(deletion->failIfMissing) << "a machine where the class never arrived stops the removal";
+    }
+    const auto& provider = *std::find_if(mof.instances.begin(), mof.instances.end(),
+                                         [](const auto& i) { return i.className == "__Win32Provider"; });
+    const std::wstring providerPath = L"__Win32Provider.Name=\"" + Widen(provider.values.at("Name").text) + L"\"";
+    std::vector<std::string> deletedInstances;
+    for (const auto& deletion : uninstall.deletions) {
+        if (deletion.kind != Deletion::Kind::Instance) {
+            continue;
+        }
+        EXPECT_FALSE(deletion.failIfMissing) << deletion.target;
+        const auto path = dorwex::emulator::wmi::ParseWbemPath(Widen(deletion.target));
+        ASSERT_TRUE(path) << deletion.target << " is no object path";
+        ASSERT_EQ(path->keys.size(), 1u) << deletion.target;
+        // The provider by its name, each registration by its reference to the provider.
+        const std::wstring expected =
+            path->className == L"__Win32Provider" ? Widen(provider.values.at("Name").text) : providerPath;
+        EXPECT_EQ(path->keys[0].text, expected) << deletion.target;
+        deletedInstances.emplace_back(path->className.begin(), path->className.end());
+    }
+    for (const auto& instance : mof.instances) {
+        EXPECT_NE(std::find(deletedInstances.begin(), deletedInstances.end(), instance.className), deletedInstances.end())
+            << instance.className << " is not deleted";
+    }
+    ASSERT_FALSE(uninstall.statements.empty());
+    const auto& last = uninstall.deletions[uninstall.statements.back().index];
+    EXPECT_EQ(last.target.rfind("__Win32Provider.", 0), 0u) << "the provider goes last, after what refers to it";
+    EXPECT_EQ(uninstall.deletions[uninstall.statements.front().index].kind, Deletion::Kind::Class)
+        << "the classes go first, so WMI routes nothing to the provider while its registration goes";
+}
+
+// Statements in the order of the text with the lines they span; deletions as a compiler applies them.
+TEST(MofReader, StatementsInTheirOrderWithDeletionsAndLines) {
+    const auto read = dorwex::mof::Read(
+        "#pragma namespace(\"\\\\\\\\.\\\\root\\\\cimv2\")\n"
+        "#pragma autorecover\n"
+        "#pragma deleteclass(\"Old\", nofail)\n"
+        "class A\n{\n  [key] string k;\n};\n"
+        "instance of A as $a { k = \"x\"; };\n"
+        "instance of B { r = $a; };\n"
+        "#pragma DeleteInstance(\"A.k=\\\"x\\\"\", FAIL)\n");
+    ASSERT_EQ(read.error, "");
+    const auto& document = read.document;
+    using Kind = dorwex::mof::Statement::Kind;
+    struct Expected {
+        Kind kind;
+        std::size_t index;
+        std::size_t firstLine;
+        std::size_t lastLine;
+    };
+    const Expected expected[] = {{Kind::Deletion, 0, 3, 3}, {Kind::Class, 0, 4, 7}, {Kind::Instance, 0, 8, 8},
+                                 {Kind::Instance, 1, 9, 9},  {Kind::Deletion, 1, 10, 10}};
+    ASSERT_EQ(document.statements.size(), std::size(expected));
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(document.statements[i].kind, expected[i].kind);
+        EXPECT_EQ(document.statements[i].index, expected[i].index);
+        EXPECT_EQ(document.statements[i].firstLine, expected[i].firstLine);
+        EXPECT_EQ(document.statements[i].lastLine, expected[i].lastLine);
+        EXPECT_EQ(document.statements[i].ns, "\\\\.\\root\\cimv2");
+    }
+    EXPECT_EQ(document.deletions[0].target, "Old");
+    EXPECT_FALSE(document.deletions[0].failIfMissing);
+    EXPECT_EQ(document.deletions[1].kind, dorwex::mof::Deletion::Kind::Instance);
+    EXPECT_EQ(document.deletions[1].target, "A.k=\"x\"") << "unescaped once, as the MOF string says";
+    EXPECT_TRUE(document.deletions[1].failIfMissing);
+    EXPECT_TRUE(document.instances[1].values.at("r").isAlias);
+}
+
 TEST(MofReader, KeepsEachQualifierWithItsArgument) {
     const auto read = dorwex::mof::Read(
         "[Dynamic, Provider(\"P\"), Version(3), Locale(en)] class A {\n"
@@ -152,6 +246,9 @@ TEST(MofReader, ReportsTheLineOfWhatItCannotRead) {
         {"class A {\n", "line 2: class A is not closed"},
         {"[key, Key] class A { };", "line 1: qualifier Key is given twice"},
         {"[provider(,)] class A { };", "line 1: expected a qualifier argument"},
+        {"#pragma deleteclass(\"A\")", "line 1: expected ',' before ')'"},
+        {"#pragma deleteclass(\"A\", maybe)", "line 1: expected FAIL or NOFAIL, not maybe"},
+        {"class A { [key] string k; };\ninstance of A { k = $nobody; };", "line 2: undefined alias $nobody"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(dorwex::mof::Read(c.text).error, c.error) << c.text;
