@@ -34,7 +34,8 @@ public:
                                       const wchar_t* pwcharObjectInfo_in, DWORD dwordNumber_in) = 0;
 
     // Why the device will not act on a storage path, or null when it will: a path over the length limit
-    // names nothing, and an operation that changes content needs a storage the device has.
+    // names nothing, an operation that changes content needs a storage the device has, and a device whose
+    // write access was denied (open for reading only) changes nothing.
     virtual const wchar_t* RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in,
                                               bool boolChangesContent_in) const = 0;
     // Content operations; each chooses its variant by the manufacturer class.
@@ -48,7 +49,8 @@ public:
     // 1 when the object was deleted, else 0.
     virtual int DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) = 0;
     virtual HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) = 0;
-    // Copy, then delete; 1 when the copy succeeded, whatever the delete did.
+    // Copy, then delete; 1 when the copy succeeded, whatever the delete did. A device open for reading only
+    // copies nothing and answers 0.
     virtual int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) = 0;
 
     // A snapshot of the identity: it does not change under the caller, whatever other threads do.

@@ -125,6 +125,9 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
     Trace(L"CDorWEXWPDObject::CreatePortableDevice 1, %x\n", l_HRESULT);
     if (m_pIPortableDevice && m_pIPortableDeviceValuesClientInfo) {
         l_HRESULT = m_pIPortableDevice->Open(pwcharDeviceId_in, m_pIPortableDeviceValuesClientInfo.Get());
+        if (l_HRESULT == E_ACCESSDENIED) {
+            l_HRESULT = OpenForReadingOnly(pwcharDeviceId_in, l_HRESULT);
+        }
     }
 
     if (SUCCEEDED(l_HRESULT)) {
@@ -174,6 +177,23 @@ HRESULT CDorWEXWPDObject::InitializeWPD(const wchar_t* pwcharDeviceId_in) {
         break;
     }
     Trace(L"CDorWEXWPDObject::InitializeWPD, %x\n", l_HRESULT);
+    return l_HRESULT;
+}
+
+// Write access denied (a policy that keeps portable devices read-only sets the device's ACL so): Open asks
+// again for reading only, as its documentation tells a client that writes to do. Listing, properties, copies
+// off the device and events then work; changes of content are refused before the device is asked.
+HRESULT CDorWEXWPDObject::OpenForReadingOnly(const wchar_t* pwcharDeviceId_in, HRESULT hrDenied_in) {
+    Trace(L"CDorWEXWPDObject::InitializeWPD, Open 0x%08x, opening again for reading only.\n", hrDenied_in);
+    HRESULT l_HRESULT =
+        m_pIPortableDeviceValuesClientInfo->SetUnsignedIntegerValue(WPD_CLIENT_DESIRED_ACCESS, GENERIC_READ);
+    if (FAILED(l_HRESULT)) {
+        Trace(L"! Failed to set WPD_CLIENT_DESIRED_ACCESS, l_HRESULT = 0x%lx\n", l_HRESULT);
+        return hrDenied_in;  // asked again with the default, the device would refuse again
+    }
+    l_HRESULT = m_pIPortableDevice->Open(pwcharDeviceId_in, m_pIPortableDeviceValuesClientInfo.Get());
+    Trace(L"CDorWEXWPDObject::InitializeWPD, Open for reading only, %x\n", l_HRESULT);
+    m_boolReadOnly = SUCCEEDED(l_HRESULT);
     return l_HRESULT;
 }
 

@@ -28,6 +28,8 @@ public:
     // Why a storage path is refused.
     static constexpr wchar_t kPathTooLong[] = L"The storage path is longer than 260 characters";
     static constexpr wchar_t kNoSuchStorage[] = L"The device has no storage of that name";
+    // Why a change of content is refused on a device that could be opened for reading only.
+    static constexpr wchar_t kWriteDenied[] = L"Write access to the device is denied";
 
     using Manufacturer = dorwex::Manufacturer;
 
@@ -115,11 +117,16 @@ private:
     Microsoft::WRL::ComPtr<IdorWEXWPDApple> m_IdorWEXWPDAppleCOMPtr;  // guarded by m_mutexApple
     std::unique_ptr<dorwex::CompanionRecord> m_pCompanionRecord;
     LONG m_longReserved = 0;
+    bool m_boolReadOnly = false;  // set while the device starts up, before it joins the collection
     mutable std::mutex m_mutexIdentity;  // guards the pointer only
     std::mutex m_mutexUpdate;            // one identity change at a time
     std::shared_ptr<const DeviceIdentity> m_pIdentity = std::make_shared<const DeviceIdentity>();
 
     void SetClientInformation();
+    // Opens the session again asking for GENERIC_READ after Open answered hrDenied_in (E_ACCESSDENIED).
+    HRESULT OpenForReadingOnly(const wchar_t* pwcharDeviceId_in, HRESULT hrDenied_in);
+    // True, after tracing the refusal, when the session is open for reading only: no change is asked for.
+    bool RefusesChanges(const wchar_t* pwcharOperation_in) const;
     void ReleaseEvents();
     // One storage's properties into the Disk1 or Disk2 members (index 0 or 1) and the summary text.
     void ReadStorage(IPortableDeviceProperties* pIPortableDeviceProperties_in,

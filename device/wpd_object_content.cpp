@@ -160,7 +160,7 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
 
 int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) {
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice enter.\n");
-    if (pwcharObjectStoragePath_in == nullptr) {
+    if (pwcharObjectStoragePath_in == nullptr || RefusesChanges(L"CDorWEXWPDObject::DeleteFileFromDevice")) {
         return 0;
     }
     int l_intResult = 0;
@@ -196,6 +196,9 @@ HRESULT CDorWEXWPDObject::DeleteWPDObject(const wchar_t* pTCHARObjectStoragePath
     if (Identity()->m_bstr_tDeviceId.length() != 0) {
         if (!SameName(Identity()->m_bstr_tDeviceId, pTCHARDeviceId_in)) {
             return E_FAIL;
+        }
+        if (RefusesChanges(L"CDorWEXWPDObject::DeleteWPDObject")) {
+            return E_ACCESSDENIED;
         }
         if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
             Microsoft::WRL::ComPtr<IdorWEXWPDApple> l_pApple;
@@ -266,6 +269,9 @@ HRESULT CDorWEXWPDObject::DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectI
 
 HRESULT CDorWEXWPDObject::CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) {
     Trace(L"CDorWEXWPDObject::CreateFolderOnDevice enter.\n");
+    if (RefusesChanges(L"CDorWEXWPDObject::CreateFolderOnDevice")) {
+        return E_ACCESSDENIED;
+    }
     switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return CreateFolderOnDevice3(pwcharParentPath_in, pwcharFolderName_in);

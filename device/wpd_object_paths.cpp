@@ -122,6 +122,10 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
 
 const wchar_t* CDorWEXWPDObject::RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in,
                                                    bool boolChangesContent_in) const {
+    // Write access was denied: no change, by whatever way the device's content is reached.
+    if (boolChangesContent_in && m_boolReadOnly) {
+        return kWriteDenied;
+    }
     // The companions' paths are theirs to read: an Apple path goes to the companion whole, a BlackBerry's
     // is a path on its share.
     const Manufacturer l_eManufacturer = Identity()->m_eManufacturer;
@@ -137,6 +141,14 @@ const wchar_t* CDorWEXWPDObject::RefusedStoragePath(const wchar_t* pwcharObjectS
         return kNoSuchStorage;
     }
     return nullptr;
+}
+
+bool CDorWEXWPDObject::RefusesChanges(const wchar_t* pwcharOperation_in) const {
+    if (!m_boolReadOnly) {
+        return false;
+    }
+    Trace(L"%s refused: %s.\n", pwcharOperation_in, kWriteDenied);
+    return true;
 }
 
 _bstr_t CDorWEXWPDObject::ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in) {

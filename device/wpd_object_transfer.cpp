@@ -78,6 +78,9 @@ HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* p
 _bstr_t CDorWEXWPDObject::CopyFileToDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in,
                                            const wchar_t* pwcharWriteToken_in, DWORD) {
     Trace(L"CDorWEXWPDObject::CopyFileToDevice enter.\n");
+    if (RefusesChanges(L"CDorWEXWPDObject::CopyFileToDevice")) {
+        return _bstr_t(kWriteDenied);
+    }
     switch (Identity()->m_eManufacturer) {
     case Manufacturer::BLACKBERRY:
         return CopyFileToDevice3(pwcharObjectStoragePath_in, pwcharFileToCopy_in, pwcharWriteToken_in);
@@ -254,9 +257,13 @@ HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in
 }
 
 // Copy, then delete: the object deleted is the one copied (its id, not its path looked up again), and only
-// after the copy arrived whole. 1 when the copy succeeded, whatever the delete did.
+// after the copy arrived whole. 1 when the copy succeeded, whatever the delete did. A device open for reading
+// only cannot delete: nothing is copied and the answer is 0, so no caller takes the source for gone.
 int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
                                          const wchar_t* pwcharLocalFileName_in) {
+    if (RefusesChanges(L"CDorWEXWPDObject::MoveFileFromDevice")) {
+        return 0;
+    }
     if (Identity()->m_eManufacturer == Manufacturer::APPLE) {
         return MoveFileFromDevice2(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }

@@ -35,6 +35,13 @@ HRESULT LastError() {
     return HRESULT_FROM_WIN32(GetLastError());
 }
 
+// A call that would change content and that the stand-in does not offer: refused by a read-only session
+// as every such call is, otherwise E_NOTIMPL.
+HRESULT NotOffered(const std::shared_ptr<DeviceSession>& session, const char* call) {
+    const HRESULT hr = session->WriteAccess(call);
+    return FAILED(hr) ? hr : E_NOTIMPL;
+}
+
 class ObjectEnumerator final : public ComObject<IEnumPortableDeviceObjectIDs> {
 public:
     ObjectEnumerator(std::shared_ptr<DeviceSession> session, std::vector<std::wstring> ids)
@@ -366,9 +373,10 @@ public:
                                                            GUID* pContext) override {
         return m_bulk.QueueByObjectFormat(pguidObjectFormat, pszParentObjectID, dwDepth, pKeys, pCallback, pContext);
     }
+    // Properties of stored objects are not written here; a read-only session refuses first.
     HRESULT STDMETHODCALLTYPE QueueSetValuesByObjectList(IPortableDeviceValuesCollection*,
                                                          IPortableDevicePropertiesBulkCallback*, GUID*) override {
-        return E_NOTIMPL;  // properties of stored objects are not written here
+        return NotOffered(m_session, "QueueSetValuesByObjectList");
     }
     HRESULT STDMETHODCALLTYPE Start(REFGUID pContext) override { return m_bulk.Start(pContext); }
     HRESULT STDMETHODCALLTYPE Cancel(REFGUID pContext) override { return m_bulk.Cancel(pContext); }
@@ -403,9 +411,11 @@ public:
         return E_NOTIMPL;
     }
     HRESULT STDMETHODCALLTYPE SetValues(LPCWSTR, IPortableDeviceValues*, IPortableDeviceValues**) override {
-        return E_NOTIMPL;
+        return NotOffered(m_session, "SetValues");
     }
-    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override {
+        return NotOffered(m_session, "DeleteProperties");
+    }
     HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
 
 private:
@@ -461,10 +471,12 @@ public:
     HRESULT STDMETHODCALLTYPE GetResourceAttributes(LPCWSTR, REFPROPERTYKEY, IPortableDeviceValues**) override {
         return E_NOTIMPL;
     }
-    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Delete(LPCWSTR, IPortableDeviceKeyCollection*) override {
+        return NotOffered(m_session, "DeleteResources");
+    }
     HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
     HRESULT STDMETHODCALLTYPE CreateResource(IPortableDeviceValues*, IStream**, DWORD*, LPWSTR*) override {
-        return E_NOTIMPL;
+        return NotOffered(m_session, "CreateResource");
     }
 
 private:
@@ -528,7 +540,7 @@ public:
         if (ppszObjectID != nullptr) {
             *ppszObjectID = nullptr;
         }
-        HRESULT hr = m_session->DeviceCall("CreateObjectWithPropertiesOnly");
+        HRESULT hr = m_session->WriteCall("CreateObjectWithPropertiesOnly");
         if (FAILED(hr)) {
             return hr;
         }
@@ -570,7 +582,7 @@ public:
         if (ppszCookie != nullptr) {
             *ppszCookie = nullptr;
         }
-        HRESULT hr = m_session->DeviceCall("CreateObjectWithPropertiesAndData");
+        HRESULT hr = m_session->WriteCall("CreateObjectWithPropertiesAndData");
         if (FAILED(hr)) {
             return hr;
         }
@@ -619,7 +631,7 @@ public:
         if (ppResults != nullptr) {
             *ppResults = nullptr;
         }
-        HRESULT hr = m_session->DeviceCall("Delete");
+        HRESULT hr = m_session->WriteCall("Delete");
         if (FAILED(hr)) {
             return hr;
         }
@@ -661,11 +673,11 @@ public:
     HRESULT STDMETHODCALLTYPE Cancel() override { return m_session->Attached(); }
     HRESULT STDMETHODCALLTYPE Move(IPortableDevicePropVariantCollection*, LPCWSTR,
                                    IPortableDevicePropVariantCollection**) override {
-        return E_NOTIMPL;
+        return NotOffered(m_session, "Move");
     }
     HRESULT STDMETHODCALLTYPE Copy(IPortableDevicePropVariantCollection*, LPCWSTR,
                                    IPortableDevicePropVariantCollection**) override {
-        return E_NOTIMPL;
+        return NotOffered(m_session, "Copy");
     }
 
 private:

@@ -178,6 +178,12 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                 if (!ParseSwitch(value, mode)) {
                     error(name + " needs yes or no");
                 }
+            } else if (name == "write_access") {
+                if (value == "allowed" || value == "denied") {
+                    device.writeDenied = value == "denied";
+                } else {
+                    error("write_access needs allowed or denied");
+                }
             } else if (name.rfind("WPD_", 0) == 0) {
                 device.properties[name] = value;
             } else {

@@ -18,6 +18,10 @@
 //                                            does; default 0)
 //   bulk_properties = no                    (the device offers no IPortableDevicePropertiesBulk;
 //                                            default yes)
+//   write_access = denied                   (as under a policy that denies writing to portable devices:
+//                                            Open asking for write access, as it does by default, answers
+//                                            E_ACCESSDENIED; Open for GENERIC_READ only works; default
+//                                            allowed)
 //   WPD_DEVICE_SERIAL_NUMBER = R58M123      (any WPD_DEVICE_* or WPD_OBJECT_* key of the root object)
 //   [registry]                              (what IPortableDeviceManager::GetDeviceProperty answers)
 //   BBPIN = 2A3B4C5D
@@ -66,6 +70,7 @@ struct DeviceDescription {
     std::uint32_t latencyMicroseconds = 0;  // time each request to the device takes
     std::uint32_t openMilliseconds = 0;     // time opening a session takes
     bool bulkProperties = true;           // IPortableDevicePropertiesBulk is offered
+    bool writeDenied = false;             // sessions with write access are refused
     std::map<std::string, std::string> properties;  // WPD key name -> value text
     std::map<std::string, std::string> registry;    // device property name -> value
     std::vector<StorageDescription> storages;

@@ -15,7 +15,9 @@ namespace dorwex::emulator {
 
 class DeviceSession {
 public:
-    explicit DeviceSession(std::shared_ptr<EmulatedDevice> device) : m_device(std::move(device)) {}
+    // writable: the session was opened with write access (GENERIC_WRITE in WPD_CLIENT_DESIRED_ACCESS).
+    DeviceSession(std::shared_ptr<EmulatedDevice> device, bool writable)
+        : m_device(std::move(device)), m_writable(writable) {}
 
     EmulatedDevice& Device() const { return *m_device; }
     const std::shared_ptr<EmulatedDevice>& SharedDevice() const { return m_device; }
@@ -44,6 +46,24 @@ public:
         m_device->Request();
         return m_device->Fault(call);
     }
+    // A call that would change content. A session opened without write access refuses it with
+    // E_ACCESSDENIED before it reaches the device (the I/O manager checks the access of the handle a
+    // command comes through); the refusal is counted as a call but is no request.
+    HRESULT WriteAccess(const char* call) const {
+        if (m_ended) {
+            return kSessionClosed;
+        }
+        if (!m_writable) {
+            m_device->CountCall(call);
+            return E_ACCESSDENIED;
+        }
+        return S_OK;
+    }
+    // A call that changes content and that the device answers: WriteAccess, then as DeviceCall.
+    HRESULT WriteCall(const char* call) const {
+        const HRESULT hr = WriteAccess(call);
+        return FAILED(hr) ? hr : DeviceCall(call);
+    }
     // The session and the device's presence, without counting a call.
     HRESULT Reachable() const {
         if (m_ended) {
@@ -54,6 +74,7 @@ public:
 
 private:
     const std::shared_ptr<EmulatedDevice> m_device;
+    const bool m_writable;
     std::atomic<bool> m_ended{false};
 };
 

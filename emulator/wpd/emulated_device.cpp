@@ -174,6 +174,11 @@ ULONG EmulatedDevice::Requests(bool reset) {
     return requests;
 }
 
+void EmulatedDevice::CountCall(const char* call) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    ++m_calls[call];
+}
+
 ULONG EmulatedDevice::CallCount(const std::string& call) {
     std::lock_guard<std::mutex> guard(m_lock);
     const auto it = m_calls.find(call);

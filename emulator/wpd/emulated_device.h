@@ -45,6 +45,8 @@ public:
     // Counts the call and returns the failure a test asked for, or S_OK.
     HRESULT Fault(const char* call);
     ULONG CallCount(const std::string& call);
+    // Counts a call that is refused before it reaches the device; no fault applies to it.
+    void CountCall(const char* call);
     // A fault set while the device runs: the next count calls (every call for -1; none for 0) fail with
     // result. It takes the place of what the description says for that call.
     void SetFault(const std::string& call, HRESULT result, std::int64_t count);

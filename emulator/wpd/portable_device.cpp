@@ -133,8 +133,20 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
+        // "If this property is not set, WPD assumes GENERIC_READ | GENERIC_WRITE" (Client Properties). A
+        // policy that denies writing refuses a session that asks for write access ("IPortableDevice::Open
+        // method", Remarks: the client then opens again with GENERIC_READ).
+        ULONG access = GENERIC_READ | GENERIC_WRITE;
+        ULONG desired = 0;
+        if (SUCCEEDED(pClientInfo->GetUnsignedIntegerValue(WPD_CLIENT_DESIRED_ACCESS, &desired))) {
+            access = desired;
+        }
+        const bool writable = (access & (GENERIC_WRITE | GENERIC_ALL)) != 0;
+        if (writable && device->Description().writeDenied) {
+            return E_ACCESSDENIED;
+        }
         device->SessionOpened(ClientSummary(pClientInfo));
-        m_session = std::make_shared<DeviceSession>(std::move(device));
+        m_session = std::make_shared<DeviceSession>(std::move(device), writable);
         return S_OK;
     }
 
@@ -269,7 +281,8 @@ private:
         } numbers[] = {{L";major=", &WPD_CLIENT_MAJOR_VERSION},
                        {L";minor=", &WPD_CLIENT_MINOR_VERSION},
                        {L";revision=", &WPD_CLIENT_REVISION},
-                       {L";qos=", &WPD_CLIENT_SECURITY_QUALITY_OF_SERVICE}};
+                       {L";qos=", &WPD_CLIENT_SECURITY_QUALITY_OF_SERVICE},
+                       {L";access=", &WPD_CLIENT_DESIRED_ACCESS}};
         for (const auto& number : numbers) {
             ULONG value = 0;
             if (SUCCEEDED(info->GetUnsignedIntegerValue(*number.key, &value))) {

@@ -20,6 +20,7 @@ TEST(DeviceDescription, ReadsEverySection) {
         "latency_us = 1500\n"
         "open_ms = 1000\n"
         "bulk_properties = no\n"
+        "write_access = denied\n"
         "WPD_DEVICE_SERIAL_NUMBER = R58M\n"
         "[registry]\n"
         "BBPIN = 2A3B\n"
@@ -43,6 +44,7 @@ TEST(DeviceDescription, ReadsEverySection) {
     EXPECT_EQ(device.latencyMicroseconds, 1500u);
     EXPECT_EQ(device.openMilliseconds, 1000u);
     EXPECT_FALSE(device.bulkProperties);
+    EXPECT_TRUE(device.writeDenied);
     EXPECT_EQ(device.properties.at("WPD_DEVICE_SERIAL_NUMBER"), "R58M");
     EXPECT_EQ(device.registry.at("BBPIN"), "2A3B");
     ASSERT_EQ(device.storages.size(), 2u);
@@ -71,6 +73,7 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         {"[device]\nid = a\nminimal_driver = maybe\n", "line 3: minimal_driver needs yes or no"},
         {"[device]\nid = a\nstrict_creation =\n", "line 3: strict_creation needs yes or no"},
         {"[device]\nid = a\nbulk_properties = some\n", "line 3: bulk_properties needs yes or no"},
+        {"[device]\nid = a\nwrite_access = no\n", "line 3: write_access needs allowed or denied"},
         {"[device]\nid = a\nlatency_us = fast\n", "line 3: latency_us needs a count of microseconds up to 10000000"},
         {"[device]\nid = a\nopen_ms = 60001\n", "line 3: open_ms needs a count of milliseconds up to 60000"},
         {"[device]\nid = a\nlatency_us = 10000001\n",
@@ -109,25 +112,31 @@ TEST(DeviceDescription, ModesAreOffUnlessSwitchedOn) {
     }
 }
 
-// A device answers at once and offers bulk property reads unless its description says otherwise.
-TEST(DeviceDescription, LatencyAndBulkReadsDefaults) {
+// A device answers at once, offers bulk property reads and lets clients write unless its description says
+// otherwise.
+TEST(DeviceDescription, LatencyBulkReadsAndWriteAccessDefaults) {
     struct Case {
         const char* lines;
         std::uint32_t latency;
         bool bulk;
+        bool writeDenied;
     };
     const Case cases[] = {
-        {"", 0, true},
-        {"latency_us = 0\n", 0, true},
-        {"latency_us = 1000\nbulk_properties = yes\n", 1000, true},
-        {"bulk_properties = off\n", 0, false},
-        {"latency_us = 10000000\n", 10000000, true},
+        {"", 0, true, false},
+        {"latency_us = 0\n", 0, true, false},
+        {"latency_us = 1000\nbulk_properties = yes\n", 1000, true, false},
+        {"bulk_properties = off\n", 0, false, false},
+        {"latency_us = 10000000\n", 10000000, true, false},
+        {"write_access = allowed\n", 0, true, false},
+        {"write_access = denied\nwrite_access = allowed\n", 0, true, false},
+        {"write_access = denied\n", 0, true, true},
     };
     for (const auto& c : cases) {
         const auto result = ParseDeviceDescription(std::string("[device]\nid = a\n") + c.lines);
         ASSERT_TRUE(result.errors.empty()) << c.lines << result.errors.front();
         EXPECT_EQ(result.device.latencyMicroseconds, c.latency) << c.lines;
         EXPECT_EQ(result.device.bulkProperties, c.bulk) << c.lines;
+        EXPECT_EQ(result.device.writeDenied, c.writeDenied) << c.lines;
     }
 }
 

@@ -1,6 +1,7 @@
 // What a request may touch: only the device, storage and object it names, whole or not at all. Two phones
 // of one model are attached, each with a storage named "Phone" and the same file names in it, so that a
-// lookup or a path that lands on the wrong target shows as a change where the caller asked for none.
+// lookup or a path that lands on the wrong target shows as a change where the caller asked for none. A
+// third phone, of another model, is under a policy that denies writing: it may be read, never changed.
 #include <gtest/gtest.h>
 
 #include <comdef.h>
@@ -21,12 +22,15 @@ namespace {
 WpdEmulator* g_emulator = nullptr;
 EmulatedDeviceSpec g_alpha;  // storages Phone and Card
 EmulatedDeviceSpec g_beta;   // storage Phone only: its card was taken out
+EmulatedDeviceSpec g_gamma;  // storage Phone only, write access denied
 std::wstring g_local;        // the local folder copies go to and come from
 std::wstring g_token;        // a write token of this process
 const LONG g_self = static_cast<LONG>(GetCurrentProcessId());
 
 const wchar_t kAlpha[] = L"usb#vid_18d1&pid_4ee1#alpha";
 const wchar_t kBeta[] = L"usb#vid_18d1&pid_4ee1#beta";
+const wchar_t kGamma[] = L"usb#vid_18d1&pid_4ee7#gamma";
+const wchar_t kWriteDenied[] = L"Write access to the device is denied";
 
 // The same tree on both phones (and on alpha's card); each file's content says where it lives.
 const char* const kTree[] = {"a.txt", "DCIM\\b.txt", "DCIM\\c.jpg", "Music\\d.mp3", "System\\dorWEXDeviceTracker.bin"};
@@ -79,6 +83,7 @@ World Snapshot() {
     Walk(g_emulator->StorageDirectory(g_alpha, 0), L"alpha:PHONE", world);
     Walk(g_emulator->StorageDirectory(g_alpha, 1), L"alpha:CARD", world);
     Walk(g_emulator->StorageDirectory(g_beta, 0), L"beta:PHONE", world);
+    Walk(g_emulator->StorageDirectory(g_gamma, 0), L"gamma:PHONE", world);
     Walk(g_local, L"local:", world);
     return world;
 }
@@ -119,8 +124,12 @@ public:
         g_alpha = PhoneSpec(Narrow(kAlpha), "Google", "ALPHA1", 2);
         g_beta = PhoneSpec(Narrow(kBeta), "Google", "BETA1", 1);
         g_alpha.friendlyName = g_beta.friendlyName = "Pixel 7";  // one model, one name
+        g_gamma = PhoneSpec(Narrow(kGamma), "Google", "GAMMA1", 1);
+        g_gamma.friendlyName = "Pixel 7a";
+        g_gamma.deviceLines.push_back("write_access = denied");
         g_emulator->Attach(g_alpha);
         g_emulator->Attach(g_beta);
+        g_emulator->Attach(g_gamma);
         wchar_t temp[MAX_PATH];
         GetTempPathW(MAX_PATH, temp);
         g_local = std::wstring(temp) + L"dorwex-safety-" + std::to_wstring(g_self);
@@ -145,12 +154,14 @@ void Reset() {
         }
     };
     for (const std::wstring& root : {g_emulator->StorageDirectory(g_alpha, 0), g_emulator->StorageDirectory(g_alpha, 1),
-                                     g_emulator->StorageDirectory(g_beta, 0), g_local}) {
+                                     g_emulator->StorageDirectory(g_beta, 0), g_emulator->StorageDirectory(g_gamma, 0),
+                                     g_local}) {
         clear(root);
     }
     Fill(g_emulator->StorageDirectory(g_alpha, 0), "alpha-phone");
     Fill(g_emulator->StorageDirectory(g_alpha, 1), "alpha-card");
     Fill(g_emulator->StorageDirectory(g_beta, 0), "beta-phone");
+    Fill(g_emulator->StorageDirectory(g_gamma, 0), "gamma-phone");
     g_emulator->WriteFile(g_local + L"\\kept.bin", "the caller's own file");
     g_emulator->WriteFile(g_local + L"\\upload.bin", "uploaded bytes");
 }
@@ -162,15 +173,17 @@ Parameters With(Parameters parameters, const wchar_t* device) {
     return parameters;
 }
 
-// Each request names something that is not what it would have reached: nothing changes, and the caller is
-// told why.
-TEST(DataSafety, RequestsThatNameNoSingleTargetChangeNothing) {
+// Each request names something that is not what it would have reached, or asks for a change the device does
+// not allow: nothing changes, and the caller is told why.
+TEST(DataSafety, RefusedRequestsChangeNothingAndSayWhy) {
     Reset();
     const std::wstring overLimit = L"Phone\\" + std::wstring(253, L'f') + L"\\victim.txt";  // cut at 260: a folder
     CreateDirectoryW((g_emulator->StorageDirectory(g_alpha, 0) + L"\\" + std::wstring(253, L'f')).c_str(), nullptr);
     g_emulator->WriteFile(g_emulator->StorageDirectory(g_alpha, 0) + L"\\" + std::wstring(253, L'f') + L"\\victim.txt",
                           "victim");
     const std::wstring local = g_local + L"\\kept.bin";
+    const std::wstring fresh = g_local + L"\\fresh.bin";
+    const std::wstring upload = g_local + L"\\upload.bin";
     const struct {
         const char* what;
         const wchar_t* method;
@@ -199,25 +212,78 @@ TEST(DataSafety, RequestsThatNameNoSingleTargetChangeNothing) {
         {"a copy over the local file from a path over the limit", L"CopyFileFromDevice",
          {{L"strObjectStoragePath", _variant_t(overLimit.c_str())}, {L"strLocalFileName", _variant_t(local.c_str())}},
          kAlpha, L"The storage path is longer than 260 characters"},
+        {"an upload to the card that is gone does not land on the phone's storage", L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Card\\DCIM")}, {L"strFileToCopy", _variant_t(upload.c_str())},
+          {L"strWriteToken", _variant_t(g_token.c_str())}},
+         kBeta, L"The device has no storage of that name"},
+        {"a delete on the phone that denies writing", L"DeleteFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")}}, kGamma, kWriteDenied},
+        {"a folder deleted on the phone that denies writing", L"DeleteFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}}, kGamma, kWriteDenied},
+        {"a move from the phone that denies writing (its source could not go)", L"MoveFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\a.txt")}, {L"strLocalFileName", _variant_t(fresh.c_str())}},
+         kGamma, kWriteDenied},
+        {"a new folder on the phone that denies writing", L"CreateFolderOnDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strNewFolderName", _variant_t(L"New")}}, kGamma,
+         kWriteDenied},
+        {"an upload to the phone that denies writing", L"CopyFileToDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strFileToCopy", _variant_t(upload.c_str())},
+          {L"strWriteToken", _variant_t(g_token.c_str())}},
+         kGamma, kWriteDenied},
+        {"the phone that denies writing named by its serial number", L"DeleteFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\a.txt")}}, L"GAMMA1", kWriteDenied},
     };
     for (const auto& each : cases) {
         SCOPED_TRACE(each.what);
         const World before = Snapshot();
-        const Outcome outcome = CallMethod(each.method, With(each.parameters, each.device));
+        const Outcome outcome = CallMethod(each.method, With(each.parameters, each.device), g_self);
         EXPECT_EQ(outcome.status, E_FAIL);
         EXPECT_EQ(outcome.description, each.description);
         EXPECT_EQ(Difference(before, Snapshot()), L"");
     }
-    // An upload to the card that is gone does not land on the phone's storage.
+}
+
+// Regression: a phone whose write access is denied was taken for a BlackBerry. It is published as the phone
+// it is, and listing, properties and copies off it work as on any phone.
+TEST(DataSafety, APhoneThatDeniesWritingIsPublishedAsItselfAndReadsAsUsual) {
+    Reset();
+    const auto services = Connect();
+    std::wstring published;
+    for (const auto& instance : Query(services.Get(), L"SELECT * FROM Win32ext_WPD")) {
+        if (_wcsicmp(Text(instance.Get(), L"strId").c_str(), kGamma) == 0) {
+            published = Text(instance.Get(), L"strManufacturer") + L"|" + Text(instance.Get(), L"strFriendlyName") +
+                        L"|" + Text(instance.Get(), L"strSerialNumber") + L"|" + Text(instance.Get(), L"strDisk1Name");
+        }
+    }
+    EXPECT_EQ(published, L"Google|Pixel 7a|GAMMA1|Phone");
+
     const World before = Snapshot();
-    const Outcome upload = CallMethod(L"CopyFileToDevice",
-                                      With({{L"strObjectStoragePath", _variant_t(L"Card\\DCIM")},
-                                            {L"strFileToCopy", _variant_t((g_local + L"\\upload.bin").c_str())},
-                                            {L"strWriteToken", _variant_t(g_token.c_str())}},
-                                           kBeta),
-                                      g_self);
-    EXPECT_EQ(upload.description, L"The device has no storage of that name");
-    EXPECT_EQ(Difference(before, Snapshot()), L"");
+    const std::wstring copy = g_local + L"\\copy.txt";
+    const struct {
+        const wchar_t* method;
+        Parameters parameters;
+        const wchar_t* returnValue;  // or null: only that the call succeeded
+    } reads[] = {
+        {L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone\\Music")}}, nullptr},
+        {L"GetProperty",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")}, {L"strPropertyName", _variant_t(L"WPD_OBJECT_SIZE")}},
+         L"33"},
+        {L"CopyFileFromDevice",
+         {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")}, {L"strLocalFileName", _variant_t(copy.c_str())}},
+         L"1"},
+    };
+    for (const auto& read : reads) {
+        SCOPED_TRACE(Narrow(read.method));
+        const Outcome outcome = CallMethod(read.method, With(read.parameters, kGamma), g_self);
+        EXPECT_EQ(outcome.status, S_OK);
+        if (read.returnValue != nullptr) {
+            EXPECT_EQ(outcome.returnValue, read.returnValue);
+        } else {
+            EXPECT_EQ(outcome.returnValue.rfind(L"d.mp3@", 0), 0u) << Narrow(outcome.returnValue);
+        }
+    }
+    EXPECT_EQ(ReadAll(copy), "gamma-phone:DCIM\\b.txt:0123456789");
+    EXPECT_EQ(Difference(before, Snapshot()), L" new:local:\\COPY.TXT");
 }
 
 // Only a path that ends in the tracker's name looks for the tracker elsewhere in the storage.
@@ -316,7 +382,8 @@ TEST(DataSafety, ACopyWhoseClientCannotBeImpersonatedFails) {
 
 // --- The whole class: random requests with random faults -----------------------------------------
 
-// What a request names, as the model reads it: which device ("alpha", "beta" or none), and the entry key.
+// What a request names, as the model reads it: which device ("alpha", "beta", "gamma" or none), and the entry
+// key.
 struct Target {
     std::wstring device;
     std::wstring storage;              // upper case
@@ -346,7 +413,7 @@ public:
                                        "CreateObjectWithPropertiesAndData", "EnumObjects"};
         ULONGLONG streamEnd = 0;
         const int faulty = Pick(10);
-        const wchar_t* faultyDevice = Pick(2) == 0 ? kAlpha : kBeta;
+        const wchar_t* faultyDevice = std::vector<const wchar_t*>{kAlpha, kBeta, kGamma}[Pick(3)];
         if (faulty < 3) {
             fault = kFaults[Pick(8)];
             g_emulator->SetFault(faultyDevice, fault, HRESULT_FROM_WIN32(ERROR_GEN_FAILURE), 1);
@@ -392,10 +459,11 @@ public:
             return;
         }
         Target target = Resolve(deviceParameter, path);
-        if (kind == 0 && target.storage != L"PHONE" && (target.storage != L"CARD" || target.device == L"beta")) {
+        if (kind == 0 && target.storage != L"PHONE" && (target.storage != L"CARD" || target.device != L"alpha")) {
             target.storage = L"PHONE";  // a copy off the device reads an unknown storage name as the first storage
         }
         ASSERT_FALSE(target.device.empty()) << context << ": succeeded without naming one device";
+        ASSERT_TRUE(kind == 0 || target.device != L"gamma") << context << ": changed the phone that denies writing";
         World expected = before;
         const std::wstring localKey = L"local:\\" + Upper(localName);
         switch (kind) {
@@ -446,8 +514,8 @@ private:
     int Pick(int count) { return static_cast<int>(m_random() % static_cast<unsigned>(count)); }
 
     std::wstring PickDevice() {
-        const std::wstring ids[] = {kAlpha, kAlpha, kBeta, kBeta, L"ALPHA1", L"usb#vid_0000&pid_0000#nobody", L""};
-        return ids[Pick(7)];
+        const std::wstring ids[] = {kAlpha, kAlpha, kBeta, kBeta, kGamma, L"ALPHA1", L"usb#vid_0000&pid_0000#nobody", L""};
+        return ids[Pick(8)];
     }
 
     std::wstring PickPath(bool folder) {
@@ -504,6 +572,8 @@ private:
             target.device = L"alpha";
         } else if (id == Upper(kBeta)) {
             target.device = L"beta";
+        } else if (id == Upper(kGamma)) {
+            target.device = L"gamma";
         } else if (id.empty() && target.storage == L"CARD") {
             target.device = L"alpha";  // the one phone with a card
         }

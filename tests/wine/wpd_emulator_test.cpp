@@ -5,6 +5,7 @@
 
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <map>
@@ -15,6 +16,7 @@
 #include "common/com_memory.h"
 #include "device/portable_device_api.h"
 #include "support/stack_com.h"
+#include "support/test_files.h"
 #include "support/wpd_emulator.h"
 
 using Microsoft::WRL::ComPtr;
@@ -1049,6 +1051,153 @@ TEST_F(Emulator, CloseEndsOnlyItsOwnSessionAndReopeningStartsANewOne) {
     EXPECT_EQ(otherProperties->GetValues(file.c_str(), nullptr, &values), E_WPD_OBJECT_NOT_ATTACHED_TO_DEVICE);
     EXPECT_EQ(Enumerate(reopened.Get(), L"s10001"), std::vector<std::wstring>{file})
         << "the reopened session outlives the other's close";
+}
+
+// The client information of an Open: nothing, or only WPD_CLIENT_DESIRED_ACCESS.
+ComPtr<IPortableDeviceValues> ClientAsking(const ULONG* access) {
+    ComPtr<IPortableDeviceValues> client;
+    EXPECT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)), S_OK);
+    if (access != nullptr) {
+        client->SetUnsignedIntegerValue(WPD_CLIENT_DESIRED_ACCESS, *access);
+    }
+    return client;
+}
+
+// Under a policy that denies writing, an Open that asks for write access (as one that does not say does) is
+// refused and opens nothing; one for GENERIC_READ opens. A session without write access, on that device or
+// on any other, refuses every call that would change content with E_ACCESSDENIED before it reaches the
+// device, and reads as usual.
+TEST_F(Emulator, WriteAccessIsRefusedUnderAPolicyAndAReadOnlySessionChangesNothing) {
+    EmulatedDeviceSpec locked = PhoneSpec("usb#locked", "Acme", "L1");
+    locked.deviceLines = {"write_access = denied"};
+    emulator.Attach(locked);
+    const ULONG readWrite = GENERIC_READ | GENERIC_WRITE, write = GENERIC_WRITE, all = GENERIC_ALL, read = GENERIC_READ;
+    const struct {
+        const char* what;
+        const ULONG* access;
+        HRESULT locked;
+    } opens[] = {
+        {"no desired access", nullptr, E_ACCESSDENIED},
+        {"GENERIC_READ | GENERIC_WRITE", &readWrite, E_ACCESSDENIED},
+        {"GENERIC_WRITE", &write, E_ACCESSDENIED},
+        {"GENERIC_ALL", &all, E_ACCESSDENIED},
+        {"GENERIC_READ", &read, S_OK},
+    };
+    for (const auto& open : opens) {
+        ComPtr<IPortableDevice> session;
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&session)), S_OK);
+        EXPECT_EQ(session->Open(L"usb#locked", ClientAsking(open.access).Get()), open.locked) << open.what;
+        EXPECT_EQ(emulator.OpenSessions(L"usb#locked"), SUCCEEDED(open.locked) ? 1 : 0) << open.what;
+        ComPtr<IPortableDevice> unlocked;
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&unlocked)), S_OK);
+        EXPECT_EQ(unlocked->Open(L"usb#emu", ClientAsking(open.access).Get()), S_OK) << open.what << " without the policy";
+    }
+    wchar_t client[128] = {};
+    emulator.LastClient(L"usb#locked", client, 128);
+    EXPECT_STREQ(client, L";access=2147483648");
+
+    for (const EmulatedDeviceSpec* each : {&locked, &spec}) {
+        SCOPED_TRACE(each->id);
+        const std::wstring deviceId = Wide(each->id);
+        const std::wstring storage = emulator.StorageDirectory(*each, 0);
+        emulator.WriteFile(storage + L"\\a.txt", "0123456789");
+        CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+        ComPtr<IPortableDevice> session;
+        ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&session)), S_OK);
+        ASSERT_EQ(session->Open(deviceId.c_str(), ClientAsking(&read).Get()), S_OK);
+        RecordingCallback callback;
+        CoTaskString cookie;
+        ASSERT_EQ(session->Advise(0, &callback, nullptr, &cookie), S_OK);
+        ComPtr<IPortableDeviceContent> reading;
+        ASSERT_EQ(session->Content(&reading), S_OK);
+        ComPtr<IPortableDeviceProperties> properties;
+        ASSERT_EQ(reading->Properties(&properties), S_OK);
+        ComPtr<IPortableDevicePropertiesBulk> bulk;
+        ASSERT_EQ(properties.As(&bulk), S_OK);
+        ComPtr<IPortableDeviceResources> resources;
+        ASSERT_EQ(reading->Transfer(&resources), S_OK);
+        std::wstring file, folder;
+        for (const auto& child : Enumerate(reading.Get(), L"s10001")) {
+            ComPtr<IPortableDeviceValues> values;
+            ASSERT_EQ(properties->GetValues(child.c_str(), nullptr, &values), S_OK);
+            CoTaskString name;
+            values->GetStringValue(WPD_OBJECT_NAME, &name);
+            (wcscmp(name.Get(), L"DCIM") == 0 ? folder : file) = child;
+        }
+        ASSERT_FALSE(file.empty());
+        ASSERT_FALSE(folder.empty());
+        ComPtr<IStream> stream;
+        ASSERT_EQ(resources->GetStream(file.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, nullptr, &stream), S_OK);
+        char buffer[16] = {};
+        ULONG got = 0;
+        EXPECT_EQ(stream->Read(buffer, 10, &got), S_OK);
+        EXPECT_EQ(std::string(buffer, got), "0123456789");
+        emulator.Requests(deviceId.c_str(), TRUE);
+
+        ComPtr<IPortableDeviceValues> newFolder;
+        CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&newFolder));
+        newFolder->SetStringValue(WPD_OBJECT_PARENT_ID, L"s10001");
+        newFolder->SetStringValue(WPD_OBJECT_NAME, L"New");
+        newFolder->SetGuidValue(WPD_OBJECT_CONTENT_TYPE, WPD_CONTENT_TYPE_FOLDER);
+        ComPtr<IPortableDeviceValues> renamed;
+        CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&renamed));
+        renamed->SetStringValue(WPD_OBJECT_NAME, L"b.txt");
+        BulkRecorder setter;
+        const struct {
+            const char* call;  // as the stand-in counts it
+            std::function<HRESULT()> make;
+        } writes[] = {
+            {"CreateObjectWithPropertiesOnly",
+             [&] {
+                 CoTaskString id;
+                 return reading->CreateObjectWithPropertiesOnly(newFolder.Get(), &id);
+             }},
+            {"CreateObjectWithPropertiesAndData",
+             [&] {
+                 ComPtr<IStream> data;
+                 return reading->CreateObjectWithPropertiesAndData(NewFile(L"new.bin", 1).Get(), &data, nullptr, nullptr);
+             }},
+            {"Delete", [&] { return reading->Delete(PORTABLE_DEVICE_DELETE_WITH_RECURSION, IdList(file).Get(), nullptr); }},
+            {"Move", [&] { return reading->Move(IdList(file).Get(), folder.c_str(), nullptr); }},
+            {"Copy", [&] { return reading->Copy(IdList(file).Get(), folder.c_str(), nullptr); }},
+            {"SetValues",
+             [&] {
+                 ComPtr<IPortableDeviceValues> results;
+                 return properties->SetValues(file.c_str(), renamed.Get(), &results);
+             }},
+            {"DeleteProperties", [&] { return properties->Delete(file.c_str(), ListingKeys().Get()); }},
+            {"QueueSetValuesByObjectList",
+             [&] {
+                 GUID context = GUID_NULL;
+                 return bulk->QueueSetValuesByObjectList(nullptr, &setter, &context);
+             }},
+            {"DeleteResources", [&] { return resources->Delete(file.c_str(), ListingKeys().Get()); }},
+            {"CreateResource",
+             [&] {
+                 ComPtr<IStream> data;
+                 DWORD size = 0;
+                 CoTaskString cookie;
+                 return resources->CreateResource(NewFile(L"a.txt", 1).Get(), &data, &size, &cookie);
+             }},
+        };
+        for (const auto& write : writes) {
+            EXPECT_EQ(write.make(), E_ACCESSDENIED) << write.call;
+            EXPECT_EQ(emulator.CallCount(deviceId.c_str(), write.call), 1u) << write.call;
+        }
+        EXPECT_EQ(emulator.Requests(deviceId.c_str(), FALSE), 0u) << "no refused call reached the device";
+        std::vector<std::wstring> files = FilesIn(storage);
+        std::sort(files.begin(), files.end());
+        EXPECT_EQ(files, (std::vector<std::wstring>{L"DCIM", L"a.txt"})) << "nothing created, deleted or left behind";
+        EXPECT_EQ(FilesIn(storage + L"\\DCIM"), std::vector<std::wstring>{});
+        EXPECT_EQ(ReadAll(storage + L"\\a.txt"), "0123456789");
+        ASSERT_TRUE(emulator.WaitForEvents(5000));
+        {
+            std::lock_guard<std::mutex> guard(callback.lock);
+            EXPECT_TRUE(callback.events.empty());
+        }
+        EXPECT_TRUE(setter.calls.empty());
+        EXPECT_EQ(session->Unadvise(cookie.Get()), S_OK);
+    }
 }
 
 // A bulk callback that holds its first result set until the test lets it go.

@@ -397,6 +397,7 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     TraceCapture trace(1);
     CDorWEXWPDObject other(nullptr);
     EXPECT_EQ(other.InitializeWPD(L"usb#locked"), S_OK);
+    EXPECT_EQ(emulator.CallCount(L"usb#locked", "Open"), 2u) << "refused for reading only too";
     EXPECT_EQ(other.Identity()->m_eManufacturer, Manufacturer::UNKNOWN);
     EXPECT_EQ(Text(other.Identity()->m_bstr_tFriendlyName), L"BLACKBERRY");
     EXPECT_EQ(Text(other.Identity()->m_bstr_tManufacturer), L"Research In Motion");
@@ -412,6 +413,63 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EXPECT_FALSE(other.m_pCDorWEXBlackBerry) << "no share access for a device that is no BlackBerry";
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, 0\n"));
     other.Terminate();
+}
+
+// Regression: a phone under a policy that denies writing refused the session Open asks for by default (read
+// and write), kept no maker class and was taken for a BlackBerry. It is opened again for reading only, keeps
+// its maker's class, reads as usual, and refuses every change without asking the device.
+TEST_F(DeviceObject, APhoneThatDeniesWriteAccessIsOpenedForReadingNotTakenForABlackBerry) {
+    EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#readonly", "SAMSUNG", "RO1");
+    spec.deviceLines.push_back("write_access = denied");
+    emulator.Attach(spec);
+    const wchar_t id[] = L"usb#vid_04e8#readonly";
+    const std::wstring storage = emulator.StorageDirectory(spec, 0);
+    CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+    emulator.WriteFile(storage + L"\\DCIM\\a.jpg", "jpeg");
+    const std::wstring local = emulator.Directory() + L"\\readonly";
+    CreateDirectoryW(local.c_str(), nullptr);
+    emulator.WriteFile(local + L"\\up.txt", "uploaded");
+
+    TraceCapture trace(1);
+    CDorWEXWPDObject device(nullptr);
+    ASSERT_EQ(device.InitializeWPD(id), S_OK);
+    EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::ANDROID);
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tManufacturer), L"SAMSUNG");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tSerialNumber), L"RO1");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"Phone");
+    EXPECT_EQ(device.CompanionRecord(), nullptr) << "no BlackBerry identity step";
+    EXPECT_EQ(emulator.CallCount(id, "Open"), 2u);
+    wchar_t client[256] = {};
+    emulator.LastClient(id, client, 256);
+    EXPECT_STREQ(client, L"name=Win32ext_WPD_Provider;major=1;minor=0;revision=2;qos=131072;access=2147483648");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, Open 0x80070005, opening again for reading only.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::InitializeWPD, Open for reading only, 0\n"));
+    EXPECT_EQ(emulator.Subscriptions(id), 1) << "events are still received";
+
+    EXPECT_EQ(device.RefusedStoragePath(L"Phone\\DCIM\\a.jpg", false), nullptr);
+    EXPECT_NE(Text(device.EnumerateDevicePath(L"Phone\\DCIM", 0)).find(L"a.jpg@"), std::wstring::npos);
+    EXPECT_EQ(device.CopyFileFromDevice(L"Phone\\DCIM\\a.jpg", (local + L"\\a.jpg").c_str()), S_OK);
+    EXPECT_EQ(ReadAll(local + L"\\a.jpg"), "jpeg");
+
+    EXPECT_STREQ(device.RefusedStoragePath(L"Phone\\DCIM\\a.jpg", true), CDorWEXWPDObject::kWriteDenied);
+    const std::wstring object = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\a.jpg", L"ObjectId"));
+    ASSERT_FALSE(object.empty());
+    emulator.Requests(id, TRUE);
+    EXPECT_EQ(Text(device.CopyFileToDevice(L"Phone\\DCIM", (local + L"\\up.txt").c_str(), nullptr, 1)),
+              CDorWEXWPDObject::kWriteDenied);
+    EXPECT_EQ(device.CreateFolderOnDevice(L"Phone", L"New"), E_ACCESSDENIED);
+    EXPECT_EQ(device.DeleteFileFromDevice(L"Phone\\DCIM\\a.jpg", id), 0);
+    EXPECT_EQ(device.DeleteWPDObject(object.c_str(), id), E_ACCESSDENIED);
+    EXPECT_EQ(device.MoveFileFromDevice(L"Phone\\DCIM\\a.jpg", (local + L"\\moved.jpg").c_str()), 0);
+    EXPECT_FALSE(Exists(local + L"\\moved.jpg")) << "a move that cannot delete its source copies nothing";
+    EXPECT_EQ(emulator.Requests(id, FALSE), 0u) << "no refused change asked the device anything";
+    for (const char* call : {"CreateObjectWithPropertiesAndData", "CreateObjectWithPropertiesOnly", "Delete"}) {
+        EXPECT_EQ(emulator.CallCount(id, call), 0u) << call;
+    }
+    EXPECT_EQ(ReadAll(storage + L"\\DCIM\\a.jpg"), "jpeg");
+    EXPECT_FALSE(Exists(storage + L"\\New"));
+    EXPECT_FALSE(Exists(storage + L"\\DCIM\\up.txt"));
+    device.Terminate();
 }
 
 // A delete the device answers with S_FALSE deleted nothing (the device keeps a storage): a failure, not
