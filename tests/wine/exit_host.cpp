@@ -174,6 +174,18 @@ bool UseProvider(HMODULE module) {
         return false;
     }
 
+    // A client's enumeration waits until the devices attached at the start are open, so the host ends
+    // with the core's start behind it. Under Wine a host whose start-up thread was still inside its first
+    // COM calls when main returned crashed the Wine process about once in sixty (SIGSEGV after "returning
+    // from main"); Windows ends such a thread with the process.
+    auto* enumSink = new ObjectSink();
+    const HRESULT enumerated = provider->CreateInstanceEnumAsync(_bstr_t(L"Win32ext_WPD"), 0, nullptr, enumSink);
+    const bool enumComplete = enumSink->complete;
+    enumSink->Release();
+    if (!Check("CreateInstanceEnumAsync(Win32ext_WPD)", enumerated, WBEM_S_NO_ERROR) || !enumComplete) {
+        return false;
+    }
+
     {
         ComPtr<IWbemClassObject> instance;
         if (!Check("SpawnInstance(Win32ext_WPD)", wpdClass->SpawnInstance(0, &instance), S_OK)) {

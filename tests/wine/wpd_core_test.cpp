@@ -37,6 +37,8 @@ TEST_F(Core, InitializeAddsAttachedDevicesOnceAndStartsTheWPDProcessor) {
         trace.Clear();
         EXPECT_EQ(core.Initialize(), 1);
         EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDCore::Initialize"));
+        // The devices are opened on a thread of the core; a request's lookup waits for them.
+        ASSERT_EQ(core.DevicesWhenStarted(), core.GetCollection());
         EXPECT_EQ(core.GetCollection()->Count(), 2u) << "the storage stick is refused";
         EXPECT_EQ(trace.Count(L"CDorWEXWPDCollection::AddWPD enter.\n"), 2u);
         EXPECT_EQ(emulator.OpenSessions(L"usb#attached1"), 1);
