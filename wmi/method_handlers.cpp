@@ -391,13 +391,9 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
     const auto l_pEjectObject = CreateWPDDevice(l_pCore != nullptr ? &l_pCore->DeviceHost() : nullptr);
     LONG l_longResult = 0;
+    // The eject object knows the device by its maker text alone, which decides the way it is ejected.
     if (SUCCEEDED(l_pEjectObject->InitializeForEject(l_bstr_tDeviceId))) {
         l_pEjectObject->GetManufacturer();
-        // A BlackBerry is known as one from its property record, which only the attached device read.
-        if (l_pDevice->Identity()->m_eManufacturer == dorwex::Manufacturer::BLACKBERRY) {
-            l_pEjectObject->UpdateIdentity(
-                [](DeviceIdentity& identity_io) { identity_io.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
-        }
         l_longResult = l_pEjectObject->EjectDevice();
     }
     SetOneOrZero(call_io, l_longResult);

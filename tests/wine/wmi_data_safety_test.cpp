@@ -196,6 +196,9 @@ TEST(DataSafety, RequestsThatNameNoSingleTargetChangeNothing) {
         {"a new folder on the card that is gone", L"CreateFolderOnDevice",
          {{L"strObjectStoragePath", _variant_t(L"Card")}, {L"strNewFolderName", _variant_t(L"New")}}, kBeta,
          L"The device has no storage of that name"},
+        {"a new folder in an empty storage path", L"CreateFolderOnDevice",
+         {{L"strObjectStoragePath", _variant_t(L"")}, {L"strNewFolderName", _variant_t(L"New")}}, kAlpha,
+         L"The device has no storage of that name"},
         {"a copy over the local file from a path over the limit", L"CopyFileFromDevice",
          {{L"strObjectStoragePath", _variant_t(overLimit.c_str())}, {L"strLocalFileName", _variant_t(local.c_str())}},
          kAlpha, L"The storage path is longer than 260 characters"},
@@ -208,16 +211,19 @@ TEST(DataSafety, RequestsThatNameNoSingleTargetChangeNothing) {
         EXPECT_EQ(outcome.description, each.description);
         EXPECT_EQ(Difference(before, Snapshot()), L"");
     }
-    // An upload to the card that is gone does not land on the phone's storage.
-    const World before = Snapshot();
-    const Outcome upload = CallMethod(L"CopyFileToDevice",
-                                      With({{L"strObjectStoragePath", _variant_t(L"Card\\DCIM")},
-                                            {L"strFileToCopy", _variant_t((g_local + L"\\upload.bin").c_str())},
-                                            {L"strWriteToken", _variant_t(g_token.c_str())}},
-                                           kBeta),
-                                      g_self);
-    EXPECT_EQ(upload.description, L"The device has no storage of that name");
-    EXPECT_EQ(Difference(before, Snapshot()), L"");
+    // An upload to the card that is gone, or to no storage at all, does not land on the phone's storage.
+    for (const auto& target : {std::make_pair(L"Card\\DCIM", kBeta), std::make_pair(L"", kAlpha)}) {
+        SCOPED_TRACE(Narrow(target.first));
+        const World before = Snapshot();
+        const Outcome upload = CallMethod(L"CopyFileToDevice",
+                                          With({{L"strObjectStoragePath", _variant_t(target.first)},
+                                                {L"strFileToCopy", _variant_t((g_local + L"\\upload.bin").c_str())},
+                                                {L"strWriteToken", _variant_t(g_token.c_str())}},
+                                               target.second),
+                                          g_self);
+        EXPECT_EQ(upload.description, L"The device has no storage of that name");
+        EXPECT_EQ(Difference(before, Snapshot()), L"");
+    }
 }
 
 // Only a path that ends in the tracker's name looks for the tracker elsewhere in the storage.

@@ -270,6 +270,8 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
                   L"Unique Id: {PUID-ATT1-1}\\photo.jpg");
 
     EXPECT_EQ(Text(event, L"strTargetPath"), L"Phone") << "the folder the object is in, as a storage path";
+    EXPECT_EQ(Text(event, L"strSourcePath"), L"{0085E0A6-8D34-45D7-BC5C-447E59C73D48}") << "the content type";
+    EXPECT_EQ(Text(event, L"strDeviceName"), L"") << "the device's id is in strObjectDeviceId alone";
 
     // Names in any script arrive as they are.
     const std::wstring unicode = L"\u0444\u043e\u0442\u043e \u5199\u771f \U0001F600.jpg";
@@ -746,6 +748,12 @@ TEST(WmiContent, DeleteMoveAndFolders) {
     EXPECT_TRUE(Exists(Card() + L"\\Landed")) << "an unresolved parent falls back to the storage root";
     EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")}}), L"0")
         << "no folder name";
+    // An empty name is the device's to refuse.
+    const ULONG creations = g_emulator->CallCount(kDevice, "CreateObjectWithPropertiesOnly");
+    EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                             {L"strNewFolderName", _variant_t(L"")}}),
+              L"0");
+    EXPECT_EQ(g_emulator->CallCount(kDevice, "CreateObjectWithPropertiesOnly"), creations + 1);
 
     g_emulator->WriteFile(Phone() + L"\\DCIM\\Neu \u00fc\\inside.txt", "x");
     EXPECT_EQ(call(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"phone\\dcim\\NEU \u00dc")}}), L"1");
