@@ -274,11 +274,9 @@ int CDorWEXWMIWPDNamedPipeBase::ProcessPipe() {
             switch (l_Instance.state) {
             case CONNECTING_STATE:
                 if (!l_BOOLDone) {
-                    const DWORD l_dwordError = GetLastError();
-                    std::wstring l_wstringText;
-                    GetSystemErrorText(static_cast<HRESULT>(l_dwordError), l_wstringText);
-                    Trace(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, Instance=%ld, ERROR: %x: %s, thread is exiting\n",
-                          static_cast<LONG>(l_dwordIndex), l_dwordError, l_wstringText.c_str());
+                    TraceLastError(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, Instance=%ld, ERROR: %x: %s, thread is "
+                                   L"exiting\n",
+                                   static_cast<LONG>(l_dwordIndex), GetLastError());
                     return 0;
                 }
                 l_Instance.state = READING_STATE;

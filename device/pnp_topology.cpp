@@ -229,7 +229,7 @@ HRESULT CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccName(const wchar_t* pwch
         }
         SetDeviceInstanceIdUsingPnpAPI(devinst_in, kNotifiedNode);
         ProcessDeviceInterfaces2(kNotifiedNode);
-        return false;  // the first node that matches is the device's
+        return true;  // every node that matches is read; the last one stays in the entry
     });
     return S_OK;
 }
@@ -312,18 +312,7 @@ HRESULT CDorWEXWPDObjectInWin32::ProcessDeviceInterfaces2(int intEntry_in) {
         }
         return l_HRESULT;
     }
-    if (l_Entry.wstringType == L"GUID_DEVINTERFACE_DISK") {
-        // A disk: its number, then the volume of a drive letter that lies on it.
-        STORAGE_DEVICE_NUMBER l_Number = {};
-        DWORD l_dwordReturned = 0;
-        if (PnpApi().pDeviceIoControl(l_Handle.Get(), IOCTL_STORAGE_GET_DEVICE_NUMBER, nullptr, 0, &l_Number,
-                                      sizeof(l_Number), &l_dwordReturned, nullptr) &&
-            l_dwordReturned >= sizeof(l_Number)) {
-            l_Entry.longDiskNumber = static_cast<LONG>(l_Number.DeviceNumber);
-            FindDriveLetter(l_Entry.longDiskNumber, intEntry_in);
-        }
-    }
-    return S_OK;
+    return S_OK;  // only a volume has a disk number and a drive letter to look for
 }
 
 HRESULT CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2(HANDLE handleVolume_in, int intEntry_in) {
@@ -433,58 +422,53 @@ bool CDorWEXWPDObjectInWin32::IsHubOrController(DEVINST devinstParent_in, const 
 }
 
 HRESULT CDorWEXWPDObjectInWin32::ProcessImmediateParent2(int intEntry_in) {
-    constexpr LONG kMaxDistance = 16;  // far deeper than any USB tree
+    // Only the node's own parent is looked at: when it is a hub or a host controller, the node is the USB
+    // device plugged into it.
     const NodeEntry& l_Start = m_NodeEntries[intEntry_in];
-    DEVINST l_devinstBelow = l_Start.devinst;
-    std::wstring l_wstringBelow = l_Start.wstringInstanceId;
-    for (LONG l_longDistance = 1; l_longDistance <= kMaxDistance; ++l_longDistance) {
-        DEVINST l_devinstParent = 0;
-        if (PnpApi().pCM_Get_Parent(&l_devinstParent, l_devinstBelow, 0) != CR_SUCCESS) {
-            break;
-        }
-        m_Ancestors.push_back(Classify(l_devinstParent, l_longDistance));
-        const Ancestor l_Parent = m_Ancestors.back();
-        if (!l_Parent.boolHubOrController) {
-            l_devinstBelow = l_devinstParent;
-            l_wstringBelow = l_Parent.wstringInstanceId;
-            continue;
-        }
-        // The node right below the hub is the USB device; a composite device's function sits under it.
-        NodeEntry& l_USBDevice = m_NodeEntries[kUSBDeviceNode];
-        if (l_USBDevice.wstringInstanceId.empty() || l_USBDevice.devinst != l_devinstBelow) {
-            ReadNode(l_devinstBelow, l_wstringBelow, kUSBDeviceNode);
-            l_USBDevice.wstringType = L"GUID_DEVINTERFACE_USB_DEVICE";
-            l_USBDevice.wstringDevicePath = InterfacePath(kGUID_DEVINTERFACE_USB_DEVICE, l_wstringBelow.c_str());
-        }
-        ReadHub(l_Parent, l_USBDevice);
-        Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, Parent %s distance %ld for %s = %ld.\n",
-              l_Parent.wstringInstanceId.c_str(), l_longDistance, l_wstringBelow.c_str(),
-              static_cast<LONG>(l_USBDevice.intTotalPortsOnHub));
-        const int l_intPort = FindPort(l_USBDevice, l_devinstParent);
-        if (l_intPort < 1 || l_intPort > l_USBDevice.intTotalPortsOnHub) {
-            Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, could not determine port for device.\n");
-            return S_FALSE;
-        }
-        l_USBDevice.intUSBHubPortNumber = l_intPort;
-        Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port %i\n", l_intPort);
-        PnpHandle l_Hub(PnpApi().pCreateFileW(l_Parent.wstringHubPath.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE,
-                                              nullptr, OPEN_EXISTING, 0, nullptr));
-        if (!l_Hub.Valid()) {
-            return S_OK;
-        }
-        USB_NODE_CONNECTION_INFORMATION l_Connection = {};
-        l_Connection.ConnectionIndex = static_cast<ULONG>(l_intPort);
-        DWORD l_dwordReturned = 0;
-        if (PnpApi().pDeviceIoControl(l_Hub.Get(), IOCTL_USB_GET_NODE_CONNECTION_INFORMATION, &l_Connection,
-                                      sizeof(l_Connection), &l_Connection, sizeof(l_Connection), &l_dwordReturned,
-                                      nullptr) &&
-            l_dwordReturned >= offsetof(USB_NODE_CONNECTION_INFORMATION, PipeList)) {
-            l_USBDevice.longNumberOfOpenPipes = static_cast<LONG>(l_Connection.NumberOfOpenPipes);
-            l_USBDevice.intManufacturerIndex = l_Connection.DeviceDescriptor.iManufacturer;
-        }
+    const DEVINST l_devinstBelow = l_Start.devinst;
+    const std::wstring l_wstringBelow = l_Start.wstringInstanceId;
+    DEVINST l_devinstParent = 0;
+    if (PnpApi().pCM_Get_Parent(&l_devinstParent, l_devinstBelow, 0) != CR_SUCCESS) {
+        return S_FALSE;
+    }
+    m_Ancestors.push_back(Classify(l_devinstParent, 1));
+    const Ancestor l_Parent = m_Ancestors.back();
+    if (!l_Parent.boolHubOrController) {
+        return S_FALSE;  // a function of a composite device, or no USB device at all
+    }
+    NodeEntry& l_USBDevice = m_NodeEntries[kUSBDeviceNode];
+    if (l_USBDevice.wstringInstanceId.empty() || l_USBDevice.devinst != l_devinstBelow) {
+        ReadNode(l_devinstBelow, l_wstringBelow, kUSBDeviceNode);
+        l_USBDevice.wstringType = L"GUID_DEVINTERFACE_USB_DEVICE";
+        l_USBDevice.wstringDevicePath = InterfacePath(kGUID_DEVINTERFACE_USB_DEVICE, l_wstringBelow.c_str());
+    }
+    ReadHub(l_Parent, l_USBDevice);
+    Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, Parent %s distance %ld for %s = %ld.\n",
+          l_Parent.wstringInstanceId.c_str(), l_Parent.longDistance, l_wstringBelow.c_str(),
+          static_cast<LONG>(l_USBDevice.intTotalPortsOnHub));
+    const int l_intPort = FindPort(l_USBDevice, l_devinstParent);
+    if (l_intPort < 1 || l_intPort > l_USBDevice.intTotalPortsOnHub) {
+        Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, could not determine port for device.\n");
+        return S_FALSE;
+    }
+    l_USBDevice.intUSBHubPortNumber = l_intPort;
+    Trace(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port %i\n", l_intPort);
+    PnpHandle l_Hub(PnpApi().pCreateFileW(l_Parent.wstringHubPath.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
+                                          OPEN_EXISTING, 0, nullptr));
+    if (!l_Hub.Valid()) {
         return S_OK;
     }
-    return S_FALSE;  // no hub above the node: not a USB device
+    USB_NODE_CONNECTION_INFORMATION l_Connection = {};
+    l_Connection.ConnectionIndex = static_cast<ULONG>(l_intPort);
+    DWORD l_dwordReturned = 0;
+    if (PnpApi().pDeviceIoControl(l_Hub.Get(), IOCTL_USB_GET_NODE_CONNECTION_INFORMATION, &l_Connection,
+                                  sizeof(l_Connection), &l_Connection, sizeof(l_Connection), &l_dwordReturned,
+                                  nullptr) &&
+        l_dwordReturned >= offsetof(USB_NODE_CONNECTION_INFORMATION, PipeList)) {
+        l_USBDevice.longNumberOfOpenPipes = static_cast<LONG>(l_Connection.NumberOfOpenPipes);
+        l_USBDevice.intManufacturerIndex = l_Connection.DeviceDescriptor.iManufacturer;
+    }
+    return S_OK;
 }
 
 void CDorWEXWPDObjectInWin32::ReadHub(const Ancestor& hub_in, NodeEntry& entry_io) {

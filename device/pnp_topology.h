@@ -60,8 +60,8 @@ public:
     HRESULT FindDeviceClassFromDbccName(const wchar_t* pwcharName_in);
     HRESULT FindDeviceClassOnCompositeDevice(const GUID& guidSetupClass_in, const GUID& guidInterfaceClass_in,
                                              int intEntry_in);
-    // Walks up from the entry's node to the first USB hub or host controller; the node right below it is
-    // the USB device, whose hub port and connection go into entry 2.
+    // Looks at the entry's parent: when it is a USB hub or host controller, the entry's node is the USB
+    // device, whose hub port and connection go into entry 2.
     HRESULT ProcessImmediateParent2(int intEntry_in);
     HRESULT SetDeviceInstanceIdUsingPnpAPI(DEVINST devinst_in, int intEntry_in);
     HRESULT ProcessDeviceInterfaces2(int intEntry_in);
@@ -95,7 +95,7 @@ private:
     // The hub's port of a USB device node, from its location text or by counting the hub's children.
     int FindPort(const NodeEntry& entry_in, DEVINST devinstHub_in) const;
     void ReadHub(const Ancestor& hub_in, NodeEntry& entry_io);
-    // Disk number of a disk or volume handle's first extent, then the drive letter of a volume on that disk.
+    // The drive letter of a volume on the disk of that number.
     void FindDriveLetter(LONG longDiskNumber_in, int intEntry_in);
 
     std::wstring m_wstringName;

@@ -46,7 +46,8 @@ public:
                                      const wchar_t* pwcharWriteToken_in, DWORD dwordProcessId_in) = 0;
     virtual HRESULT CopyFileFromDevice(const wchar_t* pwcharObjectStoragePath_in,
                                        const wchar_t* pwcharLocalFileName_in) = 0;
-    // 1 when the object was deleted, else 0.
+    // 1 when the object was deleted, else 0. The device deletes under its own id; the caller's id names
+    // the device the caller found, which is this one.
     virtual int DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) = 0;
     virtual HRESULT CreateFolderOnDevice(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in) = 0;
     // Copy, then delete; 1 when the copy succeeded, whatever the delete did. A device open for reading only

@@ -240,6 +240,9 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity() {
     const std::wstring* l_pPIN = m_pCompanionRecord->Find(L"BBPIN");
     const std::wstring* l_pIMEI = m_pCompanionRecord->Find(L"IMEI");
     const std::wstring* l_pDHCPServer = m_pCompanionRecord->Find(L"DHCPServer");
+    // The share reports no persistent unique id of its own: the device node Plug and Play keeps for the
+    // device stands for it.
+    const std::wstring l_wstringNodeId = m_Win32.GetEntry(CDorWEXWPDObjectInWin32::kLookedUpNode).wstringInstanceId;
     UpdateIdentity([&](DeviceIdentity& identity_io) {
         if (l_boolBlackBerry) {
             identity_io.m_eManufacturer = Manufacturer::BLACKBERRY;
@@ -258,6 +261,9 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity() {
                                             .c_str();
         identity_io.m_bstr_tDisk1ObjectId = L"s1001";
         identity_io.m_bstr_tDisk1Description = L"Flash Memory";
+        if (!l_wstringNodeId.empty()) {
+            identity_io.m_bstr_tDisk1PersistentUniqueId = l_wstringNodeId.c_str();
+        }
     });
     if (l_boolBlackBerry) {
         // The share access, connected when the companion sends the share's credentials.

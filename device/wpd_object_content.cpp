@@ -158,7 +158,7 @@ _bstr_t CDorWEXWPDObject::GetStorageObjectProperty(const wchar_t* pwcharObjectSt
 
 // --- Deleting and folders ---------------------------------------------------------------------------------------------------------------------------------------
 
-int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharDeviceId_in) {
+int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* /*pwcharDeviceId_in*/) {
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice enter.\n");
     if (pwcharObjectStoragePath_in == nullptr || RefusesChanges(L"CDorWEXWPDObject::DeleteFileFromDevice")) {
         return 0;
@@ -170,12 +170,10 @@ int CDorWEXWPDObject::DeleteFileFromDevice(const wchar_t* pwcharObjectStoragePat
         l_intResult = DeleteFileFromDevice2(pwcharObjectStoragePath_in);
     } else {
         Trace(L"CDorWEXWPDObject::DeleteFileFromDevice1 enter.\n");
+        // The object was resolved on this device: it is deleted here, under this device's own id.
         const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_DELETE);
         if (l_bstr_tObject.length() != 0) {
-            const _bstr_t l_bstr_tOwnId = Identity()->m_bstr_tDeviceId;
-            const wchar_t* l_pwcharDeviceId =
-                pwcharDeviceId_in != nullptr ? pwcharDeviceId_in : static_cast<const wchar_t*>(l_bstr_tOwnId);
-            l_intResult = SUCCEEDED(DeleteWPDObject(l_bstr_tObject, l_pwcharDeviceId)) ? 1 : 0;
+            l_intResult = SUCCEEDED(DeleteWPDObject(l_bstr_tObject, Identity()->m_bstr_tDeviceId)) ? 1 : 0;
         }
     }
     Trace(L"CDorWEXWPDObject::DeleteFileFromDevice %s=%s", pwcharObjectStoragePath_in,
@@ -287,7 +285,7 @@ HRESULT CDorWEXWPDObject::CreateFolderOnDevice1(const wchar_t* pwcharParentPath_
     if (!m_pIPortableDevice) {
         return S_OK;
     }
-    if (pwcharParentPath_in == nullptr || pwcharFolderName_in == nullptr || pwcharFolderName_in[0] == L'\0') {
+    if (pwcharParentPath_in == nullptr || pwcharFolderName_in == nullptr) {
         return E_INVALIDARG;
     }
     ComPtr<IPortableDeviceContent> l_pContent;

@@ -138,11 +138,11 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
         // A storage that has just come up on the device: its disk is published, not raised as an event.
         const bool l_boolStorageArrival = l_boolFunctionalObject && wcscmp(l_Value(l_ParentId), L"DEVICE") == 0 &&
                                           wcscmp(l_Value(l_ObjectId), L"s10001") == 0;
+        wchar_t l_wcharContentType[64] = L"";
         if (l_boolContentType) {
-            wchar_t l_wcharGUID[64];
-            StringFromGUID2(l_GUIDContentType, l_wcharGUID, 64);
+            StringFromGUID2(l_GUIDContentType, l_wcharContentType, 64);
             l_wstringText += L" ContentType: ";
-            l_wstringText += l_wcharGUID;
+            l_wstringText += l_wcharContentType;
         }
         l_Read(WPD_EVENT_PARAMETER_PNP_DEVICE_ID, l_PnPDeviceId, nullptr);
         l_Read(WPD_OBJECT_PERSISTENT_UNIQUE_ID, l_PersistentUniqueId, L"Object Persistent Unique Id: ");
@@ -173,8 +173,8 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
                 l_Event.pwcharObjectParentId = l_Value(l_ParentId);
                 l_Event.pwcharObjectName = l_Value(l_ObjectName);
                 l_Event.pwcharTargetPath = BstrText(l_bstr_tTargetPath);
-                l_Event.pwcharSourcePath = L"";
-                l_Event.pwcharDeviceName = l_Value(l_PnPDeviceId);
+                l_Event.pwcharSourcePath = l_wcharContentType;
+                l_Event.pwcharDeviceName = L"";
                 l_Event.pwcharOriginalFileName = l_Value(l_OriginalFileName);
                 l_Event.pwcharEventText = l_wstringText.c_str();
                 l_Event.pwcharPID = L"";

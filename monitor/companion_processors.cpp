@@ -24,6 +24,15 @@ CDorWEXWMIThreadCompanionProcessor::CDorWEXWMIThreadCompanionProcessor(CDorWEXWM
 
 CDorWEXWMIThreadCompanionProcessor::~CDorWEXWMIThreadCompanionProcessor() {
     StopAndCloseApplicationEvent();
+    if (m_HANDLEWorkerDone != nullptr) {
+        CloseHandle(m_HANDLEWorkerDone);
+    }
+}
+
+void CDorWEXWMIThreadCompanionProcessor::ServePipe(IDorWEXCompanionChannel& channel_in) {
+    ResetEvent(m_HANDLEWorkerDone);
+    channel_in.Listen(GetTerminateEvent());
+    SetEvent(m_HANDLEWorkerDone);
 }
 
 int CDorWEXWMIThreadCompanionProcessor::Stop() {
@@ -75,9 +84,10 @@ DWORD WINAPI CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProces
     auto* l_pProcessor = static_cast<CDorWEXWMIThreadAppleEventsProcessor*>(
         static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
     try {
-        CreateAppleChannel(DevicesOf(l_pProcessor->GetOwner()))->Listen(l_pProcessor->GetTerminateEvent());
+        l_pProcessor->ServePipe(*CreateAppleChannel(DevicesOf(l_pProcessor->GetOwner())));
     } catch (...) {
         // Out of memory: the worker ends and its monitor starts it again.
+        SetEvent(l_pProcessor->GetWorkerDoneEvent());
     }
     Trace(L"CDorWEXWMIThreadAppleEventsProcessor::WorkerThreadAppleEventsProcessor shutting down...\n");
     return 0;
@@ -106,9 +116,10 @@ DWORD WINAPI CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEv
     auto* l_pProcessor = static_cast<CDorWEXWMIThreadBlackBerryEventsProcessor*>(
         static_cast<CDorWEXWMIThreadBase*>(pCDorWEXWMIThreadBase_in));
     try {
-        l_pProcessor->m_pListener->Listen(l_pProcessor->GetTerminateEvent());
+        l_pProcessor->ServePipe(*l_pProcessor->m_pListener);
     } catch (...) {
         // Out of memory: the worker ends and its monitor starts it again.
+        SetEvent(l_pProcessor->GetWorkerDoneEvent());
     }
     Trace(L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor shutting down...\n");
     return 0;

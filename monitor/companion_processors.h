@@ -17,11 +17,20 @@ public:
     int Stop() override;
     int ProcessApplicationEvent() override;
 
+    // The worker-done event (manual reset): cleared when a worker starts, set when it has left its pipe, so
+    // that whoever watches the processor knows the pipe is no longer served.
+    HANDLE GetWorkerDoneEvent() const { return m_HANDLEWorkerDone; }
+
 protected:
+    // A worker's pipe run between the two states of the worker-done event.
+    void ServePipe(IDorWEXCompanionChannel& channel_in);
     // Ends the pipe loop through the terminate event, waits for the worker and closes the handles, tracing
     // each step with the processor's own texts (traceName_in: "CDorWEXWMIThreadAppleEventsProcessor::Stop:
     // TheMonitorThreadForThreadAppleEventsProcessor", traced when the type is typeTraced_in).
     int StopTraced(const wchar_t* pwcharTraceName_in, LONG longTypeTraced_in);
+
+private:
+    HANDLE m_HANDLEWorkerDone = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 };
 
 class CDorWEXWMIThreadAppleEventsProcessor : public CDorWEXWMIThreadCompanionProcessor {

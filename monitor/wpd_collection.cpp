@@ -127,7 +127,7 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
         if (l_pDevice->Identity()->m_eManufacturer == Manufacturer::LOGICALDISK) {
             Trace(L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=%08x\n", l_HRESULT);
         }
-        l_pDevice->Terminate();
+        // Not kept, whatever its class: the object goes here, and its callback and session with it.
         return l_HRESULT;
     }
 
@@ -163,14 +163,11 @@ HRESULT CDorWEXWPDCollection::AddWPD(const wchar_t* pwcharDeviceId_in) {
                 m_pCore->RemoveBlackBerryFromMonitoring(l_pReplaced.get());
             }
             l_pReplaced->Terminate();
-        } else {
-            l_pDevice->Terminate();  // not kept: its session and callback go with it
         }
-        return S_OK;
+        return S_OK;  // a new object not kept goes here, its callback and session with it
     }
     if (!l_boolInserted) {
-        l_pDevice->Terminate();  // the same id twice: the first one stays
-        return S_OK;
+        return S_OK;  // the same id twice: the first one stays, the second goes here
     }
     Trace(L"CDorWEXWPDCollection::AddWPD, m_ActiveWpdDevicesMap.insert.\n");
     SetDeviceTypeCounter(l_pDevice);
@@ -284,7 +281,7 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_
 
     if (m_ActiveWpdDevicesMap.size() == 1 && !NonEmpty(pwcharDeviceOrDiskId_in)) {
         Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectCheckSingleDevice(1): DeviceOrDiskId=%s\n",
-              OrNull(pwcharDeviceOrDiskId_in));
+              pwcharDeviceOrDiskId_in);
         return m_ActiveWpdDevicesMap.begin()->second;
     }
 
@@ -332,7 +329,7 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_
                 Apply(l_intNumber++, [&](const Entry& entry_in) { return l_Strategy.pMatches(entry_in, pwcharDeviceOrDiskId_in); });
             if (l_pFound != nullptr) {
                 Trace(l_Strategy.pwcharTrace,
-                      l_Strategy.boolTracesPath ? OrNull(pwcharObjectStoragePath_in) : pwcharDeviceOrDiskId_in);
+                      l_Strategy.boolTracesPath ? pwcharObjectStoragePath_in : pwcharDeviceOrDiskId_in);
                 return l_pFound->second;
             }
             if (l_intStrategy != 0) {
@@ -364,7 +361,7 @@ CDorWEXWPDCollection::DevicePtr CDorWEXWPDCollection::FindWPDObject(const wchar_
                 return MatchesBlackBerry(entry_in, pwcharDeviceOrDiskId_in);
             })) {
             Trace(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=%s\n",
-                  OrNull(pwcharObjectStoragePath_in));
+                  pwcharObjectStoragePath_in);
             return l_pFound->second;
         }
     }

@@ -246,8 +246,7 @@ HRESULT MethodSetDebugLevel(DorWEXMethodCall& call_io) {
     _variant_t l_Value;
     if (call_io.pMethod == nullptr || call_io.pMethod->inputCount < 1 ||
         FAILED(call_io.pInParams->Get(call_io.pMethod->inputs[0].name, 0, &l_Value, nullptr, nullptr)) ||
-        l_Value.vt == VT_NULL ||
-        l_Value.vt == VT_EMPTY) {
+        l_Value.vt == VT_NULL) {
         return WBEM_S_NO_ERROR;  // the level stays as it is
     }
     const HRESULT l_HRESULT =

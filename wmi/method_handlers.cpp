@@ -68,19 +68,23 @@ HRESULT ReadNumber(DorWEXMethodCall& call_io, const VARIANT& value_in, int intIn
     return l_HRESULT;
 }
 
-// The caller's process id from the context: an unsigned 32-bit value as clients put it (VT_UI4), or any
-// value that converts to one. Absent or not a number gives nothing.
-HRESULT ReadContextProcessId(DorWEXMethodCall& call_io, const wchar_t*, std::optional<ULONG>& processId_out) {
+// The caller's process id from the context value, converted through slot 1 like a parameter. A value of
+// the type the context value is defined with (an unsigned 32-bit number, VT_UI4) is taken as it is: the
+// conversion knows no such source type and would refuse every client that follows the definition. Absent
+// gives nothing.
+HRESULT ReadContextProcessId(DorWEXMethodCall& call_io, const wchar_t* pwcharTraceName_in,
+                             std::optional<ULONG>& processId_out) {
     processId_out.reset();
     _variant_t l_Value;
     if (call_io.pContext == nullptr ||
         FAILED(call_io.pContext->GetValue(dorwex::schema::kContextClientPID, 0, &l_Value))) {
         return S_OK;
     }
-    if (SUCCEEDED(VariantChangeType(&l_Value, &l_Value, 0, VT_UI4))) {
+    if (l_Value.vt == VT_UI4) {
         processId_out = l_Value.ulVal;
+        return S_OK;
     }
-    return S_OK;
+    return ReadNumber(call_io, l_Value, 1, pwcharTraceName_in, processId_out);
 }
 
 // The device a method means, or null after recording "Device not found" for the inner handler.
@@ -387,13 +391,9 @@ HRESULT MethodEjectDevice(DorWEXMethodCall& call_io) {
     IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
     const auto l_pEjectObject = CreateWPDDevice(l_pCore != nullptr ? &l_pCore->DeviceHost() : nullptr);
     LONG l_longResult = 0;
+    // The eject object knows the device by its maker text alone, which decides the way it is ejected.
     if (SUCCEEDED(l_pEjectObject->InitializeForEject(l_bstr_tDeviceId))) {
         l_pEjectObject->GetManufacturer();
-        // A BlackBerry is known as one from its property record, which only the attached device read.
-        if (l_pDevice->Identity()->m_eManufacturer == dorwex::Manufacturer::BLACKBERRY) {
-            l_pEjectObject->UpdateIdentity(
-                [](DeviceIdentity& identity_io) { identity_io.m_eManufacturer = dorwex::Manufacturer::BLACKBERRY; });
-        }
         l_longResult = l_pEjectObject->EjectDevice();
     }
     SetOneOrZero(call_io, l_longResult);

@@ -359,10 +359,7 @@ HRESULT CDorWEXWPDWMI::GetIWbemClassObjectClassInstance(IWbemClassObject** ppCla
 STDMETHODIMP CDorWEXWPDWMI::GetObjectAsync(const BSTR strObjectPath, LONG, IWbemContext*,
                                            IWbemObjectSink* pResponseHandler) {
     if (strObjectPath == nullptr || pResponseHandler == nullptr || m_pIWbemServices == nullptr) {
-        if (pResponseHandler != nullptr) {
-            pResponseHandler->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_INVALID_PARAMETER, nullptr, nullptr);
-        }
-        return WBEM_E_INVALID_PARAMETER;
+        return CompleteOnHandler(pResponseHandler, WBEM_E_INVALID_PARAMETER);
     }
     // Any path gives one blank instance: what WMI has always been given here.
     IWbemClassObject* l_pInstance = nullptr;

@@ -161,7 +161,7 @@ int PrintEvents(IEnumWbemClassObject* events, DWORD seconds) {
         ULONG returned = 0;
         if (events->Next(static_cast<LONG>(until - now), 1, &event, &returned) == WBEM_S_NO_ERROR && returned == 1) {
             wprintf(L"event: %ls %ls on %ls\n", Text(event.Get(), L"strEventId").c_str(),
-                    Text(event.Get(), L"strObjectName").c_str(), Text(event.Get(), L"strDeviceName").c_str());
+                    Text(event.Get(), L"strObjectName").c_str(), Text(event.Get(), L"strObjectDeviceId").c_str());
             ++received;
         }
     }

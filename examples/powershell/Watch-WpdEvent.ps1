@@ -17,7 +17,7 @@ try {
     while ($true) {
         $arrived = Wait-Event -SourceIdentifier $id
         $wpd = $arrived.SourceEventArgs.NewEvent
-        $line = '{0:u} {1} {2} on {3}' -f $arrived.TimeGenerated, $wpd.strEventId, $wpd.strObjectName, $wpd.strDeviceName
+        $line = '{0:u} {1} {2} on {3}' -f $arrived.TimeGenerated, $wpd.strEventId, $wpd.strObjectName, $wpd.strObjectDeviceId
         # A companion's write report names the writing process where WPD events have the persistent unique id.
         if ($wpd.strEventId -eq '{A726DA95-E207-4B02-8D44-BEF2E86CBFFC}') {
             $line += ' (written by process {0})' -f $wpd.strObjectDevicePersistentUniqueId

@@ -68,8 +68,8 @@ namespace {
 
 // The in-parameters and the context of a method call, as a client makes them. False when WMI refused a
 // value before any provider saw it (the outcome then holds the refusal).
-bool PrepareCall(IWbemServices* services, const wchar_t* method, const Parameters& parameters, LONG clientPid,
-                 ComPtr<IWbemClassObject>& in, ComPtr<IWbemContext>& context, Outcome& outcome) {
+bool PrepareCall(IWbemServices* services, const wchar_t* method, const Parameters& parameters,
+                 const ClientPid& clientPid, ComPtr<IWbemClassObject>& in, ComPtr<IWbemContext>& context, Outcome& outcome) {
     ComPtr<IWbemClassObject> wpdClass;
     services->GetObject(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &wpdClass, nullptr);
     ComPtr<IWbemClassObject> inSignature;
@@ -85,11 +85,9 @@ bool PrepareCall(IWbemServices* services, const wchar_t* method, const Parameter
             EXPECT_TRUE(put == S_OK || put == static_cast<HRESULT>(WBEM_E_NOT_FOUND));
         }
     }
-    if (clientPid >= 0) {
+    if (clientPid.value.vt != VT_EMPTY) {
         CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context));
-        _variant_t pid(static_cast<long>(clientPid), VT_I4);
-        pid.vt = VT_UI4;
-        context->SetValue(L"dorWEXWPDClientPID", 0, &pid);
+        context->SetValue(L"dorWEXWPDClientPID", 0, const_cast<_variant_t*>(&clientPid.value));
     }
     return true;
 }
@@ -129,7 +127,7 @@ public:
 
 }  // namespace
 
-Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+Outcome CallMethod(const wchar_t* method, const Parameters& parameters, const ClientPid& clientPid) {
     Outcome outcome;
     auto services = Connect();
     ComPtr<IWbemClassObject> in;
@@ -154,7 +152,8 @@ Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG cli
 namespace {
 
 // An asynchronous method call on target (the WMI service or a provider object), completed before it returns.
-Outcome CallAsyncOn(IWbemServices* target, const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+Outcome CallAsyncOn(IWbemServices* target, const wchar_t* method, const Parameters& parameters,
+                    const ClientPid& clientPid) {
     Outcome outcome;
     auto services = Connect();
     ComPtr<IWbemClassObject> in;
@@ -177,7 +176,7 @@ Outcome CallAsyncOn(IWbemServices* target, const wchar_t* method, const Paramete
 
 }  // namespace
 
-Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid) {
+Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, const ClientPid& clientPid) {
     return CallAsyncOn(Connect().Get(), method, parameters, clientPid);
 }
 
@@ -200,7 +199,7 @@ public:
 }  // namespace
 
 Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
-                           LONG clientPid) {
+                           const ClientPid& clientPid) {
     ClientSecurity client;
     IUnknown* previous = nullptr;
     const bool switched = SUCCEEDED(CoSwitchCallContext(&client, &previous));

@@ -33,20 +33,34 @@ struct Outcome {
 
 using Parameters = std::vector<std::pair<const wchar_t*, _variant_t>>;
 
-// Calls a method of Win32ext_WPD; a client process id >= 0 goes into the call's context. Parameters the
+// The context value "dorWEXWPDClientPID" of a call: a process id >= 0 as clients put it (VT_UI4), any other
+// value as it is given, or none (-1).
+struct ClientPid {
+    ClientPid(LONG pid = -1) {
+        if (pid >= 0) {
+            value.vt = VT_UI4;
+            value.ulVal = static_cast<ULONG>(pid);
+        }
+    }
+    ClientPid(const _variant_t& given) : value(given) {}
+    _variant_t value;
+};
+
+// Calls a method of Win32ext_WPD; a client process id goes into the call's context. Parameters the
 // method does not have are refused by the class (WBEM_E_NOT_FOUND) and left out; a value WMI will not take
 // for the parameter's type ends the call before the provider with WBEM_E_TYPE_MISMATCH as its status.
-Outcome CallMethod(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
+Outcome CallMethod(const wchar_t* method, const Parameters& parameters, const ClientPid& clientPid = ClientPid());
 // The same call through ExecMethodAsync: what the provider indicated (its "ReturnValue", "<none>" when it
 // put none) is read even when the call fails, with the status object's description.
-Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters, LONG clientPid = -1);
+Outcome CallMethodAsync(const wchar_t* method, const Parameters& parameters,
+                        const ClientPid& clientPid = ClientPid());
 
 // The same call made on a provider object itself, as the WMI service makes it (the in-parameters of the
 // class's method, the client's process id in the context, a client call context the provider can
 // impersonate): what the provider indicates, and the status and
 // status object it hands its response handler, before WMI fills in its own parts.
 Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const Parameters& parameters,
-                           LONG clientPid = -1);
+                           const ClientPid& clientPid = ClientPid());
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.
 void Notify(WPARAM change, const std::wstring& interfaceName);

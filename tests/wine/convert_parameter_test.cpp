@@ -4,8 +4,10 @@
 #include <set>
 #include <string>
 
+#include "support/provider_object.h"
 #include "support/test_trace_sink.h"
 #include "wmi/method_dispatch.h"
+#include "wmi/provider.h"
 #include "common/trace.h"
 
 namespace {
@@ -198,23 +200,55 @@ TEST(MethodSetDebugLevel, TheParameterDecidesTheLevelAndTheLevelIsTraced) {
     }
 }
 
-// A parameter the conversion cannot turn into text fails the call with the conversion's message and leaves
-// the level alone.
+// A parameter the conversion cannot turn into text (a date, or an empty value, which is not null) fails the
+// call with the conversion's message and leaves the level alone.
 TEST(MethodSetDebugLevel, AParameterThatIsNoTextFailsAndChangesNothing) {
     const auto* method = dorwex::schema::FindMethod(L"SetDebugLevel");
     ASSERT_NE(method, nullptr);
-    TraceCapture trace(2);
-    InParameters in(L"uint32DebugLevel", _variant_t(45000.0, VT_DATE), true);
+    const struct {
+        _variant_t value;
+        const wchar_t* description;
+    } cases[] = {
+        {_variant_t(45000.0, VT_DATE),
+         L"CDorWEXWPDWMI::MethodSetDebugLevel: Unknown variable (variant) type passed in:7.  Desired variable "
+         L"type:8.  Parameter index:0"},
+        {_variant_t(),
+         L"CDorWEXWPDWMI::MethodSetDebugLevel: Unknown variable (variant) type passed in:0.  Desired variable "
+         L"type:8.  Parameter index:0"},
+    };
+    for (const auto& c : cases) {
+        TraceCapture trace(2);
+        InParameters in(L"uint32DebugLevel", c.value, true);
+        DorWEXMethodCall call;
+        call.pMethod = method;
+        call.pInParams = &in;
+        EXPECT_EQ(MethodSetDebugLevel(call), E_FAIL) << c.value.vt;
+        EXPECT_EQ(GetTraceLevel(), 2u);
+        ASSERT_TRUE(call.pErrorRecord) << c.value.vt;
+        EXPECT_EQ(call.pErrorRecord->wstringDescription, c.description);
+        EXPECT_TRUE(trace.Lines().empty());
+    }
+}
+
+// A refusal made when no __ExtendedStatus can be built (here a provider object that WMI gave no namespace)
+// is kept as an error record with the refusal's texts, so the call still ends in E_FAIL with its reason
+// instead of in the handler's success.
+TEST(MethodHandlers, ARefusalWithoutAStatusObjectStillFailsTheCall) {
+    const auto* method = dorwex::schema::FindMethod(L"RequestWriteToken");
+    ASSERT_NE(method, nullptr);
+    IWbemServices* services = CreateProviderObject<IWbemServices>();
+    ASSERT_NE(services, nullptr);
+    InParameters in(L"uint32ProcessId", _variant_t(5L, VT_I4), true);
     DorWEXMethodCall call;
+    call.pProvider = static_cast<CDorWEXWPDWMI*>(services);
     call.pMethod = method;
     call.pInParams = &in;
-    EXPECT_EQ(MethodSetDebugLevel(call), E_FAIL);
-    EXPECT_EQ(GetTraceLevel(), 2u);
+    EXPECT_EQ(MethodRequestWriteToken(call), S_OK) << "no context: the process id cannot be the caller's";
+    EXPECT_EQ(call.pExtendedStatus, nullptr);
     ASSERT_TRUE(call.pErrorRecord);
-    EXPECT_EQ(call.pErrorRecord->wstringDescription,
-              L"CDorWEXWPDWMI::MethodSetDebugLevel: Unknown variable (variant) type passed in:7.  Desired variable "
-              L"type:8.  Parameter index:0");
-    EXPECT_TRUE(trace.Lines().empty());
+    EXPECT_EQ(call.pErrorRecord->wstringOperation, L"CDorWEXWPDWMI::MethodRequestWriteToken");
+    EXPECT_EQ(call.pErrorRecord->wstringDescription, L"Invalid PID specified when requesting a write token.");
+    services->Release();
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ public:
         const auto* text = reinterpret_cast<const wchar_t*>(instance_in.request);
         std::lock_guard<std::mutex> guard(mutex);
         messages.emplace_back(text, wcsnlen(text, kBufferSize / sizeof(wchar_t)));
+        events.push_back(instance_in.overlapped.hEvent);
         return 0;
     }
     size_t Count() {
@@ -44,6 +45,7 @@ public:
     }
     std::mutex mutex;
     std::vector<std::wstring> messages;
+    std::vector<HANDLE> events;  // the event of the instance each message came through
 };
 
 // The server on its own thread, stopped through its stop event as the processor stops it.
@@ -259,12 +261,20 @@ TEST(NamedPipe, ZeroLengthMessageClosesTheClientAndAFullBufferIsReadSafely) {
 
 TEST(NamedPipe, StopWhileEveryInstanceWaitsClosesThePipe) {
     TraceCapture trace(1);
+    HANDLE instanceEvent = nullptr;
     {
         Server<RecordingPipe> server(kTestPipe);
-        ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe: entered..."); }));
+        HANDLE client = OpenPipeClient(kTestPipe);
+        ASSERT_NE(client, INVALID_HANDLE_VALUE);
+        ASSERT_TRUE(SendText(client, L"one message"));
+        ASSERT_TRUE(WaitUntil([&] { return server.pipe.Count() == 1; }));
+        CloseHandle(client);
+        instanceEvent = server.pipe.events.front();
+        ASSERT_EQ(WaitForSingleObject(instanceEvent, 0) == WAIT_FAILED, false) << "the instance's event is open";
     }
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ProcessPipe, request to stop received..."));
     EXPECT_TRUE(trace.Has(L"CDorWEXWMIWPDNamedPipeBase::ClosePipe: exit."));
+    EXPECT_EQ(WaitForSingleObject(instanceEvent, 0), WAIT_FAILED) << "the instances' events go with the server";
     EXPECT_EQ(CreateFileW(kTestPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND)) << "the name is gone with the server";
 }

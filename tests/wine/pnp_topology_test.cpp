@@ -23,6 +23,8 @@ using Node = PnpTreeDouble::Node;
 constexpr wchar_t kPhoneUSB[] = L"USB\\VID_04E8&PID_6860\\R58M12345";
 constexpr wchar_t kPhoneFunction[] = L"USB\\VID_04E8&PID_6860&MI_00\\7&2A8F3E1&0&0000";
 constexpr char kPhoneWPDId[] = "\\\\?\\usb#vid_04e8&pid_6860&mi_00#7&2a8f3e1&0&0000#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+// The same phone as a single-function device: its portable-device interface is on its USB node.
+constexpr char kSinglePhoneWPDId[] = "\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
 
 // A USB stick: its disk drive and the volume on it, seen through WPD.
 constexpr wchar_t kStickDisk[] = L"USBSTOR\\DISK&VEN_KINGSTON&PROD_DT&REV_PMAP\\60A44C413A8C&0";
@@ -36,7 +38,8 @@ struct PhoneTree {
     int controller = -1, hub = -1, usb = -1, function = -1;
 };
 
-PhoneTree AddPhone(PnpTreeDouble& pnp, const std::wstring& location = L"USB Composite Device (3)") {
+PhoneTree AddPhone(PnpTreeDouble& pnp, const std::wstring& location = L"USB Composite Device (3)",
+                   bool composite = true) {
     PhoneTree tree;
     tree.controller = pnp.AddHostController(L"PCI\\VEN_8086&DEV_A36D\\3&11583659&0&A0");
     tree.hub = pnp.AddHub(tree.controller, L"USB\\ROOT_HUB30\\4&1F3B2A0&0&0", 6);
@@ -49,6 +52,13 @@ PhoneTree AddPhone(PnpTreeDouble& pnp, const std::wstring& location = L"USB Comp
     usb.properties[SPDRP_PHYSICAL_DEVICE_OBJECT_NAME] = L"\\Device\\USBPDO-7";
     usb.interfaces.push_back({pnp_classes::kUSBDeviceInterface, L"\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{a5dcbf10}"});
     tree.usb = pnp.Add(usb);
+    if (!composite) {
+        // The USB device is the portable device itself: one node with the serial number in its id.
+        pnp.At(tree.usb).setupClass = pnp_classes::kWPD;
+        pnp.At(tree.usb).properties[SPDRP_FRIENDLYNAME] = L"Galaxy S9";
+        pnp.At(tree.usb).interfaces.push_back({pnp_classes::kWPDInterface, Wide(kSinglePhoneWPDId)});
+        return tree;
+    }
     Node function;
     function.instanceId = kPhoneFunction;
     function.setupClass = pnp_classes::kWPD;
@@ -87,16 +97,17 @@ void AddStick(PnpTreeDouble& pnp, LONG diskNumber) {
 
 TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
     PnpTreeDouble pnp;
-    AddPhone(pnp);
+    AddPhone(pnp, L"USB Composite Device (3)", false);
     TraceCapture trace(1);
     CDorWEXWPDObjectInWin32 view;
-    EXPECT_EQ(view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1), S_OK);
+    const std::wstring name = Wide(kSinglePhoneWPDId);
+    EXPECT_EQ(view.ProcessDeviceNotification(name.c_str(), 1), S_OK);
 
-    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneFunction) << "matched across case, # and the suffix";
-    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDevicePath, Wide(kPhoneWPDId));
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneUSB) << "matched across case, # and the suffix";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDevicePath, name);
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringType, L"GUID_DEVINTERFACE_WPD");
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).Property(SPDRP_FRIENDLYNAME), L"Galaxy S9");
-    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringInstanceId, kPhoneUSB) << "the composite device's USB node";
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringInstanceId, kPhoneUSB) << "the node on the hub";
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).Property(SPDRP_PHYSICAL_DEVICE_OBJECT_NAME), L"\\Device\\USBPDO-7");
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 3);
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intTotalPortsOnHub, 6);
@@ -104,70 +115,55 @@ TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).longNumberOfOpenPipes, 3) << "read from the hub for the device's port";
     EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringInstanceId.empty()) << "no disk drive on a phone";
     EXPECT_EQ(view.GetUSBSerialNumber(), L"R58M12345");
-    EXPECT_EQ(view.GetDeviceSerialNumber(), L"") << "the function's id was made up by the system";
+    EXPECT_EQ(view.GetDeviceSerialNumber(), L"R58M12345");
 
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + Wide(kPhoneWPDId) + L"\n"));
-    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON ") +
-                          kPhoneFunction + L"\n"));
-    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, Parent "
-                                       L"USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for ") +
-                          kPhoneUSB + L" = 6.\n"));
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port 3\n"));
-    EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice InstanceId2=<") +
-                          kPhoneUSB + L">"));
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice USBHubPortNumber=3"));
-    // The whole view, in order: the notified node matched, the hub and port of the USB device, then what each
-    // entry holds.
+    // The whole view, in order: the notified node matched, the hub and port of the USB device (the node's
+    // own parent), then what each entry holds.
+    const std::wstring show = L"CDorWEXWPDObjectInWin32::ShowProperties, ";
     const std::vector<std::wstring> expected = {
-        L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + Wide(kPhoneWPDId),
+        L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for " + name,
         L"=============================================================",
-        L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + std::wstring(kPhoneFunction),
+        L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + std::wstring(kPhoneUSB),
         L"CDorWEXWPDObjectInWin32::SetDeviceInstanceIdUsingPnpAPI, "
-        L"Targeted device DevInst: 4, DeviceInstanceId: " + std::wstring(kPhoneFunction),
+        L"Targeted device DevInst: 3, DeviceInstanceId: " + std::wstring(kPhoneUSB),
         L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, "
-        L"Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for " + std::wstring(kPhoneUSB) + L" = 6.",
+        L"Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 1 for " + std::wstring(kPhoneUSB) + L" = 6.",
         L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, device is on port 3",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"View, PDEV_BROADCAST_DEVICEINTERFACE->dbcc_name=<" + Wide(kPhoneWPDId) + L">",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Device Path=<" + Wide(kPhoneWPDId) + L">",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Type=<GUID_DEVINTERFACE_WPD>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification DeviceClassGUID=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"Entry0, Notification InstanceId0=<" + std::wstring(kPhoneFunction) + L">",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"Entry0, Notification SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-8>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_HARDWAREID=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_ENUMERATOR_NAME=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_LOCATION_PATHS=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification SPDRP_LOCATION_INFORMATION=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification Device Drive Letter=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification DiskNumber=-1",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification USBHubPortNumber=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification TotalPortsOnHub=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification ActivePortsOnHub=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification NumberOfOpenPipes=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification NumberOfOutPipes=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry0, Notification iManufacturer=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"Entry2, USBDevice Device Path=<\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{a5dcbf10}>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice Type=<GUID_DEVINTERFACE_USB_DEVICE>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice DeviceClassGUID=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice InstanceId2=<" + std::wstring(kPhoneUSB) + L">",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"Entry2, USBDevice SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-7>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_HARDWAREID=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_ENUMERATOR_NAME=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice SPDRP_LOCATION_PATHS=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, "
-        L"Entry2, USBDevice SPDRP_LOCATION_INFORMATION=<USB Composite Device (3)>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice Device Drive Letter=<>",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice DiskNumber=-1",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice USBHubPortNumber=3",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice TotalPortsOnHub=6",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice ActivePortsOnHub=1",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice NumberOfOpenPipes=3",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice NumberOfOutPipes=0",
-        L"CDorWEXWPDObjectInWin32::ShowProperties, Entry2, USBDevice iManufacturer=1",
+        show + L"View, PDEV_BROADCAST_DEVICEINTERFACE->dbcc_name=<" + name + L">",
+        show + L"Entry0, Notification Device Path=<" + name + L">",
+        show + L"Entry0, Notification Type=<GUID_DEVINTERFACE_WPD>",
+        show + L"Entry0, Notification DeviceClassGUID=<>",
+        show + L"Entry0, Notification InstanceId0=<" + std::wstring(kPhoneUSB) + L">",
+        show + L"Entry0, Notification SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-7>",
+        show + L"Entry0, Notification SPDRP_HARDWAREID=<>",
+        show + L"Entry0, Notification SPDRP_ENUMERATOR_NAME=<>",
+        show + L"Entry0, Notification SPDRP_LOCATION_PATHS=<>",
+        show + L"Entry0, Notification SPDRP_LOCATION_INFORMATION=<USB Composite Device (3)>",
+        show + L"Entry0, Notification Device Drive Letter=<>",
+        show + L"Entry0, Notification DiskNumber=-1",
+        show + L"Entry0, Notification USBHubPortNumber=0",
+        show + L"Entry0, Notification TotalPortsOnHub=0",
+        show + L"Entry0, Notification ActivePortsOnHub=0",
+        show + L"Entry0, Notification NumberOfOpenPipes=0",
+        show + L"Entry0, Notification NumberOfOutPipes=0",
+        show + L"Entry0, Notification iManufacturer=0",
+        show + L"Entry2, USBDevice Device Path=<\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{a5dcbf10}>",
+        show + L"Entry2, USBDevice Type=<GUID_DEVINTERFACE_USB_DEVICE>",
+        show + L"Entry2, USBDevice DeviceClassGUID=<>",
+        show + L"Entry2, USBDevice InstanceId2=<" + std::wstring(kPhoneUSB) + L">",
+        show + L"Entry2, USBDevice SPDRP_PHYSICAL_DEVICE_OBJECT_NAME=<\\Device\\USBPDO-7>",
+        show + L"Entry2, USBDevice SPDRP_HARDWAREID=<>",
+        show + L"Entry2, USBDevice SPDRP_ENUMERATOR_NAME=<>",
+        show + L"Entry2, USBDevice SPDRP_LOCATION_PATHS=<>",
+        show + L"Entry2, USBDevice SPDRP_LOCATION_INFORMATION=<USB Composite Device (3)>",
+        show + L"Entry2, USBDevice Device Drive Letter=<>",
+        show + L"Entry2, USBDevice DiskNumber=-1",
+        show + L"Entry2, USBDevice USBHubPortNumber=3",
+        show + L"Entry2, USBDevice TotalPortsOnHub=6",
+        show + L"Entry2, USBDevice ActivePortsOnHub=1",
+        show + L"Entry2, USBDevice NumberOfOpenPipes=3",
+        show + L"Entry2, USBDevice NumberOfOutPipes=0",
+        show + L"Entry2, USBDevice iManufacturer=1",
     };
     std::vector<std::wstring> lines;
     for (const auto& line : trace.Lines()) {
@@ -178,9 +174,40 @@ TEST(PnpView, PhoneBehindAHubGetsItsUSBDevicePortAndSerialNumbers) {
     EXPECT_EQ(pnp.OpenHandles(), 0u);
 }
 
+// Only a node's own parent is looked at for its hub: the function of a composite device sits below its USB
+// device, not on a hub, so it gets no USB node, hub or port. Every node that matches the name is read, the
+// last one staying in the entry.
+TEST(PnpView, AFunctionOfACompositeDeviceHasNoHubAndEveryMatchingNodeIsRead) {
+    PnpTreeDouble pnp;
+    AddPhone(pnp);
+    TraceCapture trace(1);
+    CDorWEXWPDObjectInWin32 view;
+    EXPECT_EQ(view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1), S_OK);
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneFunction);
+    EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).wstringInstanceId.empty());
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 0);
+    EXPECT_EQ(view.GetUSBSerialNumber(), L"");
+    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2").empty());
+
+    // A second node whose id also lies whole in the name: both are read, in the order the system lists them.
+    Node group;
+    group.instanceId = L"USB\\VID_04E8&PID_6860&MI_00";
+    pnp.Add(group);
+    trace.Clear();
+    CDorWEXWPDObjectInWin32 twice;
+    twice.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
+    EXPECT_EQ(trace.StartingWith(L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON "),
+              (std::vector<std::wstring>{
+                  L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + std::wstring(kPhoneFunction),
+                  L"CDorWEXWPDObjectInWin32::FindDeviceClassFromDbccNamedbcc_name MATCHED ON USB\\VID_04E8&PID_6860&MI_00"}));
+    EXPECT_EQ(twice.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, L"USB\\VID_04E8&PID_6860&MI_00");
+    EXPECT_EQ(pnp.OpenLists(), 0u);
+    EXPECT_EQ(pnp.OpenHandles(), 0u);
+}
+
 TEST(PnpView, PortComesFromCountingTheHubsChildrenWhenTheLocationNamesNone) {
     PnpTreeDouble pnp;
-    const PhoneTree tree = AddPhone(pnp, L"Port_#0003.Hub_#0001");
+    const PhoneTree tree = AddPhone(pnp, L"Port_#0003.Hub_#0001", false);
     Node other;  // a keyboard on the same hub, listed before the phone
     other.instanceId = L"USB\\VID_046D&PID_C31C\\5&1&0&1";
     other.parent = tree.hub;
@@ -188,14 +215,14 @@ TEST(PnpView, PortComesFromCountingTheHubsChildrenWhenTheLocationNamesNone) {
     pnp.Add(other);
     TraceCapture trace(1);
     CDorWEXWPDObjectInWin32 view;
-    view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
+    view.ProcessDeviceNotification(Wide(kSinglePhoneWPDId).c_str(), 1);
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 1) << "the phone is the hub's first child";
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intActivePortsOnHub, 2);
 
     // A hub whose port count cannot be read gives no port at all.
     pnp.At(tree.hub).hubPorts = 0;
     trace.Clear();
-    view.ProcessDeviceNotification(Wide(kPhoneWPDId).c_str(), 1);
+    view.ProcessDeviceNotification(Wide(kSinglePhoneWPDId).c_str(), 1);
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kUSBDeviceNode).intUSBHubPortNumber, 0);
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::ProcessImmediateParent2, could not determine port for device.\n"));
 }
@@ -209,11 +236,10 @@ TEST(PnpView, StickVolumeHasItsDiskDriveDiskNumberAndLetter) {
     CDorWEXWPDObjectInWin32 view;
     EXPECT_EQ(view.ProcessDeviceNotification(kStickWPDName, 1), S_OK);
     EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDiskDrive, kStickDisk) << "the disk drive's id is part of the volume name";
-    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).longDiskNumber, 2);
-    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDriveLetter, L"E:\\");
+    EXPECT_EQ(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).longDiskNumber, -1) << "only a volume is asked";
+    EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode).wstringDriveLetter.empty());
     EXPECT_TRUE(view.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId.empty()) << "a disk was found: the name is not looked up further";
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Drive letter: <E:\\> "
-                          L"Drive number: <2>\n"));
+    EXPECT_TRUE(trace.StartingWith(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2").empty());
     EXPECT_TRUE(trace.Has(std::wstring(L"CDorWEXWPDObjectInWin32::FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_"
                                        L"DISK: MATCHED ON ") +
                           kStickDisk + L" Match count=1\n"));
@@ -227,6 +253,8 @@ TEST(PnpView, StickVolumeHasItsDiskDriveDiskNumberAndLetter) {
     EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).longDiskNumber, 2);
     EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDiskDrive, L"\\\\.\\PhysicalDrive2");
     EXPECT_EQ(volumeView.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringDriveLetter, L"E:\\");
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObjectInWin32::GetDiskNumberAndDriveLetter2, Drive letter: <E:\\> "
+                          L"Drive number: <2>\n"));
 
     pnp.SetDrive(L'E', 0);
     trace.Clear();
@@ -290,11 +318,11 @@ TEST(PnpView, EachFailingCallIsTracedInItsPlaceWithItsCodeAndText) {
     } cases[] = {
         {"the configuration manager cannot name the matched node", true, true, "CM_Get_Device_ID_ExW", 1,
          nullptr,
-         {view + L"ProcessDeviceNotification entered for " + Wide(kPhoneWPDId), separator,
-          view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kPhoneFunction,
-          view + L"SetDeviceInstanceIdUsingPnpAPI, DevInst: 4: CM_Get_Device_ID_Ex FAILED 1d: " +
+         {view + L"ProcessDeviceNotification entered for " + Wide(kSinglePhoneWPDId), separator,
+          view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kPhoneUSB,
+          view + L"SetDeviceInstanceIdUsingPnpAPI, DevInst: 3: CM_Get_Device_ID_Ex FAILED 1d: " +
               SystemText(CR_REGISTRY_ERROR) + L".",
-          view + L"ProcessImmediateParent2, Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 2 for " + kPhoneUSB +
+          view + L"ProcessImmediateParent2, Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 1 for " + kPhoneUSB +
               L" = 6.",
           view + L"ProcessImmediateParent2, device is on port 3"}},
         {"a volume that spans two disks", false, false, nullptr, 2, kStickWPDName,
@@ -302,15 +330,11 @@ TEST(PnpView, EachFailingCallIsTracedInItsPlaceWithItsCodeAndText) {
           view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kStickVolume,
           view + L"SetDeviceInstanceIdUsingPnpAPI, Targeted device DevInst: 5, DeviceInstanceId: " + kStickVolume,
           view + L"GetDiskNumberAndDriveLetter2, DeviceIoControl:IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS FAILED ea: " +
-              SystemText(ERROR_MORE_DATA) + L".",
-          view + L"ProcessImmediateParent2, Parent USB\\ROOT_HUB30\\4&1F3B2A0&0&0 distance 3 for "
-                 L"USB\\VID_0951&PID_1666\\60A44C413A8C = 6.",
-          view + L"ProcessImmediateParent2, device is on port 1"}},
-        {"the drive list cannot be read", false, true, "GetLogicalDriveStringsW", 1, kStickWPDName,
+              SystemText(ERROR_MORE_DATA) + L"."}},
+        {"the drive list cannot be read", false, false, "GetLogicalDriveStringsW", 1, kStickWPDName,
          {view + L"ProcessDeviceNotification entered for " + kStickWPDName, separator,
-          view + L"FindDeviceClassOnCompositeDeviceGUID_DEVINTERFACE_DISK: MATCHED ON " + kStickDisk +
-              L" Match count=1",
-          view + L"SetDeviceInstanceIdUsingPnpAPI, Targeted device DevInst: 4, DeviceInstanceId: " + kStickDisk,
+          view + L"FindDeviceClassFromDbccNamedbcc_name MATCHED ON " + kStickVolume,
+          view + L"SetDeviceInstanceIdUsingPnpAPI, Targeted device DevInst: 5, DeviceInstanceId: " + kStickVolume,
           view + L"GetDiskNumberAndDriveLetter2, GetLogicalDriveStrings FAILED 5: " + SystemText(ERROR_ACCESS_DENIED) +
               L"."}},
     };
@@ -318,8 +342,8 @@ TEST(PnpView, EachFailingCallIsTracedInItsPlaceWithItsCodeAndText) {
         PnpTreeDouble pnp;
         std::wstring name;
         if (c.phone) {
-            AddPhone(pnp);
-            name = Wide(kPhoneWPDId);
+            AddPhone(pnp, L"USB Composite Device (3)", false);
+            name = Wide(kSinglePhoneWPDId);
         } else {
             AddStick(pnp, 2);
             pnp.SetDrive(L'E', 2);
@@ -343,17 +367,17 @@ TEST(PnpView, EachFailingCallIsTracedInItsPlaceWithItsCodeAndText) {
         EXPECT_EQ(pnp.OpenLists(), 0u) << c.what;
         EXPECT_EQ(pnp.OpenHandles(), 0u) << c.what;
         if (c.phone) {
-            EXPECT_EQ(win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneFunction)
+            EXPECT_EQ(win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode).wstringInstanceId, kPhoneUSB)
                 << "the id the enumeration gave stays";
-        } else if (!c.diskDriveListed) {
+        } else if (c.volumeDiskExtents > 1) {
             const auto& volume = win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode);
             EXPECT_EQ(volume.longDiskNumber, -1) << c.what;
             EXPECT_TRUE(volume.wstringDiskDrive.empty()) << c.what;
             EXPECT_TRUE(volume.wstringDriveLetter.empty()) << c.what;
         } else {
-            const auto& disk = win32.GetEntry(CDorWEXWPDObjectInWin32::kDiskDriveNode);
-            EXPECT_EQ(disk.longDiskNumber, 2) << c.what;
-            EXPECT_TRUE(disk.wstringDriveLetter.empty()) << c.what;
+            const auto& volume = win32.GetEntry(CDorWEXWPDObjectInWin32::kNotifiedNode);
+            EXPECT_EQ(volume.longDiskNumber, 2) << c.what;
+            EXPECT_TRUE(volume.wstringDriveLetter.empty()) << c.what;
         }
     }
 }
@@ -381,24 +405,23 @@ TEST(PnpView, PlainUSBStorageIsNotPublishedButAPhoneIs) {
 TEST(PnpView, TheDeviceTakesItsUSBSerialNumberAndIsFoundByItsUSBNode) {
     WpdEmulator emulator;
     PnpTreeDouble pnp;
-    AddPhone(pnp);
-    EmulatedDeviceSpec spec = PhoneSpec(kPhoneWPDId, "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL");
+    AddPhone(pnp, L"USB Composite Device (3)", false);
+    EmulatedDeviceSpec spec = PhoneSpec(kSinglePhoneWPDId, "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL");
     emulator.Attach(spec);
     TraceCapture trace(1);
     CDorWEXWMIWPDCore core;
     CDorWEXWPDCollection devices(&core);
-    ASSERT_EQ(devices.AddWPD(Wide(kPhoneWPDId).c_str()), S_OK);
+    ASSERT_EQ(devices.AddWPD(Wide(kSinglePhoneWPDId).c_str()), S_OK);
     const auto device = devices.FindWPDObject(kPhoneUSB, nullptr);
     ASSERT_TRUE(device) << "found through the instance id of its USB node";
     EXPECT_EQ(std::wstring(device->Identity()->m_bstr_tUSBSerialNumber), L"R58M12345");
     EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:USB SerialNumber after:R58M12345\n"));
-    EXPECT_TRUE(devices.FindWPDObject(kPhoneFunction, nullptr)) << "and through the node of the function";
-    devices.RemoveWPD(Wide(kPhoneWPDId).c_str());
+    devices.RemoveWPD(Wide(kSinglePhoneWPDId).c_str());
 }
 
 // The serial numbers the device publishes: a number the Plug and Play view reads from an instance id
-// replaces what the device object held, each change traced before and after; an id that carries no serial
-// number (a function of a composite device) changes nothing and says nothing.
+// replaces what the device object held, each change traced before and after; a function of a composite
+// device, whose id carries no serial number and whose parent is no hub, changes nothing and says nothing.
 TEST(PnpView, SerialNumbersFromTheViewReplaceTheDevicesOwnWithEachChangeTraced) {
     const std::wstring finalize = L"CDorWEXWPDObject::FinalizeSerialNumbersToUse:";
     const struct {
@@ -408,8 +431,7 @@ TEST(PnpView, SerialNumbersFromTheViewReplaceTheDevicesOwnWithEachChangeTraced) 
         const wchar_t* usbSerialNumber;
         std::vector<std::wstring> lines;
     } cases[] = {
-        {"a function below its USB node", false, L"", L"R58M12345",
-         {finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
+        {"a function below its USB node", false, L"", L"", {}},
         {"a single-function device on the hub", true, L"R58M12345", L"R58M12345",
          {finalize + L"WPD SerialNumber before:", finalize + L"WPD SerialNumber after:R58M12345",
           finalize + L"USB SerialNumber before:", finalize + L"USB SerialNumber after:R58M12345"}},
@@ -417,15 +439,8 @@ TEST(PnpView, SerialNumbersFromTheViewReplaceTheDevicesOwnWithEachChangeTraced) 
     for (const auto& c : cases) {
         WpdEmulator emulator;
         PnpTreeDouble pnp;
-        const PhoneTree tree = AddPhone(pnp);
-        const std::wstring name = c.onTheHub ? L"\\\\?\\usb#vid_04e8&pid_6860#r58m12345#{6ac27878-a6fa-4155-ba85-f98f491d4f33}"
-                                             : Wide(kPhoneWPDId);
-        if (c.onTheHub) {
-            // The USB device is the portable device itself: one node with the serial number in its id.
-            pnp.At(tree.function).present = false;
-            pnp.At(tree.usb).setupClass = pnp_classes::kWPD;
-            pnp.At(tree.usb).interfaces.push_back({pnp_classes::kWPDInterface, name});
-        }
+        AddPhone(pnp, L"USB Composite Device (3)", !c.onTheHub);
+        const std::wstring name = Wide(c.onTheHub ? kSinglePhoneWPDId : kPhoneWPDId);
         emulator.Attach(PhoneSpec(std::string(name.begin(), name.end()), "SAMSUNG Electronics Co., Ltd.", "WPDSERIAL"));
         TraceCapture trace(1);
         CDorWEXWPDObject device(nullptr);

@@ -426,9 +426,13 @@ TEST(CompanionProcessors, StartAndStopTraceEachThreadsSteps) {
         TraceCapture trace(1);
         {
             auto processor = c.make();
+            const HANDLE workerDone =
+                static_cast<CDorWEXWMIThreadCompanionProcessor*>(processor.get())->GetWorkerDoneEvent();
             processor->ManageThread(nullptr, CDorWEXWMIThreadBase::START);
             ASSERT_TRUE(WaitUntil([&] { return trace.Has(pipeLoop[0]); }, 30000));
+            EXPECT_EQ(WaitForSingleObject(workerDone, 0), static_cast<DWORD>(WAIT_TIMEOUT)) << "the worker serves";
             processor->ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+            EXPECT_EQ(WaitForSingleObject(workerDone, 0), WAIT_OBJECT_0) << "the worker said it is done";
         }
         std::vector<std::wstring> caller = {L"CDorWEXWMIThreadBase::CDorWEXWMIThreadBase",
                                             L"CDorWEXWMIThreadBase::ManageThread, START",

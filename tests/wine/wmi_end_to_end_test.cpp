@@ -270,6 +270,8 @@ TEST(WmiEndToEnd, AddedObjectReachesASubscribedConsumer) {
                   L"Unique Id: {PUID-ATT1-1}\\photo.jpg");
 
     EXPECT_EQ(Text(event, L"strTargetPath"), L"Phone") << "the folder the object is in, as a storage path";
+    EXPECT_EQ(Text(event, L"strSourcePath"), L"{0085E0A6-8D34-45D7-BC5C-447E59C73D48}") << "the content type";
+    EXPECT_EQ(Text(event, L"strDeviceName"), L"") << "the device's id is in strObjectDeviceId alone";
 
     // Names in any script arrive as they are.
     const std::wstring unicode = L"\u0444\u043e\u0442\u043e \u5199\u771f \U0001F600.jpg";
@@ -490,9 +492,10 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     EXPECT_EQ(sink.completions, 1);
     EXPECT_EQ(sink.status, S_OK);
     EXPECT_TRUE(sink.indicated.empty()) << "a query yields no instances";
-    // A call that fails at once still completes on the handler it was given.
+    // A call that fails at once still completes on the handler it was given, and then returns success: WMI
+    // reads the handler only after a call that succeeded.
     RecordingSink invalid;
-    EXPECT_EQ(provider->GetObjectAsync(nullptr, 0, nullptr, &invalid), WBEM_E_INVALID_PARAMETER);
+    EXPECT_EQ(provider->GetObjectAsync(nullptr, 0, nullptr, &invalid), S_OK);
     EXPECT_EQ(invalid.completions, 1);
     EXPECT_EQ(invalid.status, WBEM_E_INVALID_PARAMETER);
     EXPECT_EQ(provider->ExecQuery(nullptr, nullptr, 0, nullptr, nullptr), WBEM_E_NOT_SUPPORTED);
@@ -511,6 +514,14 @@ TEST(WmiProviderObject, InterfacesQueriesAndASecondProviderObject) {
     EXPECT_EQ(secondInit.initResult, WBEM_S_INITIALIZED);
     ComPtr<IWbemServices> secondServices;
     ASSERT_EQ(second.As(&secondServices), S_OK);
+    // Without a response handler there is nothing to answer through: the call is refused, not made.
+    EXPECT_EQ(secondServices->GetObjectAsync(_bstr_t(L"Win32ext_WPD.strId=\"x\""), 0, nullptr, nullptr),
+              WBEM_E_INVALID_PARAMETER);
+    EXPECT_EQ(secondServices->CreateInstanceEnumAsync(_bstr_t(L"Win32ext_WPD"), 0, nullptr, nullptr),
+              WBEM_E_INVALID_PARAMETER);
+    EXPECT_EQ(secondServices->ExecMethodAsync(_bstr_t(L"Win32ext_WPD"), _bstr_t(L"SetDebugLevel"), 0, nullptr,
+                                              nullptr, nullptr),
+              WBEM_E_INVALID_PARAMETER);
     RecordingSink enumeration;
     EXPECT_EQ(secondServices->CreateInstanceEnumAsync(_bstr_t(L"Win32ext_WPD"), 0, nullptr, &enumeration), S_OK);
     EXPECT_EQ(enumeration.completions, 1);
@@ -657,6 +668,17 @@ TEST(WmiContent, WriteTokensGateCopiesToTheDevice) {
     // in process.
     Outcome notANumber = CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(L"twelve")}}, self);
     EXPECT_EQ(notANumber.status, WBEM_E_TYPE_MISMATCH);
+    // The context value is the client's own: it goes through the parameter conversion, whose message names
+    // a value that is no number.
+    const _variant_t selfAsText(std::to_wstring(self).c_str());
+    EXPECT_EQ(CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, selfAsText)
+                  .returnValue.size(),
+              36u);
+    Outcome contextNotANumber =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, _variant_t(L"twelve"));
+    EXPECT_EQ(contextNotANumber.status, E_FAIL);
+    EXPECT_EQ(contextNotANumber.description,
+              L"CDorWEXWPDWMI::MethodRequestWriteToken: Could not convert parameter 1 to proper data type: 23");
     const std::wstring first =
         CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
     ASSERT_EQ(first.size(), 36u);
@@ -682,6 +704,10 @@ TEST(WmiContent, WriteTokensGateCopiesToTheDevice) {
         << "a second request dropped the first token";
     EXPECT_EQ(copy(L"Phone", local, _variant_t(token.c_str()), self + 4).description, L"Write token not found")
         << "the token belongs to another process";
+    Parameters upload = {{L"strObjectStoragePath", _variant_t(L"Phone")}, {L"strFileToCopy", _variant_t(local.c_str())},
+                         {L"strWriteToken", _variant_t(token.c_str())}, {L"strObjectDeviceId", _variant_t(kDevice)}};
+    EXPECT_EQ(CallMethod(L"CopyFileToDevice", upload, _variant_t(L"twelve")).description,
+              L"CDorWEXWPDWMI::MethodCopyFileToDevice: Could not convert parameter 1 to proper data type: 23");
 
     const _variant_t good(token.c_str());
     Outcome copied = copy(L"Phone\\DCIM", local, good, self);
@@ -718,6 +744,12 @@ TEST(WmiContent, DeleteMoveAndFolders) {
     EXPECT_TRUE(Exists(Card() + L"\\Landed")) << "an unresolved parent falls back to the storage root";
     EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")}}), L"0")
         << "no folder name";
+    // An empty name is the device's to refuse.
+    const ULONG creations = g_emulator->CallCount(kDevice, "CreateObjectWithPropertiesOnly");
+    EXPECT_EQ(call(L"CreateFolderOnDevice", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                             {L"strNewFolderName", _variant_t(L"")}}),
+              L"0");
+    EXPECT_EQ(g_emulator->CallCount(kDevice, "CreateObjectWithPropertiesOnly"), creations + 1);
 
     g_emulator->WriteFile(Phone() + L"\\DCIM\\Neu \u00fc\\inside.txt", "x");
     EXPECT_EQ(call(L"DeleteFileFromDevice", {{L"strObjectStoragePath", _variant_t(L"phone\\dcim\\NEU \u00dc")}}), L"1");

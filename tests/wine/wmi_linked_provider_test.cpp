@@ -21,6 +21,7 @@
 #include "support/wait_until.h"
 #include "support/wmi_calls.h"
 #include "support/wpd_emulator.h"
+#include "device/wpd_device.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
 #include "wmi/class_factory.h"
@@ -117,6 +118,41 @@ TEST_F(WmiEject, EjectsTheDeviceNotItsHubAndStopsPublishingIt) {
     EXPECT_EQ(Published(), 0u);
     EXPECT_EQ(pnp.OpenLists(), 0u);
     EXPECT_EQ(pnp.OpenHandles(), 0u);
+}
+
+// The eject works on an object of its own, made from what WPD tells of the device: a BlackBerry, known as
+// one only from the property record its attached object read, is ejected the way its maker text gives.
+TEST_F(WmiEject, ABlackBerryIsEjectedTheWayItsMakerTextGives) {
+    constexpr char kBlackBerryId[] = "\\\\?\\usb#vid_0fca&pid_8004#bb77#{6ac27878-a6fa-4155-ba85-f98f491d4f33}";
+    PnpTreeDouble::Node blackberry;
+    blackberry.instanceId = L"USB\\VID_0FCA&PID_8004\\BB77";
+    blackberry.setupClass = pnp_classes::kWPD;
+    blackberry.parent = hub;
+    blackberry.port = 3;
+    blackberry.interfaces.push_back({pnp_classes::kWPDInterface, Wide(kBlackBerryId)});
+    blackberry.ejectAnswers = {CR_REMOVE_VETOED, CR_REMOVE_VETOED};
+    blackberry.removeAnswers = {CR_REMOVE_VETOED};
+    const int index = pnp.Add(blackberry);
+    EmulatedDeviceSpec spec = PhoneSpec(kBlackBerryId, "Research In Motion", "BB77");
+    spec.faultLines = {"Open = 0x80070005"};
+    spec.registryLines = {"BBPIN = 2A3B4C5D", "IMEI = 356938035643809", "DHCPServer = 10.0.0.7"};
+    emulator.Attach(spec);
+    Query(Connect().Get(), L"SELECT * FROM Win32ext_WPD");  // the provider and its core are running
+    ASSERT_NE(g_pCDorWEXWMIWPDCore, nullptr);
+    ASSERT_EQ(g_pCDorWEXWMIWPDCore->Devices()->AddWPD(Wide(kBlackBerryId).c_str()), S_OK);
+    const auto attached = g_pCDorWEXWMIWPDCore->Devices()->FindWPDObjectById(Wide(kBlackBerryId).c_str());
+    ASSERT_TRUE(attached);
+    ASSERT_EQ(attached->Identity()->m_eManufacturer, dorwex::Manufacturer::BLACKBERRY);
+
+    TraceCapture trace(1);
+    const Outcome refused = CallMethod(L"EjectDevice", {{L"strObjectDeviceId", _variant_t(Wide(kBlackBerryId).c_str())}});
+    EXPECT_EQ(refused.returnValue, L"0") << "the device vetoed each request";
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::GetManufacturer defaulting to ANDROID\n."));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD parent is hub or controller.\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::EjectDeviceWPD eject device(3) failed.\n"));
+    EXPECT_EQ(pnp.At(index).ejectRequests, 2);
+    EXPECT_EQ(pnp.At(hub).ejectRequests, 0);
+    g_pCDorWEXWMIWPDCore->Devices()->RemoveWPD(Wide(kBlackBerryId).c_str());
 }
 
 // A write on a BlackBerry that its companion reports on the BlackBerry pipe reaches a consumer as a write
@@ -426,7 +462,8 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
          {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\a.jpg")},
           {L"strLocalFileName", _variant_t((local + L"\\a.jpg").c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
          L"1",
-         {L"CDorWEXWPDWMI::MethodCopyFileFromDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileFromDevice2 enter."},
+         {L"CDorWEXWPDWMI::MethodCopyFileFromDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileFromDevice2 enter.",
+          L"CDorWEXWPDWMI::MethodCopyFileFromDevice2, CoImpersonateClient 0"},
          {L"CDorWEXWPDObject::CopyFileFromDevice enter.", L"CDorWEXWPDObject::CopyFileFromDevice1 enter."}},
         {L"EnumerateDevicePath",
          {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strObjectDeviceId", _variant_t(device.c_str())},
@@ -451,7 +488,8 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
          {{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM")}, {L"strFileToCopy", _variant_t((local + L"\\up.txt").c_str())},
           {L"strWriteToken", _variant_t(token.c_str())}, {L"strObjectDeviceId", _variant_t(device.c_str())}},
          L"1",
-         {L"CDorWEXWPDWMI::MethodCopyFileToDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileToDevice2 enter."},
+         {L"CDorWEXWPDWMI::MethodCopyFileToDevice enter.", L"CDorWEXWPDWMI::MethodCopyFileToDevice2 enter.",
+          L"CDorWEXWPDWMI::MethodCopyFileToDevice2, CoImpersonateClient 0"},
          {L"CDorWEXWPDObject::CopyFileToDevice enter.", L"CDorWEXWPDObject::CopyFileToDevice1 enter."}},
     };
     for (const auto& c : cases) {
@@ -465,14 +503,10 @@ TEST(WmiMethods, EachMethodTracesItsHandlersAndItsDeviceOperation) {
         std::vector<std::wstring> handlers = {L"CDorWEXWPDWMI::ExecMethodAsync enter.",
                                               L"CDorWEXWPDWMI::ExecMethodAsync " + std::wstring(c.method) + L"."};
         handlers.insert(handlers.end(), c.handlers.begin(), c.handlers.end());
-        std::vector<std::wstring> provider;
-        // (The device's content events reach the provider meanwhile, on other threads.)
-        for (const auto& line : LinesStartingWith(trace, {L"CDorWEXWPDWMI::ExecMethodAsync", L"CDorWEXWPDWMI::Method"})) {
-            if (line.find(L", CoImpersonateClient ") == std::wstring::npos) {
-                provider.push_back(line);
-            }
-        }
-        EXPECT_EQ(provider, handlers) << what;
+        // (The device's content events reach the provider meanwhile, on other threads.) A copy names the
+        // impersonation of its client for the local file.
+        EXPECT_EQ(LinesStartingWith(trace, {L"CDorWEXWPDWMI::ExecMethodAsync", L"CDorWEXWPDWMI::Method"}), handlers)
+            << what;
         // The device object's lines, in order, among its others.
         const auto lines = LinesStartingWith(trace, {L"CDorWEXWPDObject::"});
         auto at = lines.begin();

@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
 #include <thread>
 
+#include "channels/blackberry_named_pipe.h"
+#include "channels/companion_channels.h"
 #include "device/wpd_object.h"
 #include "monitor/companion_processors.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
+#include "support/pnp_tree_double.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
 #include "support/wait_until.h"
@@ -47,13 +51,73 @@ TEST_F(Collection, IdsAreCaseBlindForAddRemoveAndLookup) {
     EXPECT_EQ(devices.RemoveWPD(nullptr), 0);
 }
 
-TEST_F(Collection, UsbStorageMakerIsRefused) {
-    emulator.Attach(PhoneSpec("usb#stick", "Kingston", "K1"));
+// A device that is not kept goes with everything it opened: its session and its event subscription, whether
+// it is a storage stick, a device whose start-up failed after its callback was registered, or a second
+// device with a serial number already present.
+TEST_F(Collection, ADeviceThatIsNotKeptLeavesNothingOpen) {
+    emulator.Attach(PhoneSpec("usb#present", "SAMSUNG", "TWIN"));
+    ASSERT_EQ(devices.AddWPD(L"usb#present"), S_OK);
+    const struct {
+        EmulatedDeviceSpec spec;
+        bool pnpFails;  // the Plug and Play view of the device's last start-up step fails
+        HRESULT result;
+        const wchar_t* traceLine;  // or null
+    } cases[] = {
+        {PhoneSpec("usb#stick", "Kingston", "K1"), false, E_FAIL,
+         L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=80004005\n"},
+        {PhoneSpec("usb#nomaker", "", "N1"), true, HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED),
+         L"CDorWEXWPDObjectEvents::Register\n"},
+        {PhoneSpec("usb#twin", "SAMSUNG", "TWIN"), false, S_OK, L"CDorWEXWPDCollection::ProcessDiskMount"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.spec.id);
+        emulator.Attach(c.spec);
+        std::optional<PnpTreeDouble> pnp;
+        if (c.pnpFails) {
+            pnp.emplace();
+            pnp->Fail("SetupDiGetClassDevsW");
+        }
+        TraceCapture trace(1);
+        const std::wstring id = Wide(c.spec.id);
+        EXPECT_EQ(devices.AddWPD(id.c_str()), c.result);
+        EXPECT_EQ(devices.Count(), 1u);
+        if (c.traceLine != nullptr) {
+            EXPECT_TRUE(trace.Has(c.traceLine));
+        }
+        EXPECT_TRUE(trace.Has(L"CDorWEXWPDObject::~CDorWEXWPDObject\n"));
+        EXPECT_EQ(emulator.OpenSessions(id.c_str()), 0);
+        EXPECT_EQ(emulator.Subscriptions(id.c_str()), 0);
+    }
+    EXPECT_EQ(emulator.OpenSessions(L"usb#present"), 1);
+}
+
+// A BlackBerry is on the list of watched shares from its arrival on, whatever the BlackBerry worker does:
+// here its pipe name is held by another server, so the worker ends as soon as it starts and is started
+// again, and the list stays with the processor.
+TEST_F(Collection, ABlackBerryIsWatchedFromItsArrivalThroughWorkerRestarts) {
+    HANDLE held = CreateNamedPipeW(kDorWEXBlackBerryPipeName, PIPE_ACCESS_DUPLEX,
+                                   PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1, 512, 512, 0, nullptr);
+    ASSERT_NE(held, INVALID_HANDLE_VALUE);
+    EmulatedDeviceSpec blackberry = PhoneSpec("usb#bb", "", "BB");
+    blackberry.faultLines = {"Open = 0x80070005"};
+    blackberry.registryLines = {"BBPIN = 2A3B", "DHCPServer = 169.254.0.1"};
+    emulator.Attach(blackberry);
     TraceCapture trace(1);
-    EXPECT_EQ(devices.AddWPD(L"usb#stick"), E_FAIL);
-    EXPECT_EQ(devices.Count(), 0u);
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::AddWPD DeviceManufacturer is LOGICALDISK, HRESULT=80004005\n"));
-    EXPECT_EQ(emulator.OpenSessions(L"usb#stick"), 0);
+    const ULONGLONG start = GetTickCount64();
+    ASSERT_EQ(devices.AddWPD(L"usb#bb"), S_OK);
+    EXPECT_LT(GetTickCount64() - start, 1000u) << "the arrival does not wait for the worker";
+    ASSERT_NE(core->GetBlackBerryEventsProcessor(), nullptr);
+    IDorWEXBlackBerryChannel* listener = core->GetBlackBerryEventsProcessor()->GetListener();
+    ASSERT_NE(listener, nullptr);
+    EXPECT_EQ(listener->MonitoredCount(), 1u);
+    ASSERT_TRUE(WaitUntil([&] {
+        return trace.Count(L"CDorWEXWMIThreadBlackBerryEventsProcessor::WorkerThreadBlackBerryEventsProcessor shutting "
+                           L"down...\n") >= 2;
+    }));
+    EXPECT_EQ(core->GetBlackBerryEventsProcessor()->GetListener(), listener);
+    EXPECT_EQ(listener->MonitoredCount(), 1u) << "the list outlives the worker's restarts";
+    devices.RemoveWPD(L"usb#bb");
+    CloseHandle(held);
 }
 
 // An Apple device or a BlackBerry added again under its id is kept once and counted once, so the last
@@ -140,8 +204,11 @@ TEST_F(Collection, EveryLookupStrategyWithItsTrace) {
         {L"unknown", L"Card", nullptr,
          L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=unknown, "
          L"ObjectStoragePath=Card\n"},
+        // A null argument in a found device's line is printed as the system prints a null text.
+        {L"galaxy b", nullptr, b,
+         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBasedOnFriendlyName(6): ObjectStoragePath=(null)\n"},
         {L"\\\\169.254.0.1\\media\\a.jpg", nullptr, c,
-         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=NULL\n"},
+         L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectBlackBerryDevice(8): ObjectStoragePath=(null)\n"},
         // Another address that begins with the BlackBerry's is another device.
         {L"\\\\169.254.0.17\\media\\a.jpg", nullptr, nullptr,
          L"CDorWEXWPDCollection::FindWPDObject: ERROR: Device not found(9): DeviceOrDiskId=\\\\169.254.0.17\\media\\a.jpg, "
@@ -172,7 +239,7 @@ TEST_F(Collection, SingleDeviceIsFoundWithoutAnId) {
     ASSERT_EQ(devices.AddWPD(L"usb#only"), S_OK);
     TraceCapture trace(1);
     EXPECT_TRUE(devices.FindWPDObject(nullptr, L"Elsewhere\\file.txt"));
-    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectCheckSingleDevice(1): DeviceOrDiskId=NULL\n"));
+    EXPECT_TRUE(trace.Has(L"CDorWEXWPDCollection::FindWPDObject/FindWPDObjectCheckSingleDevice(1): DeviceOrDiskId=(null)\n"));
     EXPECT_TRUE(devices.FindWPDObject(L"", nullptr));
 
     emulator.Attach(PhoneSpec("usb#two", "SAMSUNG", "T2"));

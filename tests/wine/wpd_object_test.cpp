@@ -14,6 +14,7 @@
 #include "device/wpd_object.h"
 #include "monitor/wpd_collection.h"
 #include "monitor/wpd_core.h"
+#include "support/pnp_tree_double.h"
 #include "support/test_files.h"
 #include "support/system_text.h"
 #include "support/test_trace_sink.h"
@@ -380,6 +381,14 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     locked.faultLines = {"Open = 0x80070005"};
     emulator.Attach(locked);
 
+    // The device node Plug and Play shows for the BlackBerry's portable-device function.
+    PnpTreeDouble pnp;
+    PnpTreeDouble::Node node;
+    node.instanceId = L"USB\\RIM";
+    node.setupClass = kGUID_DEVCLASS_WPD_LOOKUP;
+    node.interfaces.push_back({kGUID_DEVINTERFACE_WPD_2, L"\\\\?\\usb#rim#{80375827-83b8-4a51-b39b-905fedd4f118}"});
+    pnp.Add(node);
+
     CDorWEXWPDObject device(nullptr);
     EXPECT_EQ(device.InitializeWPD(L"usb#rim"), S_OK);
     EXPECT_EQ(device.Identity()->m_eManufacturer, Manufacturer::BLACKBERRY);
@@ -391,6 +400,7 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Name), L"\\\\169.254.0.1\\media");
     EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1ObjectId), L"s1001");
     EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1Description), L"Flash Memory");
+    EXPECT_EQ(Text(device.Identity()->m_bstr_tDisk1PersistentUniqueId), L"USB\\RIM") << "the node's instance id";
     EXPECT_TRUE(device.Identity()->m_bFunctionalCategoryStorage);
     device.Terminate();
 
@@ -408,6 +418,7 @@ TEST_F(DeviceObject, DeviceThatCannotBeOpenedIsABlackBerryOnlyWithItsRecord) {
     EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1ObjectId), L"s1001");
     EXPECT_EQ(Text(other.Identity()->m_bstr_tDisk1Description), L"Flash Memory");
     EXPECT_EQ(Text(other.Identity()->m_bstr_tWPDSerialNumber), L"");
+    EXPECT_EQ(other.Identity()->m_bstr_tDisk1PersistentUniqueId.length(), 0u) << "no node: nothing to take";
     ASSERT_NE(other.CompanionRecord(), nullptr) << "the record is built, empty";
     EXPECT_TRUE(other.CompanionRecord()->Empty());
     EXPECT_FALSE(other.m_pCDorWEXBlackBerry) << "no share access for a device that is no BlackBerry";
@@ -480,7 +491,7 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
     const EmulatedDeviceSpec spec = PhoneSpec("usb#vid_04e8#deleting", "SAMSUNG", "DEL1");
     emulator.Attach(spec);
     const std::wstring storage = emulator.StorageDirectory(spec, 0);
-    for (const wchar_t* name : {L"\\a.jpg", L"\\b.jpg"}) {
+    for (const wchar_t* name : {L"\\a.jpg", L"\\b.jpg", L"\\c.jpg"}) {
         emulator.WriteFile(storage + name, "jpeg");
     }
     std::unique_ptr<CDorWEXWMIWPDCore> core;
@@ -534,6 +545,10 @@ TEST_F(DeviceObject, DeleteChecksItsArgumentsAndPassesAPlaceholdersRequestOnOnce
     }
     EXPECT_EQ(GetFileAttributesW((storage + L"\\a.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetFileAttributesW((storage + L"\\b.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
+    // A storage path is deleted on the device it was resolved on: the object's own id goes with the object
+    // id, whatever id the caller holds.
+    EXPECT_EQ(device->DeleteFileFromDevice(L"Phone\\c.jpg", L"usb#vid_04e8#other"), 1);
+    EXPECT_EQ(GetFileAttributesW((storage + L"\\c.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     core->GetCollection()->RemoveWPD(L"usb#vid_04e8#deleting");
 }
 
