@@ -357,6 +357,60 @@ TEST(WPDEventsProcessor, StartAndStopTraceEachThreadsSteps) {
                           "worker");
 }
 
+// A worker without a window has no queue the stop can reach: posting WM_CLOSE to no window posts it to the
+// stopping thread. So a worker whose class or window could not be made waits on the terminate event instead
+// of pumping, and one that a stop reaches before its window makes none; either way the stop ends it.
+TEST(WPDEventsProcessor, AWorkerWithoutAWindowStillEndsAtTheStop) {
+    const wchar_t* const kClass = L"dorWEXWMIWPDHiddenWindowClass";
+    const struct {
+        const char* name;
+        bool classTaken;  // the class is registered with a window of its own, so the worker cannot have it
+    } cases[] = {{"the class cannot be registered", true}, {"the stop comes before the window", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        HWND foreign = nullptr;
+        if (c.classTaken) {
+            WNDCLASSEXW taken{};
+            taken.cbSize = sizeof(taken);
+            taken.lpfnWndProc = DefWindowProcW;
+            taken.hInstance = GetModuleHandleW(nullptr);
+            taken.lpszClassName = kClass;
+            ASSERT_NE(RegisterClassExW(&taken), 0);
+            foreign = CreateWindowExW(0, kClass, L"foreign", 0, 0, 0, 1, 1, HWND_MESSAGE, nullptr, taken.hInstance,
+                                      nullptr);
+            ASSERT_NE(foreign, nullptr);
+        }
+        TraceCapture trace(1);
+        CDorWEXWMIThreadWPDEventsProcessor processor(nullptr);
+        {
+            TraceGate gate(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening");
+            processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+            ASSERT_TRUE(gate.WaitHeld());
+            std::thread stopper;
+            if (c.classTaken) {
+                gate.Release();
+                ASSERT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered..."); }));
+                processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+            } else {
+                stopper = std::thread([&] { processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP); });
+                EXPECT_TRUE(WaitUntil([&] { return trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::Stop:PostMessage WM_CLOSE"); }));
+                gate.Release();
+                stopper.join();
+            }
+        }
+        EXPECT_FALSE(processor.IsRunning()) << "the worker outlived the stop";
+        EXPECT_TRUE(trace.Has(L"CDorWEXWMIThreadWPDEventsProcessor::WorkerThreadWPDEventsProcessor shutting down...\n"));
+        if (c.classTaken) {
+            EXPECT_FALSE(trace.StartingWith(L"CDorWEXWMIWPDEventsListener::CreateWindowForListening, RegisterClassEx FAILED ").empty());
+            DestroyWindow(foreign);
+            EXPECT_TRUE(UnregisterClassW(kClass, GetModuleHandleW(nullptr)));
+        } else {
+            EXPECT_FALSE(trace.Has(L"CDorWEXWMIWPDEventsListener::RunWindowsMessagePumpForListening entered..."))
+                << "a window was made after the stop had begun";
+        }
+    }
+}
+
 // The window belongs to the worker's thread: when the stop comes to destroy it while the worker is still
 // handling the posted WM_CLOSE, the destruction from the stopping thread fails and is traced with the
 // system's error and its text; the worker's own WM_CLOSE then destroys it.
