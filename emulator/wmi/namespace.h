@@ -183,6 +183,9 @@ private:
     DWORD m_clearAfter = 0;
     DWORD m_freeDelay = 0;
     DWORD m_initializeTimeout = 60000;
+    // Initialize calls still running on the service's threads: a provider is not released under one.
+    int m_initializeCalls = 0;
+    std::condition_variable m_initializeDone;
     LONG m_callsInFlight = 0;
     DWORD m_lastActivity = 0;  // tick count of the last provider call's end or subscription change
     std::wstring m_modulePath;  // the module the provider's class was loaded from

@@ -52,8 +52,12 @@ public:
 // WBEM_S_INITIALIZED ("IWbemProviderInitSink::SetStatus").
 class InitSink final : public ComObject<IWbemProviderInitSink> {
 public:
-    InitSink() : m_settled(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
-    ~InitSink() override { CloseHandle(m_settled); }
+    InitSink()
+        : m_settled(CreateEventW(nullptr, TRUE, FALSE, nullptr)), m_returnedEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+    ~InitSink() override {
+        CloseHandle(m_settled);
+        CloseHandle(m_returnedEvent);
+    }
     HRESULT STDMETHODCALLTYPE SetStatus(LONG lStatus, LONG lFlags) override {
         std::lock_guard<std::mutex> guard(m_lock);
         if (lFlags != 0) {
@@ -66,15 +70,17 @@ public:
         SetEvent(m_settled);
         return WBEM_S_NO_ERROR;
     }
-    // Initialize returned: a failure settles the load, a success leaves it to SetStatus.
+    // Initialize returned (and the service's thread let go of the provider): a failure settles the load, a
+    // success leaves it to SetStatus.
     void Returned(HRESULT hr) {
         std::lock_guard<std::mutex> guard(m_lock);
-        m_returned = true;
         if (FAILED(hr)) {
             m_refused = true;
             SetEvent(m_settled);
         }
+        SetEvent(m_returnedEvent);
     }
+    bool WaitReturned(DWORD milliseconds) { return WaitForSingleObject(m_returnedEvent, milliseconds) == WAIT_OBJECT_0; }
     // Waits until the provider settled its initialisation, at most the time given.
     bool WaitSettled(DWORD milliseconds) { return WaitForSingleObject(m_settled, milliseconds) == WAIT_OBJECT_0; }
     bool Initialized() {
@@ -85,9 +91,9 @@ public:
 private:
     std::mutex m_lock;
     HANDLE m_settled;
+    HANDLE m_returnedEvent;
     bool m_reported = false;
     bool m_refused = false;
-    bool m_returned = false;
     HRESULT m_status = WBEM_E_PROVIDER_LOAD_FAILURE;
 };
 
@@ -381,30 +387,38 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
     auto* initSink = new InitSink();
     init->AddRef();
     initSink->AddRef();
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ++m_initializeCalls;
+    }
     std::thread([this, init, services, initSink] {
         const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         const DWORD started = GetTickCount();
         const HRESULT initialized =
             init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
         const LONG held = static_cast<LONG>(GetTickCount() - started);
+        services->Release();
+        init->Release();
         {
             std::lock_guard<std::mutex> guard(m_lock);
             m_counts.longestInitializeMs = std::max(m_counts.longestInitializeMs, held);
+            --m_initializeCalls;
         }
+        m_initializeDone.notify_all();
         initSink->Returned(initialized);
-        services->Release();
         initSink->Release();
-        init->Release();
         if (SUCCEEDED(apartment)) {
             CoUninitialize();
         }
     }).detach();
     const bool settled = initSink->WaitSettled(initializeTimeout);
     HRESULT hr = settled && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
-    initSink->Release();
-    if (init == nullptr) {
-        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    if (FAILED(hr)) {
+        // Answered only once its Initialize is over (however long its report was waited for): the provider
+        // is released when nothing of the service uses it any more.
+        initSink->WaitReturned(std::max<DWORD>(initializeTimeout, 60000));
     }
+    initSink->Release();
     const std::wstring module = ModuleOf(init);
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -615,6 +629,12 @@ HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
     IUnknown* eventRole = nullptr;
     IWbemObjectSink* eventSink = nullptr;
     std::wstring module;
+    {
+        // Not under an Initialize still running on one of the service's threads.
+        std::unique_lock<std::mutex> guard(m_lock);
+        m_initializeDone.wait_for(guard, std::chrono::milliseconds(m_initializeTimeout),
+                                  [this] { return m_initializeCalls == 0; });
+    }
     {
         std::lock_guard<std::mutex> roles(m_roleLock);
         std::lock_guard<std::mutex> guard(m_lock);

@@ -539,7 +539,7 @@ public:
     std::atomic<long> references{1};
     std::atomic<long> initializations{0};
     std::atomic<long> dispatched{0};
-    HRESULT statusAnswer = E_PENDING;  // what the service's SetStatus returned
+    std::atomic<HRESULT> statusAnswer{E_PENDING};  // what the service's SetStatus returned
 
 private:
     HRESULT Dispatched() {
@@ -621,6 +621,10 @@ TEST_P(ProviderInitialization, OnlyAReadyProviderIsCalled) {
     EXPECT_EQ(controls.loaded(), ready ? TRUE : FALSE);
     // A provider that failed is loaded again, and initialised again, by the next request.
     EXPECT_EQ(provider.initializations, ready ? 1 : 2);
+    // A ready provider is called as soon as it reports, perhaps before its Initialize has stored the answer.
+    if (GetParam() != InitAnswer::NoStatus) {
+        EXPECT_TRUE(WaitUntil([&] { return provider.statusAnswer != E_PENDING; }));
+    }
     if (GetParam() == InitAnswer::NonZeroFlags) {
         EXPECT_TRUE(FAILED(provider.statusAnswer)) << "SetStatus with reserved flags was accepted";
     } else if (GetParam() != InitAnswer::NoStatus) {
