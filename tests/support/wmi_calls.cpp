@@ -223,9 +223,23 @@ ComPtr<IWbemClassObject> NextEvent(IEnumWbemClassObject* events, long millisecon
     return received;
 }
 
+HWND OwnHiddenWindow() {
+    // Other processes of the prefix (tests that run beside this one) have hidden windows of the same class
+    // and title: only this process's provider is meant.
+    HWND window = nullptr;
+    while ((window = FindWindowExW(nullptr, window, L"dorWEXWMIWPDHiddenWindowClass", L"dorWEX14")) != nullptr) {
+        DWORD process = 0;
+        GetWindowThreadProcessId(window, &process);
+        if (process == GetCurrentProcessId()) {
+            return window;
+        }
+    }
+    return nullptr;
+}
+
 void Notify(WPARAM change, const std::wstring& interfaceName) {
     HWND window = nullptr;
-    ASSERT_TRUE(WaitUntil([&] { return (window = FindWindowW(L"dorWEXWMIWPDHiddenWindowClass", L"dorWEX14")) != nullptr; }));
+    ASSERT_TRUE(WaitUntil([&] { return (window = OwnHiddenWindow()) != nullptr; }));
     std::vector<BYTE> buffer(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) +
                              (interfaceName.size() + 1) * sizeof(wchar_t));
     auto* record = reinterpret_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(buffer.data());

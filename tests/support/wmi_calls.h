@@ -63,6 +63,8 @@ Outcome CallProviderMethod(IWbemServices* provider, const wchar_t* method, const
                            const ClientPid& clientPid = ClientPid());
 
 // What the system sends to the provider's hidden window when a portable device comes or goes.
+// The provider's hidden window in this process, or null.
+HWND OwnHiddenWindow();
 void Notify(WPARAM change, const std::wstring& interfaceName);
 // Whether a Win32ext_WPD instance with this key (compared without regard to case) is published; looked up
 // by enumeration, so the key needs no escaping in a query.

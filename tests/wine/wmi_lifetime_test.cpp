@@ -312,7 +312,7 @@ TEST(ProviderLifetime, AReloadAtAnotherAddressUsesAWindowClassOfItsOwn) {
     const HMODULE first = GetModuleHandleW(kProviderDll);
     ASSERT_NE(first, nullptr);
     HWND window = nullptr;
-    ASSERT_TRUE(WaitUntil([&] { return (window = FindWindowW(kWindowClass, L"dorWEX14")) != nullptr; }));
+    ASSERT_TRUE(WaitUntil([&] { return (window = OwnHiddenWindow()) != nullptr; }));
     EXPECT_EQ(reinterpret_cast<HMODULE>(GetClassLongPtrW(window, GCLP_HMODULE)), first)
         << "the class is registered for another module than the provider's";
     const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(first);
