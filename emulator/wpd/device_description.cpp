@@ -103,6 +103,8 @@ ParseResult ParseDeviceDescription(std::string_view text) {
         result.errors.push_back("line " + std::to_string(lineNumber) + ": " + what);
     };
 
+    bool latencyGiven = false, objectCostGiven = false, transferGiven = false, usb2Phone = false;
+
     // A UTF-8 byte order mark, as editors on Windows write it.
     if (text.substr(0, 3) == "\xEF\xBB\xBF") {
         text.remove_prefix(3);
@@ -163,6 +165,29 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                     error("latency_us needs a count of microseconds up to 10000000");
                 } else {
                     device.latencyMicroseconds = static_cast<std::uint32_t>(microseconds);
+                    latencyGiven = true;
+                }
+            } else if (name == "object_cost_us") {
+                std::uint64_t microseconds = 0;
+                if (!ParseUnsigned(value, microseconds) || microseconds > 1000000) {
+                    error("object_cost_us needs a count of microseconds up to 1000000");
+                } else {
+                    device.objectCostMicroseconds = static_cast<std::uint32_t>(microseconds);
+                    objectCostGiven = true;
+                }
+            } else if (name == "transfer_mbps") {
+                std::uint64_t rate = 0;
+                if (!ParseUnsigned(value, rate) || rate == 0 || rate > 100000) {
+                    error("transfer_mbps needs a rate in MB/s from 1 to 100000");
+                } else {
+                    device.transferMegabytesPerSecond = static_cast<std::uint32_t>(rate);
+                    transferGiven = true;
+                }
+            } else if (name == "cost_profile") {
+                if (value == "usb2_phone") {
+                    usb2Phone = true;
+                } else {
+                    error("cost_profile needs usb2_phone");
                 }
             } else if (name == "open_ms") {
                 std::uint64_t milliseconds = 0;
@@ -216,6 +241,12 @@ ParseResult ParseDeviceDescription(std::string_view text) {
         } else {
             error("entry outside a section");
         }
+    }
+    // The profile fills in what the file leaves out, wherever in the section it stands.
+    if (usb2Phone) {
+        device.latencyMicroseconds = latencyGiven ? device.latencyMicroseconds : kUsb2PhoneLatencyMicroseconds;
+        device.objectCostMicroseconds = objectCostGiven ? device.objectCostMicroseconds : kUsb2PhoneObjectCostMicroseconds;
+        device.transferMegabytesPerSecond = transferGiven ? device.transferMegabytesPerSecond : kUsb2PhoneMegabytesPerSecond;
     }
     lineNumber = 0;
     if (device.id.empty()) {

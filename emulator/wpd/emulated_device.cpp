@@ -141,15 +141,23 @@ void EmulatedDevice::Request() {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_requests;
     }
-    const std::uint32_t latency = m_description.latencyMicroseconds;
-    if (latency == 0) {
+    Spend(m_description.latencyMicroseconds);
+}
+
+void EmulatedDevice::Carry(std::uint64_t objects, std::uint64_t bytes) {
+    const std::uint64_t rate = m_description.transferMegabytesPerSecond;  // bytes per microsecond
+    Spend(objects * m_description.objectCostMicroseconds + (rate != 0 ? bytes / rate : 0));
+}
+
+void EmulatedDevice::Spend(std::uint64_t microseconds) {
+    if (microseconds == 0) {
         return;
     }
     // The device's answer takes this long: whole milliseconds asleep, the rest on the clock.
     LARGE_INTEGER frequency{}, now{};
     QueryPerformanceFrequency(&frequency);
     QueryPerformanceCounter(&now);
-    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * latency / 1000000;
+    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * static_cast<LONGLONG>(microseconds) / 1000000;
     for (;;) {
         QueryPerformanceCounter(&now);
         const LONGLONG left = deadline - now.QuadPart;

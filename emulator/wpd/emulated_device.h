@@ -59,6 +59,10 @@ public:
     // after the device's latency. Calls the runtime answers on its own (Content, Properties, an
     // enumerator's Next over ids it already has) are not requests.
     void Request();
+    // What a request carries beyond its fixed latency, spent by the thread that made it: each object an
+    // enumeration returns or a property read covers (GetObjectHandles, GetObjectPropList), each byte of
+    // object data (GetObject, SendObject). Not a request of its own.
+    void Carry(std::uint64_t objects, std::uint64_t bytes);
     // Requests so far; reset starts the count again from 0.
     ULONG Requests(bool reset);
     bool OffersBulkProperties() const { return m_description.bulkProperties; }
@@ -97,6 +101,7 @@ public:
     std::wstring StoragePath(int storage) const;
 
 private:
+    static void Spend(std::uint64_t microseconds);
 
     DeviceDescription m_description;
     std::wstring m_baseDirectory;
