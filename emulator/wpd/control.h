@@ -26,6 +26,10 @@ typedef ULONG(WINAPI* DorwexEmulatorRequestsFunction)(LPCWSTR deviceId, BOOL res
 // From now on the call (names as in the [fault] section) fails with result: the next count calls, every
 // call for -1, none for 0. Replaces what the description says for that call.
 typedef HRESULT(WINAPI* DorwexEmulatorSetFaultFunction)(LPCWSTR deviceId, LPCSTR call, HRESULT result, LONG count);
+// Another client renames or moves an object of a storage (storage index, paths relative to its directory), or
+// deletes it when to is null: the object keeps its id, as MTP handles do; no event is raised.
+typedef HRESULT(WINAPI* DorwexEmulatorChangeByOtherClientFunction)(LPCWSTR deviceId, ULONG storage, LPCWSTR from,
+                                                                   LPCWSTR to);
 // Streams over object data end after this many bytes (0: at the object's real end): a transfer cut short.
 typedef HRESULT(WINAPI* DorwexEmulatorSetStreamEndFunction)(LPCWSTR deviceId, ULONGLONG bytes);
 typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);

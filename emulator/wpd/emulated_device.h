@@ -78,6 +78,11 @@ public:
     // The id a path (inside the given storage) has or gets.
     std::wstring IdForPath(int storage, const std::wstring& path);
     void Forget(const std::wstring& objectId);
+    // Another client renames or moves the object at one path of a storage to another (relative paths), or
+    // deletes it when to is empty. As on an MTP device, the object keeps its id (its handle survives a
+    // rename and MoveObject), so does everything inside a moved folder, and a deleted object's id is never
+    // given out again. No event is raised: the change reaches this client's subscribers late or never.
+    HRESULT ChangeByOtherClient(int storage, const std::wstring& from, const std::wstring& to);
 
     // Event subscriptions. Events go out on pool threads, as the real stack delivers them.
     std::wstring Advise(IPortableDeviceEventCallback* callback, const void* session);

@@ -62,6 +62,7 @@ public:
     DorwexEmulatorHookCallsFunction HookCalls = nullptr;
     DorwexEmulatorSetFaultFunction SetFault = nullptr;
     DorwexEmulatorSetStreamEndFunction SetStreamEnd = nullptr;
+    DorwexEmulatorChangeByOtherClientFunction ChangeByOtherClient = nullptr;
 
 private:
     std::wstring FileFor(const EmulatedDeviceSpec& spec) const;

@@ -905,11 +905,12 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
 
 // What a listing and a path lookup cost in device requests, and what they give, on a device that offers
 // bulk property reads and on one that does not: the same text, the same traces, the same order; with bulk
-// reads one enumeration and one bulk read per folder, without them one read per child on top.
+// reads one enumeration and one bulk read per folder, without them one read per child on top; a folder a
+// lookup has read is not read again for the next name in it.
 TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameResult) {
     struct Outcome {
         std::wstring root, camera, folders, objectId, size, missing;
-        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0;
+        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0;
         std::vector<std::wstring> traces;
     };
     const auto run = [this](const char* id, bool bulk) {
@@ -945,6 +946,11 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
             outcome.objectId = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\img_0150.JPG", L"ObjectId"));
             outcome.objectIdRequests = emulator.Requests(wide.c_str(), TRUE);
             outcome.size = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\IMG_0150.jpg", L"WPD_OBJECT_SIZE"));
+            emulator.Requests(wide.c_str(), TRUE);
+            const std::wstring again = Text(device.GetStorageObjectProperty(L"Phone\\dcim\\Camera\\IMG_0010.JPG", L"ObjectId"));
+            outcome.againRequests = emulator.Requests(wide.c_str(), TRUE);
+            EXPECT_FALSE(again.empty());
+            EXPECT_NE(again, outcome.objectId);
             outcome.missing = Text(device.EnumerateDevicePath(L"Phone\\DCIM\\Nothing", 0));
             outcome.traces = trace.Lines();
         }
@@ -978,6 +984,10 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(bulk.rootRequests, 2u);
     EXPECT_EQ(bulk.cameraRequests, 2u * 2u + 2u);
     EXPECT_LE(bulk.objectIdRequests, 2u * 3u) << "at most two requests per path component";
+    // Another file of a folder a lookup has read: each remembered id on the way is checked with one request,
+    // no folder is read again, however large.
+    EXPECT_EQ(bulk.againRequests, 3u);
+    EXPECT_EQ(plain.againRequests, 3u) << "the file was among the children visited before";
     // One by one: the enumeration and a read of every child visited.
     EXPECT_EQ(plain.rootRequests, 1u + 202u);
     EXPECT_EQ(plain.cameraRequests, 2u + 2u + (1u + 200u)) << "DCIM and Camera are the first children";
