@@ -14,6 +14,7 @@ for run in $(seq 1 "$(( runs < 5 ? 5 : runs ))"); do
     "$wine" "$bin/benchmark_workloads.exe" startup "Z:${work//\//\\}\\startup" | tr -d '\r'
 done > "$work/startup.txt"
 awk -F'[= ]+' '
+    BEGIN { n = 0 }
     /^startup: / { s[n] = $3; held[n] = $5; if ($7 != 16) short++; n++ }
     function sort(a, n,    i, j, t) { for (i = 1; i < n; i++) for (j = i; j > 0 && a[j-1] > a[j]; j--) { t = a[j]; a[j] = a[j-1]; a[j-1] = t } }
     END {
