@@ -24,7 +24,8 @@ bool PathIdCache::Find(std::wstring_view parentId, std::wstring_view foldedName,
     if (found == m_nodes.end() || found->second.shared) {
         return false;
     }
-    m_uses.splice(m_uses.begin(), m_uses, found->second.use);
+    auto& uses = Uses(found->second);
+    uses.splice(uses.begin(), uses, found->second.use);
     child_out = found->second.child;
     return true;
 }
@@ -61,14 +62,14 @@ void PathIdCache::Remember(std::wstring_view parentId, std::wstring_view foldedN
     if (node.bytes > m_budget) {
         return;
     }
-    m_uses.push_front(key);
-    node.use = m_uses.begin();
+    Uses(node).push_front(key);
+    node.use = Uses(node).begin();
     m_byId[node.child.id].insert(key);
     m_byParent[node.parent].insert(key);
     m_bytes += node.bytes;
     m_nodes.emplace(std::move(key), std::move(node));
-    while (m_bytes > m_budget && !m_uses.empty()) {
-        const std::wstring oldest = m_uses.back();
+    while (m_bytes > m_budget && !(m_fileUses.empty() && m_folderUses.empty())) {
+        const std::wstring oldest = m_fileUses.empty() ? m_folderUses.back() : m_fileUses.back();
         Erase(oldest);
     }
 }
@@ -93,7 +94,8 @@ void PathIdCache::Clear() {
     m_nodes.clear();
     m_byId.clear();
     m_byParent.clear();
-    m_uses.clear();
+    m_fileUses.clear();
+    m_folderUses.clear();
     m_bytes = 0;
 }
 
@@ -126,7 +128,7 @@ void PathIdCache::Erase(const std::wstring& key) {
     }
     Unlink(m_byId, found->second.child.id, key);
     Unlink(m_byParent, found->second.parent, key);
-    m_uses.erase(found->second.use);
+    Uses(found->second).erase(found->second.use);
     m_bytes -= found->second.bytes;
     m_nodes.erase(found);
 }

@@ -8,8 +8,9 @@
 // "A.JPG") is not answered, so that the lookup of it goes to the folder and takes the first in the device's
 // order, as a lookup without the cache does.
 //
-// Bounded: beyond the byte budget the least recently used entries go. Pure logic, no Windows headers; safe
-// to use from several threads.
+// Bounded: beyond the byte budget the least recently used entries go, files before folders: a path leads
+// through few folders, and reading three folders of 10,000 files one after another must not push out the
+// folders on the way. Pure logic, no Windows headers; safe to use from several threads.
 #pragma once
 
 #include <cstddef>
@@ -57,8 +58,9 @@ private:
         Child child;
         bool shared = false;
         std::size_t bytes = 0;
-        std::list<std::wstring>::iterator use;  // its place in m_uses
+        std::list<std::wstring>::iterator use;  // its place in the list of its kind
     };
+    std::list<std::wstring>& Uses(const Node& node) { return node.child.folder ? m_folderUses : m_fileUses; }
     static std::wstring Key(std::wstring_view parentId, std::wstring_view foldedName);
     void Erase(const std::wstring& key);  // with the lock held
     void Unlink(std::unordered_map<std::wstring, std::unordered_set<std::wstring>>& index, const std::wstring& value,
@@ -70,7 +72,8 @@ private:
     std::unordered_map<std::wstring, Node> m_nodes;                               // key -> entry
     std::unordered_map<std::wstring, std::unordered_set<std::wstring>> m_byId;      // child id -> keys
     std::unordered_map<std::wstring, std::unordered_set<std::wstring>> m_byParent;  // folder id -> keys
-    std::list<std::wstring> m_uses;                                               // keys, most recent first
+    std::list<std::wstring> m_fileUses;    // keys of files, most recent first
+    std::list<std::wstring> m_folderUses;  // keys of folders, most recent first
 };
 
 }  // namespace dorwex

@@ -74,24 +74,26 @@ TEST(PathIdCache, ASharedNameIsNeverAnsweredUntilTheFolderIsReadAgain) {
     EXPECT_EQ(id, L"o5");
 }
 
-// A folder of 30,000 children stays within the budget; the least recently used entries go first.
+// A folder of 30,000 children stays within the budget; the least recently used entries go first, files before
+// folders, so that the folders on the way of a path survive the reading of large folders after them.
 TEST(PathIdCache, StaysWithinItsBudget) {
     constexpr std::size_t kBudget = 1u << 20;
     PathIdCache cache(kBudget);
     cache.Remember(L"s1", L"DCIM", L"o1", L"DCIM", true);
+    cache.Remember(L"s1", L"MUSIC", L"o2", L"Music", true);
     for (int i = 0; i < 30000; ++i) {
         const std::wstring name = L"IMG_" + std::to_wstring(i) + L".JPG";
         cache.Remember(L"o1", name, L"o" + std::to_wstring(i + 10), name, false);
-        if (i % 1000 == 0) {
-            EXPECT_TRUE(Has(cache, L"s1", L"DCIM")) << "used often, kept at " << i;
-        }
         ASSERT_LE(cache.Bytes(), kBudget);
     }
     EXPECT_GT(cache.Size(), 1000u);
     EXPECT_LT(cache.Size(), 30000u);
     EXPECT_TRUE(Has(cache, L"o1", L"IMG_29999.JPG"));
     EXPECT_FALSE(Has(cache, L"o1", L"IMG_0.JPG"));
+    EXPECT_TRUE(Has(cache, L"s1", L"MUSIC")) << "a folder, not used since, outlived 30,000 files";
     cache.Forget(L"o1");
-    EXPECT_EQ(cache.Size(), 0u) << "the folder and its children";
+    EXPECT_EQ(cache.Size(), 1u) << "DCIM and its children went; Music stays";
+    EXPECT_TRUE(Has(cache, L"s1", L"MUSIC"));
+    cache.Clear();
     EXPECT_EQ(cache.Bytes(), 0u);
 }
