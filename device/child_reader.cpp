@@ -240,6 +240,39 @@ ChildReader::ChildReader(IPortableDevice* pIPortableDevice_in) {
     m_pKeys->Add(WPD_OBJECT_CONTENT_TYPE);
 }
 
+HRESULT ChildReader::Check(const wchar_t* pwcharId_in, std::wstring& name_out, bool& folder_out,
+                           std::wstring& parent_out) {
+    if (!m_pCheckKeys) {
+        ComPtr<IPortableDeviceKeyCollection> l_pKeys;
+        HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER,
+                                             IID_PPV_ARGS(&l_pKeys));
+        for (const PROPERTYKEY& l_Key : {WPD_OBJECT_ORIGINAL_FILE_NAME, WPD_OBJECT_NAME, WPD_OBJECT_CONTENT_TYPE,
+                                         WPD_OBJECT_PARENT_ID}) {
+            l_HRESULT = SUCCEEDED(l_HRESULT) ? l_pKeys->Add(l_Key) : l_HRESULT;
+        }
+        if (FAILED(l_HRESULT)) {
+            return l_HRESULT;
+        }
+        m_pCheckKeys = l_pKeys;
+    }
+    ComPtr<IPortableDeviceValues> l_pValues;
+    const HRESULT l_HRESULT = m_pProperties->GetValues(pwcharId_in, m_pCheckKeys.Get(), &l_pValues);
+    if (FAILED(l_HRESULT)) {
+        return l_HRESULT;
+    }
+    OneChild l_One;
+    Describe(l_pValues.Get(), l_One);
+    CoTaskString l_Parent;
+    const HRESULT l_HRESULTParent = l_pValues->GetStringValue(WPD_OBJECT_PARENT_ID, &l_Parent);
+    if (FAILED(l_HRESULTParent) || l_Parent.Get() == nullptr) {
+        return FAILED(l_HRESULTParent) ? l_HRESULTParent : E_UNEXPECTED;  // an object that cannot be placed
+    }
+    name_out = std::move(l_One.name);
+    folder_out = l_One.folder;
+    parent_out = l_Parent.Get();
+    return S_OK;
+}
+
 HRESULT ChildReader::Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out) {
     ComPtr<IEnumPortableDeviceObjectIDs> l_pEnum;
     HRESULT l_HRESULT = m_pContent->EnumObjects(0, pwcharParentId_in, nullptr, &l_pEnum);
@@ -297,6 +330,12 @@ HRESULT ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
+    Describe(l_pValues.Get(), child_out);
+    return S_OK;
+}
+
+void ChildReader::Describe(IPortableDeviceValues* pValues_in, OneChild& child_out) {
+    IPortableDeviceValues* const l_pValues = pValues_in;
     CoTaskString l_Name;
     if ((SUCCEEDED(l_pValues->GetStringValue(WPD_OBJECT_ORIGINAL_FILE_NAME, &l_Name)) && l_Name.Get() != nullptr &&
          l_Name.Get()[0] != L'\0') ||
@@ -308,7 +347,6 @@ HRESULT ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {
         child_out.folder = l_GUIDContentType == WPD_CONTENT_TYPE_FOLDER;
         child_out.storage = l_GUIDContentType == WPD_CONTENT_TYPE_FUNCTIONAL_OBJECT;
     }
-    return S_OK;
 }
 
 }  // namespace dorwex

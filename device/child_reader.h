@@ -28,6 +28,7 @@ struct ChildObject {
     std::wstring_view name;  // empty when the device gives neither name
     bool folder = false;
     bool storage = false;
+    bool known = false;  // described by the bulk read: visiting it cost no request of its own
 };
 
 // The children of one folder, compactly: a folder may hold 100,000 objects. Ids and names live in one text
@@ -78,6 +79,9 @@ public:
     IPortableDeviceContent* Content() const { return m_pContent.Get(); }
     IPortableDeviceProperties* Properties() const { return m_pProperties.Get(); }
 
+    // One object's name, whether it is a folder, and its parent's id: one request.
+    HRESULT Check(const wchar_t* pwcharId_in, std::wstring& name_out, bool& folder_out, std::wstring& parent_out);
+
     // Calls visit for each child, in the device's order, until it returns false. A failure means the device
     // did not list or describe every child visited: a child looked for may be there all the same.
     template <class Visit>
@@ -99,6 +103,7 @@ public:
                 l_Child.name = l_List.Name(l_index);
                 l_Child.folder = (l_Entry.flags & ChildList::kFolder) != 0;
                 l_Child.storage = (l_Entry.flags & ChildList::kStorage) != 0;
+                l_Child.known = true;
             } else {
                 const HRESULT l_HRESULTOne = Read(l_Child.id.data(), l_One);
                 if (FAILED(l_HRESULTOne) && SUCCEEDED(l_HRESULTRead)) {
@@ -125,10 +130,12 @@ private:
     HRESULT Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out);
     void ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io);
     HRESULT Read(const wchar_t* pwcharId_in, OneChild& child_out);
+    static void Describe(IPortableDeviceValues* pValues_in, OneChild& child_out);
 
     Microsoft::WRL::ComPtr<IPortableDeviceContent> m_pContent;
     Microsoft::WRL::ComPtr<IPortableDeviceProperties> m_pProperties;
     Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pKeys;
+    Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pCheckKeys;  // m_pKeys and the parent id
 };
 
 }  // namespace dorwex

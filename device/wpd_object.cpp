@@ -277,6 +277,7 @@ HRESULT CDorWEXWPDObject::ReadBlackBerryIdentity() {
 void CDorWEXWPDObject::Terminate() {
     Trace(L"CDorWEXWPDObject::Terminate");
     ReleaseEvents();
+    m_PathIds.Clear();
     if (m_pIPortableDevice) {
         m_pIPortableDevice->Close();
     }

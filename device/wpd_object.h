@@ -14,10 +14,14 @@
 #include "companion_record.h"
 #include "device_identity.h"
 #include "manufacturer_class.h"
+#include "path_id_cache.h"
 #include "portable_device_api.h"
 #include "wpd_device.h"
 
 class CDorWEXBlackBerry;
+namespace dorwex {
+class ChildReader;
+}
 class CDorWEXWPDObjectEvents;
 
 class CDorWEXWPDObject final : public IDorWEXWPDDevice, public std::enable_shared_from_this<CDorWEXWPDObject> {
@@ -70,6 +74,9 @@ public:
     // list a folder on the way from one that has nothing of that name.
     _bstr_t FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in,
                              HRESULT* pHRESULTDevice_out = nullptr);
+    // The device removed or changed the object (null: an object it did not name): what the path lookups
+    // remember of it goes.
+    void ForgetObject(const wchar_t* pwcharObjectId_in);
     // Storage name and folder names down to the object: "Phone\DCIM\a.jpg"; "DEVICE" for the root.
     _bstr_t GetObjectTargetPath(const wchar_t* pwcharObjectId_in);
 
@@ -170,6 +177,12 @@ private:
     // The target folder of an upload or a new folder: the path's folder, or the root of the storage it names
     // (never another storage).
     _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);
+    // The object ids path lookups found, checked against the device before each use.
+    dorwex::PathIdCache m_PathIds;
+    // The id of the remembered child of the folder under the name, when the device confirms it is still that
+    // child (its parent and name as remembered, a folder or not as wanted); empty otherwise.
+    std::wstring RememberedChild(dorwex::ChildReader& reader_in, const std::wstring& wstringParent_in,
+                                 const std::wstring& wstringName_in, bool boolFolder_in, bool boolFile_in);
     // The identity step of a device whose class is still unknown; S_OK unless the Plug and Play view fails.
     HRESULT ReadBlackBerryIdentity();
 };

@@ -255,8 +255,10 @@ HRESULT CDorWEXWPDObject::DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectI
               l_HRESULT);
         return l_HRESULT;
     }
-    // A folder goes with everything in it.
+    // A folder goes with everything in it. Its remembered id goes whatever the device answers: a failure
+    // halfway may have removed it.
     l_HRESULT = l_pContent->Delete(PORTABLE_DEVICE_DELETE_WITH_RECURSION, l_pObjects.Get(), nullptr);
+    m_PathIds.Forget(pwcharObjectId_in);
     Trace(FAILED(l_HRESULT) || l_HRESULT == S_FALSE
               ? L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete failed, HRESULT=0x%08x.\n"
               : L"CDorWEXWPDObject::DeleteWPDObject, IPortableDeviceContent->Delete succeeded, HRESULT=0x%08x.\n",

@@ -126,6 +126,14 @@ HRESULT CDorWEXWPDObjectEvents::OnEvent(IPortableDeviceValues* pEventParameters_
         l_Read(WPD_OBJECT_NAME, l_ObjectName, L" Object Name: ");
         l_Read(WPD_OBJECT_ORIGINAL_FILE_NAME, l_OriginalFileName, L" Original File Name: ");
         l_Read(WPD_OBJECT_PARENT_ID, l_ParentId, L" Parent Id: ");
+        // What the path lookups remember of an object the device changed or removed goes first, folders
+        // included; an event without the object's id (a minimal driver) or the device's own removal clears all.
+        if (l_GUIDEvent == WPD_EVENT_OBJECT_REMOVED || l_GUIDEvent == WPD_EVENT_OBJECT_UPDATED ||
+            l_GUIDEvent == WPD_EVENT_DEVICE_REMOVED) {
+            if (const auto l_pDevice = m_pDevice.lock()) {
+                l_pDevice->ForgetObject(l_GUIDEvent == WPD_EVENT_DEVICE_REMOVED ? nullptr : l_ObjectId.Get());
+            }
+        }
         const wchar_t* l_pwcharEventName = EventName(l_GUIDEvent);
         l_wstringText += L" Event: ";
         l_wstringText += l_pwcharEventName;

@@ -19,6 +19,23 @@ using Microsoft::WRL::ComPtr;
 using dorwex::ChildObject;
 using dorwex::ChildReader;
 
+namespace {
+
+// The index form of a name: upper case by the invariant table. The cache only proposes; the check compares
+// names as the lookup does, so a character this folds otherwise costs a reading of the folder, never a wrong
+// object.
+std::wstring FoldedName(std::wstring_view name_in) {
+    std::wstring l_wstringFolded(name_in);
+    if (!l_wstringFolded.empty() &&
+        LCMapStringEx(LOCALE_NAME_INVARIANT, LCMAP_UPPERCASE, name_in.data(), static_cast<int>(name_in.size()),
+                      l_wstringFolded.data(), static_cast<int>(l_wstringFolded.size()), nullptr, nullptr, 0) == 0) {
+        l_wstringFolded.assign(name_in);
+    }
+    return l_wstringFolded;
+}
+
+}  // namespace
+
 _bstr_t CDorWEXWPDObject::GetStorageRootObjectId(const wchar_t* pwcharObjectStoragePath_in,
                                                  bool boolNamedStorageOnly_in) const {
     if (pwcharObjectStoragePath_in == nullptr || pwcharObjectStoragePath_in[0] == L'\0') {
@@ -70,18 +87,28 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
     std::wstring l_wstringCurrent = static_cast<const wchar_t*>(l_bstr_tRoot);
     for (size_t l_index = 0; l_index < l_Path.names.size(); ++l_index) {
         const bool l_boolLast = l_index + 1 == l_Path.names.size();
-        std::wstring l_wstringFound;
+        // Only folders lead further down; the last name must be what the mode asks for.
+        const bool l_boolFolderFits = !l_boolLast || !l_boolWantsFile;
+        const bool l_boolFileFits = l_boolLast && !l_boolWantsFolder;
+        std::wstring l_wstringFound =
+            RememberedChild(l_Reader, l_wstringCurrent, l_Path.names[l_index], l_boolFolderFits, l_boolFileFits);
+        if (!l_wstringFound.empty()) {
+            l_wstringCurrent = l_wstringFound;
+            continue;
+        }
+        // Every child the folder's reading describes is remembered; the walk goes on past the one found only
+        // while that costs no request.
+        m_PathIds.BeginFolder(l_wstringCurrent);
         const HRESULT l_HRESULTChildren = l_Reader.ForEachChild(l_wstringCurrent.c_str(), [&](const ChildObject& child_in) {
-            if (child_in.name.empty() || !SameName(child_in.name, l_Path.names[l_index])) {
-                return true;
+            if (child_in.name.empty()) {
+                return l_wstringFound.empty() || child_in.known;
             }
-            // Only folders lead further down; the last name must be what the mode asks for.
-            if ((!l_boolLast && !child_in.folder) || (l_boolLast && l_boolWantsFolder && !child_in.folder) ||
-                (l_boolLast && l_boolWantsFile && child_in.folder)) {
-                return true;
+            m_PathIds.Remember(l_wstringCurrent, FoldedName(child_in.name), child_in.id, child_in.name, child_in.folder);
+            if (l_wstringFound.empty() && SameName(child_in.name, l_Path.names[l_index]) &&
+                (child_in.folder ? l_boolFolderFits : l_boolFileFits)) {
+                l_wstringFound = child_in.id;
             }
-            l_wstringFound = child_in.id;
-            return false;
+            return l_wstringFound.empty() || child_in.known;
         });
         if (l_wstringFound.empty()) {
             // A folder the device could not read is not a folder without that name.
@@ -118,6 +145,36 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
         }
     }
     return _bstr_t();
+}
+
+std::wstring CDorWEXWPDObject::RememberedChild(ChildReader& reader_in, const std::wstring& wstringParent_in,
+                                               const std::wstring& wstringName_in, bool boolFolder_in, bool boolFile_in) {
+    dorwex::PathIdCache::Child l_Child;
+    if (!m_PathIds.Find(wstringParent_in, FoldedName(wstringName_in), l_Child) ||
+        !(l_Child.folder ? boolFolder_in : boolFile_in)) {
+        return std::wstring();  // not remembered, or not of the kind wanted: the folder decides
+    }
+    // The device may have removed, renamed or moved the object since (another client, events not yet here,
+    // a driver that sends none): the id counts only when the object is still there as remembered.
+    std::wstring l_wstringName, l_wstringParent;
+    bool l_boolFolder = false;
+    const HRESULT l_HRESULT = reader_in.Check(l_Child.id.c_str(), l_wstringName, l_boolFolder, l_wstringParent);
+    if (FAILED(l_HRESULT) || l_wstringParent != wstringParent_in || l_boolFolder != l_Child.folder ||
+        !SameName(l_wstringName, wstringName_in)) {
+        Trace(L"CDorWEXWPDObject::FindObjectByPath: remembered %s is no longer %s, 0x%08x.\n", l_Child.id.c_str(),
+              wstringName_in.c_str(), l_HRESULT);
+        m_PathIds.Forget(l_Child.id);
+        return std::wstring();
+    }
+    return l_Child.id;
+}
+
+void CDorWEXWPDObject::ForgetObject(const wchar_t* pwcharObjectId_in) {
+    if (pwcharObjectId_in == nullptr || pwcharObjectId_in[0] == L'\0') {
+        m_PathIds.Clear();
+    } else {
+        m_PathIds.Forget(pwcharObjectId_in);
+    }
 }
 
 const wchar_t* CDorWEXWPDObject::RefusedStoragePath(const wchar_t* pwcharObjectStoragePath_in,

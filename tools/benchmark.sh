@@ -5,7 +5,11 @@
 #   tools/benchmark.sh [megabytes] [runs] [largest listing] [messages per pipe client]
 # The last line sums up: copy and pipe ratios are the bare time over the provider's (medians; higher is
 # better), list_vs_bare the provider's 10,000-entry listing time over the bare bulk client's at 1 ms latency,
-# list_requests_per_entry the device requests of that listing per entry.
+# list_requests_per_entry the device requests of that listing per entry, w1 and w2 the provider's time over the
+# bare client's for 200 copies and 200 deletes out of a folder of 10,000 (lower is better), w5_s the seconds
+# until 16 phones taking 500 ms each to open are published and w5_held_ms the longest Initialize held WMI.
+# W3 (an event burst) and W4 (four client processes) need one provider host shared by all clients and are
+# not measured yet.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$root/tools/build.sh" >/dev/null
@@ -38,6 +42,10 @@ entries "$work/storage/deep1" 9999
 entries "$work/storage/deep1/deep2" 9999
 entries "$work/storage/deep1/deep2/deep3" 9999
 printf target > "$work/storage/deep1/deep2/deep3/target.txt"
+# W1/W2: a camera folder of 10,000 photos of 16 KiB.
+mkdir -p "$work/storage/w10000"
+head -c $((16384 * 10000)) /dev/urandom |
+    (cd "$work/storage/w10000" && split -b 16384 -a 5 -d --additional-suffix=.jpg - IMG_)
 "$wine" "$bin/benchmark_content.exe" "${1:-256}" "${2:-5}" "${3:-100000}" "Z:${work//\//\\}" | tr -d '\r' \
     > "$work/content.txt"
 cat "$work/content.txt"
@@ -66,9 +74,13 @@ if [ "${3:-100000}" -ge 100000 ]; then
 fi
 "$wine" "$bin/benchmark_pipe.exe" "${4:-20000}" "${2:-5}" | tr -d '\r' > "$work/pipe.txt"
 cat "$work/pipe.txt"
+bash "$root/tools/benchmark_workloads.sh" "$wine" "$bin" "$work" "${2:-5}"
+echo
 content=$(cat "$work/content.txt")
 pipe=$(cat "$work/pipe.txt")
 figure() { printf '%s\n' "$1" | sed -n "s/.*[ :]$2=\([^ ]*\).*/\1/p" | tail -1; }
+calls=$(cat "$work/workloads.txt")
 echo "summary: copy_to=$(figure "$content" copy_to) copy_from=$(figure "$content" copy_from)" \
      "list_vs_bare=$(figure "$content" list_vs_bare)" \
-     "list_requests_per_entry=$(figure "$content" list_requests_per_entry) pipe=$(figure "$pipe" pipe)"
+     "list_requests_per_entry=$(figure "$content" list_requests_per_entry) pipe=$(figure "$pipe" pipe)" \
+     "w1=$(figure "$calls" w1) w2=$(figure "$calls" w2) w5_s=$(cat "$work/w5_s") w5_held_ms=$(cat "$work/w5_held_ms")"

@@ -147,6 +147,7 @@ public:
             return LastError();
         }
         m_bytesRead += read;
+        m_device->Carry(0, read);
         if (pcbRead != nullptr) {
             *pcbRead = read;
         }
@@ -183,6 +184,7 @@ public:
             return LastError();
         }
         m_bytesWritten += written;
+        m_device->Carry(0, written);
         if (pcbWritten != nullptr) {
             *pcbWritten = written;
         }
@@ -391,6 +393,7 @@ public:
         if (FAILED(fault)) {
             return fault;
         }
+        m_session->Device().Carry(1, 0);  // one object's property list
         auto* values = new (std::nothrow) PortableDeviceValues();
         if (values == nullptr) {
             return E_OUTOFMEMORY;
@@ -504,9 +507,10 @@ public:
         if (FAILED(hr)) {
             return hr;
         }
+        auto children = m_device->Children(pszParentObjectID);
+        m_device->Carry(children.size(), 0);  // the handles come in one answer, each costs its share
         return CreateComObject<ObjectEnumerator>(__uuidof(IEnumPortableDeviceObjectIDs),
-                                                 reinterpret_cast<void**>(ppEnum), m_session,
-                                                 m_device->Children(pszParentObjectID));
+                                                 reinterpret_cast<void**>(ppEnum), m_session, std::move(children));
     }
 
     HRESULT STDMETHODCALLTYPE Properties(IPortableDeviceProperties** ppProperties) override {

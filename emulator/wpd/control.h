@@ -26,9 +26,16 @@ typedef ULONG(WINAPI* DorwexEmulatorRequestsFunction)(LPCWSTR deviceId, BOOL res
 // From now on the call (names as in the [fault] section) fails with result: the next count calls, every
 // call for -1, none for 0. Replaces what the description says for that call.
 typedef HRESULT(WINAPI* DorwexEmulatorSetFaultFunction)(LPCWSTR deviceId, LPCSTR call, HRESULT result, LONG count);
+// Another client renames or moves an object of a storage (storage index, paths relative to its directory), or
+// deletes it when to is null: the object keeps its id, as MTP handles do; no event is raised.
+typedef HRESULT(WINAPI* DorwexEmulatorChangeByOtherClientFunction)(LPCWSTR deviceId, ULONG storage, LPCWSTR from,
+                                                                   LPCWSTR to);
 // Streams over object data end after this many bytes (0: at the object's real end): a transfer cut short.
 typedef HRESULT(WINAPI* DorwexEmulatorSetStreamEndFunction)(LPCWSTR deviceId, ULONGLONG bytes);
 typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);
+// The most sessions that were in their device's open time (open_ms) at once, over all devices; with reset
+// set the count starts again from those opening now.
+typedef LONG(WINAPI* DorwexEmulatorMostOpeningAtOnceFunction)(BOOL reset);
 typedef LONG(WINAPI* DorwexEmulatorSubscriptionsFunction)(LPCWSTR deviceId);
 // The client information of the last Open: "name=...;major=1;minor=0;revision=2;qos=131072".
 typedef HRESULT(WINAPI* DorwexEmulatorLastClientFunction)(LPCWSTR deviceId, LPWSTR buffer, DWORD chars);

@@ -1,5 +1,6 @@
 #include "device_description.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -92,6 +93,32 @@ bool ParseFault(std::string_view text, FaultDescription& fault_out) {
     return true;
 }
 
+// The numeric entries of [device]: the range each takes and what its error says it needs.
+struct NumberEntry {
+    const char* name;
+    std::uint64_t least, most;
+    std::uint32_t DeviceDescription::*field;
+    const char* need;
+};
+
+const NumberEntry* FindNumber(const std::string& name) {
+    static const NumberEntry kNumbers[] = {
+        {"short_read", 1, 0xFFFFFFFFull, &DeviceDescription::shortRead, "a positive byte count"},
+        {"latency_us", 0, 10000000, &DeviceDescription::latencyMicroseconds,
+         "a count of microseconds up to 10000000"},
+        {"open_ms", 0, 60000, &DeviceDescription::openMilliseconds, "a count of milliseconds up to 60000"},
+        {"object_cost_us", 0, 1000000, &DeviceDescription::objectCostMicroseconds,
+         "a count of microseconds up to 1000000"},
+        {"transfer_mbps", 1, 100000, &DeviceDescription::transferMegabytesPerSecond, "a rate in MB/s from 1 to 100000"},
+    };
+    for (const auto& entry : kNumbers) {
+        if (name == entry.name) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 ParseResult ParseDeviceDescription(std::string_view text) {
@@ -102,6 +129,9 @@ ParseResult ParseDeviceDescription(std::string_view text) {
     auto error = [&](const std::string& what) {
         result.errors.push_back("line " + std::to_string(lineNumber) + ": " + what);
     };
+
+    std::vector<std::uint32_t DeviceDescription::*> given;  // the numbers the file sets
+    bool usb2Phone = false;
 
     // A UTF-8 byte order mark, as editors on Windows write it.
     if (text.substr(0, 3) == "\xEF\xBB\xBF") {
@@ -150,26 +180,19 @@ ParseResult ParseDeviceDescription(std::string_view text) {
                 device.description = value;
             } else if (name == "categories") {
                 device.categories = SplitList(value);
-            } else if (name == "short_read") {
-                std::uint64_t bytes = 0;
-                if (!ParseUnsigned(value, bytes) || bytes == 0 || bytes > 0xFFFFFFFFull) {
-                    error("short_read needs a positive byte count");
+            } else if (const NumberEntry* entry = FindNumber(name); entry != nullptr) {
+                std::uint64_t number = 0;
+                if (!ParseUnsigned(value, number) || number < entry->least || number > entry->most) {
+                    error(std::string(entry->name) + " needs " + entry->need);
                 } else {
-                    device.shortRead = static_cast<std::uint32_t>(bytes);
+                    device.*(entry->field) = static_cast<std::uint32_t>(number);
+                    given.push_back(entry->field);
                 }
-            } else if (name == "latency_us") {
-                std::uint64_t microseconds = 0;
-                if (!ParseUnsigned(value, microseconds) || microseconds > 10000000) {
-                    error("latency_us needs a count of microseconds up to 10000000");
+            } else if (name == "cost_profile") {
+                if (value == "usb2_phone") {
+                    usb2Phone = true;
                 } else {
-                    device.latencyMicroseconds = static_cast<std::uint32_t>(microseconds);
-                }
-            } else if (name == "open_ms") {
-                std::uint64_t milliseconds = 0;
-                if (!ParseUnsigned(value, milliseconds) || milliseconds > 60000) {
-                    error("open_ms needs a count of milliseconds up to 60000");
-                } else {
-                    device.openMilliseconds = static_cast<std::uint32_t>(milliseconds);
+                    error("cost_profile needs usb2_phone");
                 }
             } else if (name == "minimal_driver" || name == "strict_creation" || name == "bulk_properties") {
                 bool& mode = name == "minimal_driver"    ? device.minimalDriver
@@ -215,6 +238,18 @@ ParseResult ParseDeviceDescription(std::string_view text) {
             }
         } else {
             error("entry outside a section");
+        }
+    }
+    // The profile fills in what the file leaves out, wherever in the section it stands.
+    if (usb2Phone) {
+        const std::pair<std::uint32_t DeviceDescription::*, std::uint32_t> profile[] = {
+            {&DeviceDescription::latencyMicroseconds, kUsb2PhoneLatencyMicroseconds},
+            {&DeviceDescription::objectCostMicroseconds, kUsb2PhoneObjectCostMicroseconds},
+            {&DeviceDescription::transferMegabytesPerSecond, kUsb2PhoneMegabytesPerSecond}};
+        for (const auto& [field, figure] : profile) {
+            if (std::find(given.begin(), given.end(), field) == given.end()) {
+                device.*field = figure;
+            }
         }
     }
     lineNumber = 0;

@@ -16,6 +16,13 @@
 //                                            default 0)
 //   open_ms = 1000                          (opening a session takes this long, as an MTP OpenSession
 //                                            does; default 0)
+//   object_cost_us = 20                     (each object an enumeration returns or a property read
+//                                            covers adds this long, as GetObjectHandles and
+//                                            GetObjectPropList do; default 0)
+//   transfer_mbps = 30                      (object data moves at this many MB/s (10^6 bytes), as
+//                                            GetObject/SendObject do; default 0: no charge)
+//   cost_profile = usb2_phone               (latency_us 1000, object_cost_us 20, transfer_mbps 30 where the
+//                                            file does not give them: a USB 2.0 phone)
 //   bulk_properties = no                    (the device offers no IPortableDevicePropertiesBulk;
 //                                            default yes)
 //   write_access = denied                   (as under a policy that denies writing to portable devices:
@@ -44,6 +51,11 @@
 
 namespace dorwex::emulator {
 
+// The costs of a USB 2.0 phone (cost_profile = usb2_phone).
+constexpr std::uint32_t kUsb2PhoneLatencyMicroseconds = 1000;
+constexpr std::uint32_t kUsb2PhoneObjectCostMicroseconds = 20;
+constexpr std::uint32_t kUsb2PhoneMegabytesPerSecond = 30;
+
 struct StorageDescription {
     std::string objectId;
     std::string name;
@@ -69,6 +81,8 @@ struct DeviceDescription {
     bool strictCreation = false;          // new files must name their content type and format
     std::uint32_t latencyMicroseconds = 0;  // time each request to the device takes
     std::uint32_t openMilliseconds = 0;     // time opening a session takes
+    std::uint32_t objectCostMicroseconds = 0;  // time each object in an enumeration or property read adds
+    std::uint32_t transferMegabytesPerSecond = 0;  // data rate of object streams; 0: no charge
     bool bulkProperties = true;           // IPortableDevicePropertiesBulk is offered
     bool writeDenied = false;             // sessions with write access are refused
     std::map<std::string, std::string> properties;  // WPD key name -> value text

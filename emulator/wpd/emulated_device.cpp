@@ -6,6 +6,7 @@
 
 #include "collections.h"
 #include "emulator_state.h"
+#include "file_tree.h"
 #include "text.h"
 
 namespace dorwex::emulator {
@@ -141,15 +142,23 @@ void EmulatedDevice::Request() {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_requests;
     }
-    const std::uint32_t latency = m_description.latencyMicroseconds;
-    if (latency == 0) {
+    Spend(m_description.latencyMicroseconds);
+}
+
+void EmulatedDevice::Carry(std::uint64_t objects, std::uint64_t bytes) {
+    const std::uint64_t rate = m_description.transferMegabytesPerSecond;  // bytes per microsecond
+    Spend(objects * m_description.objectCostMicroseconds + (rate != 0 ? bytes / rate : 0));
+}
+
+void EmulatedDevice::Spend(std::uint64_t microseconds) {
+    if (microseconds == 0) {
         return;
     }
     // The device's answer takes this long: whole milliseconds asleep, the rest on the clock.
     LARGE_INTEGER frequency{}, now{};
     QueryPerformanceFrequency(&frequency);
     QueryPerformanceCounter(&now);
-    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * latency / 1000000;
+    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * static_cast<LONGLONG>(microseconds) / 1000000;
     for (;;) {
         QueryPerformanceCounter(&now);
         const LONGLONG left = deadline - now.QuadPart;
@@ -212,6 +221,46 @@ void EmulatedDevice::Forget(const std::wstring& objectId) {
     }
     m_ids.erase(std::to_wstring(it->second.first) + L"|" + LowerCase(it->second.second));
     m_objects.erase(it);
+}
+
+HRESULT EmulatedDevice::ChangeByOtherClient(int storage, const std::wstring& from, const std::wstring& to) {
+    if (storage < 0 || static_cast<size_t>(storage) >= m_description.storages.size() || from.empty()) {
+        return E_INVALIDARG;
+    }
+    const std::wstring root = StoragePath(storage);
+    const std::wstring source = root + L"\\" + from;
+    IdForPath(storage, source);  // an object nobody asked about yet has its id all the same
+    const std::wstring target = to.empty() ? std::wstring() : root + L"\\" + to;
+    const auto remove = [&source] {
+        const DWORD attributes = GetFileAttributesW(source.c_str());
+        return attributes != INVALID_FILE_ATTRIBUTES &&
+               ((attributes & FILE_ATTRIBUTE_DIRECTORY) ? RemoveTree(source) : DeleteFileW(source.c_str()) != 0);
+    };
+    if (target.empty() ? !remove() : !MoveFileExW(source.c_str(), target.c_str(), 0)) {
+        return HRESULT_FROM_WIN32(GetLastError());
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    const std::wstring prefix = std::to_wstring(storage) + L"|" + LowerCase(source);
+    std::vector<std::pair<std::wstring, std::wstring>> moved;  // id -> the path it had
+    for (auto it = m_ids.begin(); it != m_ids.end();) {
+        const bool inside = it->first == prefix || it->first.rfind(prefix + L"\\", 0) == 0;
+        if (!inside) {
+            ++it;
+            continue;
+        }
+        moved.emplace_back(it->second, m_objects[it->second].second);
+        it = m_ids.erase(it);
+    }
+    for (const auto& [id, path] : moved) {
+        if (target.empty()) {
+            m_objects.erase(id);
+            continue;
+        }
+        const std::wstring now = target + path.substr(source.size());
+        m_objects[id] = {storage, now};
+        m_ids[std::to_wstring(storage) + L"|" + LowerCase(now)] = id;
+    }
+    return S_OK;
 }
 
 HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object, bool withRelations) {

@@ -59,6 +59,10 @@ public:
     // after the device's latency. Calls the runtime answers on its own (Content, Properties, an
     // enumerator's Next over ids it already has) are not requests.
     void Request();
+    // What a request carries beyond its fixed latency, spent by the thread that made it: each object an
+    // enumeration returns or a property read covers (GetObjectHandles, GetObjectPropList), each byte of
+    // object data (GetObject, SendObject). Not a request of its own.
+    void Carry(std::uint64_t objects, std::uint64_t bytes);
     // Requests so far; reset starts the count again from 0.
     ULONG Requests(bool reset);
     bool OffersBulkProperties() const { return m_description.bulkProperties; }
@@ -74,6 +78,11 @@ public:
     // The id a path (inside the given storage) has or gets.
     std::wstring IdForPath(int storage, const std::wstring& path);
     void Forget(const std::wstring& objectId);
+    // Another client renames or moves the object at one path of a storage to another (relative paths), or
+    // deletes it when to is empty. As on an MTP device, the object keeps its id (its handle survives a
+    // rename and MoveObject), so does everything inside a moved folder, and a deleted object's id is never
+    // given out again. No event is raised: the change reaches this client's subscribers late or never.
+    HRESULT ChangeByOtherClient(int storage, const std::wstring& from, const std::wstring& to);
 
     // Event subscriptions. Events go out on pool threads, as the real stack delivers them.
     std::wstring Advise(IPortableDeviceEventCallback* callback, const void* session);
@@ -97,6 +106,7 @@ public:
     std::wstring StoragePath(int storage) const;
 
 private:
+    static void Spend(std::uint64_t microseconds);
 
     DeviceDescription m_description;
     std::wstring m_baseDirectory;

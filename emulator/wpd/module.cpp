@@ -177,6 +177,19 @@ extern "C" HRESULT WINAPI DorwexEmulatorSetStreamEnd(LPCWSTR deviceId, ULONGLONG
     return S_OK;
 }
 
+extern "C" HRESULT WINAPI DorwexEmulatorChangeByOtherClient(LPCWSTR deviceId, ULONG storage, LPCWSTR from,
+                                                            LPCWSTR to) {
+    const auto device = Device(deviceId);
+    if (!device || from == nullptr) {
+        return E_INVALIDARG;
+    }
+    return device->ChangeByOtherClient(static_cast<int>(storage), from, to != nullptr ? to : L"");
+}
+
+extern "C" LONG WINAPI DorwexEmulatorMostOpeningAtOnce(BOOL reset) {
+    return EmulatorState::Get().MostOpeningAtOnce(reset != FALSE);
+}
+
 extern "C" ULONG WINAPI DorwexEmulatorRequests(LPCWSTR deviceId, BOOL reset) {
     const auto device = Device(deviceId);
     return device ? device->Requests(reset != FALSE) : 0;

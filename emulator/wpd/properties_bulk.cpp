@@ -170,6 +170,9 @@ void Run(BulkPropertyReads::Operation& operation) {
             if (FAILED(hr)) {
                 break;
             }
+            if (p == 0) {  // the device's property list answer costs its share for each object of the batch
+                device.Carry(std::min(ids.size(), (b + 1) * kBatch) - b * kBatch, 0);
+            }
             auto* results = new (std::nothrow) PortableDeviceValuesCollection();
             if (results == nullptr) {
                 hr = E_OUTOFMEMORY;

@@ -78,6 +78,10 @@ TEST(DeviceDescription, ReportsWhatItCannotUse) {
         {"[device]\nid = a\nopen_ms = 60001\n", "line 3: open_ms needs a count of milliseconds up to 60000"},
         {"[device]\nid = a\nlatency_us = 10000001\n",
          "line 3: latency_us needs a count of microseconds up to 10000000"},
+        {"[device]\nid = a\nobject_cost_us = 1000001\n",
+         "line 3: object_cost_us needs a count of microseconds up to 1000000"},
+        {"[device]\nid = a\ntransfer_mbps = 0\n", "line 3: transfer_mbps needs a rate in MB/s from 1 to 100000"},
+        {"[device]\nid = a\ncost_profile = usb3\n", "line 3: cost_profile needs usb2_phone"},
         {"[device]\nid = a\n[fault]\nOpen = often\n",
          "line 4: fault Open needs an HRESULT, optionally followed by x COUNT"},
         {"[device]\nid = a\n[fault]\nOpen = 0x1FFFFFFFF\n",
@@ -112,29 +116,36 @@ TEST(DeviceDescription, ModesAreOffUnlessSwitchedOn) {
     }
 }
 
-// A device answers at once, offers bulk property reads and lets clients write unless its description says
-// otherwise.
-TEST(DeviceDescription, LatencyBulkReadsAndWriteAccessDefaults) {
+// A device answers at once, costs nothing per object or byte, offers bulk property reads and lets clients
+// write unless its description says otherwise; the USB 2.0 profile fills in only the costs a file leaves out.
+TEST(DeviceDescription, CostsBulkReadsAndWriteAccessDefaults) {
     struct Case {
         const char* lines;
         std::uint32_t latency;
+        std::uint32_t objectCost;
+        std::uint32_t transfer;
         bool bulk;
         bool writeDenied;
     };
     const Case cases[] = {
-        {"", 0, true, false},
-        {"latency_us = 0\n", 0, true, false},
-        {"latency_us = 1000\nbulk_properties = yes\n", 1000, true, false},
-        {"bulk_properties = off\n", 0, false, false},
-        {"latency_us = 10000000\n", 10000000, true, false},
-        {"write_access = allowed\n", 0, true, false},
-        {"write_access = denied\nwrite_access = allowed\n", 0, true, false},
-        {"write_access = denied\n", 0, true, true},
+        {"", 0, 0, 0, true, false},
+        {"latency_us = 0\n", 0, 0, 0, true, false},
+        {"latency_us = 1000\nbulk_properties = yes\n", 1000, 0, 0, true, false},
+        {"bulk_properties = off\n", 0, 0, 0, false, false},
+        {"latency_us = 10000000\n", 10000000, 0, 0, true, false},
+        {"object_cost_us = 20\ntransfer_mbps = 30\n", 0, 20, 30, true, false},
+        {"cost_profile = usb2_phone\n", 1000, 20, 30, true, false},
+        {"latency_us = 5\ncost_profile = usb2_phone\ntransfer_mbps = 480\n", 5, 20, 480, true, false},
+        {"write_access = allowed\n", 0, 0, 0, true, false},
+        {"write_access = denied\nwrite_access = allowed\n", 0, 0, 0, true, false},
+        {"write_access = denied\n", 0, 0, 0, true, true},
     };
     for (const auto& c : cases) {
         const auto result = ParseDeviceDescription(std::string("[device]\nid = a\n") + c.lines);
         ASSERT_TRUE(result.errors.empty()) << c.lines << result.errors.front();
         EXPECT_EQ(result.device.latencyMicroseconds, c.latency) << c.lines;
+        EXPECT_EQ(result.device.objectCostMicroseconds, c.objectCost) << c.lines;
+        EXPECT_EQ(result.device.transferMegabytesPerSecond, c.transfer) << c.lines;
         EXPECT_EQ(result.device.bulkProperties, c.bulk) << c.lines;
         EXPECT_EQ(result.device.writeDenied, c.writeDenied) << c.lines;
     }

@@ -55,6 +55,9 @@ WpdEmulator::WpdEmulator() {
     HookCalls = Resolve<DorwexEmulatorHookCallsFunction>(m_module, "DorwexEmulatorHookCalls");
     SetFault = Resolve<DorwexEmulatorSetFaultFunction>(m_module, "DorwexEmulatorSetFault");
     SetStreamEnd = Resolve<DorwexEmulatorSetStreamEndFunction>(m_module, "DorwexEmulatorSetStreamEnd");
+    ChangeByOtherClient =
+        Resolve<DorwexEmulatorChangeByOtherClientFunction>(m_module, "DorwexEmulatorChangeByOtherClient");
+    MostOpeningAtOnce = Resolve<DorwexEmulatorMostOpeningAtOnceFunction>(m_module, "DorwexEmulatorMostOpeningAtOnce");
 
     wchar_t temp[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temp);

@@ -62,6 +62,8 @@ public:
     DorwexEmulatorHookCallsFunction HookCalls = nullptr;
     DorwexEmulatorSetFaultFunction SetFault = nullptr;
     DorwexEmulatorSetStreamEndFunction SetStreamEnd = nullptr;
+    DorwexEmulatorChangeByOtherClientFunction ChangeByOtherClient = nullptr;
+    DorwexEmulatorMostOpeningAtOnceFunction MostOpeningAtOnce = nullptr;
 
 private:
     std::wstring FileFor(const EmulatedDeviceSpec& spec) const;

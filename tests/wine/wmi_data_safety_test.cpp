@@ -8,6 +8,7 @@
 #include <wbemcli.h>
 
 #include <cstdlib>
+#include <cwchar>
 #include <map>
 #include <random>
 #include <string>
@@ -387,6 +388,51 @@ TEST(DataSafety, ACopyWhoseClientCannotBeImpersonatedFails) {
     EXPECT_EQ(CallMethod(L"CopyFileFromDevice", With(cases[0].parameters, kAlpha)).returnValue, L"1");
 }
 
+// Another client changes the phone between two requests, and its events have not arrived (a driver may send
+// none). The ids the first requests found are stale: a path names what is there now, a copy reads that and a
+// delete removes that, never the object the path named before.
+TEST(DataSafety, APathNamesWhatIsThereNowAfterAnotherClientsChange) {
+    const struct {
+        const char* what;
+        const wchar_t* from;
+        const wchar_t* to;  // null: deleted
+        bool rewrite;       // a new DCIM\b.txt is written after the change
+    } cases[] = {
+        {"b.txt deleted and written again", L"DCIM\\b.txt", nullptr, true},
+        {"DCIM renamed and a new DCIM made", L"DCIM", L"Old", true},
+        {"b.txt moved to Music and a new one written: the old id has another parent", L"DCIM\\b.txt",
+         L"Music\\b.txt", true},
+        {"b.txt moved to Music, nothing in its place", L"DCIM\\b.txt", L"Music\\b.txt", false},
+        {"b.txt renamed", L"DCIM\\b.txt", L"DCIM\\e.txt", false},
+    };
+    const std::wstring phone = g_emulator->StorageDirectory(g_alpha, 0);
+    const std::wstring local = g_local + L"\\copy.bin";
+    const Parameters copy = With({{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")},
+                                  {L"strLocalFileName", _variant_t(local.c_str())}},
+                                 kAlpha);
+    const Parameters remove = With({{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")}}, kAlpha);
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.what);
+        Reset();
+        // The lookups remember DCIM and what is in it.
+        ASSERT_EQ(CallMethod(L"CopyFileFromDevice", copy, g_self).returnValue, L"1");
+        ASSERT_EQ(ReadAll(local), "alpha-phone:DCIM\\b.txt:0123456789");
+        ASSERT_EQ(g_emulator->ChangeByOtherClient(kAlpha, 0, each.from, each.to), S_OK);
+        if (each.rewrite) {
+            CreateDirectoryW((phone + L"\\DCIM").c_str(), nullptr);
+            g_emulator->WriteFile(phone + L"\\DCIM\\b.txt", "written again");
+        }
+        const Outcome copied = CallMethod(L"CopyFileFromDevice", copy, g_self);
+        EXPECT_EQ(copied.status == S_OK && copied.returnValue == L"1", each.rewrite) << Narrow(copied.description);
+        EXPECT_EQ(ReadAll(local), each.rewrite ? "written again" : "alpha-phone:DCIM\\b.txt:0123456789");
+        World expected = Snapshot();
+        const bool named = expected.erase(L"alpha:PHONE\\DCIM\\B.TXT") == 1;
+        const Outcome deleted = CallMethod(L"DeleteFileFromDevice", remove, g_self);
+        EXPECT_EQ(deleted.status == S_OK && deleted.returnValue == L"1", named) << Narrow(deleted.description);
+        EXPECT_EQ(Difference(expected, Snapshot()), L"");
+    }
+}
+
 // --- The whole class: random requests with random faults -----------------------------------------
 
 // What a request names, as the model reads it: which device ("alpha", "beta", "gamma" or none), and the entry
@@ -408,8 +454,12 @@ class Model {
 public:
     explicit Model(unsigned seed) : m_random(seed) {}
 
-    // One request with its fault; checks what changed against what the request named.
+    // One request with its fault; checks what changed against what the request named. Now and then another
+    // client has changed a phone first, unannounced, so that ids the provider found before are stale.
     void Step(int index) {
+        if (Pick(4) == 0) {
+            ChangeByOtherClient();
+        }
         const int kind = Pick(5);
         const std::wstring deviceParameter = PickDevice();
         const std::wstring path = PickPath(kind == 3 || kind == 4);
@@ -519,6 +569,28 @@ public:
 
 private:
     int Pick(int count) { return static_cast<int>(m_random() % static_cast<unsigned>(count)); }
+
+    // A rename, a move to another folder, or a delete followed by a new file of the same name; one that
+    // cannot be made (its source gone, its target there) is left out.
+    void ChangeByOtherClient() {
+        const wchar_t* const kChanges[][2] = {{L"DCIM", L"Old"},           {L"DCIM\\b.txt", L"Music\\b.txt"},
+                                              {L"Music\\d.mp3", L"DCIM\\d.mp3"}, {L"DCIM\\c.jpg", L"DCIM\\c2.jpg"},
+                                              {L"a.txt", nullptr},         {L"Music", nullptr}};
+        const auto& change = kChanges[Pick(6)];
+        const bool alpha = Pick(2) == 0;
+        const std::wstring root = g_emulator->StorageDirectory(alpha ? g_alpha : g_beta, 0);
+        if (FAILED(g_emulator->ChangeByOtherClient(alpha ? kAlpha : kBeta, 0, change[0], change[1]))) {
+            return;
+        }
+        if (change[1] == nullptr || Pick(2) == 0) {
+            const std::wstring was = root + L"\\" + change[0];
+            const bool folder = std::wcschr(change[0], L'.') == nullptr;
+            if (folder) {
+                CreateDirectoryW(was.c_str(), nullptr);
+            }
+            g_emulator->WriteFile(folder ? was + L"\\f.txt" : was, "written again");
+        }
+    }
 
     std::wstring PickDevice() {
         const std::wstring ids[] = {kAlpha, kAlpha, kBeta, kBeta, kGamma, L"ALPHA1", L"usb#vid_0000&pid_0000#nobody", L""};

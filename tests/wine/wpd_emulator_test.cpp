@@ -646,16 +646,20 @@ ComPtr<IPortableDeviceKeyCollection> ListingKeys() {
     return keys;
 }
 
-// Each call that reaches the device is one request, answered after the device's latency; what the runtime
-// answers itself (Content, Properties, an enumerator's Next) is not. Counts are per device and resettable.
-TEST(EmulatorRequests, CountedPerDeviceAndAnsweredAfterTheLatency) {
+// Each call that reaches the device is one request, answered after the device's latency plus what it carries
+// (each object an enumeration or a property read covers, each byte of object data); what the runtime answers
+// itself (Content, Properties, an enumerator's Next) is not. Counts are per device and resettable. Times are
+// lower bounds only: a shared machine can make them longer, never shorter.
+TEST(EmulatorRequests, CountedPerDeviceAndAnsweredAfterTheirCost) {
     WpdEmulator emulator;
     EmulatedDeviceSpec slow = PhoneSpec("usb#slow", "Acme", "S1");
     slow.deviceLines.push_back("latency_us = 20000");
+    slow.deviceLines.push_back("object_cost_us = 30000");
+    slow.deviceLines.push_back("transfer_mbps = 1");
     const EmulatedDeviceSpec other = PhoneSpec("usb#other", "Acme", "O1");
     emulator.Attach(slow);
     emulator.Attach(other);
-    emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\a.txt", "a");
+    emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\a.txt", std::string(100000, 'a'));
     emulator.WriteFile(emulator.StorageDirectory(slow, 0) + L"\\b.txt", "b");
 
     ComPtr<IPortableDevice> device;
@@ -663,7 +667,7 @@ TEST(EmulatorRequests, CountedPerDeviceAndAnsweredAfterTheLatency) {
     ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceFTM, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&device)), S_OK);
     ASSERT_EQ(CoCreateInstance(CLSID_PortableDeviceValues, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&client)), S_OK);
     ASSERT_EQ(emulator.Requests(L"usb#slow", FALSE), 0u);
-    const ULONGLONG started = GetTickCount64();
+    ULONGLONG started = GetTickCount64();
     ASSERT_EQ(device->Open(L"usb#slow", client.Get()), S_OK);
     ComPtr<IPortableDeviceContent> content;
     ComPtr<IPortableDeviceProperties> properties;
@@ -677,9 +681,27 @@ TEST(EmulatorRequests, CountedPerDeviceAndAnsweredAfterTheLatency) {
         ComPtr<IPortableDeviceValues> values;
         ASSERT_EQ(properties->GetValues(id.c_str(), ListingKeys().Get(), &values), S_OK);
     }
-    const ULONGLONG elapsed = GetTickCount64() - started;
+    ULONGLONG elapsed = GetTickCount64() - started;
     EXPECT_EQ(emulator.Requests(L"usb#slow", TRUE), 4u) << "Open, EnumObjects and two GetValues";
-    EXPECT_GE(elapsed, 4u * 20u - 16u) << "each of the four requests waited out the 20 ms latency";
+    EXPECT_GE(elapsed, 4u * 20u + 4u * 30u - 16u)
+        << "four requests of 20 ms; two objects enumerated and two read at 30 ms each";
+
+    ComPtr<IPortableDeviceResources> resources;
+    ASSERT_EQ(content->Transfer(&resources), S_OK);
+    const std::wstring& big = ids[0];  // files are listed in name order
+    ComPtr<IStream> stream;
+    ASSERT_EQ(resources->GetStream(big.c_str(), WPD_RESOURCE_DEFAULT, STGM_READ, nullptr, &stream), S_OK);
+    std::string buffer(65536, '\0');
+    ULONG total = 0, read = 0;
+    started = GetTickCount64();
+    while (stream->Read(buffer.data(), static_cast<ULONG>(buffer.size()), &read) == S_OK || read != 0) {
+        total += read;
+    }
+    elapsed = GetTickCount64() - started;
+    EXPECT_EQ(total, 100000u);
+    EXPECT_GE(elapsed, 100u - 16u) << "100,000 bytes at 1 MB/s";
+    EXPECT_EQ(emulator.Requests(L"usb#slow", FALSE), 1u + 3u) << "GetStream and one request per Read";
+    emulator.Requests(L"usb#slow", TRUE);
     EXPECT_EQ(emulator.Requests(L"usb#slow", FALSE), 0u) << "reset";
     EXPECT_EQ(emulator.Requests(L"usb#other", FALSE), 0u) << "counts are per device";
     EXPECT_EQ(emulator.Requests(L"usb#nobody", FALSE), 0u);

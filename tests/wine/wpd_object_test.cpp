@@ -738,6 +738,56 @@ TEST_F(DeviceObject, MinimalDriverEventsAreTracedWithWhatTheyCarryAndPassedOn) {
     device.Terminate();
 }
 
+// What the path lookups remember goes with the device's events: an updated or removed folder takes its
+// children's ids with it (the folder is read again), a removed file only its own, an event that names no
+// object everything; an added object nothing. Counted in device requests of the next lookup of b.jpg: with
+// everything remembered, one check per component.
+TEST_F(DeviceObject, EventsMakeLookupsForgetWhatTheyName) {
+    const struct {
+        const char* device;
+        const GUID* event;
+        const char* object;  // "folder", "file" (a.jpg) or "other" (c.jpg)
+        ULONG requests;
+    } cases[] = {
+        {"usb#forget-added", &WPD_EVENT_OBJECT_ADDED, "other", 2u},
+        {"usb#forget-file", &WPD_EVENT_OBJECT_REMOVED, "file", 2u},
+        {"usb#forget-other", &WPD_EVENT_OBJECT_UPDATED, "other", 2u},
+        {"usb#forget-removed", &WPD_EVENT_OBJECT_REMOVED, "folder", 2u + 2u},
+        {"usb#forget-updated", &WPD_EVENT_OBJECT_UPDATED, "folder", 2u + 2u},
+        {"usb#forget-minimal", &WPD_EVENT_OBJECT_UPDATED, "other", 2u + 2u},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.device);
+        EmulatedDeviceSpec spec = PhoneSpec(c.device, "SAMSUNG", c.device);
+        if (std::string(c.device) == "usb#forget-minimal") {
+            spec.deviceLines.push_back("minimal_driver = yes");  // its events carry no object id
+        }
+        emulator.Attach(spec);
+        const std::wstring storage = emulator.StorageDirectory(spec, 0);
+        CreateDirectoryW((storage + L"\\DCIM").c_str(), nullptr);
+        for (const wchar_t* name : {L"a.jpg", L"b.jpg", L"c.jpg"}) {
+            emulator.WriteFile(storage + L"\\DCIM\\" + name, "jpeg");
+        }
+        const std::wstring id = Wide(c.device);
+        // Owned as the collection owns it: the event callback reaches the device through a weak reference.
+        const auto owned = std::make_shared<CDorWEXWPDObject>(nullptr);
+        CDorWEXWPDObject& device = *owned;
+        ASSERT_EQ(device.InitializeWPD(id.c_str()), S_OK);
+        const std::wstring folder = Text(device.GetStorageObjectProperty(L"Phone\\DCIM", L"ObjectId"));
+        const std::wstring file = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\a.jpg", L"ObjectId"));
+        const std::wstring other = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\c.jpg", L"ObjectId"));
+        ASSERT_FALSE(folder.empty() || file.empty() || other.empty());
+        const std::string which = c.object;
+        const std::wstring& object = which == "folder" ? folder : which == "file" ? file : other;
+        ASSERT_EQ(emulator.RaiseEvent(id.c_str(), c.event, object.c_str()), S_OK);
+        ASSERT_TRUE(emulator.WaitForEvents(5000));
+        emulator.Requests(id.c_str(), TRUE);
+        EXPECT_FALSE(Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\b.jpg", L"ObjectId")).empty());
+        EXPECT_EQ(emulator.Requests(id.c_str(), TRUE), c.requests);
+        device.Terminate();
+    }
+}
+
 // The same folder on a device whose events carry everything is known as a folder and not passed on: the
 // minimal driver's folder event above is passed on only because its content type is missing.
 TEST_F(DeviceObject, FolderEventsWithTheirContentTypeAreNotPassedOn) {
@@ -920,11 +970,12 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
 
 // What a listing and a path lookup cost in device requests, and what they give, on a device that offers
 // bulk property reads and on one that does not: the same text, the same traces, the same order; with bulk
-// reads one enumeration and one bulk read per folder, without them one read per child on top.
+// reads one enumeration and one bulk read per folder, without them one read per child on top; a folder a
+// lookup has read is not read again for the next name in it.
 TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameResult) {
     struct Outcome {
         std::wstring root, camera, folders, objectId, size, missing;
-        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0;
+        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0;
         std::vector<std::wstring> traces;
     };
     const auto run = [this](const char* id, bool bulk) {
@@ -960,6 +1011,11 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
             outcome.objectId = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\img_0150.JPG", L"ObjectId"));
             outcome.objectIdRequests = emulator.Requests(wide.c_str(), TRUE);
             outcome.size = Text(device.GetStorageObjectProperty(L"Phone\\DCIM\\Camera\\IMG_0150.jpg", L"WPD_OBJECT_SIZE"));
+            emulator.Requests(wide.c_str(), TRUE);
+            const std::wstring again = Text(device.GetStorageObjectProperty(L"Phone\\dcim\\Camera\\IMG_0010.JPG", L"ObjectId"));
+            outcome.againRequests = emulator.Requests(wide.c_str(), TRUE);
+            EXPECT_FALSE(again.empty());
+            EXPECT_NE(again, outcome.objectId);
             outcome.missing = Text(device.EnumerateDevicePath(L"Phone\\DCIM\\Nothing", 0));
             outcome.traces = trace.Lines();
         }
@@ -993,6 +1049,10 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(bulk.rootRequests, 2u);
     EXPECT_EQ(bulk.cameraRequests, 2u * 2u + 2u);
     EXPECT_LE(bulk.objectIdRequests, 2u * 3u) << "at most two requests per path component";
+    // Another file of a folder a lookup has read: each remembered id on the way is checked with one request,
+    // no folder is read again, however large.
+    EXPECT_EQ(bulk.againRequests, 3u);
+    EXPECT_EQ(plain.againRequests, 3u) << "the file was among the children visited before";
     // One by one: the enumeration and a read of every child visited.
     EXPECT_EQ(plain.rootRequests, 1u + 202u);
     EXPECT_EQ(plain.cameraRequests, 2u + 2u + (1u + 200u)) << "DCIM and Camera are the first children";
