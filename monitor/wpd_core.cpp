@@ -4,10 +4,6 @@
 #include <wrl/client.h>
 
 #include <algorithm>
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "../channels/companion_channels.h"
 #include "../common/com_memory.h"
@@ -190,41 +186,11 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
     if (FAILED(l_pManager->GetDevices(l_pIds.get(), &l_dwordCount))) {
         return;
     }
-    std::vector<std::wstring> l_Ids;
-    try {
-        l_Ids.assign(l_pIds.get(), l_pIds.get() + l_dwordCount);
-    } catch (const std::bad_alloc&) {
-        l_Ids.clear();
-    }
     for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
+        if (m_longStopStartup == 0 && !m_pCollection->FindWPDObjectById(l_pIds[l_dwordIndex])) {
+            m_pCollection->AddWPD(l_pIds[l_dwordIndex]);
+        }
         CoTaskMemFree(l_pIds[l_dwordIndex]);
-    }
-    // Opening a phone is an MTP session that may take a second: the devices open side by side, a thread
-    // each, so that a cart of 16 phones is published in the time of one. A thread that cannot be had leaves
-    // its devices to those there are, this one included; all are joined before the start counts as done.
-    std::atomic<size_t> l_Next{0};
-    const auto l_Open = [this, &l_Ids, &l_Next] {
-        const HRESULT l_HRESULTCom = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        for (size_t l_index = l_Next++; l_index < l_Ids.size(); l_index = l_Next++) {
-            if (m_longStopStartup == 0 && !m_pCollection->FindWPDObjectById(l_Ids[l_index].c_str())) {
-                m_pCollection->AddWPD(l_Ids[l_index].c_str());
-            }
-        }
-        if (SUCCEEDED(l_HRESULTCom)) {
-            CoUninitialize();
-        }
-    };
-    std::vector<std::thread> l_Threads;
-    for (size_t l_index = 1; l_index < std::min(l_Ids.size(), kMostOpeningAtOnce); ++l_index) {
-        try {
-            l_Threads.emplace_back(l_Open);
-        } catch (const std::exception&) {
-            break;
-        }
-    }
-    l_Open();
-    for (auto& l_Thread : l_Threads) {
-        l_Thread.join();
     }
     // Devices known only to the Apple companion join here once the Apple channel reports them.
 }

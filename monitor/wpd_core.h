@@ -101,9 +101,7 @@ private:
     std::vector<std::unique_ptr<CDorWEXWMIThreadBase>> m_RetiredProcessors;
     std::map<std::wstring, DWORD> m_WriteTokens;  // token -> process id
     // The thread that adds the devices attached at the start, and the event it sets when it is done (set
-    // from the beginning when there is nothing to add). m_longStopStartup ends it between two devices. It
-    // opens at most this many devices at once, on threads of its own that it joins.
-    static constexpr size_t kMostOpeningAtOnce = 16;
+    // from the beginning when there is nothing to add). m_longStopStartup ends it between two devices.
     HANDLE m_HANDLEStartupThread = nullptr;
     HANDLE m_HANDLEStarted = nullptr;
     volatile LONG m_longStopStartup = 0;
