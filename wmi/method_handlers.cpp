@@ -93,8 +93,8 @@ IDorWEXDeviceRegistry::DevicePtr FindDevice(DorWEXMethodCall& call_io, const wch
     IDorWEXMonitor* l_pCore = call_io.pProvider->GetCore();
     IDorWEXDeviceRegistry::DevicePtr l_pDevice;
     bool l_boolAmbiguous = false;
-    if (l_pCore != nullptr && l_pCore->DevicesWhenStarted() != nullptr) {
-        l_pDevice = l_pCore->Devices()->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in), &l_boolAmbiguous);
+    if (IDorWEXDeviceRegistry* const l_pDevices = l_pCore != nullptr ? l_pCore->DevicesWhenStarted() : nullptr) {
+        l_pDevice = l_pDevices->FindWPDObject(Pointer(deviceId_in), Pointer(storagePath_in), &l_boolAmbiguous);
     }
     if (!l_pDevice) {
         call_io.SetExtendedStatus(pwcharInnerName_in,
@@ -198,6 +198,20 @@ private:
     bool m_boolImpersonating = false;
 };
 
+// A copy that reaches local files: its storage path must be accepted, then the work runs in the client's
+// identity, and not at all when that cannot be had (the call has then failed with its reason).
+template <class Work>
+void RunAsTheClient(DorWEXMethodCall& call_io, const wchar_t* pwcharInnerName_in, const IDorWEXWPDDevice& device_in,
+                    const Text& storagePath_in, bool boolChangesContent_in, Work work_in) {
+    if (!PathAccepted(call_io, pwcharInnerName_in, device_in, storagePath_in, boolChangesContent_in)) {
+        return;
+    }
+    const ClientImpersonation l_Impersonation(call_io, pwcharInnerName_in);
+    if (l_Impersonation.Impersonating()) {
+        work_in();
+    }
+}
+
 }  // namespace
 
 HRESULT MethodGetProperty(DorWEXMethodCall& call_io) {
@@ -218,19 +232,14 @@ HRESULT MethodCopyFileFromDevice(DorWEXMethodCall& call_io) {
                            L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", L"0",
                            [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
                                constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodCopyFileFromDevice2";
-                               if (!PathAccepted(call_io, kInner, device_in, texts_in[0], false)) {
-                                   return;
-                               }
-                               const ClientImpersonation l_Impersonation(call_io, kInner);
-                               if (!l_Impersonation.Impersonating()) {
-                                   return;
-                               }
-                               const HRESULT l_HRESULT = CopyCatchingComErrors(
-                                   [&] { return device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])); },
-                                   [&](const _com_error& error_in) {
-                                       RecordComError(call_io, L"CDorWEXWPDWMI::MethodCopyFileFromDevice2", error_in);
-                                   });
-                               SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
+                               RunAsTheClient(call_io, kInner, device_in, texts_in[0], false, [&] {
+                                   const HRESULT l_HRESULT = CopyCatchingComErrors(
+                                       [&] {
+                                           return device_in.CopyFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1]));
+                                       },
+                                       [&](const _com_error& error_in) { RecordComError(call_io, kInner, error_in); });
+                                   SetOneOrZero(call_io, SUCCEEDED(l_HRESULT) ? 1 : 0);
+                               });
                            });
 }
 
@@ -239,14 +248,9 @@ HRESULT MethodMoveFileFromDevice(DorWEXMethodCall& call_io) {
         call_io, L"CDorWEXWPDWMI::MethodMoveFileFromDevice", L"CDorWEXWPDWMI::MethodMoveFileFromDevice2", L"0",
         [&](IDorWEXWPDDevice& device_in, const Text(&texts_in)[3]) {
             constexpr wchar_t kInner[] = L"CDorWEXWPDWMI::MethodMoveFileFromDevice2";
-            if (!PathAccepted(call_io, kInner, device_in, texts_in[0], true)) {
-                return;
-            }
-            const ClientImpersonation l_Impersonation(call_io, kInner);
-            if (!l_Impersonation.Impersonating()) {
-                return;
-            }
-            SetOneOrZero(call_io, device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
+            RunAsTheClient(call_io, kInner, device_in, texts_in[0], true, [&] {
+                SetOneOrZero(call_io, device_in.MoveFileFromDevice(Pointer(texts_in[0]), Pointer(texts_in[1])));
+            });
         });
 }
 
@@ -357,16 +361,11 @@ HRESULT MethodCopyFileToDevice(DorWEXMethodCall& call_io) {
         call_io.SetExtendedStatus(kInner, L"Write token not found");
         return S_OK;
     }
-    if (!PathAccepted(call_io, kInner, *l_pDevice, l_Texts[0], true)) {
-        return S_OK;
-    }
-    const ClientImpersonation l_Impersonation(call_io, kInner);
-    if (!l_Impersonation.Impersonating()) {
-        return S_OK;
-    }
-    const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
-                                                               Pointer(l_Texts[2]), l_dwordTokenProcessId);
-    call_io.SetReturnText(BstrText(l_bstr_tResult));
+    RunAsTheClient(call_io, kInner, *l_pDevice, l_Texts[0], true, [&] {
+        const _bstr_t l_bstr_tResult = l_pDevice->CopyFileToDevice(Pointer(l_Texts[0]), Pointer(l_Texts[1]),
+                                                                   Pointer(l_Texts[2]), l_dwordTokenProcessId);
+        call_io.SetReturnText(BstrText(l_bstr_tResult));
+    });
     return S_OK;
 }
 
