@@ -313,10 +313,8 @@ HRESULT CDorWEXWPDWMI::GetInstanceByPath(const BSTR bstrObjectPath_in, IWbemClas
         return WBEM_E_INVALID_OBJECT_PATH;
     }
     const std::wstring l_wstringId = l_ObjectPath->keys.front().ToText();
-    const auto l_pDevice =
-        m_pCore != nullptr && m_pCore->DevicesWhenStarted() != nullptr
-            ? m_pCore->Devices()->FindWPDObjectById(l_wstringId.c_str())
-            : nullptr;
+    IDorWEXDeviceRegistry* const l_pDevices = m_pCore != nullptr ? m_pCore->DevicesWhenStarted() : nullptr;
+    const auto l_pDevice = l_pDevices != nullptr ? l_pDevices->FindWPDObjectById(l_wstringId.c_str()) : nullptr;
     if (!l_pDevice) {
         return WBEM_E_NOT_FOUND;
     }
@@ -384,10 +382,12 @@ STDMETHODIMP CDorWEXWPDWMI::CreateInstanceEnumAsync(const BSTR strClass, LONG, I
     const HRESULT l_HRESULT = CallAtComBoundary([&] {
         Microsoft::WRL::ComPtr<IWbemClassObject> l_pClass;
         HRESULT l_HRESULTEnum = m_pIWbemServices->GetObject(strClass, 0, pCtx, l_pClass.GetAddressOf(), nullptr);
-        if (FAILED(l_HRESULTEnum) || !l_pClass || m_pCore == nullptr || m_pCore->DevicesWhenStarted() == nullptr) {
+        IDorWEXDeviceRegistry* const l_pDevices =
+            SUCCEEDED(l_HRESULTEnum) && l_pClass && m_pCore != nullptr ? m_pCore->DevicesWhenStarted() : nullptr;
+        if (l_pDevices == nullptr) {
             return l_HRESULTEnum;
         }
-        for (const auto& l_Entry : m_pCore->Devices()->Snapshot()) {
+        for (const auto& l_Entry : l_pDevices->Snapshot()) {
             Microsoft::WRL::ComPtr<IWbemClassObject> l_pInstance;
             l_HRESULTEnum = l_pClass->SpawnInstance(0, l_pInstance.GetAddressOf());
             if (SUCCEEDED(l_HRESULTEnum) && l_Entry.second) {
