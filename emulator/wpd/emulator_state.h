@@ -32,19 +32,12 @@ public:
     void EventDelivered();
     bool WaitForEvents(DWORD milliseconds);
 
-    // Sessions being opened (in a device's open time) at this moment, and the most there were at once.
-    void OpeningStarted();
-    void OpeningEnded();
-    long MostOpeningAtOnce(bool reset);
-
 private:
     EmulatorState();
     std::mutex m_lock;
     std::map<std::wstring, std::shared_ptr<EmulatedDevice>> m_devices;  // upper-case id -> device
     std::vector<std::wstring> m_errors;
     long m_pendingEvents = 0;
-    long m_opening = 0;
-    long m_mostOpening = 0;
     HANDLE m_eventsIdle;
 };
 

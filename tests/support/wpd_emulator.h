@@ -63,7 +63,6 @@ public:
     DorwexEmulatorSetFaultFunction SetFault = nullptr;
     DorwexEmulatorSetStreamEndFunction SetStreamEnd = nullptr;
     DorwexEmulatorChangeByOtherClientFunction ChangeByOtherClient = nullptr;
-    DorwexEmulatorMostOpeningAtOnceFunction MostOpeningAtOnce = nullptr;
 
 private:
     std::wstring FileFor(const EmulatedDeviceSpec& spec) const;
