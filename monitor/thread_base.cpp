@@ -178,9 +178,7 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
             WaitBeforeRestart(l_ulonglongWorkerStart);
             // A worker that ended because it was told to stop is not started again.
             if (WaitForSingleObject(m_HANDLEWait[kTerminate], 0) == WAIT_OBJECT_0) {
-                Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
-                      L"terminating.\n",
-                      m_wstringThreadName.c_str());
+                TraceTerminating();
                 break;
             }
             Trace(L"CDorWEXWMIThreadBase::StartThread.\n");
@@ -214,9 +212,7 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
             CloseHandle(m_HANDLEWait[kWorker]);
             m_HANDLEWait[kWorker] = nullptr;
         } else if (l_dwordWait == WAIT_OBJECT_0 + 1) {
-            Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
-                  L"terminating.\n",
-                  m_wstringThreadName.c_str());
+            TraceTerminating();
             break;
         } else if (l_dwordWait == WAIT_OBJECT_0 + 2) {
             Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 2 posted - calling "
@@ -230,12 +226,19 @@ void CDorWEXWMIThreadBase::TheMonitorThread2() {
             // A worker that could not be created leaves a null handle, and the wait fails. Waiting on the
             // terminate event alone keeps this from spinning until the next worker start is due.
             if (WaitForSingleObject(m_HANDLEWait[kTerminate], 100) == WAIT_OBJECT_0) {
-                continue;
+                TraceTerminating();
+                break;  // going round again would only fail the same wait
             }
             l_dwordWait = WAIT_OBJECT_0;  // try to start the worker again
         }
     }
     Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - exiting.\n", m_wstringThreadName.c_str());
+}
+
+void CDorWEXWMIThreadBase::TraceTerminating() const {
+    Trace(L"CDorWEXWMIThreadBase::TheMonitorThread2 (%s) - handle 1 posted - we are programmatically "
+          L"terminating.\n",
+          m_wstringThreadName.c_str());
 }
 
 // A worker that ends right after it started (its pipe name taken by another process, say) is started

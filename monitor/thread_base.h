@@ -75,6 +75,7 @@ private:
     bool StartMonitorThread();
     bool ShouldEndMonitoring() const;
     void WaitBeforeRestart(ULONGLONG ulonglongLastStart_in);
+    void TraceTerminating() const;
 
     CDorWEXWMIWPDCore* m_pCore;
     // Worker thread, terminate event, application event: one wait covers them in this order.

@@ -14,6 +14,7 @@
 #include "monitor/wpd_events_listener.h"
 #include "monitor/wpd_core.h"
 #include "monitor/wpd_events_processor.h"
+#include "support/import_patch.h"
 #include "support/system_text.h"
 #include "support/test_trace_sink.h"
 #include "support/trace_gate.h"
@@ -141,6 +142,51 @@ TEST(ThreadBase, WorkerEndingAtOnceIsRestartedWithGrowingPauses) {
     processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
     EXPECT_LT(GetTickCount64() - start, 1000u) << "the stop does not wait out the pause";
     EXPECT_FALSE(processor.IsRunning());
+}
+
+// Lets the first creations through, then fails as many as asked, counting both down.
+std::atomic<int> g_threadCreationsLeft{0};
+std::atomic<int> g_threadFailuresLeft{0};
+decltype(&CreateThread) g_realCreateThread = nullptr;  // the call below would reach the patched entry
+HANDLE WINAPI FailingCreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE entry,
+                                  LPVOID parameter, DWORD flags, LPDWORD id) {
+    if (g_threadCreationsLeft.fetch_sub(1) <= 0 && g_threadFailuresLeft.fetch_sub(1) > 0) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    return g_realCreateThread(security, stack, entry, parameter, flags, id);
+}
+
+// A worker that could not be created (no memory for its stack) is created again after a pause, and a stop
+// during the retries still ends the monitor at once.
+TEST(ThreadBase, WorkerThatCouldNotBeCreatedIsCreatedAgain) {
+    for (const bool stopWhileFailing : {false, true}) {
+        SCOPED_TRACE(stopWhileFailing ? "stopped while failing" : "creation succeeds again");
+        TestProcessor processor([](LPVOID self) -> DWORD {
+            auto* owner = static_cast<TestProcessor*>(static_cast<CDorWEXWMIThreadBase*>(self));
+            ++owner->workerStarts;
+            WaitForSingleObject(owner->GetTerminateEvent(), INFINITE);
+            return 0;
+        });
+        g_threadCreationsLeft = 1;  // the monitor thread
+        g_threadFailuresLeft = stopWhileFailing ? 1000000 : 3;
+        ImportPatch patch("kernel32.dll", "CreateThread", reinterpret_cast<void*>(&FailingCreateThread));
+        ASSERT_TRUE(patch.Patched());
+        g_realCreateThread = reinterpret_cast<decltype(&CreateThread)>(patch.Original());
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::START);
+        // Five failed creations in a row, or three and then the worker.
+        ASSERT_TRUE(WaitUntil(
+            [&] { return stopWhileFailing ? g_threadFailuresLeft <= 1000000 - 5 : processor.workerStarts == 1; }));
+        if (!stopWhileFailing) {
+            EXPECT_LE(g_threadFailuresLeft, 0);
+        }
+        const ULONGLONG start = GetTickCount64();
+        processor.ManageThread(nullptr, CDorWEXWMIThreadBase::STOP);
+        EXPECT_LT(GetTickCount64() - start, 1000u) << "the stop does not wait out the pause";
+        EXPECT_FALSE(processor.IsRunning());
+        g_threadFailuresLeft = 0;
+        EXPECT_EQ(processor.workerStarts, stopWhileFailing ? 0 : 1);
+    }
 }
 
 // A worker that does not see the terminate event until it is released, and then reports what waiting on
