@@ -24,7 +24,9 @@ HRESULT UnregisterServedClasses(const ServedClass* classes, size_t count);
 
 // The module entry and the four COM exports of an emulator that serves the classes of the given array. An
 // emulator stays loaded once used: its state lives as long as the process.
-#define DORWEX_EMULATOR_COM_SERVER(classes)                                                   \
+#define DORWEX_EMULATOR_COM_SERVER(classes) DORWEX_EMULATOR_COM_SERVER_AND(classes, nullptr)
+// The same, with what registration also does once the classes are registered (null for nothing).
+#define DORWEX_EMULATOR_COM_SERVER_AND(classes, registerMore)                                 \
     static HMODULE g_dorwexEmulatorModule = nullptr;                                        \
     extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {                \
         if (reason == DLL_PROCESS_ATTACH) {                                                   \
@@ -38,7 +40,9 @@ HRESULT UnregisterServedClasses(const ServedClass* classes, size_t count);
     }                                                                                         \
     extern "C" HRESULT WINAPI DllCanUnloadNow() { return S_FALSE; }                           \
     extern "C" HRESULT WINAPI DllRegisterServer() {                                           \
-        return dorwex::emulator::RegisterServedClasses(g_dorwexEmulatorModule, classes, std::size(classes)); \
+        const HRESULT hr = dorwex::emulator::RegisterServedClasses(g_dorwexEmulatorModule, classes, std::size(classes)); \
+        HRESULT (*more)(HMODULE) = registerMore;                                              \
+        return FAILED(hr) || more == nullptr ? hr : more(g_dorwexEmulatorModule);             \
     }                                                                                         \
     extern "C" HRESULT WINAPI DllUnregisterServer() {                                         \
         return dorwex::emulator::UnregisterServedClasses(classes, std::size(classes));        \

@@ -15,6 +15,7 @@
 #include "emulator/common/com_server.h"
 #include "mof_compiler.h"
 #include "namespace.h"
+#include "service_entry.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -34,6 +35,9 @@ public:
         *ppNamespace = nullptr;
         if (strNetworkResource == nullptr || !IsServedNamespace(strNetworkResource)) {
             return WBEM_E_INVALID_NAMESPACE;
+        }
+        if (UseSharedService()) {
+            return ConnectSharedService(strNetworkResource, ppNamespace);
         }
         // The service has its repository loaded before a client connects: what the namespace holds (its
         // compiled instances among them) exists before the client's first call.
@@ -60,7 +64,7 @@ const ServedClass kClasses[] = {
 using namespace dorwex::emulator;
 using namespace dorwex::emulator::wmi;
 
-DORWEX_EMULATOR_COM_SERVER(kClasses)
+DORWEX_EMULATOR_COM_SERVER_AND(kClasses, RegisterSharedService)
 
 // --- Control functions ----------------------------------------------------------------------------
 
