@@ -132,22 +132,30 @@ std::wstring Describe(const VARIANT& value) {
     return text + std::wstring(shown.bstrVal, SysStringLen(shown.bstrVal));
 }
 
+// The texts of a GetNames array, which it frees.
+std::vector<_bstr_t> Names(SAFEARRAY* names) {
+    std::vector<_bstr_t> texts;
+    LONG upper = -1;
+    SafeArrayGetUBound(names, 1, &upper);
+    for (LONG i = 0; i <= upper; ++i) {
+        texts.emplace_back();
+        SafeArrayGetElement(names, &i, texts.back().GetAddress());
+    }
+    SafeArrayDestroy(names);
+    return texts;
+}
+
 std::wstring Qualifiers(IWbemQualifierSet* qualifiers) {
     std::wstring text = L"[";
     SAFEARRAY* names = nullptr;
     if (qualifiers == nullptr || FAILED(qualifiers->GetNames(0, &names))) {
         return L"[none]";
     }
-    LONG upper = -1;
-    SafeArrayGetUBound(names, 1, &upper);
-    for (LONG i = 0; i <= upper; ++i) {
-        _bstr_t name;
-        SafeArrayGetElement(names, &i, name.GetAddress());
+    for (const auto& name : Names(names)) {
         _variant_t value;
         qualifiers->Get(name, 0, &value, nullptr);
         text += std::wstring(name) + L"=" + Describe(value) + L" ";
     }
-    SafeArrayDestroy(names);
     return text + L"]";
 }
 
@@ -162,11 +170,7 @@ std::wstring Portrait(IWbemClassObject* object) {
     portrait += Qualifiers(qualifiers.Get()) + L"\n";
     SAFEARRAY* names = nullptr;
     EXPECT_EQ(object->GetNames(nullptr, 0, nullptr, &names), S_OK);
-    LONG upper = -1;
-    SafeArrayGetUBound(names, 1, &upper);
-    for (LONG i = 0; i <= upper; ++i) {
-        _bstr_t name;
-        SafeArrayGetElement(names, &i, name.GetAddress());
+    for (const auto& name : Names(names)) {
         _variant_t value;
         CIMTYPE type = 0;
         EXPECT_EQ(object->Get(name, 0, &value, &type, nullptr), S_OK);
@@ -175,7 +179,6 @@ std::wstring Portrait(IWbemClassObject* object) {
         portrait += std::wstring(name) + L" cim" + std::to_wstring(type) + L" " + Describe(value) + L" " +
                     Qualifiers(propertyQualifiers.Get()) + L"\n";
     }
-    SafeArrayDestroy(names);
     object->BeginMethodEnumeration(0);
     _bstr_t method;
     ComPtr<IWbemClassObject> in;
@@ -352,6 +355,13 @@ TEST(ByValue, AContextArrivesWithEveryValueAndChangesAlone) {
     const auto copy = Copy(context.Get());
     ASSERT_TRUE(copy);
     EXPECT_NE(copy.Get(), context.Get());
+    SAFEARRAY* names = nullptr;
+    ASSERT_EQ(copy->GetNames(0, &names), S_OK);
+    const auto arrivedNames = Names(names);
+    ASSERT_EQ(arrivedNames.size(), values.size());
+    for (size_t i = 0; i < values.size(); ++i) {
+        EXPECT_EQ(std::wstring(arrivedNames[i]), values[i].first) << "in the order they were set";
+    }
     for (const auto& value : values) {
         _variant_t arrived;
         ASSERT_EQ(copy->GetValue(value.first.c_str(), 0, &arrived), S_OK) << value.first;
