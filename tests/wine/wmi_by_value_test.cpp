@@ -10,7 +10,9 @@
 #include <wrl/client.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -372,6 +374,52 @@ TEST(ByValue, AContextArrivesWithEveryValueAndChangesAlone) {
     _variant_t kept;
     ASSERT_EQ(context->GetValue(L"text", 0, &kept), S_OK);
     EXPECT_EQ(SysStringLen(kept.bstrVal), 3u);
+}
+
+// The same stream read by another process: this program again, which finds the stream's file in its
+// environment, unmarshals it and writes the portrait of what it got next to it.
+TEST(ByValue, AnotherProcessReceivesTheSameObject) {
+    wchar_t file[MAX_PATH] = {};
+    if (GetEnvironmentVariableW(L"DORWEX_BY_VALUE_STREAM", file, MAX_PATH) != 0) {
+        std::ifstream in(std::filesystem::path(file), std::ios::binary);
+        const std::vector<BYTE> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        ComPtr<IWbemClassObject> copy;
+        ASSERT_EQ(Unmarshal(bytes, copy), S_OK);
+        const std::wstring portrait = Portrait(copy.Get());
+        std::ofstream(std::filesystem::path(std::wstring(file) + L".out"), std::ios::binary)
+            .write(reinterpret_cast<const char*>(portrait.data()), static_cast<std::streamsize>(portrait.size() * 2));
+        return;
+    }
+    const auto original = InstanceOfEveryKind();
+    const auto bytes = Bytes(Marshalled(original.Get(), IID_IWbemClassObject).Get());
+    const std::wstring stream = g_repository + L".stream";
+    std::ofstream(std::filesystem::path(stream), std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    wchar_t program[MAX_PATH] = {};
+    ASSERT_GT(GetModuleFileNameW(nullptr, program, MAX_PATH), 0u);
+    std::wstring command = L"\"" + std::wstring(program) + L"\" --gtest_filter=ByValue.AnotherProcessReceivesTheSameObject";
+    ASSERT_TRUE(SetEnvironmentVariableW(L"DORWEX_BY_VALUE_STREAM", stream.c_str()));
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process{};
+    const BOOL started =
+        CreateProcessW(program, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process);
+    SetEnvironmentVariableW(L"DORWEX_BY_VALUE_STREAM", nullptr);
+    ASSERT_TRUE(started);
+    EXPECT_EQ(WaitForSingleObject(process.hProcess, 120000), WAIT_OBJECT_0);
+    DWORD exitCode = 1;
+    GetExitCodeProcess(process.hProcess, &exitCode);
+    EXPECT_NE(GetProcessId(process.hProcess), GetCurrentProcessId());
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    EXPECT_EQ(exitCode, 0u);
+    std::ifstream in(std::filesystem::path(stream + L".out"), std::ios::binary);
+    const std::string received{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    in.close();
+    const std::wstring before = Portrait(original.Get());
+    EXPECT_EQ(std::wstring(reinterpret_cast<const wchar_t*>(received.data()), received.size() / 2), before);
+    std::filesystem::remove(std::filesystem::path(stream));
+    std::filesystem::remove(std::filesystem::path(stream + L".out"));
 }
 
 // The state follows COM's own header; its first four bytes give its length. Cut the state at every length
