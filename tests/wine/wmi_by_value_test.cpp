@@ -376,6 +376,42 @@ TEST(ByValue, AContextArrivesWithEveryValueAndChangesAlone) {
     EXPECT_EQ(SysStringLen(kept.bstrVal), 3u);
 }
 
+// What cannot travel fails the marshalling instead of hanging or writing half an object: an instance that holds
+// itself (nesting without end), an object the service did not make, a value by reference.
+TEST(ByValue, WhatCannotTravelIsRefused) {
+    const auto kinds = ClassNamed(L"Dorwex_AllKinds");
+    ComPtr<IStream> foreign;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &foreign), S_OK);
+    const auto holder = Spawned(kinds.Get(), {{L"Name", L"holder"}});
+    const struct {
+        const char* what;
+        _variant_t value;
+    } cases[] = {
+        {"itself", ObjectValue(holder.Get())},
+        {"a stream", _variant_t(static_cast<IUnknown*>(foreign.Get()))},
+    };
+    for (const auto& test : cases) {
+        ASSERT_EQ(holder->Put(L"Embedded", 0, const_cast<VARIANT*>(static_cast<const VARIANT*>(&test.value)), 0), S_OK);
+        ComPtr<IStream> stream;
+        ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &stream), S_OK);
+        EXPECT_TRUE(FAILED(CoMarshalInterface(stream.Get(), IID_IWbemClassObject, holder.Get(), MSHCTX_LOCAL, nullptr,
+                                              MSHLFLAGS_NORMAL)))
+            << test.what;
+        ASSERT_EQ(holder->Delete(L"Embedded"), static_cast<HRESULT>(WBEM_S_RESET_TO_DEFAULT));  // ends the cycle
+    }
+    ComPtr<IWbemContext> context;
+    ASSERT_EQ(CoCreateInstance(CLSID_WbemContext, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&context)), S_OK);
+    LONG number = 5;
+    VARIANT byReference;
+    byReference.vt = VT_I4 | VT_BYREF;
+    byReference.plVal = &number;
+    ASSERT_EQ(context->SetValue(L"by reference", 0, &byReference), S_OK);
+    ComPtr<IStream> stream;
+    ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &stream), S_OK);
+    EXPECT_TRUE(FAILED(
+        CoMarshalInterface(stream.Get(), IID_IWbemContext, context.Get(), MSHCTX_LOCAL, nullptr, MSHLFLAGS_NORMAL)));
+}
+
 // The same stream read by another process: this program again, which finds the stream's file in its
 // environment, unmarshals it and writes the portrait of what it got next to it.
 TEST(ByValue, AnotherProcessReceivesTheSameObject) {
