@@ -26,7 +26,7 @@ CIMTYPE CimType(const std::string& mofType) {
         {"string", CIM_STRING}, {"boolean", CIM_BOOLEAN}, {"uint8", CIM_UINT8},     {"sint8", CIM_SINT8},
         {"uint16", CIM_UINT16}, {"sint16", CIM_SINT16},   {"uint32", CIM_UINT32},   {"sint32", CIM_SINT32},
         {"uint64", CIM_UINT64}, {"sint64", CIM_SINT64},   {"real32", CIM_REAL32},   {"real64", CIM_REAL64},
-        {"datetime", CIM_DATETIME},
+        {"datetime", CIM_DATETIME}, {"object", CIM_OBJECT},
     };
     for (const auto& known : kTypes) {
         if (_stricmp(known.name, mofType.c_str()) == 0) {

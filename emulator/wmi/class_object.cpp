@@ -232,6 +232,11 @@ HRESULT ClassObject::QueryInterface(REFIID riid, void** ppv) {
         AddRef();
         return S_OK;
     }
+    if (ppv != nullptr && riid == IID_IMarshal) {
+        *ppv = static_cast<IMarshal*>(this);
+        AddRef();
+        return S_OK;
+    }
     return ComObject<IWbemClassObject>::QueryInterface(riid, ppv);
 }
 

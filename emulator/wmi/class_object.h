@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "by_value.h"
 #include "emulator/common/com_object.h"
 #include "qualifier_set.h"
 
@@ -44,7 +45,8 @@ struct ClassDefinition {
     const MethodDefinition* FindMethod(const wchar_t* name) const;
 };
 
-class ClassObject final : public ComObject<IWbemClassObject> {
+// Marshalled by value: another apartment or process receives an independent copy.
+class ClassObject final : public ComObject<IWbemClassObject>, public MarshalledByValue {
 public:
     // A class (values all null) or, with instance set, an instance of it.
     ClassObject(std::shared_ptr<const ClassDefinition> definition, bool instance);
@@ -61,7 +63,14 @@ public:
     // memory).
     IWbemClassObject* Projected(const std::vector<std::wstring>& names) const;
 
+    // The whole object, embedded objects included up to kMaxObjectDepth, as one tag::kClassObject item.
+    HRESULT WriteObject(wire::Writer& writer, int objectDepth) const;
+    // A new object (one reference) from such an item; WBEM_E_INVALID_STREAM when the stream holds none.
+    static HRESULT ReadObject(wire::Reader& reader, int objectDepth, ClassObject** object_out);
+
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+    ULONG STDMETHODCALLTYPE AddRef() override { return ComObject<IWbemClassObject>::AddRef(); }
+    ULONG STDMETHODCALLTYPE Release() override { return ComObject<IWbemClassObject>::Release(); }
     HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet** ppQualSet) override;
     HRESULT STDMETHODCALLTYPE Get(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE* pType, LONG* plFlavor) override;
     HRESULT STDMETHODCALLTYPE Put(LPCWSTR wszName, LONG lFlags, VARIANT* pVal, CIMTYPE Type) override;
@@ -90,6 +99,9 @@ public:
     HRESULT STDMETHODCALLTYPE EndMethodEnumeration() override;
     HRESULT STDMETHODCALLTYPE GetMethodQualifierSet(LPCWSTR wszMethod, IWbemQualifierSet** ppQualSet) override;
     HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR wszMethodName, BSTR* pstrClassName) override;
+
+protected:
+    HRESULT WriteState(wire::Writer& writer) const override { return WriteObject(writer, 0); }
 
 private:
     struct Member {

@@ -10,6 +10,78 @@ Context::~Context() {
     DeleteAll();
 }
 
+HRESULT Context::QueryInterface(REFIID riid, void** ppv) {
+    if (ppv != nullptr && riid == IID_IMarshal) {
+        *ppv = static_cast<IMarshal*>(this);
+        AddRef();
+        return S_OK;
+    }
+    return ComObject<IWbemContext>::QueryInterface(riid, ppv);
+}
+
+HRESULT Context::WriteState(wire::Writer& writer) const {
+    // Copies first: a value may hold an object whose own lock the writing takes.
+    std::vector<std::pair<std::wstring, VARIANT>> values;
+    HRESULT hr = S_OK;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const auto& entry : m_values) {
+            values.emplace_back(entry.first, VARIANT{});
+            VariantInit(&values.back().second);
+            if (FAILED(hr = VariantCopy(&values.back().second, const_cast<VARIANT*>(&entry.second)))) {
+                break;
+            }
+        }
+    }
+    const size_t context = writer.Open(tag::kContext);
+    for (size_t i = 0; SUCCEEDED(hr) && i < values.size(); ++i) {
+        const size_t entry = writer.Open(tag::kEntry);
+        writer.Text(tag::kName, WireText(values[i].first));
+        hr = WriteVariant(writer, values[i].second, 0);
+        writer.Close(entry);
+    }
+    writer.Close(context);
+    for (auto& entry : values) {
+        VariantClear(&entry.second);
+    }
+    return hr;
+}
+
+HRESULT Context::ReadState(wire::Reader& reader, Context** context_out) {
+    *context_out = nullptr;
+    wire::Reader entries;
+    if (!reader.Open(tag::kContext, entries)) {
+        return WBEM_E_INVALID_STREAM;
+    }
+    auto* context = new (std::nothrow) Context();
+    if (context == nullptr) {
+        return WBEM_E_OUT_OF_MEMORY;
+    }
+    HRESULT hr = S_OK;
+    while (SUCCEEDED(hr) && !entries.AtEnd()) {
+        wire::Reader entry;
+        std::u16string name;
+        VARIANT value;
+        VariantInit(&value);
+        if (!entries.Open(tag::kEntry, entry) || !entry.Text(tag::kName, name)) {
+            hr = WBEM_E_INVALID_STREAM;
+        } else if (SUCCEEDED(hr = ReadVariant(entry, value, 0))) {
+            if (entry.AtEnd()) {
+                context->m_values.emplace_back(FromWireText(name), value);  // the context owns the value now
+            } else {
+                VariantClear(&value);
+                hr = WBEM_E_INVALID_STREAM;
+            }
+        }
+    }
+    if (FAILED(hr)) {
+        context->Release();
+        return hr;
+    }
+    *context_out = context;
+    return S_OK;
+}
+
 HRESULT Context::Clone(IWbemContext** ppNewCopy) {
     if (ppNewCopy == nullptr) {
         return WBEM_E_INVALID_PARAMETER;

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <string>
 
+#include "by_value.h"
 #include "client_context.h"
 #include "context.h"
 #include "control.h"
@@ -56,6 +57,8 @@ const ServedClass kClasses[] = {
     {&kCLSID_WbemAdministrativeLocator, Create<Locator>, L"Emulated WbemAdministrativeLocator"},
     {&CLSID_WbemContext, Create<Context>, L"Emulated WbemContext"},
     {&CLSID_MofCompiler, Create<MofCompiler>, L"Emulated MofCompiler"},
+    // Creates, in the receiving process, the copies of class objects and contexts marshalled by value.
+    {&kCLSID_ByValueUnmarshaller, Create<ByValueUnmarshaller>, L"Emulated WMI by-value unmarshaller"},
 };
 
 }  // namespace
