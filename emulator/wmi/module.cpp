@@ -16,6 +16,7 @@
 #include "emulator/common/com_server.h"
 #include "mof_compiler.h"
 #include "namespace.h"
+#include "remote_enumerator.h"
 #include "service_entry.h"
 
 namespace dorwex::emulator::wmi {
@@ -59,6 +60,8 @@ const ServedClass kClasses[] = {
     {&CLSID_MofCompiler, Create<MofCompiler>, L"Emulated MofCompiler"},
     // Creates, in the receiving process, the copies of class objects and contexts marshalled by value.
     {&kCLSID_ByValueUnmarshaller, Create<ByValueUnmarshaller>, L"Emulated WMI by-value unmarshaller"},
+    // Creates, in a client's process, its copy of an enumerator of the service in another process.
+    {&kCLSID_EnumeratorUnmarshaller, Create<EnumeratorUnmarshaller>, L"Emulated WMI enumerator unmarshaller"},
 };
 
 }  // namespace

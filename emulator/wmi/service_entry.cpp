@@ -88,6 +88,24 @@ const ControlEntry kControls[] = {
          auto wait = DeviceControl<DorwexEmulatorWaitForEventsFunction>("DorwexEmulatorWaitForEvents");
          return wait == nullptr ? E_NOTIMPL : (call.result = wait(static_cast<DWORD>(call.first)), S_OK);
      }},
+    {L"DorwexEmulatorErrors",
+     [](ControlCall& call) {
+         auto errors = DeviceControl<DorwexEmulatorErrorsFunction>("DorwexEmulatorErrors");
+         if (errors == nullptr) {
+             return E_NOTIMPL;
+         }
+         call.textOut.resize(errors(nullptr, 0));
+         errors(call.textOut.data(), static_cast<DWORD>(call.textOut.size()));
+         call.textOut.resize(call.textOut.empty() ? 0 : call.textOut.size() - 1);
+         return S_OK;
+     }},
+    {L"GetEnvironment",
+     [](ControlCall& call) {
+         wchar_t value[1024] = {};
+         GetEnvironmentVariableW(call.text != nullptr ? call.text : L"", value, 1024);
+         call.textOut = value;
+         return S_OK;
+     }},
     {L"DorwexWmiSubscriptions",
      [](ControlCall& call) {
          call.result = static_cast<LONG>(Namespace::Get().SubscriptionCount());

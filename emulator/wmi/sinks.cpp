@@ -106,6 +106,15 @@ void ObjectEnumerator::Close() {
     m_arrived.notify_all();
 }
 
+HRESULT ObjectEnumerator::QueryInterface(REFIID riid, void** ppv) {
+    if (ppv != nullptr && riid == IID_IMarshal) {
+        *ppv = static_cast<IMarshal*>(this);
+        AddRef();
+        return S_OK;
+    }
+    return ComObject<IEnumWbemClassObject>::QueryInterface(riid, ppv);
+}
+
 HRESULT ObjectEnumerator::Reset() {
     std::lock_guard<std::mutex> guard(m_lock);
     if (m_forwardOnly) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "emulator/common/com_object.h"
+#include "remote_enumerator.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -41,7 +42,7 @@ private:
 
 // A client's enumerator: a fixed list, or a queue that keeps receiving (event queries). A fixed list that
 // was not asked for forward-only can be reset and cloned, as WMI's own enumerators can.
-class ObjectEnumerator final : public ComObject<IEnumWbemClassObject> {
+class ObjectEnumerator final : public ComObject<IEnumWbemClassObject>, public MarshalledByFetch {
 public:
     // Takes the references. An open enumerator is always forward-only.
     ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open, bool forwardOnly);
@@ -51,12 +52,18 @@ public:
     void Push(IWbemClassObject* object);
     void Close();
 
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+    ULONG STDMETHODCALLTYPE AddRef() override { return ComObject<IEnumWbemClassObject>::AddRef(); }
+    ULONG STDMETHODCALLTYPE Release() override { return ComObject<IEnumWbemClassObject>::Release(); }
     HRESULT STDMETHODCALLTYPE Reset() override;
     HRESULT STDMETHODCALLTYPE Next(LONG lTimeout, ULONG uCount, IWbemClassObject** apObjects,
                                    ULONG* puReturned) override;
     HRESULT STDMETHODCALLTYPE NextAsync(ULONG uCount, IWbemObjectSink* pSink) override;
     HRESULT STDMETHODCALLTYPE Clone(IEnumWbemClassObject** ppEnum) override;
     HRESULT STDMETHODCALLTYPE Skip(LONG lTimeout, ULONG nCount) override;
+
+protected:
+    IEnumWbemClassObject* Enumerator() override { return this; }
 
 private:
     std::mutex m_lock;
