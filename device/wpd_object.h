@@ -93,9 +93,11 @@ public:
     int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) override;
 
     // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size. The bytes
-    // written so far are stored also when it fails; a buffer that cannot be had is a failure.
+    // written so far are stored also when it fails; a buffer that cannot be had is a failure. With the size
+    // the object announced, a read that brings the last of it and says the end is reached (S_FALSE) ends the
+    // copy without a read of nothing: each read of a device stream is a request.
     static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
-                              ULONGLONG* pulonglongBytesWritten_out);
+                              ULONGLONG* pulonglongBytesWritten_out, ULONGLONG ulonglongAnnounced_in = ~0ull);
 
     std::shared_ptr<const DeviceIdentity> Identity() const override;
     void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in) override;

@@ -34,7 +34,8 @@ bool ReadObjectSize(IPortableDeviceContent* pContent_in, const wchar_t* pwcharOb
 }  // namespace
 
 HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in,
-                                     DWORD dwordBufferSize_in, ULONGLONG* pulonglongBytesWritten_out) {
+                                     DWORD dwordBufferSize_in, ULONGLONG* pulonglongBytesWritten_out,
+                                     ULONGLONG ulonglongAnnounced_in) {
     if (pulonglongBytesWritten_out != nullptr) {
         *pulonglongBytesWritten_out = 0;
     }
@@ -45,13 +46,17 @@ HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* p
     }
     HRESULT l_HRESULT = S_OK;
     ULONGLONG l_ulonglongTotal = 0;
+    bool l_boolEnd = false;  // the source said so with the last announced byte: the read of nothing is known
     for (;;) {
         ULONG l_ulongRead = 0;
-        l_HRESULT = pIStreamSource_in->Read(l_pBuffer.get(), dwordBufferSize_in, &l_ulongRead);
-        if (FAILED(l_HRESULT)) {
-            Trace(L"! Failed to read %d bytes from the source stream, l_HRESULT = 0x%lx\n", dwordBufferSize_in,
-                  l_HRESULT);
-            return l_HRESULT;
+        if (!l_boolEnd) {
+            l_HRESULT = pIStreamSource_in->Read(l_pBuffer.get(), dwordBufferSize_in, &l_ulongRead);
+            if (FAILED(l_HRESULT)) {
+                Trace(L"! Failed to read %d bytes from the source stream, l_HRESULT = 0x%lx\n", dwordBufferSize_in,
+                      l_HRESULT);
+                return l_HRESULT;
+            }
+            l_boolEnd = l_HRESULT == S_FALSE && l_ulongRead != 0 && l_ulonglongTotal + l_ulongRead == ulonglongAnnounced_in;
         }
         // What every read gave is written, the final nothing too, and the last write's result is the answer.
         ULONG l_ulongWritten = 0;
@@ -241,7 +246,8 @@ HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in
                                               &l_pFileStream);
         }
         if (SUCCEEDED(l_HRESULT)) {
-            l_HRESULT = StreamCopy(l_pFileStream.Get(), l_pDeviceStream.Get(), l_dwordBufferSize, &l_ulonglongWritten);
+            l_HRESULT = StreamCopy(l_pFileStream.Get(), l_pDeviceStream.Get(), l_dwordBufferSize, &l_ulonglongWritten,
+                                   l_boolSizeKnown ? l_ulonglongSize : ~0ull);
         }
     }  // the file is closed before it takes the target's place
     // A stream that ended before the object did is a transfer that broke off, not a smaller file.

@@ -876,8 +876,9 @@ TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
     device.Terminate();
 }
 
-// A source that hands out the given read sizes in turn, and a destination that records the size of each
-// write and answers each with the next of the given results (S_OK once they run out).
+// A source that hands out the given read sizes in turn, S_FALSE when fewer bytes than asked (its end, as
+// ISequentialStream::Read has it), and a destination that records the size of each write and answers each
+// with the next of the given results (S_OK once they run out).
 class ScriptedStream : public IStream {
 public:
     ScriptedStream(std::vector<ULONG> reads, std::vector<HRESULT> writeResults)
@@ -894,10 +895,11 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return ++m_refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --m_refs; }
     HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        ++readsMade;
         const ULONG size = m_nextRead < m_reads.size() ? std::min(cb, m_reads[m_nextRead++]) : 0;
         std::memset(pv, 'r', size);
         *pcbRead = size;
-        return S_OK;
+        return size < cb ? S_FALSE : S_OK;
     }
     HRESULT STDMETHODCALLTYPE Write(const void*, ULONG cb, ULONG* pcbWritten) override {
         writes.push_back(cb);
@@ -920,6 +922,7 @@ public:
     HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
 
     std::vector<ULONG> writes;
+    size_t readsMade = 0;
 
 private:
     ULONG m_refs = 1;
@@ -929,8 +932,11 @@ private:
 };
 
 // The copy loop writes what every read gave, the final read of nothing included, and answers with the
-// result of its last write.
+// result of its last write. Each read of a device stream is a request: when the size the object announced
+// has arrived and the stream said its end is reached, the read of nothing is left out (its empty write is
+// not); anything short of that reads on to the read of nothing.
 TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
+    constexpr ULONGLONG kUnknown = ~0ull;
     const struct {
         const char* name;
         std::vector<ULONG> reads;
@@ -939,10 +945,20 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
         std::vector<ULONG> writes;
         ULONGLONG total;
         std::vector<std::wstring> lines;
+        ULONGLONG announced = kUnknown;
+        size_t readsMade = 0;  // 0: not checked
     } cases[] = {
-        {"two chunks", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+        {"announced size and the end: no read of nothing", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
          {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
-          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}},
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}, 8, 2},
+        {"announced size in a full read: not yet the end", {16, 4}, {}, S_OK, {16, 4, 0}, 20,
+         {L"Read 16 bytes from the source stream...Wrote 16 bytes to the destination stream...\n",
+          L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}, 16, 3},
+        {"the end before the announced size", {5}, {}, S_OK, {5, 0}, 5,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n"}, 8, 2},
+        {"two chunks, size unknown", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}, kUnknown, 3},
         {"empty source", {}, {}, S_OK, {0}, 0, {}},
         {"last write's own success code", {4}, {S_OK, S_FALSE}, S_FALSE, {4, 0}, 4,
          {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}},
@@ -956,8 +972,11 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
         ScriptedStream destination({}, c.writeResults);
         TraceCapture trace(1);
         ULONGLONG total = 0;
-        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total), c.result);
+        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total, c.announced), c.result);
         EXPECT_EQ(destination.writes, c.writes);
+        if (c.readsMade != 0) {
+            EXPECT_EQ(source.readsMade, c.readsMade);
+        }
         if (SUCCEEDED(c.result)) {
             EXPECT_EQ(total, c.total);
         }
@@ -975,7 +994,8 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
 TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameResult) {
     struct Outcome {
         std::wstring root, camera, folders, objectId, size, missing;
-        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0;
+        std::string copied;
+        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0, copyRequests = 0;
         std::vector<std::wstring> traces;
     };
     const auto run = [this](const char* id, bool bulk) {
