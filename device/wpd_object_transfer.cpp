@@ -207,14 +207,16 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice1(const wchar_t* pwcharObjectStorage
     if (pwcharObjectStoragePath_in == nullptr || pwcharLocalFileName_in == nullptr) {
         return E_INVALIDARG;
     }
-    const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_COPY_FROM);
+    dorwex::ObjectFacts l_Facts;
+    const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_COPY_FROM, nullptr, &l_Facts);
     if (l_bstr_tObject.length() == 0) {
         return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
     }
-    return CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in);
+    return CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in, l_Facts.sized ? &l_Facts.size : nullptr);
 }
 
-HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in) {
+HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in,
+                                                const ULONGLONG* pulonglongSize_in) {
     if (!m_pIPortableDevice) {
         return E_UNEXPECTED;  // no session: nothing can arrive
     }
@@ -222,11 +224,11 @@ HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in
     ComPtr<IPortableDeviceResources> l_pResources;
     ComPtr<IStream> l_pDeviceStream;
     DWORD l_dwordBufferSize = 0;
-    ULONGLONG l_ulonglongSize = 0;
-    bool l_boolSizeKnown = false;
+    ULONGLONG l_ulonglongSize = pulonglongSize_in != nullptr ? *pulonglongSize_in : 0;
+    bool l_boolSizeKnown = pulonglongSize_in != nullptr;
     HRESULT l_HRESULT = m_pIPortableDevice->Content(&l_pContent);
     if (SUCCEEDED(l_HRESULT)) {
-        l_boolSizeKnown = ReadObjectSize(l_pContent.Get(), pwcharObjectId_in, l_ulonglongSize);
+        l_boolSizeKnown = l_boolSizeKnown || ReadObjectSize(l_pContent.Get(), pwcharObjectId_in, l_ulonglongSize);
         l_HRESULT = l_pContent->Transfer(&l_pResources);
     }
     if (SUCCEEDED(l_HRESULT)) {
@@ -276,12 +278,14 @@ int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_
     if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
         return MoveFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
-    const _bstr_t l_bstr_tObject =
-        pwcharObjectStoragePath_in != nullptr ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE) : _bstr_t();
+    dorwex::ObjectFacts l_Facts;
+    const _bstr_t l_bstr_tObject = pwcharObjectStoragePath_in != nullptr
+                                       ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE, nullptr, &l_Facts)
+                                       : _bstr_t();
     if (l_bstr_tObject.length() == 0 || pwcharLocalFileName_in == nullptr) {
         return 0;
     }
-    if (FAILED(CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in))) {
+    if (FAILED(CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in, l_Facts.sized ? &l_Facts.size : nullptr))) {
         return 0;
     }
     // The file has arrived: a delete that fails does not undo the move's success.

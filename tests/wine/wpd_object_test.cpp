@@ -741,7 +741,7 @@ TEST_F(DeviceObject, MinimalDriverEventsAreTracedWithWhatTheyCarryAndPassedOn) {
 // What the path lookups remember goes with the device's events: an updated or removed folder takes its
 // children's ids with it (the folder is read again), a removed file only its own, an event that names no
 // object everything; an added object nothing. Counted in device requests of the next lookup of b.jpg: with
-// everything remembered, one check per component.
+// everything remembered, one bulk read checks the whole chain.
 TEST_F(DeviceObject, EventsMakeLookupsForgetWhatTheyName) {
     const struct {
         const char* device;
@@ -749,9 +749,9 @@ TEST_F(DeviceObject, EventsMakeLookupsForgetWhatTheyName) {
         const char* object;  // "folder", "file" (a.jpg) or "other" (c.jpg)
         ULONG requests;
     } cases[] = {
-        {"usb#forget-added", &WPD_EVENT_OBJECT_ADDED, "other", 2u},
-        {"usb#forget-file", &WPD_EVENT_OBJECT_REMOVED, "file", 2u},
-        {"usb#forget-other", &WPD_EVENT_OBJECT_UPDATED, "other", 2u},
+        {"usb#forget-added", &WPD_EVENT_OBJECT_ADDED, "other", 1u},
+        {"usb#forget-file", &WPD_EVENT_OBJECT_REMOVED, "file", 1u},
+        {"usb#forget-other", &WPD_EVENT_OBJECT_UPDATED, "other", 1u},
         {"usb#forget-removed", &WPD_EVENT_OBJECT_REMOVED, "folder", 2u + 2u},
         {"usb#forget-updated", &WPD_EVENT_OBJECT_UPDATED, "folder", 2u + 2u},
         {"usb#forget-minimal", &WPD_EVENT_OBJECT_UPDATED, "other", 2u + 2u},
@@ -1036,6 +1036,10 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
             outcome.againRequests = emulator.Requests(wide.c_str(), TRUE);
             EXPECT_FALSE(again.empty());
             EXPECT_NE(again, outcome.objectId);
+            const std::wstring local = emulator.Directory() + L"\\" + wide.substr(4) + L".jpg";
+            EXPECT_EQ(device.CopyFileFromDevice(L"Phone\\DCIM\\Camera\\IMG_0020.jpg", local.c_str()), S_OK);
+            outcome.copyRequests = emulator.Requests(wide.c_str(), TRUE);
+            outcome.copied = ReadAll(local);
             outcome.missing = Text(device.EnumerateDevicePath(L"Phone\\DCIM\\Nothing", 0));
             outcome.traces = trace.Lines();
         }
@@ -1062,6 +1066,8 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(plain.objectId, bulk.objectId);
     EXPECT_EQ(plain.size, bulk.size);
     EXPECT_EQ(plain.missing, bulk.missing);
+    EXPECT_EQ(bulk.copied, std::string(20, 'j'));
+    EXPECT_EQ(plain.copied, bulk.copied);
     EXPECT_EQ(plain.traces, bulk.traces);
 
     // One enumeration and one bulk read per folder: the storage root, then DCIM and Camera on the way and
@@ -1069,10 +1075,13 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(bulk.rootRequests, 2u);
     EXPECT_EQ(bulk.cameraRequests, 2u * 2u + 2u);
     EXPECT_LE(bulk.objectIdRequests, 2u * 3u) << "at most two requests per path component";
-    // Another file of a folder a lookup has read: each remembered id on the way is checked with one request,
-    // no folder is read again, however large.
-    EXPECT_EQ(bulk.againRequests, 3u);
+    // Another file of a folder a lookup has read: the remembered ids on the way are checked together in one
+    // bulk read (one read each without bulk reads), no folder is read again, however large.
+    EXPECT_EQ(bulk.againRequests, 1u);
     EXPECT_EQ(plain.againRequests, 3u) << "the file was among the children visited before";
+    // A copy of such a file: that check reads its size too, then the stream and one read of its data.
+    EXPECT_EQ(bulk.copyRequests, 1u + 2u);
+    EXPECT_EQ(plain.copyRequests, 3u + 2u);
     // One by one: the enumeration and a read of every child visited.
     EXPECT_EQ(plain.rootRequests, 1u + 202u);
     EXPECT_EQ(plain.cameraRequests, 2u + 2u + (1u + 200u)) << "DCIM and Camera are the first children";
