@@ -382,6 +382,7 @@ void ChildReader::CheckAll(const std::vector<std::wstring>& ids_in, bool boolSiz
         HRESULT l_HRESULT = S_OK;
         for (const std::wstring& l_wstringId : ids_in) {
             PROPVARIANT l_Id;
+            PropVariantInit(&l_Id);
             l_Id.vt = VT_LPWSTR;
             l_Id.pwszVal = const_cast<wchar_t*>(l_wstringId.c_str());  // Add copies it
             l_HRESULT = SUCCEEDED(l_HRESULT) ? l_pIds->Add(&l_Id) : l_HRESULT;
