@@ -39,11 +39,11 @@ private:
     HANDLE m_HANDLE;
 };
 
-// Receives a bulk operation's results on the runtime's thread and merges them into the list, until the
-// reader takes the list back (at the end, or when it gives up waiting).
+// Receives a bulk operation's results on the runtime's thread and hands them to the sink, until the reader
+// takes the sink back (at the end, or when it gives up waiting).
 class BulkCallback final : public IPortableDevicePropertiesBulkCallback {
 public:
-    explicit BulkCallback(ChildList* pList_in) : m_pList(pList_in) {}
+    explicit BulkCallback(BulkSink* pSink_in) : m_pSink(pSink_in) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
         if (ppv == nullptr) {
@@ -71,7 +71,7 @@ public:
     HRESULT STDMETHODCALLTYPE OnProgress(REFGUID, IPortableDeviceValuesCollection* pResults) override {
         try {
             std::lock_guard<std::mutex> l_Guard(m_Lock);
-            if (m_pList == nullptr) {
+            if (m_pSink == nullptr) {
                 return E_ABORT;  // the reader gave up: nobody wants the rest
             }
             DWORD l_dwordCount = 0;
@@ -79,7 +79,7 @@ public:
                 for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
                     ComPtr<IPortableDeviceValues> l_pValues;
                     if (SUCCEEDED(pResults->GetAt(l_dwordIndex, &l_pValues)) && l_pValues) {
-                        Merge(l_pValues.Get());
+                        m_pSink->Merge(l_pValues.Get());
                     }
                 }
             }
@@ -110,56 +110,139 @@ public:
         }
     }
     HRESULT Status() const { return m_HRESULTStatus; }
-    // After this no result reaches the list.
+    // After this no result reaches the sink.
     void Detach() {
         std::lock_guard<std::mutex> l_Guard(m_Lock);
-        m_pList = nullptr;
+        m_pSink = nullptr;
     }
 
 private:
     ~BulkCallback() = default;
 
-    void Merge(IPortableDeviceValues* pValues_in) {
-        CoTaskString l_Id;
-        if (FAILED(pValues_in->GetStringValue(WPD_OBJECT_ID, &l_Id)) || l_Id.Get() == nullptr) {
-            return;
-        }
-        ChildList::Entry* l_pEntry = m_pList->Find(l_Id.Get());
-        if (l_pEntry == nullptr) {
-            return;  // not a child the enumeration gave: not listed
-        }
-        DWORD l_dwordCount = 0;
-        pValues_in->GetCount(&l_dwordCount);
-        for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
-            PROPERTYKEY l_Key{};
-            PropVariant l_Value;
-            if (FAILED(pValues_in->GetAt(l_dwordIndex, &l_Key, &l_Value))) {
-                continue;
-            }
-            const PROPVARIANT& l_PROPVARIANT = l_Value.Get();
-            // A key the device lacks comes as VT_ERROR: reported, without a value.
-            const bool l_boolOriginal = SameKey(l_Key, WPD_OBJECT_ORIGINAL_FILE_NAME);
-            if (l_boolOriginal || SameKey(l_Key, WPD_OBJECT_NAME)) {
-                if (l_PROPVARIANT.vt == VT_LPWSTR) {
-                    m_pList->SetName(*l_pEntry, l_PROPVARIANT.pwszVal != nullptr ? l_PROPVARIANT.pwszVal : L"",
-                                     l_boolOriginal);
-                }
-                l_pEntry->flags |= l_boolOriginal ? ChildList::kOriginalKey : ChildList::kNameKey;
-            } else if (SameKey(l_Key, WPD_OBJECT_CONTENT_TYPE)) {
-                if (l_PROPVARIANT.vt == VT_CLSID && l_PROPVARIANT.puuid != nullptr) {
-                    m_pList->SetContentType(*l_pEntry, *l_PROPVARIANT.puuid);
-                }
-                l_pEntry->flags |= ChildList::kContentTypeKey;
-            }
-        }
-    }
-
     LONG m_longRefs = 1;
     std::mutex m_Lock;
-    ChildList* m_pList;
+    BulkSink* m_pSink;
     Event m_Ended{TRUE};
     Event m_Progress{FALSE};
     std::atomic<HRESULT> m_HRESULTStatus{E_PENDING};
+};
+
+// Hands each key and value of a bulk result to take_in, with what find_in gives for the object id it
+// reports; nothing when there is no id or find_in gives null (an object not asked for).
+template <class Find, class Take>
+void VisitResult(IPortableDeviceValues* pValues_in, Find find_in, Take take_in) {
+    CoTaskString l_Id;
+    if (FAILED(pValues_in->GetStringValue(WPD_OBJECT_ID, &l_Id)) || l_Id.Get() == nullptr) {
+        return;
+    }
+    const auto l_pObject = find_in(l_Id.Get());
+    if (l_pObject == nullptr) {
+        return;
+    }
+    DWORD l_dwordCount = 0;
+    pValues_in->GetCount(&l_dwordCount);
+    for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
+        PROPERTYKEY l_Key{};
+        PropVariant l_Value;
+        if (SUCCEEDED(pValues_in->GetAt(l_dwordIndex, &l_Key, &l_Value))) {
+            take_in(*l_pObject, l_Key, l_Value.Get());
+        }
+    }
+}
+
+// Each result's names and kind into the children of a folder.
+class ChildListSink final : public BulkSink {
+public:
+    explicit ChildListSink(ChildList& list_in) : m_List(list_in) {}
+
+    void Merge(IPortableDeviceValues* pValues_in) override {
+        // A child the enumeration did not give is not listed.
+        const auto l_Find = [this](const wchar_t* pwcharId_in) { return m_List.Find(pwcharId_in); };
+        VisitResult(pValues_in, l_Find, [this](ChildList::Entry& entry_io, const PROPERTYKEY& key_in,
+                                               const PROPVARIANT& value_in) {
+            // A key the device lacks comes as VT_ERROR: reported, without a value.
+            const bool l_boolOriginal = SameKey(key_in, WPD_OBJECT_ORIGINAL_FILE_NAME);
+            if (l_boolOriginal || SameKey(key_in, WPD_OBJECT_NAME)) {
+                if (value_in.vt == VT_LPWSTR) {
+                    m_List.SetName(entry_io, value_in.pwszVal != nullptr ? value_in.pwszVal : L"", l_boolOriginal);
+                }
+                entry_io.flags |= l_boolOriginal ? ChildList::kOriginalKey : ChildList::kNameKey;
+            } else if (SameKey(key_in, WPD_OBJECT_CONTENT_TYPE)) {
+                if (value_in.vt == VT_CLSID && value_in.puuid != nullptr) {
+                    m_List.SetContentType(entry_io, *value_in.puuid);
+                }
+                entry_io.flags |= ChildList::kContentTypeKey;
+            }
+        });
+    }
+
+private:
+    ChildList& m_List;
+};
+
+// Each result's facts into the object of its id. An object counts as described once every key asked for
+// was reported, with a value or as an error.
+class FactsSink final : public BulkSink {
+public:
+    FactsSink(const std::vector<std::wstring>& ids_in, bool boolSize_in)
+        : m_Ids(ids_in), m_Objects(ids_in.size()), m_uint8All(boolSize_in ? 31 : 15) {}
+
+    void Merge(IPortableDeviceValues* pValues_in) override {
+        const auto l_Find = [this](const wchar_t* pwcharId_in) -> Object* {
+            const auto l_it = std::find(m_Ids.begin(), m_Ids.end(), std::wstring_view(pwcharId_in));
+            return l_it == m_Ids.end() ? nullptr : &m_Objects[static_cast<size_t>(l_it - m_Ids.begin())];
+        };
+        VisitResult(pValues_in, l_Find, [](Object& object_io, const PROPERTYKEY& key_in, const PROPVARIANT& value_in) {
+            const wchar_t* const l_pwcharText =
+                value_in.vt == VT_LPWSTR && value_in.pwszVal != nullptr ? value_in.pwszVal : nullptr;
+            if (SameKey(key_in, WPD_OBJECT_ORIGINAL_FILE_NAME)) {
+                object_io.original = l_pwcharText != nullptr ? l_pwcharText : L"";
+                object_io.seen |= 1;
+            } else if (SameKey(key_in, WPD_OBJECT_NAME)) {
+                object_io.name = l_pwcharText != nullptr ? l_pwcharText : L"";
+                object_io.seen |= 2;
+            } else if (SameKey(key_in, WPD_OBJECT_CONTENT_TYPE)) {
+                object_io.facts.folder = value_in.vt == VT_CLSID && value_in.puuid != nullptr &&
+                                        *value_in.puuid == WPD_CONTENT_TYPE_FOLDER;
+                object_io.seen |= 4;
+            } else if (SameKey(key_in, WPD_OBJECT_PARENT_ID)) {
+                object_io.result = l_pwcharText != nullptr ? S_OK
+                                  : value_in.vt == VT_ERROR && FAILED(value_in.scode) ? value_in.scode
+                                                                                               : E_UNEXPECTED;
+                object_io.facts.parent = l_pwcharText != nullptr ? l_pwcharText : L"";
+                object_io.seen |= 8;
+            } else if (SameKey(key_in, WPD_OBJECT_SIZE)) {
+                object_io.facts.sized = value_in.vt == VT_UI8;
+                object_io.facts.size = object_io.facts.sized ? value_in.uhVal.QuadPart : 0;
+                object_io.seen |= 16;
+            }
+        });
+    }
+
+    // The object's facts when the bulk read described it whole.
+    bool Described(size_t index_in, HRESULT& result_out, ObjectFacts& facts_out) {
+        Object& l_Object = m_Objects[index_in];
+        if ((l_Object.seen & m_uint8All) != m_uint8All) {
+            return false;
+        }
+        // The original file name wins when it is not empty, as for a child.
+        l_Object.facts.name = !l_Object.original.empty() ? l_Object.original : l_Object.name;
+        result_out = l_Object.result;
+        facts_out = std::move(l_Object.facts);
+        return true;
+    }
+
+private:
+    struct Object {
+        ObjectFacts facts;
+        std::wstring original;
+        std::wstring name;
+        HRESULT result = E_UNEXPECTED;
+        std::uint8_t seen = 0;
+    };
+    const std::vector<std::wstring>& m_Ids;
+    std::vector<Object> m_Objects;
+    const std::uint8_t m_uint8All;
 };
 
 }  // namespace
@@ -240,23 +323,35 @@ ChildReader::ChildReader(IPortableDevice* pIPortableDevice_in) {
     m_pKeys->Add(WPD_OBJECT_CONTENT_TYPE);
 }
 
-HRESULT ChildReader::Check(const wchar_t* pwcharId_in, std::wstring& name_out, bool& folder_out,
-                           std::wstring& parent_out) {
-    if (!m_pCheckKeys) {
-        ComPtr<IPortableDeviceKeyCollection> l_pKeys;
+IPortableDeviceKeyCollection* ChildReader::CheckKeys(bool boolSize_in) {
+    ComPtr<IPortableDeviceKeyCollection>& l_pKeys = boolSize_in ? m_pSizedKeys : m_pCheckKeys;
+    if (!l_pKeys) {
+        ComPtr<IPortableDeviceKeyCollection> l_pNew;
         HRESULT l_HRESULT = CoCreateInstance(CLSID_PortableDeviceKeyCollection, nullptr, CLSCTX_INPROC_SERVER,
-                                             IID_PPV_ARGS(&l_pKeys));
+                                             IID_PPV_ARGS(&l_pNew));
         for (const PROPERTYKEY& l_Key : {WPD_OBJECT_ORIGINAL_FILE_NAME, WPD_OBJECT_NAME, WPD_OBJECT_CONTENT_TYPE,
                                          WPD_OBJECT_PARENT_ID}) {
-            l_HRESULT = SUCCEEDED(l_HRESULT) ? l_pKeys->Add(l_Key) : l_HRESULT;
+            l_HRESULT = SUCCEEDED(l_HRESULT) ? l_pNew->Add(l_Key) : l_HRESULT;
+        }
+        if (SUCCEEDED(l_HRESULT) && boolSize_in) {
+            l_HRESULT = l_pNew->Add(WPD_OBJECT_SIZE);
         }
         if (FAILED(l_HRESULT)) {
-            return l_HRESULT;
+            return nullptr;
         }
-        m_pCheckKeys = l_pKeys;
+        l_pKeys = l_pNew;
+    }
+    return l_pKeys.Get();
+}
+
+HRESULT ChildReader::Check(const wchar_t* pwcharId_in, bool boolSize_in, ObjectFacts& facts_out) {
+    facts_out = ObjectFacts();
+    IPortableDeviceKeyCollection* const l_pKeys = CheckKeys(boolSize_in);
+    if (l_pKeys == nullptr) {
+        return E_OUTOFMEMORY;
     }
     ComPtr<IPortableDeviceValues> l_pValues;
-    const HRESULT l_HRESULT = m_pProperties->GetValues(pwcharId_in, m_pCheckKeys.Get(), &l_pValues);
+    const HRESULT l_HRESULT = m_pProperties->GetValues(pwcharId_in, l_pKeys, &l_pValues);
     if (FAILED(l_HRESULT)) {
         return l_HRESULT;
     }
@@ -267,10 +362,47 @@ HRESULT ChildReader::Check(const wchar_t* pwcharId_in, std::wstring& name_out, b
     if (FAILED(l_HRESULTParent) || l_Parent.Get() == nullptr) {
         return FAILED(l_HRESULTParent) ? l_HRESULTParent : E_UNEXPECTED;  // an object that cannot be placed
     }
-    name_out = std::move(l_One.name);
-    folder_out = l_One.folder;
-    parent_out = l_Parent.Get();
+    facts_out.name = std::move(l_One.name);
+    facts_out.folder = l_One.folder;
+    facts_out.parent = l_Parent.Get();
+    facts_out.sized = boolSize_in && SUCCEEDED(l_pValues->GetUnsignedLargeIntegerValue(WPD_OBJECT_SIZE, &facts_out.size));
     return S_OK;
+}
+
+void ChildReader::CheckAll(const std::vector<std::wstring>& ids_in, bool boolSize_in, std::vector<HRESULT>& results_out,
+                           std::vector<ObjectFacts>& facts_out) {
+    results_out.assign(ids_in.size(), E_PENDING);
+    facts_out.assign(ids_in.size(), ObjectFacts());
+    IPortableDeviceKeyCollection* const l_pKeys = CheckKeys(boolSize_in);
+    ComPtr<IPortableDevicePropVariantCollection> l_pIds;
+    // One object costs one request either way: a plain read needs no thread of the runtime's.
+    if (ids_in.size() > 1 && l_pKeys != nullptr &&
+        SUCCEEDED(CoCreateInstance(CLSID_PortableDevicePropVariantCollection, nullptr, CLSCTX_INPROC_SERVER,
+                                   IID_PPV_ARGS(&l_pIds)))) {
+        HRESULT l_HRESULT = S_OK;
+        for (const std::wstring& l_wstringId : ids_in) {
+            PROPVARIANT l_Id;
+            PropVariantInit(&l_Id);
+            l_Id.vt = VT_LPWSTR;
+            l_Id.pwszVal = const_cast<wchar_t*>(l_wstringId.c_str());  // Add copies it
+            l_HRESULT = SUCCEEDED(l_HRESULT) ? l_pIds->Add(&l_Id) : l_HRESULT;
+        }
+        FactsSink l_Sink(ids_in, boolSize_in);
+        if (SUCCEEDED(l_HRESULT)) {
+            RunBulk(l_Sink, [&](IPortableDevicePropertiesBulk* pBulk_in, IPortableDevicePropertiesBulkCallback* pCallback_in,
+                                GUID* pContext_out) {
+                return pBulk_in->QueueGetValuesByObjectList(l_pIds.Get(), l_pKeys, pCallback_in, pContext_out);
+            });
+        }
+        for (size_t l_index = 0; l_index < ids_in.size(); ++l_index) {
+            l_Sink.Described(l_index, results_out[l_index], facts_out[l_index]);
+        }
+    }
+    for (size_t l_index = 0; l_index < ids_in.size(); ++l_index) {
+        if (results_out[l_index] == E_PENDING) {
+            results_out[l_index] = Check(ids_in[l_index].c_str(), boolSize_in, facts_out[l_index]);
+        }
+    }
 }
 
 HRESULT ChildReader::Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out) {
@@ -297,30 +429,45 @@ HRESULT ChildReader::Enumerate(const wchar_t* pwcharParentId_in, ChildList& list
 }
 
 void ChildReader::ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io) {
-    ComPtr<IPortableDevicePropertiesBulk> l_pBulk;
-    if (list_io.Size() == 0 || FAILED(m_pProperties.As(&l_pBulk))) {
-        return;  // nothing to read, or a driver without bulk operations
+    if (list_io.Size() == 0) {
+        return;
     }
     list_io.Index();
-    BulkCallback* l_pCallback = new (std::nothrow) BulkCallback(&list_io);
+    ChildListSink l_Sink(list_io);
+    RunBulk(l_Sink, [&](IPortableDevicePropertiesBulk* pBulk_in, IPortableDevicePropertiesBulkCallback* pCallback_in,
+                        GUID* pContext_out) {
+        return pBulk_in->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, pwcharParentId_in, 1, m_pKeys.Get(),
+                                                      pCallback_in, pContext_out);
+    });
+    // Whatever arrived counts; children the operation did not report are read one by one.
+}
+
+bool ChildReader::RunBulk(BulkSink& sink_io, const Queue& queue_in) {
+    ComPtr<IPortableDevicePropertiesBulk> l_pBulk;
+    if (FAILED(m_pProperties.As(&l_pBulk))) {
+        return false;  // a driver without bulk operations
+    }
+    BulkCallback* l_pCallback = new (std::nothrow) BulkCallback(&sink_io);
     if (l_pCallback == nullptr) {
-        return;
+        return false;
     }
     // The reference new gave is taken over as it is: ComPtr::Attach adds one more in mingw-w64 (not in the
     // Windows SDK), which left every callback and its event alive.
     ComPtr<BulkCallback> l_Callback;
     *l_Callback.ReleaseAndGetAddressOf() = l_pCallback;
     GUID l_GUIDContext = GUID_NULL;
-    if (SUCCEEDED(l_pBulk->QueueGetValuesByObjectFormat(WPD_OBJECT_FORMAT_ALL, pwcharParentId_in, 1, m_pKeys.Get(),
-                                                        l_pCallback, &l_GUIDContext))) {
+    bool l_boolEnded = false;
+    if (SUCCEEDED(queue_in(l_pBulk.Get(), l_pCallback, &l_GUIDContext))) {
         if (FAILED(l_pBulk->Start(l_GUIDContext))) {
             l_pBulk->Cancel(l_GUIDContext);
         } else if (!l_pCallback->WaitForEnd()) {
             l_pBulk->Cancel(l_GUIDContext);
+        } else {
+            l_boolEnded = SUCCEEDED(l_pCallback->Status());
         }
     }
-    // Whatever arrived counts; children the operation did not report are read one by one.
     l_pCallback->Detach();
+    return l_boolEnded;
 }
 
 HRESULT ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {

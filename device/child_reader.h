@@ -14,6 +14,7 @@
 #include <wrl/client.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,25 @@ struct ChildObject {
     bool folder = false;
     bool storage = false;
     bool known = false;  // described by the bulk read: visiting it cost no request of its own
+};
+
+// What a check of one object reads: its name (as for a child), whether it is a folder, its parent's id and,
+// when asked for, its size.
+struct ObjectFacts {
+    std::wstring name;
+    std::wstring parent;
+    bool folder = false;
+    bool sized = false;
+    ULONGLONG size = 0;
+};
+
+// Takes a bulk read's result sets, on the runtime's thread.
+class BulkSink {
+public:
+    virtual void Merge(IPortableDeviceValues* pValues_in) = 0;
+
+protected:
+    ~BulkSink() = default;
 };
 
 // The children of one folder, compactly: a folder may hold 100,000 objects. Ids and names live in one text
@@ -79,8 +99,13 @@ public:
     IPortableDeviceContent* Content() const { return m_pContent.Get(); }
     IPortableDeviceProperties* Properties() const { return m_pProperties.Get(); }
 
-    // One object's name, whether it is a folder, and its parent's id: one request.
-    HRESULT Check(const wchar_t* pwcharId_in, std::wstring& name_out, bool& folder_out, std::wstring& parent_out);
+    // One object's facts: one request. Fails when the device gives the object no parent.
+    HRESULT Check(const wchar_t* pwcharId_in, bool boolSize_in, ObjectFacts& facts_out);
+    // The facts of several objects (a path's chain of ids) in one request, a bulk read over their ids, when
+    // the driver offers bulk reads. An object the bulk read did not describe whole, or each object without
+    // bulk reads, costs a request of its own. results_out holds each object's outcome, as Check's.
+    void CheckAll(const std::vector<std::wstring>& ids_in, bool boolSize_in, std::vector<HRESULT>& results_out,
+                  std::vector<ObjectFacts>& facts_out);
 
     // Calls visit for each child, in the device's order, until it returns false. A failure means the device
     // did not list or describe every child visited: a child looked for may be there all the same.
@@ -129,6 +154,11 @@ private:
     // The ids in the device's order; a Next that fails ends them there, and its result is kept for the caller.
     HRESULT Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out);
     void ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io);
+    // Runs the bulk read queue_in queues to its end, each result set to sink_io, or gives it up when the
+    // device falls silent; false when there is no bulk read or it did not end well.
+    using Queue = std::function<HRESULT(IPortableDevicePropertiesBulk*, IPortableDevicePropertiesBulkCallback*, GUID*)>;
+    bool RunBulk(BulkSink& sink_io, const Queue& queue_in);
+    IPortableDeviceKeyCollection* CheckKeys(bool boolSize_in);
     HRESULT Read(const wchar_t* pwcharId_in, OneChild& child_out);
     static void Describe(IPortableDeviceValues* pValues_in, OneChild& child_out);
 
@@ -136,6 +166,7 @@ private:
     Microsoft::WRL::ComPtr<IPortableDeviceProperties> m_pProperties;
     Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pKeys;
     Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pCheckKeys;  // m_pKeys and the parent id
+    Microsoft::WRL::ComPtr<IPortableDeviceKeyCollection> m_pSizedKeys;  // and the size
 };
 
 }  // namespace dorwex

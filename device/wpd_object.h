@@ -21,6 +21,7 @@
 class CDorWEXBlackBerry;
 namespace dorwex {
 class ChildReader;
+struct ObjectFacts;
 }
 class CDorWEXWPDObjectEvents;
 
@@ -71,9 +72,11 @@ public:
     // Whether a lookup mode leads to a change of the device's content (move, delete, new folder, upload).
     static bool ChangesContent(int intMode_in);
     // The object id the path names for the mode, or null; *pHRESULTDevice_out tells a device that failed to
-    // list a folder on the way from one that has nothing of that name.
+    // list a folder on the way from one that has nothing of that name. *pFacts_out gets the object's facts,
+    // its size among them, when the check of a remembered id read them on the way (sized stays false
+    // otherwise).
     _bstr_t FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in,
-                             HRESULT* pHRESULTDevice_out = nullptr);
+                             HRESULT* pHRESULTDevice_out = nullptr, dorwex::ObjectFacts* pFacts_out = nullptr);
     // The device removed or changed the object (null: an object it did not name): what the path lookups
     // remember of it goes.
     void ForgetObject(const wchar_t* pwcharObjectId_in);
@@ -93,9 +96,11 @@ public:
     int MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in) override;
 
     // The copy loop every transfer uses: 64-bit byte counts, one buffer of the stream's optimal size. The bytes
-    // written so far are stored also when it fails; a buffer that cannot be had is a failure.
+    // written so far are stored also when it fails; a buffer that cannot be had is a failure. With the size
+    // the object announced, a read that brings the last of it and says the end is reached (S_FALSE) ends the
+    // copy without a read of nothing: each read of a device stream is a request.
     static HRESULT StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in, DWORD dwordBufferSize_in,
-                              ULONGLONG* pulonglongBytesWritten_out);
+                              ULONGLONG* pulonglongBytesWritten_out, ULONGLONG ulonglongAnnounced_in = ~0ull);
 
     std::shared_ptr<const DeviceIdentity> Identity() const override;
     void UpdateIdentity(const std::function<void(DeviceIdentity&)>& change_in) override;
@@ -168,8 +173,10 @@ private:
     _bstr_t CopyFileToDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharFileToCopy_in);
     HRESULT CopyFileFromDevice1(const wchar_t* pwcharObjectStoragePath_in, const wchar_t* pwcharLocalFileName_in);
     // The object's data into the local file, whole (WPD_OBJECT_SIZE bytes where the device reports it) or
-    // not at all: an existing file stays as it was when the transfer fails.
-    HRESULT CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in);
+    // not at all: an existing file stays as it was when the transfer fails. A size the lookup read already
+    // (pulonglongSize_in) is not asked for again.
+    HRESULT CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in,
+                                  const ULONGLONG* pulonglongSize_in = nullptr);
     HRESULT CreateFolderOnDevice1(const wchar_t* pwcharParentPath_in, const wchar_t* pwcharFolderName_in);
     HRESULT DeleteWPDObjectThroughWPD(const wchar_t* pwcharObjectId_in);
     // A fresh IPortableDeviceValues for the properties of a new object.
@@ -179,10 +186,13 @@ private:
     _bstr_t ResolveFolderOrStorageRoot(const wchar_t* pwcharPath_in, int intMode_in);
     // The object ids path lookups found, checked against the device before each use.
     dorwex::PathIdCache m_PathIds;
-    // The id of the remembered child of the folder under the name, when the device confirms it is still that
-    // child (its parent and name as remembered, a folder or not as wanted); empty otherwise.
-    std::wstring RememberedChild(dorwex::ChildReader& reader_in, const std::wstring& wstringParent_in,
-                                 const std::wstring& wstringName_in, bool boolFolder_in, bool boolFile_in);
+    // The remembered children that follow the path's names from index_in on below wstringFolder_io, all
+    // checked in one request: how many the device confirms (parent, name and kind as remembered), from the
+    // first; the first it does not is forgotten. wstringFolder_io becomes the last confirmed id; pFacts_out,
+    // when given, gets the facts of the path's last object if it was confirmed.
+    size_t CheckRememberedChain(dorwex::ChildReader& reader_in, const std::vector<std::wstring>& names_in,
+                                size_t index_in, bool boolWantsFolder_in, bool boolWantsFile_in,
+                                std::wstring& wstringFolder_io, dorwex::ObjectFacts* pFacts_out);
     // The identity step of a device whose class is still unknown; S_OK unless the Plug and Play view fails.
     HRESULT ReadBlackBerryIdentity();
 };

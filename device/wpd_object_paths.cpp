@@ -18,6 +18,7 @@
 using Microsoft::WRL::ComPtr;
 using dorwex::ChildObject;
 using dorwex::ChildReader;
+using dorwex::ObjectFacts;
 
 namespace {
 
@@ -32,6 +33,14 @@ std::wstring FoldedName(std::wstring_view name_in) {
         l_wstringFolded.assign(name_in);
     }
     return l_wstringFolded;
+}
+
+// Only folders lead further down; the last name must be what the mode asks for.
+bool FolderFits(bool boolLast_in, bool boolWantsFile_in) {
+    return !boolLast_in || !boolWantsFile_in;
+}
+bool FileFits(bool boolLast_in, bool boolWantsFolder_in) {
+    return boolLast_in && !boolWantsFolder_in;
 }
 
 }  // namespace
@@ -62,9 +71,12 @@ bool CDorWEXWPDObject::ChangesContent(int intMode_in) {
 }
 
 _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePath_in, int intMode_in,
-                                           HRESULT* pHRESULTDevice_out) {
+                                           HRESULT* pHRESULTDevice_out, ObjectFacts* pFacts_out) {
     if (pHRESULTDevice_out != nullptr) {
         *pHRESULTDevice_out = S_OK;
+    }
+    if (pFacts_out != nullptr) {
+        *pFacts_out = ObjectFacts();
     }
     if (!m_pIPortableDevice) {
         return _bstr_t();
@@ -86,16 +98,17 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
     }
     std::wstring l_wstringCurrent = static_cast<const wchar_t*>(l_bstr_tRoot);
     for (size_t l_index = 0; l_index < l_Path.names.size(); ++l_index) {
-        const bool l_boolLast = l_index + 1 == l_Path.names.size();
-        // Only folders lead further down; the last name must be what the mode asks for.
-        const bool l_boolFolderFits = !l_boolLast || !l_boolWantsFile;
-        const bool l_boolFileFits = l_boolLast && !l_boolWantsFolder;
-        std::wstring l_wstringFound =
-            RememberedChild(l_Reader, l_wstringCurrent, l_Path.names[l_index], l_boolFolderFits, l_boolFileFits);
-        if (!l_wstringFound.empty()) {
-            l_wstringCurrent = l_wstringFound;
-            continue;
+        // What is remembered from here down counts once the device confirms it; the walk reads folders only
+        // below that.
+        l_index += CheckRememberedChain(l_Reader, l_Path.names, l_index, l_boolWantsFolder, l_boolWantsFile,
+                                        l_wstringCurrent, pFacts_out);
+        if (l_index == l_Path.names.size()) {
+            break;
         }
+        const bool l_boolLast = l_index + 1 == l_Path.names.size();
+        const bool l_boolFolderFits = FolderFits(l_boolLast, l_boolWantsFile);
+        const bool l_boolFileFits = FileFits(l_boolLast, l_boolWantsFolder);
+        std::wstring l_wstringFound;
         // Every child the folder's reading describes is remembered; the walk goes on past the one found only
         // while that costs no request.
         m_PathIds.BeginFolder(l_wstringCurrent);
@@ -147,26 +160,50 @@ _bstr_t CDorWEXWPDObject::FindObjectByPath(const wchar_t* pwcharObjectStoragePat
     return _bstr_t();
 }
 
-std::wstring CDorWEXWPDObject::RememberedChild(ChildReader& reader_in, const std::wstring& wstringParent_in,
-                                               const std::wstring& wstringName_in, bool boolFolder_in, bool boolFile_in) {
-    dorwex::PathIdCache::Child l_Child;
-    if (!m_PathIds.Find(wstringParent_in, FoldedName(wstringName_in), l_Child) ||
-        !(l_Child.folder ? boolFolder_in : boolFile_in)) {
-        return std::wstring();  // not remembered, or not of the kind wanted: the folder decides
+size_t CDorWEXWPDObject::CheckRememberedChain(ChildReader& reader_in, const std::vector<std::wstring>& names_in,
+                                              size_t index_in, bool boolWantsFolder_in, bool boolWantsFile_in,
+                                              std::wstring& wstringFolder_io, ObjectFacts* pFacts_out) {
+    std::vector<std::wstring> l_Ids;
+    std::vector<bool> l_Folders;
+    std::wstring l_wstringParent = wstringFolder_io;
+    for (size_t l_index = index_in; l_index < names_in.size(); ++l_index) {
+        const bool l_boolLast = l_index + 1 == names_in.size();
+        dorwex::PathIdCache::Child l_Child;
+        if (!m_PathIds.Find(l_wstringParent, FoldedName(names_in[l_index]), l_Child) ||
+            !(l_Child.folder ? FolderFits(l_boolLast, boolWantsFile_in) : FileFits(l_boolLast, boolWantsFolder_in))) {
+            break;  // not remembered, or not of the kind wanted: the folder decides
+        }
+        l_wstringParent = l_Child.id;
+        l_Ids.push_back(std::move(l_Child.id));
+        l_Folders.push_back(l_Child.folder);
     }
-    // The device may have removed, renamed or moved the object since (another client, events not yet here,
-    // a driver that sends none): the id counts only when the object is still there as remembered.
-    std::wstring l_wstringName, l_wstringParent;
-    bool l_boolFolder = false;
-    const HRESULT l_HRESULT = reader_in.Check(l_Child.id.c_str(), l_wstringName, l_boolFolder, l_wstringParent);
-    if (FAILED(l_HRESULT) || l_wstringParent != wstringParent_in || l_boolFolder != l_Child.folder ||
-        !SameName(l_wstringName, wstringName_in)) {
-        Trace(L"CDorWEXWPDObject::FindObjectByPath: remembered %s is no longer %s, 0x%08x.\n", l_Child.id.c_str(),
-              wstringName_in.c_str(), l_HRESULT);
-        m_PathIds.Forget(l_Child.id);
-        return std::wstring();
+    if (l_Ids.empty()) {
+        return 0;
     }
-    return l_Child.id;
+    // The device may have removed, renamed or moved any of them since (another client, events not yet here,
+    // a driver that sends none): each id counts only when its object is still there as remembered, under
+    // the one before it. All are read at once, the size of the last too when the caller wants it.
+    const bool l_boolWhole = index_in + l_Ids.size() == names_in.size();
+    std::vector<HRESULT> l_Results;
+    std::vector<ObjectFacts> l_Facts;
+    reader_in.CheckAll(l_Ids, l_boolWhole && pFacts_out != nullptr, l_Results, l_Facts);
+    size_t l_sizeConfirmed = 0;
+    for (; l_sizeConfirmed < l_Ids.size(); ++l_sizeConfirmed) {
+        const ObjectFacts& l_Object = l_Facts[l_sizeConfirmed];
+        const std::wstring& l_wstringName = names_in[index_in + l_sizeConfirmed];
+        if (FAILED(l_Results[l_sizeConfirmed]) || l_Object.parent != wstringFolder_io ||
+            l_Object.folder != l_Folders[l_sizeConfirmed] || !SameName(l_Object.name, l_wstringName)) {
+            Trace(L"CDorWEXWPDObject::FindObjectByPath: remembered %s is no longer %s, 0x%08x.\n",
+                  l_Ids[l_sizeConfirmed].c_str(), l_wstringName.c_str(), l_Results[l_sizeConfirmed]);
+            m_PathIds.Forget(l_Ids[l_sizeConfirmed]);
+            break;
+        }
+        wstringFolder_io = l_Ids[l_sizeConfirmed];
+    }
+    if (l_boolWhole && l_sizeConfirmed == l_Ids.size() && pFacts_out != nullptr) {
+        *pFacts_out = std::move(l_Facts.back());
+    }
+    return l_sizeConfirmed;
 }
 
 void CDorWEXWPDObject::ForgetObject(const wchar_t* pwcharObjectId_in) {

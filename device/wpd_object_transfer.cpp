@@ -34,7 +34,8 @@ bool ReadObjectSize(IPortableDeviceContent* pContent_in, const wchar_t* pwcharOb
 }  // namespace
 
 HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* pIStreamSource_in,
-                                     DWORD dwordBufferSize_in, ULONGLONG* pulonglongBytesWritten_out) {
+                                     DWORD dwordBufferSize_in, ULONGLONG* pulonglongBytesWritten_out,
+                                     ULONGLONG ulonglongAnnounced_in) {
     if (pulonglongBytesWritten_out != nullptr) {
         *pulonglongBytesWritten_out = 0;
     }
@@ -45,13 +46,17 @@ HRESULT CDorWEXWPDObject::StreamCopy(IStream* pIStreamDestination_in, IStream* p
     }
     HRESULT l_HRESULT = S_OK;
     ULONGLONG l_ulonglongTotal = 0;
+    bool l_boolEnd = false;  // the source said so with the last announced byte: the read of nothing is known
     for (;;) {
         ULONG l_ulongRead = 0;
-        l_HRESULT = pIStreamSource_in->Read(l_pBuffer.get(), dwordBufferSize_in, &l_ulongRead);
-        if (FAILED(l_HRESULT)) {
-            Trace(L"! Failed to read %d bytes from the source stream, l_HRESULT = 0x%lx\n", dwordBufferSize_in,
-                  l_HRESULT);
-            return l_HRESULT;
+        if (!l_boolEnd) {
+            l_HRESULT = pIStreamSource_in->Read(l_pBuffer.get(), dwordBufferSize_in, &l_ulongRead);
+            if (FAILED(l_HRESULT)) {
+                Trace(L"! Failed to read %d bytes from the source stream, l_HRESULT = 0x%lx\n", dwordBufferSize_in,
+                      l_HRESULT);
+                return l_HRESULT;
+            }
+            l_boolEnd = l_HRESULT == S_FALSE && l_ulongRead != 0 && l_ulonglongTotal + l_ulongRead == ulonglongAnnounced_in;
         }
         // What every read gave is written, the final nothing too, and the last write's result is the answer.
         ULONG l_ulongWritten = 0;
@@ -202,14 +207,16 @@ HRESULT CDorWEXWPDObject::CopyFileFromDevice1(const wchar_t* pwcharObjectStorage
     if (pwcharObjectStoragePath_in == nullptr || pwcharLocalFileName_in == nullptr) {
         return E_INVALIDARG;
     }
-    const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_COPY_FROM);
+    dorwex::ObjectFacts l_Facts;
+    const _bstr_t l_bstr_tObject = FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_COPY_FROM, nullptr, &l_Facts);
     if (l_bstr_tObject.length() == 0) {
         return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
     }
-    return CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in);
+    return CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in, l_Facts.sized ? &l_Facts.size : nullptr);
 }
 
-HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in) {
+HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in, const wchar_t* pwcharLocalFileName_in,
+                                                const ULONGLONG* pulonglongSize_in) {
     if (!m_pIPortableDevice) {
         return E_UNEXPECTED;  // no session: nothing can arrive
     }
@@ -217,11 +224,11 @@ HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in
     ComPtr<IPortableDeviceResources> l_pResources;
     ComPtr<IStream> l_pDeviceStream;
     DWORD l_dwordBufferSize = 0;
-    ULONGLONG l_ulonglongSize = 0;
-    bool l_boolSizeKnown = false;
+    ULONGLONG l_ulonglongSize = pulonglongSize_in != nullptr ? *pulonglongSize_in : 0;
+    bool l_boolSizeKnown = pulonglongSize_in != nullptr;
     HRESULT l_HRESULT = m_pIPortableDevice->Content(&l_pContent);
     if (SUCCEEDED(l_HRESULT)) {
-        l_boolSizeKnown = ReadObjectSize(l_pContent.Get(), pwcharObjectId_in, l_ulonglongSize);
+        l_boolSizeKnown = l_boolSizeKnown || ReadObjectSize(l_pContent.Get(), pwcharObjectId_in, l_ulonglongSize);
         l_HRESULT = l_pContent->Transfer(&l_pResources);
     }
     if (SUCCEEDED(l_HRESULT)) {
@@ -241,7 +248,8 @@ HRESULT CDorWEXWPDObject::CopyObjectToLocalFile(const wchar_t* pwcharObjectId_in
                                               &l_pFileStream);
         }
         if (SUCCEEDED(l_HRESULT)) {
-            l_HRESULT = StreamCopy(l_pFileStream.Get(), l_pDeviceStream.Get(), l_dwordBufferSize, &l_ulonglongWritten);
+            l_HRESULT = StreamCopy(l_pFileStream.Get(), l_pDeviceStream.Get(), l_dwordBufferSize, &l_ulonglongWritten,
+                                   l_boolSizeKnown ? l_ulonglongSize : ~0ull);
         }
     }  // the file is closed before it takes the target's place
     // A stream that ended before the object did is a transfer that broke off, not a smaller file.
@@ -270,12 +278,14 @@ int CDorWEXWPDObject::MoveFileFromDevice(const wchar_t* pwcharObjectStoragePath_
     if (Identity()->m_eManufacturer == Manufacturer::BLACKBERRY) {
         return MoveFileFromDevice3(pwcharObjectStoragePath_in, pwcharLocalFileName_in);
     }
-    const _bstr_t l_bstr_tObject =
-        pwcharObjectStoragePath_in != nullptr ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE) : _bstr_t();
+    dorwex::ObjectFacts l_Facts;
+    const _bstr_t l_bstr_tObject = pwcharObjectStoragePath_in != nullptr
+                                       ? FindObjectByPath(pwcharObjectStoragePath_in, LOOKUP_MOVE, nullptr, &l_Facts)
+                                       : _bstr_t();
     if (l_bstr_tObject.length() == 0 || pwcharLocalFileName_in == nullptr) {
         return 0;
     }
-    if (FAILED(CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in))) {
+    if (FAILED(CopyObjectToLocalFile(l_bstr_tObject, pwcharLocalFileName_in, l_Facts.sized ? &l_Facts.size : nullptr))) {
         return 0;
     }
     // The file has arrived: a delete that fails does not undo the move's success.

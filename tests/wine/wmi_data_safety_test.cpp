@@ -390,16 +390,19 @@ TEST(DataSafety, ACopyWhoseClientCannotBeImpersonatedFails) {
 
 // Another client changes the phone between two requests, and its events have not arrived (a driver may send
 // none). The ids the first requests found are stale: a path names what is there now, a copy reads that and a
-// delete removes that, never the object the path named before.
+// delete removes that, never the object the path named before. Every folder on the way counts, the one in
+// the middle of a path too.
 TEST(DataSafety, APathNamesWhatIsThereNowAfterAnotherClientsChange) {
     const struct {
         const char* what;
         const wchar_t* from;
         const wchar_t* to;  // null: deleted
-        bool rewrite;       // a new DCIM\b.txt is written after the change
+        bool rewrite;       // a new b.txt is written where the path names it after the change
+        const wchar_t* file = L"DCIM\\b.txt";
     } cases[] = {
         {"b.txt deleted and written again", L"DCIM\\b.txt", nullptr, true},
         {"DCIM renamed and a new DCIM made", L"DCIM", L"Old", true},
+        {"DCIM\\Deep renamed and a new Deep made", L"DCIM\\Deep", L"DCIM\\Old", true, L"DCIM\\Deep\\b.txt"},
         {"b.txt moved to Music and a new one written: the old id has another parent", L"DCIM\\b.txt",
          L"Music\\b.txt", true},
         {"b.txt moved to Music, nothing in its place", L"DCIM\\b.txt", L"Music\\b.txt", false},
@@ -407,26 +410,32 @@ TEST(DataSafety, APathNamesWhatIsThereNowAfterAnotherClientsChange) {
     };
     const std::wstring phone = g_emulator->StorageDirectory(g_alpha, 0);
     const std::wstring local = g_local + L"\\copy.bin";
-    const Parameters copy = With({{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")},
-                                  {L"strLocalFileName", _variant_t(local.c_str())}},
-                                 kAlpha);
-    const Parameters remove = With({{L"strObjectStoragePath", _variant_t(L"Phone\\DCIM\\b.txt")}}, kAlpha);
     for (const auto& each : cases) {
         SCOPED_TRACE(each.what);
         Reset();
-        // The lookups remember DCIM and what is in it.
+        const std::wstring file = each.file;
+        const std::wstring path = L"Phone\\" + file;
+        const Parameters copy = With({{L"strObjectStoragePath", _variant_t(path.c_str())},
+                                      {L"strLocalFileName", _variant_t(local.c_str())}},
+                                     kAlpha);
+        const Parameters remove = With({{L"strObjectStoragePath", _variant_t(path.c_str())}}, kAlpha);
+        const std::wstring folder = file.substr(0, file.rfind(L'\\'));
+        CreateDirectoryW((phone + L"\\" + folder).c_str(), nullptr);
+        const std::string first = "alpha-phone:" + Narrow(file) + ":0123456789";
+        g_emulator->WriteFile(phone + L"\\" + file, first);
+        // The lookups remember the folders on the way and what is in them.
         ASSERT_EQ(CallMethod(L"CopyFileFromDevice", copy, g_self).returnValue, L"1");
-        ASSERT_EQ(ReadAll(local), "alpha-phone:DCIM\\b.txt:0123456789");
+        ASSERT_EQ(ReadAll(local), first);
         ASSERT_EQ(g_emulator->ChangeByOtherClient(kAlpha, 0, each.from, each.to), S_OK);
         if (each.rewrite) {
-            CreateDirectoryW((phone + L"\\DCIM").c_str(), nullptr);
-            g_emulator->WriteFile(phone + L"\\DCIM\\b.txt", "written again");
+            CreateDirectoryW((phone + L"\\" + folder).c_str(), nullptr);
+            g_emulator->WriteFile(phone + L"\\" + file, "written again");
         }
         const Outcome copied = CallMethod(L"CopyFileFromDevice", copy, g_self);
         EXPECT_EQ(copied.status == S_OK && copied.returnValue == L"1", each.rewrite) << Narrow(copied.description);
-        EXPECT_EQ(ReadAll(local), each.rewrite ? "written again" : "alpha-phone:DCIM\\b.txt:0123456789");
+        EXPECT_EQ(ReadAll(local), each.rewrite ? "written again" : first);
         World expected = Snapshot();
-        const bool named = expected.erase(L"alpha:PHONE\\DCIM\\B.TXT") == 1;
+        const bool named = expected.erase(L"alpha:PHONE\\" + Upper(file)) == 1;
         const Outcome deleted = CallMethod(L"DeleteFileFromDevice", remove, g_self);
         EXPECT_EQ(deleted.status == S_OK && deleted.returnValue == L"1", named) << Narrow(deleted.description);
         EXPECT_EQ(Difference(expected, Snapshot()), L"");

@@ -741,7 +741,7 @@ TEST_F(DeviceObject, MinimalDriverEventsAreTracedWithWhatTheyCarryAndPassedOn) {
 // What the path lookups remember goes with the device's events: an updated or removed folder takes its
 // children's ids with it (the folder is read again), a removed file only its own, an event that names no
 // object everything; an added object nothing. Counted in device requests of the next lookup of b.jpg: with
-// everything remembered, one check per component.
+// everything remembered, one bulk read checks the whole chain.
 TEST_F(DeviceObject, EventsMakeLookupsForgetWhatTheyName) {
     const struct {
         const char* device;
@@ -749,9 +749,9 @@ TEST_F(DeviceObject, EventsMakeLookupsForgetWhatTheyName) {
         const char* object;  // "folder", "file" (a.jpg) or "other" (c.jpg)
         ULONG requests;
     } cases[] = {
-        {"usb#forget-added", &WPD_EVENT_OBJECT_ADDED, "other", 2u},
-        {"usb#forget-file", &WPD_EVENT_OBJECT_REMOVED, "file", 2u},
-        {"usb#forget-other", &WPD_EVENT_OBJECT_UPDATED, "other", 2u},
+        {"usb#forget-added", &WPD_EVENT_OBJECT_ADDED, "other", 1u},
+        {"usb#forget-file", &WPD_EVENT_OBJECT_REMOVED, "file", 1u},
+        {"usb#forget-other", &WPD_EVENT_OBJECT_UPDATED, "other", 1u},
         {"usb#forget-removed", &WPD_EVENT_OBJECT_REMOVED, "folder", 2u + 2u},
         {"usb#forget-updated", &WPD_EVENT_OBJECT_UPDATED, "folder", 2u + 2u},
         {"usb#forget-minimal", &WPD_EVENT_OBJECT_UPDATED, "other", 2u + 2u},
@@ -876,8 +876,9 @@ TEST_F(DeviceObject, CopiesSendTheByteCountTheObjectWasCreatedWith) {
     device.Terminate();
 }
 
-// A source that hands out the given read sizes in turn, and a destination that records the size of each
-// write and answers each with the next of the given results (S_OK once they run out).
+// A source that hands out the given read sizes in turn, S_FALSE when fewer bytes than asked (its end, as
+// ISequentialStream::Read has it), and a destination that records the size of each write and answers each
+// with the next of the given results (S_OK once they run out).
 class ScriptedStream : public IStream {
 public:
     ScriptedStream(std::vector<ULONG> reads, std::vector<HRESULT> writeResults)
@@ -894,10 +895,11 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override { return ++m_refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --m_refs; }
     HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) override {
+        ++readsMade;
         const ULONG size = m_nextRead < m_reads.size() ? std::min(cb, m_reads[m_nextRead++]) : 0;
         std::memset(pv, 'r', size);
         *pcbRead = size;
-        return S_OK;
+        return size < cb ? S_FALSE : S_OK;
     }
     HRESULT STDMETHODCALLTYPE Write(const void*, ULONG cb, ULONG* pcbWritten) override {
         writes.push_back(cb);
@@ -920,6 +922,7 @@ public:
     HRESULT STDMETHODCALLTYPE Clone(IStream**) override { return E_NOTIMPL; }
 
     std::vector<ULONG> writes;
+    size_t readsMade = 0;
 
 private:
     ULONG m_refs = 1;
@@ -929,8 +932,11 @@ private:
 };
 
 // The copy loop writes what every read gave, the final read of nothing included, and answers with the
-// result of its last write.
+// result of its last write. Each read of a device stream is a request: when the size the object announced
+// has arrived and the stream said its end is reached, the read of nothing is left out (its empty write is
+// not); anything short of that reads on to the read of nothing.
 TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
+    constexpr ULONGLONG kUnknown = ~0ull;
     const struct {
         const char* name;
         std::vector<ULONG> reads;
@@ -939,10 +945,20 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
         std::vector<ULONG> writes;
         ULONGLONG total;
         std::vector<std::wstring> lines;
+        ULONGLONG announced = kUnknown;
+        size_t readsMade = 0;  // 0: not checked
     } cases[] = {
-        {"two chunks", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+        {"announced size and the end: no read of nothing", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
          {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
-          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}},
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}, 8, 2},
+        {"announced size in a full read: not yet the end", {16, 4}, {}, S_OK, {16, 4, 0}, 20,
+         {L"Read 16 bytes from the source stream...Wrote 16 bytes to the destination stream...\n",
+          L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}, 16, 3},
+        {"the end before the announced size", {5}, {}, S_OK, {5, 0}, 5,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n"}, 8, 2},
+        {"two chunks, size unknown", {5, 3}, {}, S_OK, {5, 3, 0}, 8,
+         {L"Read 5 bytes from the source stream...Wrote 5 bytes to the destination stream...\n",
+          L"Read 3 bytes from the source stream...Wrote 3 bytes to the destination stream...\n"}, kUnknown, 3},
         {"empty source", {}, {}, S_OK, {0}, 0, {}},
         {"last write's own success code", {4}, {S_OK, S_FALSE}, S_FALSE, {4, 0}, 4,
          {L"Read 4 bytes from the source stream...Wrote 4 bytes to the destination stream...\n"}},
@@ -956,8 +972,11 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
         ScriptedStream destination({}, c.writeResults);
         TraceCapture trace(1);
         ULONGLONG total = 0;
-        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total), c.result);
+        EXPECT_EQ(CDorWEXWPDObject::StreamCopy(&destination, &source, 16, &total, c.announced), c.result);
         EXPECT_EQ(destination.writes, c.writes);
+        if (c.readsMade != 0) {
+            EXPECT_EQ(source.readsMade, c.readsMade);
+        }
         if (SUCCEEDED(c.result)) {
             EXPECT_EQ(total, c.total);
         }
@@ -975,7 +994,8 @@ TEST(StreamCopy, WritesEveryReadAlsoTheEmptyLastOneAndAnswersWithTheLastWrite) {
 TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameResult) {
     struct Outcome {
         std::wstring root, camera, folders, objectId, size, missing;
-        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0;
+        std::string copied;
+        ULONG rootRequests = 0, cameraRequests = 0, objectIdRequests = 0, againRequests = 0, copyRequests = 0;
         std::vector<std::wstring> traces;
     };
     const auto run = [this](const char* id, bool bulk) {
@@ -1016,6 +1036,10 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
             outcome.againRequests = emulator.Requests(wide.c_str(), TRUE);
             EXPECT_FALSE(again.empty());
             EXPECT_NE(again, outcome.objectId);
+            const std::wstring local = emulator.Directory() + L"\\" + wide.substr(4) + L".jpg";
+            EXPECT_EQ(device.CopyFileFromDevice(L"Phone\\DCIM\\Camera\\IMG_0020.jpg", local.c_str()), S_OK);
+            outcome.copyRequests = emulator.Requests(wide.c_str(), TRUE);
+            outcome.copied = ReadAll(local);
             outcome.missing = Text(device.EnumerateDevicePath(L"Phone\\DCIM\\Nothing", 0));
             outcome.traces = trace.Lines();
         }
@@ -1042,6 +1066,8 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(plain.objectId, bulk.objectId);
     EXPECT_EQ(plain.size, bulk.size);
     EXPECT_EQ(plain.missing, bulk.missing);
+    EXPECT_EQ(bulk.copied, std::string(20, 'j'));
+    EXPECT_EQ(plain.copied, bulk.copied);
     EXPECT_EQ(plain.traces, bulk.traces);
 
     // One enumeration and one bulk read per folder: the storage root, then DCIM and Camera on the way and
@@ -1049,10 +1075,13 @@ TEST_F(DeviceObject, ListingsAndLookupsReadEachFolderInBulkAndFallBackToTheSameR
     EXPECT_EQ(bulk.rootRequests, 2u);
     EXPECT_EQ(bulk.cameraRequests, 2u * 2u + 2u);
     EXPECT_LE(bulk.objectIdRequests, 2u * 3u) << "at most two requests per path component";
-    // Another file of a folder a lookup has read: each remembered id on the way is checked with one request,
-    // no folder is read again, however large.
-    EXPECT_EQ(bulk.againRequests, 3u);
+    // Another file of a folder a lookup has read: the remembered ids on the way are checked together in one
+    // bulk read (one read each without bulk reads), no folder is read again, however large.
+    EXPECT_EQ(bulk.againRequests, 1u);
     EXPECT_EQ(plain.againRequests, 3u) << "the file was among the children visited before";
+    // A copy of such a file: that check reads its size too, then the stream and one read of its data.
+    EXPECT_EQ(bulk.copyRequests, 1u + 2u);
+    EXPECT_EQ(plain.copyRequests, 3u + 2u);
     // One by one: the enumeration and a read of every child visited.
     EXPECT_EQ(plain.rootRequests, 1u + 202u);
     EXPECT_EQ(plain.cameraRequests, 2u + 2u + (1u + 200u)) << "DCIM and Camera are the first children";
