@@ -3,7 +3,7 @@
 # arguments (what one tool alone needs, such as gcovr for tools/coverage.sh) join the list.
 set -euo pipefail
 packages=(cmake make g++ g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 googletest clang libclang-rt-14-dev
-          wixl msitools osslsigncode openssl "$@")
+          wixl msitools osslsigncode openssl wine64-tools libwine-dev "$@")
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
