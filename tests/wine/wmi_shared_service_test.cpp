@@ -104,6 +104,10 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
     HANDLE readyEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready);
     SetEvent(readyEvent);
     CloseHandle(readyEvent);
+    // A write token of this process's own, asked for while the other client holds one.
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
     long added = 0;
     for (long received = 0; received < expected;) {
         auto event = NextEvent(events.Get(), 20000);
@@ -114,13 +118,15 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
         added += Text(event.Get(), L"strEventId") == L"WPD_EVENT_OBJECT_ADDED" ? 1 : 0;
     }
     const std::wstring file(resultFile);
-    std::ofstream(std::string(file.begin(), file.end())) << added << " " << ServiceProcess() << "\n";
+    std::ofstream(std::string(file.begin(), file.end()))
+        << added << " " << ServiceProcess() << " " << std::string(token.begin(), token.end()) << "\n";
     return 0;
 }
 
 struct ChildResult {
     long added = -1;
     DWORD serviceProcess = 0;
+    std::wstring token;
 };
 
 // Starts this program as a subscriber and returns once it has subscribed; Finish waits for its result.
@@ -156,7 +162,10 @@ public:
     ChildResult Finish() {
         ChildResult result;
         if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 60000) == WAIT_OBJECT_0) {
-            std::ifstream(std::string(m_result.begin(), m_result.end())) >> result.added >> result.serviceProcess;
+            std::string token;
+            std::ifstream(std::string(m_result.begin(), m_result.end())) >> result.added >> result.serviceProcess >>
+                token;
+            result.token.assign(token.begin(), token.end());
         }
         return result;
     }
@@ -167,7 +176,7 @@ private:
     bool m_subscribed = false;
 };
 
-std::wstring Upload(const std::wstring& name, const std::wstring& token, LONG client) {
+Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client) {
     const std::wstring local = ProgramDirectory() + L"\\shared-" + name;
     std::ofstream(std::string(local.begin(), local.end())) << "photo";
     const Outcome outcome =
@@ -177,7 +186,7 @@ std::wstring Upload(const std::wstring& name, const std::wstring& token, LONG cl
                                          {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())}},
                    client);
     DeleteFileW(local.c_str());
-    return outcome.returnValue;
+    return outcome;
 }
 
 // One service process serves this client and another: the provider runs in neither of them.
@@ -198,8 +207,9 @@ TEST_F(SharedService, OneServiceProcessHostsTheProviderForEveryClient) {
     EXPECT_EQ(child.serviceProcess, service) << "the other client reaches the same service";
 }
 
-// Events from content one client puts on the device reach a subscriber in another process; a write token
-// is for the process it was given to.
+// Events from content one client puts on the device reach a subscriber in another process, and each
+// process holds a write token of its own in the one provider: the other's is refused, and neither request
+// drops the other's token.
 TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds) {
     constexpr long kCopies = 3;
     const LONG subscriptions = Control(L"DorwexWmiSubscriptions");
@@ -212,13 +222,19 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
         CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
     ASSERT_FALSE(token.empty());
     for (long i = 0; i < kCopies; ++i) {
-        EXPECT_EQ(Upload(L"photo" + std::to_wstring(i) + L".jpg", token, self), L"1");
+        EXPECT_EQ(Upload(L"photo" + std::to_wstring(i) + L".jpg", token, self).returnValue, L"1");
     }
     const ChildResult result = subscriber.Finish();
     EXPECT_EQ(result.added, kCopies) << "every added object reaches the other process";
 
-    // The same token named by another process is not that process's token.
-    EXPECT_NE(Upload(L"foreign.jpg", token, self + 4), L"1");
+    ASSERT_FALSE(result.token.empty());
+    EXPECT_NE(result.token, token);
+    const Outcome foreign = Upload(L"foreign.jpg", result.token, self);
+    EXPECT_EQ(foreign.status, E_FAIL) << "the other process's token is not this one's";
+    EXPECT_EQ(GetFileAttributesW(
+                  (s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0) + L"\\foreign.jpg").c_str()),
+              INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
 }
 
 }  // namespace
