@@ -195,6 +195,11 @@ HRESULT ConnectSharedService(const wchar_t* nameSpace, IWbemServices** services)
 
 HRESULT RegisterSharedService(HMODULE module) {
     const std::wstring directory = DirectoryOf(module);
+    // A DLL copied alone (into a package's test, say) serves clients in their own processes only.
+    if (GetFileAttributesW((directory + L"dorwex_wmi_service.exe").c_str()) == INVALID_FILE_ATTRIBUTES ||
+        GetFileAttributesW((directory + L"dorwex_wmi_proxy.dll").c_str()) == INVALID_FILE_ATTRIBUTES) {
+        return S_OK;
+    }
     wchar_t clsid[64];
     StringFromGUID2(kCLSID_EmulatedWmiService, clsid, 64);
     const std::wstring key = std::wstring(L"Software\\Classes\\CLSID\\") + clsid + L"\\LocalServer32";

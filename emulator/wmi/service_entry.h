@@ -17,7 +17,7 @@ bool UseSharedService();
 // Connects a client of this process to the namespace in the service process.
 HRESULT ConnectSharedService(const wchar_t* nameSpace, IWbemServices** services);
 // Registers the service's class as a local server (the service program next to this DLL) and the proxy
-// DLL next to this DLL.
+// DLL next to this DLL; nothing when either is missing.
 HRESULT RegisterSharedService(HMODULE module);
 
 }  // namespace dorwex::emulator::wmi
