@@ -356,18 +356,6 @@ HRESULT MarshalledByValue::DisconnectObject(DWORD) {
 
 // --- The receiving side ---------------------------------------------------------------------------
 
-HRESULT ByValueUnmarshaller::GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD, CLSID*) {
-    return E_NOTIMPL;
-}
-
-HRESULT ByValueUnmarshaller::GetMarshalSizeMax(REFIID, void*, DWORD, void*, DWORD, DWORD*) {
-    return E_NOTIMPL;
-}
-
-HRESULT ByValueUnmarshaller::MarshalInterface(IStream*, REFIID, void*, DWORD, void*, DWORD) {
-    return E_NOTIMPL;
-}
-
 HRESULT ByValueUnmarshaller::UnmarshalInterface(IStream* pStm, REFIID riid, void** ppv) {
     if (ppv == nullptr) {
         return E_POINTER;
@@ -412,10 +400,6 @@ HRESULT ByValueUnmarshaller::UnmarshalInterface(IStream* pStm, REFIID riid, void
 
 HRESULT ByValueUnmarshaller::ReleaseMarshalData(IStream* pStm) {
     return SkipState(pStm);  // a copy by value holds nothing to free
-}
-
-HRESULT ByValueUnmarshaller::DisconnectObject(DWORD) {
-    return S_OK;
 }
 
 }  // namespace dorwex::emulator::wmi

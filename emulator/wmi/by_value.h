@@ -12,6 +12,7 @@
 #include <string>
 
 #include "emulator/common/com_object.h"
+#include "unmarshaller.h"
 #include "emulator/wmi/by_value_format.h"
 
 namespace dorwex::emulator::wmi {
@@ -73,14 +74,10 @@ private:
 };
 
 // What COM creates from kCLSID_ByValueUnmarshaller in the receiving process.
-class ByValueUnmarshaller final : public ComObject<IMarshal> {
+class ByValueUnmarshaller final : public Unmarshaller {
 public:
-    HRESULT STDMETHODCALLTYPE GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD, CLSID*) override;
-    HRESULT STDMETHODCALLTYPE GetMarshalSizeMax(REFIID, void*, DWORD, void*, DWORD, DWORD*) override;
-    HRESULT STDMETHODCALLTYPE MarshalInterface(IStream*, REFIID, void*, DWORD, void*, DWORD) override;
     HRESULT STDMETHODCALLTYPE UnmarshalInterface(IStream* pStm, REFIID riid, void** ppv) override;
     HRESULT STDMETHODCALLTYPE ReleaseMarshalData(IStream* pStm) override;
-    HRESULT STDMETHODCALLTYPE DisconnectObject(DWORD dwReserved) override;
 };
 
 }  // namespace dorwex::emulator::wmi

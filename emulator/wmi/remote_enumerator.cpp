@@ -121,18 +121,6 @@ HRESULT MarshalledByFetch::DisconnectObject(DWORD) {
     return S_OK;
 }
 
-HRESULT EnumeratorUnmarshaller::GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD, CLSID*) {
-    return E_NOTIMPL;
-}
-
-HRESULT EnumeratorUnmarshaller::GetMarshalSizeMax(REFIID, void*, DWORD, void*, DWORD, DWORD*) {
-    return E_NOTIMPL;
-}
-
-HRESULT EnumeratorUnmarshaller::MarshalInterface(IStream*, REFIID, void*, DWORD, void*, DWORD) {
-    return E_NOTIMPL;
-}
-
 HRESULT EnumeratorUnmarshaller::UnmarshalInterface(IStream* pStm, REFIID riid, void** ppv) {
     if (ppv == nullptr) {
         return E_POINTER;
@@ -148,10 +136,6 @@ HRESULT EnumeratorUnmarshaller::UnmarshalInterface(IStream* pStm, REFIID riid, v
 
 HRESULT EnumeratorUnmarshaller::ReleaseMarshalData(IStream* pStm) {
     return CoReleaseMarshalData(pStm);
-}
-
-HRESULT EnumeratorUnmarshaller::DisconnectObject(DWORD) {
-    return S_OK;
 }
 
 }  // namespace dorwex::emulator::wmi

@@ -9,6 +9,7 @@
 #include <wbemcli.h>
 
 #include "emulator/common/com_object.h"
+#include "unmarshaller.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -35,14 +36,10 @@ protected:
 };
 
 // What COM creates from kCLSID_EnumeratorUnmarshaller in the client's process.
-class EnumeratorUnmarshaller final : public ComObject<IMarshal> {
+class EnumeratorUnmarshaller final : public Unmarshaller {
 public:
-    HRESULT STDMETHODCALLTYPE GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD, CLSID*) override;
-    HRESULT STDMETHODCALLTYPE GetMarshalSizeMax(REFIID, void*, DWORD, void*, DWORD, DWORD*) override;
-    HRESULT STDMETHODCALLTYPE MarshalInterface(IStream*, REFIID, void*, DWORD, void*, DWORD) override;
     HRESULT STDMETHODCALLTYPE UnmarshalInterface(IStream* pStm, REFIID riid, void** ppv) override;
     HRESULT STDMETHODCALLTYPE ReleaseMarshalData(IStream* pStm) override;
-    HRESULT STDMETHODCALLTYPE DisconnectObject(DWORD dwReserved) override;
 };
 
 }  // namespace dorwex::emulator::wmi
