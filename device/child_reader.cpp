@@ -442,32 +442,28 @@ void ChildReader::ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_i
     // Whatever arrived counts; children the operation did not report are read one by one.
 }
 
-bool ChildReader::RunBulk(BulkSink& sink_io, const Queue& queue_in) {
+void ChildReader::RunBulk(BulkSink& sink_io, const Queue& queue_in) {
     ComPtr<IPortableDevicePropertiesBulk> l_pBulk;
     if (FAILED(m_pProperties.As(&l_pBulk))) {
-        return false;  // a driver without bulk operations
+        return;  // a driver without bulk operations
     }
     BulkCallback* l_pCallback = new (std::nothrow) BulkCallback(&sink_io);
     if (l_pCallback == nullptr) {
-        return false;
+        return;
     }
     // The reference new gave is taken over as it is: ComPtr::Attach adds one more in mingw-w64 (not in the
     // Windows SDK), which left every callback and its event alive.
     ComPtr<BulkCallback> l_Callback;
     *l_Callback.ReleaseAndGetAddressOf() = l_pCallback;
     GUID l_GUIDContext = GUID_NULL;
-    bool l_boolEnded = false;
     if (SUCCEEDED(queue_in(l_pBulk.Get(), l_pCallback, &l_GUIDContext))) {
         if (FAILED(l_pBulk->Start(l_GUIDContext))) {
             l_pBulk->Cancel(l_GUIDContext);
         } else if (!l_pCallback->WaitForEnd()) {
             l_pBulk->Cancel(l_GUIDContext);
-        } else {
-            l_boolEnded = SUCCEEDED(l_pCallback->Status());
         }
     }
     l_pCallback->Detach();
-    return l_boolEnded;
 }
 
 HRESULT ChildReader::Read(const wchar_t* pwcharId_in, OneChild& child_out) {

@@ -155,9 +155,10 @@ private:
     HRESULT Enumerate(const wchar_t* pwcharParentId_in, ChildList& list_out, HRESULT& next_out);
     void ReadInBulk(const wchar_t* pwcharParentId_in, ChildList& list_io);
     // Runs the bulk read queue_in queues to its end, each result set to sink_io, or gives it up when the
-    // device falls silent; false when there is no bulk read or it did not end well.
+    // device falls silent; nothing without bulk reads. Whatever arrived counts: the callers read what is
+    // missing one object at a time.
     using Queue = std::function<HRESULT(IPortableDevicePropertiesBulk*, IPortableDevicePropertiesBulkCallback*, GUID*)>;
-    bool RunBulk(BulkSink& sink_io, const Queue& queue_in);
+    void RunBulk(BulkSink& sink_io, const Queue& queue_in);
     IPortableDeviceKeyCollection* CheckKeys(bool boolSize_in);
     HRESULT Read(const wchar_t* pwcharId_in, OneChild& child_out);
     static void Describe(IPortableDeviceValues* pValues_in, OneChild& child_out);

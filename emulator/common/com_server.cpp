@@ -44,6 +44,17 @@ LSTATUS SetString(HKEY key, const wchar_t* name, const std::wstring& value) {
 
 }  // namespace
 
+std::wstring ThisModuleDirectory() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCWSTR>(&ThisModuleDirectory), &module);
+    wchar_t path[MAX_PATH] = {};
+    GetModuleFileNameW(module, path, MAX_PATH);
+    std::wstring directory(path);
+    directory.resize(directory.find_last_of(L'\\') + 1);
+    return directory;
+}
+
 HRESULT GetServedClassObject(const ServedClass* classes, size_t count, REFCLSID clsid, REFIID riid, void** ppv) {
     if (ppv == nullptr) {
         return E_POINTER;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <iterator>
+#include <string>
 
 namespace dorwex::emulator {
 
@@ -19,6 +20,9 @@ struct ServedClass {
 HRESULT GetServedClassObject(const ServedClass* classes, size_t count, REFCLSID clsid, REFIID riid, void** ppv);
 HRESULT RegisterServedClasses(HMODULE module, const ServedClass* classes, size_t count);
 HRESULT UnregisterServedClasses(const ServedClass* classes, size_t count);
+// The folder of the emulator DLL this code is built into, with its closing backslash: the files that go
+// with it (a MOF, a program, another DLL) lie there.
+std::wstring ThisModuleDirectory();
 
 }  // namespace dorwex::emulator
 

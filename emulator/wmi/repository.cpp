@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cwchar>
 
+#include "emulator/common/com_server.h"
+
 namespace dorwex::emulator::wmi {
 
 std::wstring PreloadMofPath(bool& required) {
@@ -14,12 +16,7 @@ std::wstring PreloadMofPath(bool& required) {
     if (required) {
         return path;
     }
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&PreloadMofPath), &module);
-    GetModuleFileNameW(module, path, MAX_PATH);
-    std::wstring directory(path);
-    return directory.substr(0, directory.find_last_of(L'\\') + 1) + L"dorwex_wpd_provider.mof";
+    return ThisModuleDirectory() + L"dorwex_wpd_provider.mof";
 }
 
 // The machine's repository; DORWEX_WMI_REPOSITORY names another folder (tests that must not change the

@@ -24,25 +24,10 @@ namespace {
 std::atomic<bool> g_inServiceProcess{false};
 HANDLE g_exitRequested = nullptr;
 
-std::wstring DirectoryOf(HMODULE module) {
-    wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(module, path, MAX_PATH);
-    std::wstring directory(path);
-    directory.resize(directory.find_last_of(L'\\') + 1);
-    return directory;
-}
-
-HMODULE ThisModule() {
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCWSTR>(&ThisModule), &module);
-    return module;
-}
-
 // A control function of the portable-device stack loaded in this process (the one the provider uses).
 template <class F>
 F DeviceControl(const char* name) {
-    HMODULE stack = LoadLibraryW((DirectoryOf(ThisModule()) + L"dorwex_wpd_emulator.dll").c_str());
+    static const HMODULE stack = LoadLibraryW((ThisModuleDirectory() + L"dorwex_wpd_emulator.dll").c_str());
     return stack == nullptr ? nullptr : reinterpret_cast<F>(reinterpret_cast<void*>(GetProcAddress(stack, name)));
 }
 
@@ -193,8 +178,8 @@ HRESULT ConnectSharedService(const wchar_t* nameSpace, IWbemServices** services)
     return hr;
 }
 
-HRESULT RegisterSharedService(HMODULE module) {
-    const std::wstring directory = DirectoryOf(module);
+HRESULT RegisterSharedService(HMODULE) {
+    const std::wstring directory = ThisModuleDirectory();
     // A DLL copied alone (into a package's test, say) serves clients in their own processes only.
     if (GetFileAttributesW((directory + L"dorwex_wmi_service.exe").c_str()) == INVALID_FILE_ATTRIBUTES ||
         GetFileAttributesW((directory + L"dorwex_wmi_proxy.dll").c_str()) == INVALID_FILE_ATTRIBUTES) {

@@ -3,8 +3,8 @@
 // a device, a write token) the others see through the same provider.
 //
 // The program is also its own second client: run with "--subscriber RESULT READY COUNT" it subscribes to
-// the provider's events, signals the named event READY, and writes how many of COUNT events it received
-// (and the service's process id) to the file RESULT.
+// the provider's events, signals the named event READY, asks for a write token of its own, and writes how
+// many of COUNT events were additions, the service's process id and its token to the file RESULT.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -41,8 +41,7 @@ LONG Control(const wchar_t* function, LONG first = 0, const std::wstring& text =
         if (!text.empty()) {
             in = text.c_str();
         }
-        EXPECT_EQ(service->Control(_bstr_t(function), first, 0, in, &result, &out),
-                  S_OK)
+        EXPECT_EQ(service->Control(_bstr_t(function), first, 0, in, &result, &out), S_OK)
             << "control " << std::string(function, function + wcslen(function));
     }
     SysFreeString(out);
