@@ -120,6 +120,9 @@ public:
         LONG longestInitializeMs = 0;  // the longest a provider's Initialize held the service's thread
     };
     LifetimeCounts Counts();
+    // The provider's host process ended (called from the wait on it): the service thread drops the objects
+    // that lived there and starts the events again in a new host when consumers are subscribed.
+    void HostEnded();
     // A provider call starts or ends (the calls handed out by Provider count themselves).
     void CallStarted();
     void CallEnded();
@@ -148,6 +151,18 @@ private:
     // started on the current object; activated_out tells whether that happened.
     HRESULT EnsureEventRole(bool* activated_out);
     HRESULT CreateRoleObject(IUnknown** object_out);
+    // The role objects taken out of the namespace, to be released outside its lock.
+    struct HeldRoles {
+        IWbemServices* calls = nullptr;
+        IUnknown* instanceObject = nullptr;
+        IUnknown* events = nullptr;
+        IWbemObjectSink* sink = nullptr;
+        void Release();
+    };
+    HeldRoles TakeRolesLocked();
+    // Under m_roleLock: releases the role objects when the host they live in has ended.
+    void DropRolesOfEndedHost();
+    void ResumeAfterHostEnded();
     HRESULT UnloadProviderIf(bool idle_only, bool* module_freed_out);
     void StartServiceThread();
     void ServiceThread();
@@ -171,7 +186,8 @@ private:
     CLSID m_providerClsid{};
     std::wstring m_providerName;
     bool m_providerImpersonates = false;
-    IWbemServices* m_provider = nullptr;     // the instance and method role
+    IWbemServices* m_provider = nullptr;     // what calls on the instance and method role go through
+    IUnknown* m_instanceObject = nullptr;    // the provider object of that role
     IUnknown* m_eventProvider = nullptr;     // the event role: the same object unless roles are separate
     IWbemObjectSink* m_eventSink = nullptr;  // what the provider indicates events to
     bool m_eventsProvided = false;           // ProvideEvents was called on the current event object
@@ -191,6 +207,8 @@ private:
     std::wstring m_modulePath;  // the module the provider's class was loaded from
     bool m_rolesShared = false;  // both roles are held by one object
     bool m_freePending = false;  // unloaded, but the DLL was still mapped after COM asked it
+    DWORD m_roleGeneration = 0;  // the provider host the role objects live in
+    bool m_hostEnded = false;    // a host ended; the service thread has not looked yet
     LifetimeCounts m_counts;
     bool m_serviceThreadStarted = false;
     std::condition_variable m_serviceWake;

@@ -16,11 +16,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 
 #include "emulator/common/com_object.h"
+#include "forwarding_services.h"
 #include "namespace.h"
+#include "provider_host.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -99,103 +100,12 @@ private:
 
 // One provider call: forwards to the provider's IWbemServices and counts as a call in flight while any
 // reference to it is held.
-class ProviderCall final : public ComObject<IWbemServices> {
+class ProviderCall final : public ForwardingServices<NoCallScope> {
 public:
-    explicit ProviderCall(IWbemServices* provider) : m_provider(provider) {
-        m_provider->AddRef();
+    explicit ProviderCall(IWbemServices* provider) : ForwardingServices(provider, false) {
         Namespace::Get().CallStarted();
     }
-    ~ProviderCall() override {
-        m_provider->Release();
-        Namespace::Get().CallEnded();
-    }
-
-    HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR a, LONG b, IWbemContext* c, IWbemServices** d,
-                                            IWbemCallResult** e) override {
-        return m_provider->OpenNamespace(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink* a) override { return m_provider->CancelAsyncCall(a); }
-    HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG a, IWbemObjectSink** b) override {
-        return m_provider->QueryObjectSink(a, b);
-    }
-    HRESULT STDMETHODCALLTYPE GetObject(const BSTR a, LONG b, IWbemContext* c, IWbemClassObject** d,
-                                        IWbemCallResult** e) override {
-        return m_provider->GetObject(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR a, LONG b, IWbemContext* c, IWbemObjectSink* d) override {
-        return m_provider->GetObjectAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject* a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
-        return m_provider->PutClass(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject* a, LONG b, IWbemContext* c,
-                                            IWbemObjectSink* d) override {
-        return m_provider->PutClassAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
-        return m_provider->DeleteClass(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR a, LONG b, IWbemContext* c, IWbemObjectSink* d) override {
-        return m_provider->DeleteClassAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR a, LONG b, IWbemContext* c,
-                                              IEnumWbemClassObject** d) override {
-        return m_provider->CreateClassEnum(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR a, LONG b, IWbemContext* c,
-                                                   IWbemObjectSink* d) override {
-        return m_provider->CreateClassEnumAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject* a, LONG b, IWbemContext* c,
-                                          IWbemCallResult** d) override {
-        return m_provider->PutInstance(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject* a, LONG b, IWbemContext* c,
-                                               IWbemObjectSink* d) override {
-        return m_provider->PutInstanceAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR a, LONG b, IWbemContext* c, IWbemCallResult** d) override {
-        return m_provider->DeleteInstance(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR a, LONG b, IWbemContext* c,
-                                                  IWbemObjectSink* d) override {
-        return m_provider->DeleteInstanceAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR a, LONG b, IWbemContext* c,
-                                                 IEnumWbemClassObject** d) override {
-        return m_provider->CreateInstanceEnum(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR a, LONG b, IWbemContext* c,
-                                                      IWbemObjectSink* d) override {
-        return m_provider->CreateInstanceEnumAsync(a, b, c, d);
-    }
-    HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
-                                        IEnumWbemClassObject** e) override {
-        return m_provider->ExecQuery(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
-                                             IWbemObjectSink* e) override {
-        return m_provider->ExecQueryAsync(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
-                                                    IEnumWbemClassObject** e) override {
-        return m_provider->ExecNotificationQuery(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
-                                                         IWbemObjectSink* e) override {
-        return m_provider->ExecNotificationQueryAsync(a, b, c, d, e);
-    }
-    HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR a, const BSTR b, LONG c, IWbemContext* d, IWbemClassObject* e,
-                                         IWbemClassObject** f, IWbemCallResult** g) override {
-        return m_provider->ExecMethod(a, b, c, d, e, f, g);
-    }
-    HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR a, const BSTR b, LONG c, IWbemContext* d,
-                                              IWbemClassObject* e, IWbemObjectSink* f) override {
-        return m_provider->ExecMethodAsync(a, b, c, d, e, f);
-    }
-
-private:
-    IWbemServices* m_provider;
+    ~ProviderCall() override { Namespace::Get().CallEnded(); }
 };
 
 template <class T>
@@ -204,46 +114,6 @@ void ReleaseAndClear(T*& pointer) {
         pointer->Release();
         pointer = nullptr;
     }
-}
-
-bool InMultithreadedApartment() {
-    APTTYPE type;
-    APTTYPEQUALIFIER qualifier;
-    return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) && type == APTTYPE_MTA;
-}
-
-// Runs work on a thread of the multithreaded apartment, where the service loads and frees provider DLLs
-// (COM keeps its list of loaded DLLs per apartment): here when this thread is one, else on a new one.
-void RunInMultithreadedApartment(const std::function<void()>& work) {
-    if (InMultithreadedApartment()) {
-        work();
-        return;
-    }
-    std::thread worker([&work] {
-        const HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        work();
-        if (SUCCEEDED(hr)) {
-            CoUninitialize();
-        }
-    });
-    worker.join();
-}
-
-// The module whose code an interface pointer's methods are in, as a full path; empty when unknown.
-std::wstring ModuleOf(IUnknown* object) {
-    HMODULE module = nullptr;
-    const void* vtable = *reinterpret_cast<void* const*>(object);
-    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                            static_cast<LPCWSTR>(vtable), &module)) {
-        return std::wstring();
-    }
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = GetModuleFileNameW(module, path, MAX_PATH);
-    return length > 0 && length < MAX_PATH ? std::wstring(path, length) : std::wstring();
-}
-
-bool ModuleMapped(const std::wstring& path) {
-    return !path.empty() && GetModuleHandleW(path.c_str()) != nullptr;
 }
 
 DWORD EnvironmentNumber(const wchar_t* name, DWORD fallback) {
@@ -315,6 +185,7 @@ void Namespace::SetSeparateRoles(bool separate) {
 HRESULT Namespace::Provider(IWbemServices** provider_out) {
     *provider_out = nullptr;
     std::lock_guard<std::mutex> roles(m_roleLock);
+    DropRolesOfEndedHost();
     bool eventsWanted = false;
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -354,26 +225,23 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
     if (clsid == GUID_NULL) {
         return WBEM_E_PROVIDER_NOT_FOUND;  // no __Win32Provider is registered for the class
     }
-    const bool wasMapped = ModuleMapped(knownModule);
+    auto& hosting = ProviderHosting::Get();
+    const bool wasMapped = hosting.ModuleMapped(knownModule);
     DWORD initializeTimeout;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         initializeTimeout = m_initializeTimeout;
     }
+    IUnknown* created = nullptr;
+    std::wstring module;
+    DWORD generation = 0;
+    if (FAILED(hosting.Create(clsid, &created, &module, &generation))) {
+        return WBEM_E_PROVIDER_LOAD_FAILURE;
+    }
     IWbemProviderInit* init = nullptr;
-    RunInMultithreadedApartment([&] {
-        IClassFactory* factory = nullptr;
-        if (FAILED(CoGetClassObject(clsid, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                                    reinterpret_cast<void**>(&factory)))) {
-            return;
-        }
-        const HRESULT created = factory->CreateInstance(nullptr, IID_IWbemProviderInit, reinterpret_cast<void**>(&init));
-        factory->Release();
-        if (FAILED(created) || init == nullptr) {
-            init = nullptr;
-        }
-    });
-    if (init == nullptr) {
+    const HRESULT isProvider = created->QueryInterface(IID_IWbemProviderInit, reinterpret_cast<void**>(&init));
+    created->Release();
+    if (FAILED(isProvider)) {
         return WBEM_E_PROVIDER_LOAD_FAILURE;
     }
     IWbemServices* services = nullptr;
@@ -419,12 +287,12 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         initSink->WaitReturned(std::max<DWORD>(initializeTimeout, 60000));
     }
     initSink->Release();
-    const std::wstring module = ModuleOf(init);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         if (!module.empty()) {
             m_modulePath = module;
         }
+        m_roleGeneration = generation;
         if (!wasMapped) {
             ++m_counts.moduleLoads;
         }
@@ -460,13 +328,14 @@ HRESULT Namespace::EnsureInstanceRole() {
         }
     }
     IWbemServices* services = nullptr;
-    const HRESULT hr = object->QueryInterface(IID_IWbemServices, reinterpret_cast<void**>(&services));
-    object->Release();
+    const HRESULT hr = ProviderHosting::Get().Calls(object, ProviderImpersonates(), &services);
     if (FAILED(hr)) {
+        object->Release();
         return WBEM_E_PROVIDER_LOAD_FAILURE;
     }
     std::lock_guard<std::mutex> guard(m_lock);
     m_provider = services;
+    m_instanceObject = object;
     m_rolesShared = !separate && m_eventProvider != nullptr;
     m_freePending = false;
     m_lastActivity = GetTickCount();
@@ -482,8 +351,9 @@ HRESULT Namespace::EnsureEventRole(bool* activated_out) {
             separate = m_separateRoles;
         }
         IUnknown* object = nullptr;
-        if (!separate && m_provider != nullptr) {
-            m_provider->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&object));
+        if (!separate && m_instanceObject != nullptr) {
+            object = m_instanceObject;
+            object->AddRef();
         } else {
             const HRESULT hr = CreateRoleObject(&object);
             if (FAILED(hr)) {
@@ -550,6 +420,7 @@ HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
         }
     }
     std::lock_guard<std::mutex> roles(m_roleLock);
+    DropRolesOfEndedHost();
     ULONG id;
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -625,9 +496,7 @@ HRESULT Namespace::UnloadProvider(bool* module_freed_out) {
 
 HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
     *module_freed_out = false;
-    IWbemServices* instanceRole = nullptr;
-    IUnknown* eventRole = nullptr;
-    IWbemObjectSink* eventSink = nullptr;
+    HeldRoles held;
     std::wstring module;
     {
         // Not under an Initialize still running on one of the service's threads.
@@ -648,18 +517,13 @@ HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
                           GetTickCount() - m_lastActivity < m_clearAfter)) {
             return HRESULT_FROM_WIN32(ERROR_BUSY);
         }
-        std::swap(instanceRole, m_provider);
-        std::swap(eventRole, m_eventProvider);
-        std::swap(eventSink, m_eventSink);
-        m_eventsProvided = false;
+        held = TakeRolesLocked();
         module = m_modulePath;
         ++m_counts.unloads;
     }
     // Released outside the locks: the provider's Release may call back into the namespace. The provider
     // releases the sink it was given in ProvideEvents and the namespace it was given in Initialize.
-    ReleaseAndClear(instanceRole);
-    ReleaseAndClear(eventRole);
-    ReleaseAndClear(eventSink);
+    held.Release();
     // COM asks every DLL of the apartment that it loaded whether it can be unloaded; one that answers S_OK
     // is freed once the delay has passed (at once without one), if it still answers S_OK then.
     DWORD freeDelay;
@@ -667,11 +531,75 @@ HRESULT Namespace::UnloadProviderIf(bool idle_only, bool* module_freed_out) {
         std::lock_guard<std::mutex> guard(m_lock);
         freeDelay = m_freeDelay;
     }
-    RunInMultithreadedApartment([freeDelay] { CoFreeUnusedLibrariesEx(freeDelay, 0); });
-    *module_freed_out = !module.empty() && !ModuleMapped(module);
+    auto& hosting = ProviderHosting::Get();
+    hosting.FreeUnusedLibraries(freeDelay);
+    *module_freed_out = !module.empty() && !hosting.ModuleMapped(module);
     std::lock_guard<std::mutex> guard(m_lock);
     m_freePending = !*module_freed_out && !module.empty() && m_provider == nullptr && m_eventProvider == nullptr;
     return S_OK;
+}
+
+void Namespace::HostEnded() {
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_hostEnded = true;
+    }
+    m_serviceWake.notify_all();
+}
+
+Namespace::HeldRoles Namespace::TakeRolesLocked() {
+    HeldRoles held;
+    std::swap(held.calls, m_provider);
+    std::swap(held.instanceObject, m_instanceObject);
+    std::swap(held.events, m_eventProvider);
+    std::swap(held.sink, m_eventSink);
+    m_eventsProvided = false;
+    return held;
+}
+
+void Namespace::HeldRoles::Release() {
+    ReleaseAndClear(calls);
+    ReleaseAndClear(instanceObject);
+    ReleaseAndClear(events);
+    ReleaseAndClear(sink);
+}
+
+void Namespace::DropRolesOfEndedHost() {
+    DWORD generation;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_provider == nullptr && m_eventProvider == nullptr) {
+            return;
+        }
+        generation = m_roleGeneration;
+    }
+    if (ProviderHosting::Get().Running(generation)) {
+        return;
+    }
+    HeldRoles held;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        held = TakeRolesLocked();
+    }
+    // Calls in flight on the old objects hold references of their own and fail as the host's calls fail.
+    held.Release();
+}
+
+// The host died under the provider: its objects are dropped, and a provider that had event consumers is
+// loaded again in a new host at once, with every live query, as WMI restarts event providers its consumers
+// still need.
+void Namespace::ResumeAfterHostEnded() {
+    std::lock_guard<std::mutex> roles(m_roleLock);
+    DropRolesOfEndedHost();
+    bool eventsWanted;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        eventsWanted = !m_subscriptions.empty() && m_eventProvider == nullptr;
+    }
+    if (eventsWanted) {
+        bool activated = false;
+        EnsureEventRole(&activated);
+    }
 }
 
 void Namespace::StartServiceThread() {
@@ -709,13 +637,21 @@ void Namespace::StartServiceThread() {
 void Namespace::ServiceThread() {
     std::unique_lock<std::mutex> guard(m_lock);
     for (;;) {
+        if (m_hostEnded) {
+            m_hostEnded = false;
+            guard.unlock();
+            ResumeAfterHostEnded();
+            guard.lock();
+        }
         if (m_freePending) {
             const std::wstring module = m_modulePath;
             const DWORD freeDelay = m_freeDelay;
             guard.unlock();
-            CoFreeUnusedLibrariesEx(freeDelay, 0);
+            auto& hosting = ProviderHosting::Get();
+            hosting.FreeUnusedLibraries(freeDelay);
+            const bool mapped = hosting.ModuleMapped(module);
             guard.lock();
-            if (!ModuleMapped(module) || m_provider != nullptr || m_eventProvider != nullptr) {
+            if (!mapped || m_provider != nullptr || m_eventProvider != nullptr) {
                 m_freePending = false;
             }
         }

@@ -1,6 +1,6 @@
 // The emulated WMI service in a process of its own, as Windows runs it: clients' locators connect to it
-// through COM activation of a local server, and every client of the prefix then shares one namespace, one
-// provider host and one portable-device stack, in the service's process.
+// through COM activation of a local server, and every client of the prefix then shares one namespace. The
+// service loads the provider into a provider host process of its own, with the portable-device stack.
 #include "service_entry.h"
 
 #include <objbase.h>
@@ -8,14 +8,15 @@
 #include <wbemcli.h>
 
 #include <atomic>
-#include <functional>
+#include <iterator>
 #include <string>
 
+#include "controls.h"
 #include "dorwex_wmi_service.h"
 #include "emulator/common/com_object.h"
 #include "emulator/common/com_server.h"
-#include "emulator/wpd/control.h"
 #include "namespace.h"
+#include "provider_host.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -24,73 +25,9 @@ namespace {
 std::atomic<bool> g_inServiceProcess{false};
 HANDLE g_exitRequested = nullptr;
 
-// A control function of the portable-device stack loaded in this process (the one the provider uses).
-template <class F>
-F DeviceControl(const char* name) {
-    static const HMODULE stack = LoadLibraryW((ThisModuleDirectory() + L"dorwex_wpd_emulator.dll").c_str());
-    return stack == nullptr ? nullptr : reinterpret_cast<F>(reinterpret_cast<void*>(GetProcAddress(stack, name)));
-}
-
-struct ControlCall {
-    LONG first;
-    LONG second;
-    const wchar_t* text;
-    LONG result = 0;
-    std::wstring textOut;
-};
-
-struct ControlEntry {
-    const wchar_t* name;
-    std::function<HRESULT(ControlCall&)> run;
-};
-
-const ControlEntry kControls[] = {
+// The service's own controls; those of the portable-device stack run where the provider runs.
+const ControlEntry kServiceControls[] = {
     {L"Exit", [](ControlCall&) { return SetEvent(g_exitRequested) ? S_OK : E_FAIL; }},
-    {L"SetEnvironment",
-     [](ControlCall& call) {
-         const std::wstring text = call.text != nullptr ? call.text : L"";
-         const size_t equals = text.find(L'=');
-         if (equals == std::wstring::npos || equals == 0) {
-             return E_INVALIDARG;
-         }
-         const std::wstring value = text.substr(equals + 1);
-         return SetEnvironmentVariableW(text.substr(0, equals).c_str(), value.empty() ? nullptr : value.c_str())
-                    ? S_OK
-                    : HRESULT_FROM_WIN32(GetLastError());
-     }},
-    {L"DorwexEmulatorReset",
-     [](ControlCall&) {
-         auto reset = DeviceControl<DorwexEmulatorResetFunction>("DorwexEmulatorReset");
-         return reset == nullptr ? E_NOTIMPL : (reset(), S_OK);
-     }},
-    {L"DorwexEmulatorRescan",
-     [](ControlCall& call) {
-         auto rescan = DeviceControl<DorwexEmulatorRescanFunction>("DorwexEmulatorRescan");
-         return rescan == nullptr ? E_NOTIMPL : (call.result = static_cast<LONG>(rescan()), S_OK);
-     }},
-    {L"DorwexEmulatorWaitForEvents",
-     [](ControlCall& call) {
-         auto wait = DeviceControl<DorwexEmulatorWaitForEventsFunction>("DorwexEmulatorWaitForEvents");
-         return wait == nullptr ? E_NOTIMPL : (call.result = wait(static_cast<DWORD>(call.first)), S_OK);
-     }},
-    {L"DorwexEmulatorErrors",
-     [](ControlCall& call) {
-         auto errors = DeviceControl<DorwexEmulatorErrorsFunction>("DorwexEmulatorErrors");
-         if (errors == nullptr) {
-             return E_NOTIMPL;
-         }
-         call.textOut.resize(errors(nullptr, 0));
-         errors(call.textOut.data(), static_cast<DWORD>(call.textOut.size()));
-         call.textOut.resize(call.textOut.empty() ? 0 : call.textOut.size() - 1);
-         return S_OK;
-     }},
-    {L"GetEnvironment",
-     [](ControlCall& call) {
-         wchar_t value[1024] = {};
-         GetEnvironmentVariableW(call.text != nullptr ? call.text : L"", value, 1024);
-         call.textOut = value;
-         return S_OK;
-     }},
     {L"DorwexWmiSubscriptions",
      [](ControlCall& call) {
          call.result = static_cast<LONG>(Namespace::Get().SubscriptionCount());
@@ -104,6 +41,11 @@ const ControlEntry kControls[] = {
     {L"DorwexWmiLoadError",
      [](ControlCall& call) {
          call.textOut = Namespace::Get().LoadError();
+         return S_OK;
+     }},
+    {L"ProviderHostProcessId",
+     [](ControlCall& call) {
+         call.result = static_cast<LONG>(ProviderHosting::Get().HostProcessId());
          return S_OK;
      }},
 };
@@ -135,16 +77,28 @@ public:
         }
         *plResult = 0;
         *pstrText = nullptr;
-        for (const auto& entry : kControls) {
-            if (strFunction != nullptr && lstrcmpW(strFunction, entry.name) == 0) {
-                ControlCall call{lFirst, lSecond, strText, 0, {}};
-                const HRESULT hr = entry.run(call);
-                *plResult = call.result;
-                *pstrText = call.textOut.empty() ? nullptr : SysAllocString(call.textOut.c_str());
-                return hr;
-            }
+        if (const ControlEntry* entry = FindControl(kServiceControls, std::size(kServiceControls), strFunction)) {
+            return RunControl(*entry, lFirst, lSecond, strText, plResult, pstrText);
         }
-        return E_NOTIMPL;
+        const ControlEntry* entry = FindStackControl(strFunction);
+        if (entry == nullptr) {
+            return E_NOTIMPL;
+        }
+        auto& hosting = ProviderHosting::Get();
+        const bool environment = lstrcmpW(strFunction, L"SetEnvironment") == 0 ||
+                                 lstrcmpW(strFunction, L"GetEnvironment") == 0;
+        if (!hosting.Separate() || environment) {
+            // A host started later inherits this process's environment; a running one is told as well.
+            const HRESULT hr = RunControl(*entry, lFirst, lSecond, strText, plResult, pstrText);
+            if (SUCCEEDED(hr) && hosting.Separate() && lstrcmpW(strFunction, L"SetEnvironment") == 0) {
+                LONG ignored = 0;
+                BSTR out = nullptr;
+                hosting.Control(strFunction, lFirst, lSecond, strText, &ignored, &out, false);
+                SysFreeString(out);
+            }
+            return hr;
+        }
+        return hosting.Control(strFunction, lFirst, lSecond, strText, plResult, pstrText, true);
     }
 };
 
@@ -178,17 +132,14 @@ HRESULT ConnectSharedService(const wchar_t* nameSpace, IWbemServices** services)
     return hr;
 }
 
-HRESULT RegisterSharedService(HMODULE) {
-    const std::wstring directory = ThisModuleDirectory();
-    // A DLL copied alone (into a package's test, say) serves clients in their own processes only.
-    if (GetFileAttributesW((directory + L"dorwex_wmi_service.exe").c_str()) == INVALID_FILE_ATTRIBUTES ||
-        GetFileAttributesW((directory + L"dorwex_wmi_proxy.dll").c_str()) == INVALID_FILE_ATTRIBUTES) {
-        return S_OK;
-    }
-    wchar_t clsid[64];
-    StringFromGUID2(kCLSID_EmulatedWmiService, clsid, 64);
-    const std::wstring key = std::wstring(L"Software\\Classes\\CLSID\\") + clsid + L"\\LocalServer32";
-    const std::wstring server = directory + L"dorwex_wmi_service.exe";
+namespace {
+
+// Registers a class as a local server: the program of that name next to this DLL.
+HRESULT RegisterLocalServer(const CLSID& clsid, const std::wstring& program) {
+    wchar_t text[64];
+    StringFromGUID2(clsid, text, 64);
+    const std::wstring key = std::wstring(L"Software\\Classes\\CLSID\\") + text + L"\\LocalServer32";
+    const std::wstring server = ThisModuleDirectory() + program;
     HKEY serverKey = nullptr;
     LSTATUS status = RegCreateKeyW(HKEY_LOCAL_MACHINE, key.c_str(), &serverKey);
     if (status != ERROR_SUCCESS) {
@@ -197,8 +148,22 @@ HRESULT RegisterSharedService(HMODULE) {
     status = RegSetValueExW(serverKey, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(server.c_str()),
                             static_cast<DWORD>((server.size() + 1) * sizeof(wchar_t)));
     RegCloseKey(serverKey);
-    if (status != ERROR_SUCCESS) {
-        return HRESULT_FROM_WIN32(status);
+    return HRESULT_FROM_WIN32(status);
+}
+
+}  // namespace
+
+HRESULT RegisterSharedService(HMODULE) {
+    const std::wstring directory = ThisModuleDirectory();
+    // A DLL copied alone (into a package's test, say) serves clients in their own processes only.
+    for (const wchar_t* file : {L"dorwex_wmi_service.exe", L"dorwex_provider_host.exe", L"dorwex_wmi_proxy.dll"}) {
+        if (GetFileAttributesW((directory + file).c_str()) == INVALID_FILE_ATTRIBUTES) {
+            return S_OK;
+        }
+    }
+    HRESULT hr = RegisterLocalServer(kCLSID_EmulatedWmiService, L"dorwex_wmi_service.exe");
+    if (FAILED(hr)) {
+        return hr;
     }
     // The proxies and stubs the calls between processes need, registered as regsvr32 would.
     HMODULE proxies = LoadLibraryW((directory + L"dorwex_wmi_proxy.dll").c_str());
@@ -208,7 +173,7 @@ HRESULT RegisterSharedService(HMODULE) {
     using RegisterFunction = HRESULT(WINAPI*)();
     auto registerProxies =
         reinterpret_cast<RegisterFunction>(reinterpret_cast<void*>(GetProcAddress(proxies, "DllRegisterServer")));
-    const HRESULT hr = registerProxies == nullptr ? E_NOTIMPL : registerProxies();
+    hr = registerProxies == nullptr ? E_NOTIMPL : registerProxies();
     FreeLibrary(proxies);
     return hr;
 }
@@ -220,6 +185,7 @@ extern "C" HRESULT WINAPI DorwexWmiServeLocalClients() {
     using namespace dorwex::emulator::wmi;
     g_inServiceProcess = true;
     g_exitRequested = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ProviderHosting::Get().UseSeparateHost([] { Namespace::Get().HostEnded(); });
     IUnknown* factory = nullptr;
     HRESULT hr = dorwex::emulator::GetServedClassObject(kServiceClass, 1, kCLSID_EmulatedWmiService, IID_IUnknown,
                                                         reinterpret_cast<void**>(&factory));

@@ -1,6 +1,7 @@
-// The provider in the WMI service's own process, shared by every client process of the prefix, as Windows
-// runs it: each client process reaches the one service through COM, and what one client does (a copy onto
-// a device, a write token) the others see through the same provider.
+// The WMI service in a process of its own and the provider in a host process the service starts, shared by
+// every client process of the prefix, as Windows runs them: each client process reaches the one service
+// through COM, and what one client does (a copy onto a device, a write token) the others see through the
+// same provider.
 //
 // The program is also its own second client: run with "--subscriber RESULT READY COUNT" it subscribes to
 // the provider's events, signals the named event READY, asks for a write token of its own, and writes how
@@ -158,6 +159,7 @@ public:
         DeleteFileW(m_result.c_str());
     }
     bool Subscribed() const { return m_subscribed; }
+    DWORD ProcessId() const { return m_process.dwProcessId; }
     ChildResult Finish() {
         ChildResult result;
         if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 60000) == WAIT_OBJECT_0) {
@@ -188,22 +190,29 @@ Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client)
     return outcome;
 }
 
-// One service process serves this client and another: the provider runs in neither of them.
-TEST_F(SharedService, OneServiceProcessHostsTheProviderForEveryClient) {
+// One service process serves this client and another, and the provider runs in a host process of its own:
+// in none of the clients' processes and not in the service's.
+TEST_F(SharedService, TheProviderRunsInAHostOfItsOwnForEveryClient) {
     auto services = Connect();
     ASSERT_TRUE(services);
     auto devices = Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
     ASSERT_EQ(devices.size(), 1u);
     EXPECT_EQ(Text(devices[0].Get(), L"strFriendlyName"), L"Phone of " + Wide(kPhone));
     const DWORD service = ServiceProcess();
+    const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
     EXPECT_NE(service, 0u);
-    EXPECT_NE(service, GetCurrentProcessId()) << "the provider is not in the client's process";
-    EXPECT_EQ(Control(L"DorwexWmiProviderLoaded"), 1) << "the provider was loaded in the service's process";
+    EXPECT_NE(host, 0u);
+    EXPECT_NE(host, service) << "the provider is not in the service's process";
+    EXPECT_NE(service, GetCurrentProcessId());
+    EXPECT_NE(host, GetCurrentProcessId()) << "the provider is not in the client's process";
+    EXPECT_EQ(Control(L"DorwexWmiProviderLoaded"), 1);
 
     Subscriber other(0);
     ASSERT_TRUE(other.Subscribed());
+    EXPECT_NE(host, other.ProcessId());
     const ChildResult child = other.Finish();
     EXPECT_EQ(child.serviceProcess, service) << "the other client reaches the same service";
+    EXPECT_EQ(static_cast<DWORD>(Control(L"ProviderHostProcessId")), host) << "and the same provider host";
 }
 
 // Events from content one client puts on the device reach a subscriber in another process, and each
@@ -234,6 +243,34 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
                   (s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0) + L"\\foreign.jpg").c_str()),
               INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
+}
+
+// A provider host that dies is replaced by a new one at the next request, as WMI starts its host again: the
+// devices are published again, and a consumer that subscribed before receives the events of the new host.
+TEST_F(SharedService, AKilledProviderHostIsStartedAgainWithItsConsumers) {
+    Subscriber subscriber(1);
+    ASSERT_TRUE(subscriber.Subscribed());
+    const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
+    ASSERT_NE(host, 0u);
+    HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, host);
+    ASSERT_NE(process, nullptr);
+    ASSERT_TRUE(TerminateProcess(process, 9));
+    ASSERT_EQ(WaitForSingleObject(process, 10000), WAIT_OBJECT_0);
+    CloseHandle(process);
+
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u) << "the phone is published again";
+    const DWORD restarted = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
+    EXPECT_NE(restarted, 0u);
+    EXPECT_NE(restarted, host);
+
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    ASSERT_FALSE(token.empty());
+    EXPECT_EQ(Upload(L"after-restart.jpg", token, self).returnValue, L"1");
+    EXPECT_EQ(subscriber.Finish().added, 1) << "the consumer subscribed before the host died gets the new host's events";
 }
 
 }  // namespace
