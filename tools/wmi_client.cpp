@@ -15,9 +15,12 @@
 //                                       program on the machine would
 //   simulate-arrival NAME, simulate-removal NAME
 //                                       sends the device-change message that the system sends for a portable
-//                                       device interface to the provider's hidden window (same process)
+//                                       device interface to the provider's hidden window, wherever the
+//                                       provider runs
+//   processes                           which processes the client, the WMI service and the provider host
+//                                       are (with DORWEX_WMI_SERVICE=shared, three; else all this one)
 //
-// All commands run in one process, so that one provider host serves them in order.
+// All commands run in one process, one after the other.
 #include <comdef.h>
 #include <dbt.h>
 #include <wbemcli.h>
@@ -29,6 +32,8 @@
 #include <vector>
 
 #include "device/portable_device_api.h"
+#include "dorwex_wmi_service.h"
+#include "emulator/wmi/service_entry.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -230,6 +235,40 @@ int PutFile(const std::vector<std::wstring>& args) {
     return SUCCEEDED(hr) ? 0 : 1;
 }
 
+// The process ids of this client, of the WMI service and of the provider host it started.
+int PrintProcesses() {
+    wprintf(L"client process %lu\n", GetCurrentProcessId());
+    wchar_t mode[16] = {};
+    if (GetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", mode, 16) == 0 || _wcsicmp(mode, L"shared") != 0) {
+        wprintf(L"the WMI service and the provider run in this process\n");
+        return 0;
+    }
+    ComPtr<IDorwexWmiService> service;
+    DWORD serviceProcess = 0;
+    LONG host = 0;
+    BSTR text = nullptr;
+    HRESULT hr = CoCreateInstance(dorwex::emulator::wmi::kCLSID_EmulatedWmiService, nullptr, CLSCTX_LOCAL_SERVER,
+                                  IID_IDorwexWmiService, reinterpret_cast<void**>(service.GetAddressOf()));
+    if (SUCCEEDED(hr)) {
+        hr = service->ProcessId(&serviceProcess);
+    }
+    if (SUCCEEDED(hr)) {
+        hr = service->Control(_bstr_t(L"ProviderHostProcessId"), 0, 0, nullptr, &host, &text);
+        SysFreeString(text);
+    }
+    if (FAILED(hr)) {
+        PrintError(L"processes", hr);
+        return 1;
+    }
+    wprintf(L"WMI service process %lu\n", serviceProcess);
+    if (host != 0) {
+        wprintf(L"provider host process %ld\n", host);
+    } else {
+        wprintf(L"no provider host runs\n");
+    }
+    return 0;
+}
+
 int Simulate(WPARAM change, const std::vector<std::wstring>& args) {
     if (args.size() != 1) {
         wprintf(L"simulate-arrival|simulate-removal NAME\n");
@@ -241,7 +280,7 @@ int Simulate(WPARAM change, const std::vector<std::wstring>& args) {
         Sleep(window == nullptr ? 50 : 0);
     }
     if (window == nullptr) {
-        wprintf(L"the provider's window is not there (is the provider loaded in this process?)\n");
+        wprintf(L"the provider's window is not there (is the provider loaded?)\n");
         return 1;
     }
     std::vector<BYTE> buffer(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) +
@@ -326,6 +365,8 @@ int wmain(int argc, wchar_t** argv) {
                     }
                 }
                 wprintf(L"(%d event%ls)\n", received, received == 1 ? L"" : L"s");
+            } else if (verb == L"processes" && args.empty()) {
+                result = PrintProcesses();
             } else if (verb == L"wpd-put") {
                 result = PutFile(args);
             } else if (verb == L"simulate-arrival" || verb == L"simulate-removal") {
