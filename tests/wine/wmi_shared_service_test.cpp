@@ -3,15 +3,18 @@
 // through COM, and what one client does (a copy onto a device, a write token) the others see through the
 // same provider.
 //
-// The program is also its own second client: run with "--subscriber RESULT READY COUNT" it subscribes to
+// The program is also its own other clients: run with "--subscriber RESULT READY COUNT" it subscribes to
 // the provider's events, signals the named event READY, asks for a write token of its own, and writes how
-// many of COUNT events were additions, the service's process id and its token to the file RESULT.
+// many of COUNT events were additions, the service's process id and its token to the file RESULT; run with
+// "--copier RESULT READY COUNT GO" it copies files on and off the phone (RunCopier).
 #include <gtest/gtest.h>
 
 #include <windows.h>
 #include <objbase.h>
 
 #include <fstream>
+#include <memory>
+#include <vector>
 #include <string>
 
 #include "dorwex_wmi_service.h"
@@ -132,15 +135,16 @@ struct ChildResult {
 // Starts this program as a subscriber and returns once it has subscribed; Finish waits for its result.
 class Subscriber {
 public:
-    explicit Subscriber(long expected) {
+    explicit Subscriber(long expected, const wchar_t* mode = L"--subscriber", const std::wstring& extra = L"") {
         wchar_t program[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, program, MAX_PATH);
-        const std::wstring tag = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount64());
-        m_result = ProgramDirectory() + L"\\subscriber-" + tag + L".txt";
-        const std::wstring readyName = L"dorwex-subscriber-ready-" + tag;
+        static long s_children = 0;
+        const std::wstring tag = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++s_children);
+        m_result = ProgramDirectory() + L"\\child-" + tag + L".txt";
+        const std::wstring readyName = L"dorwex-child-ready-" + tag;
         HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, readyName.c_str());
-        std::wstring command = L"\"" + std::wstring(program) + L"\" --subscriber \"" + m_result + L"\" " + readyName +
-                               L" " + std::to_wstring(expected);
+        std::wstring command = L"\"" + std::wstring(program) + L"\" " + mode + L" \"" + m_result + L"\" " + readyName +
+                               L" " + std::to_wstring(expected) + (extra.empty() ? L"" : L" " + extra);
         STARTUPINFOW startup = {};
         startup.cb = sizeof(startup);
         if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
@@ -160,6 +164,14 @@ public:
     }
     bool Subscribed() const { return m_subscribed; }
     DWORD ProcessId() const { return m_process.dwProcessId; }
+    // What a copier child wrote: how many of its rounds succeeded; -1 when it did not finish.
+    long FinishCopies() {
+        long copied = -1;
+        if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 120000) == WAIT_OBJECT_0) {
+            std::ifstream(std::string(m_result.begin(), m_result.end())) >> copied;
+        }
+        return copied;
+    }
     ChildResult Finish() {
         ChildResult result;
         if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 60000) == WAIT_OBJECT_0) {
@@ -177,9 +189,14 @@ private:
     bool m_subscribed = false;
 };
 
+// The name a copy onto the device gets: the local file's, which Upload makes from the name it is given.
+std::wstring Stored(const std::wstring& name) {
+    return L"shared-" + name;
+}
+
 Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client) {
-    const std::wstring local = ProgramDirectory() + L"\\shared-" + name;
-    std::ofstream(std::string(local.begin(), local.end())) << "photo";
+    const std::wstring local = ProgramDirectory() + L"\\" + Stored(name);
+    std::ofstream(std::string(local.begin(), local.end())) << std::string(name.begin(), name.end());
     const Outcome outcome =
         CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + name).c_str())},
                                          {L"strFileToCopy", _variant_t(local.c_str())},
@@ -188,6 +205,50 @@ Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client)
                    client);
     DeleteFileW(local.c_str());
     return outcome;
+}
+
+// The copier child: takes a write token, says it is ready, waits for the go, then COUNT times copies a file
+// of its own onto the phone, lists the folder and copies the file back, and writes how many rounds gave
+// back the bytes it wrote to the file RESULT.
+int RunCopier(const wchar_t* resultFile, const wchar_t* ready, long rounds, const wchar_t* go) {
+    SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token =
+        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    HANDLE goEvent = OpenEventW(SYNCHRONIZE, FALSE, go);
+    HANDLE readyEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready);
+    SetEvent(readyEvent);
+    CloseHandle(readyEvent);
+    if (goEvent == nullptr || WaitForSingleObject(goEvent, 30000) != WAIT_OBJECT_0) {
+        return 2;
+    }
+    CloseHandle(goEvent);
+    long good = 0;
+    for (long i = 0; i < rounds; ++i) {
+        const std::wstring name = L"c" + std::to_wstring(self) + L"-" + std::to_wstring(i) + L".jpg";
+        const std::wstring back = ProgramDirectory() + L"\\back-" + name;
+        const bool copied = Upload(name, token, self).returnValue == L"1";
+        const std::wstring listing =
+            L"~" + CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                      {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())},
+                                                      {L"uint32ContentType", _variant_t(2L, VT_I4)}},
+                              self)
+                       .returnValue;
+        const bool listed = listing.find(L"~" + Stored(name) + L"@") != std::wstring::npos;
+        const Outcome fetch =
+            CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + Stored(name)).c_str())},
+                                               {L"strLocalFileName", _variant_t(back.c_str())},
+                                               {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())}},
+                       self);
+        const bool fetched = fetch.returnValue == L"1";
+        std::string bytes;
+        std::ifstream(std::string(back.begin(), back.end())) >> bytes;
+        DeleteFileW(back.c_str());
+        good += copied && listed && fetched && bytes == std::string(name.begin(), name.end()) ? 1 : 0;
+    }
+    const std::wstring file(resultFile);
+    std::ofstream(std::string(file.begin(), file.end())) << good << "\n";
+    return 0;
 }
 
 // One service process serves this client and another, and the provider runs in a host process of its own:
@@ -239,9 +300,10 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     EXPECT_NE(result.token, token);
     const Outcome foreign = Upload(L"foreign.jpg", result.token, self);
     EXPECT_EQ(foreign.status, E_FAIL) << "the other process's token is not this one's";
-    EXPECT_EQ(GetFileAttributesW(
-                  (s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0) + L"\\foreign.jpg").c_str()),
-              INVALID_FILE_ATTRIBUTES);
+    const std::wstring storage = s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0);
+    EXPECT_EQ(GetFileAttributesW((storage + L"\\" + Stored(L"foreign.jpg")).c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(GetFileAttributesW((storage + L"\\" + Stored(L"photo0.jpg")).c_str()), INVALID_FILE_ATTRIBUTES)
+        << "where the refused copy would have gone, the accepted ones went";
     EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
 }
 
@@ -273,6 +335,38 @@ TEST_F(SharedService, AKilledProviderHostIsStartedAgainWithItsConsumers) {
     EXPECT_EQ(subscriber.Finish().added, 1) << "the consumer subscribed before the host died gets the new host's events";
 }
 
+// Four client processes call the one provider on one device at the same moment, each copying its own
+// files on and off the phone and listing the folder: every call answers for its own caller, every file on
+// the device holds the bytes its client wrote, and the host stays up.
+TEST_F(SharedService, FourClientProcessesCallOneDeviceAtOnce) {
+    constexpr long kRounds = 4;
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    ASSERT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u);
+    const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
+    const std::wstring goName = L"dorwex-copiers-go-" + std::to_wstring(GetCurrentProcessId());
+    HANDLE go = CreateEventW(nullptr, TRUE, FALSE, goName.c_str());
+    std::vector<std::unique_ptr<Subscriber>> copiers;
+    for (int i = 0; i < 4; ++i) {
+        copiers.push_back(std::make_unique<Subscriber>(kRounds, L"--copier", goName));
+        ASSERT_TRUE(copiers.back()->Subscribed());
+    }
+    SetEvent(go);
+    const std::wstring storage = s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0);
+    for (auto& copier : copiers) {
+        EXPECT_EQ(copier->FinishCopies(), kRounds) << "copier " << copier->ProcessId();
+        for (long i = 0; i < kRounds; ++i) {
+            const std::wstring name = L"c" + std::to_wstring(copier->ProcessId()) + L"-" + std::to_wstring(i) + L".jpg";
+            std::string bytes;
+            const std::wstring stored = storage + L"\\" + Stored(name);
+            std::ifstream(std::string(stored.begin(), stored.end())) >> bytes;
+            EXPECT_EQ(bytes, std::string(name.begin(), name.end())) << "the device's copy holds its client's bytes";
+        }
+    }
+    CloseHandle(go);
+    EXPECT_EQ(static_cast<DWORD>(Control(L"ProviderHostProcessId")), host) << "the host stayed up";
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
@@ -280,6 +374,8 @@ int wmain(int argc, wchar_t** argv) {
     int result = 0;
     if (argc == 5 && lstrcmpW(argv[1], L"--subscriber") == 0) {
         result = RunSubscriber(argv[2], argv[3], _wtol(argv[4]));
+    } else if (argc == 6 && lstrcmpW(argv[1], L"--copier") == 0) {
+        result = RunCopier(argv[2], argv[3], _wtol(argv[4]), argv[5]);
     } else {
         testing::InitGoogleTest(&argc, argv);
         result = RUN_ALL_TESTS();
