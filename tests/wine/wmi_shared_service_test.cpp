@@ -2,97 +2,20 @@
 // runs it: each client process reaches the one service through COM, and what one client does (a copy onto
 // a device, a write token) the others see through the same provider.
 //
-// The program is also its own second client: run with "--subscriber RESULT READY COUNT" it subscribes to
-// the provider's events, signals the named event READY, asks for a write token of its own, and writes how
-// many of COUNT events were additions, the service's process id and its token to the file RESULT.
-#include <gtest/gtest.h>
-
-#include <windows.h>
-#include <objbase.h>
-
+// The program is also its own second client: in the mode "--subscriber RESULT COUNT" it subscribes to the
+// provider's events, signals that it is ready, asks for a write token of its own, and writes how many of
+// COUNT events were additions, the service's process id and its token to the file RESULT.
 #include <fstream>
 #include <string>
 
-#include "dorwex_wmi_service.h"
-#include "emulator/wmi/service_entry.h"
-#include "support/wmi_calls.h"
-#include "support/wpd_emulator.h"
+#include "support/shared_service.h"
 
 using Microsoft::WRL::ComPtr;
 
-namespace {
-
-const char kPhone[] = "usb#vid_04e8&pid_6860#shared";
-
-ComPtr<IDorwexWmiService> Service() {
-    ComPtr<IDorwexWmiService> service;
-    EXPECT_EQ(CoCreateInstance(dorwex::emulator::wmi::kCLSID_EmulatedWmiService, nullptr, CLSCTX_LOCAL_SERVER,
-                               IID_IDorwexWmiService, reinterpret_cast<void**>(service.GetAddressOf())),
-              S_OK);
-    return service;
-}
-
-LONG Control(const wchar_t* function, LONG first = 0, const std::wstring& text = L"") {
-    LONG result = -1;
-    BSTR out = nullptr;
-    auto service = Service();
-    if (service) {
-        _bstr_t in;
-        if (!text.empty()) {
-            in = text.c_str();
-        }
-        EXPECT_EQ(service->Control(_bstr_t(function), first, 0, in, &result, &out), S_OK)
-            << "control " << std::string(function, function + wcslen(function));
+int RunSubscriber(const ChildArguments& arguments) {
+    if (arguments.rest.size() != 2) {
+        return 2;
     }
-    SysFreeString(out);
-    return result;
-}
-
-DWORD ServiceProcess() {
-    DWORD process = 0;
-    if (auto service = Service()) {
-        EXPECT_EQ(service->ProcessId(&process), S_OK);
-    }
-    return process;
-}
-
-// Ends a service left by an earlier program, so that this one starts with a service of its own.
-void EndService() {
-    const DWORD process = ServiceProcess();
-    HANDLE running = OpenProcess(SYNCHRONIZE, FALSE, process);
-    Control(L"Exit");
-    if (running != nullptr) {
-        EXPECT_EQ(WaitForSingleObject(running, 10000), WAIT_OBJECT_0) << "the service ends when asked";
-        CloseHandle(running);
-    }
-}
-
-class SharedService : public testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
-        Register(L"dorwex_wpd_provider.dll");
-        Register(L"dorwex_wpd_emulator.dll");
-        Register(L"dorwex_wmi_emulator.dll");
-        EndService();
-        s_emulator = new WpdEmulator();
-        s_emulator->Attach(PhoneSpec(kPhone, "SAMSUNG Electronics Co., Ltd.", "SH1"));
-        // The service's portable-device stack reads the same descriptions, before the provider starts.
-        Control(L"SetEnvironment", 0, L"DORWEX_WPD_DEVICES=" + s_emulator->Directory());
-        Control(L"DorwexEmulatorReset");
-    }
-    static void TearDownTestSuite() {
-        EndService();
-        delete s_emulator;
-        s_emulator = nullptr;
-    }
-    static WpdEmulator* s_emulator;
-};
-WpdEmulator* SharedService::s_emulator = nullptr;
-
-// The child client: subscribes, says so, counts events.
-int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected) {
-    SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
     auto services = Connect();
     ComPtr<IEnumWbemClassObject> events;
     if (!services || FAILED(services->ExecNotificationQuery(
@@ -100,13 +23,10 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
                          WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events))) {
         return 2;
     }
-    HANDLE readyEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready);
-    SetEvent(readyEvent);
-    CloseHandle(readyEvent);
+    arguments.SignalReady();
     // A write token of this process's own, asked for while the other client holds one.
-    const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring token = RequestWriteToken();
+    const long expected = _wtol(arguments.rest[1].c_str());
     long added = 0;
     for (long received = 0; received < expected;) {
         auto event = NextEvent(events.Get(), 20000);
@@ -116,11 +36,13 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
         ++received;
         added += Text(event.Get(), L"strEventId") == L"WPD_EVENT_OBJECT_ADDED" ? 1 : 0;
     }
-    const std::wstring file(resultFile);
+    const std::wstring& file = arguments.rest[0];
     std::ofstream(std::string(file.begin(), file.end()))
         << added << " " << ServiceProcess() << " " << std::string(token.begin(), token.end()) << "\n";
     return 0;
 }
+
+namespace {
 
 struct ChildResult {
     long added = -1;
@@ -131,36 +53,15 @@ struct ChildResult {
 // Starts this program as a subscriber and returns once it has subscribed; Finish waits for its result.
 class Subscriber {
 public:
-    explicit Subscriber(long expected) {
-        wchar_t program[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, program, MAX_PATH);
-        const std::wstring tag = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount64());
-        m_result = ProgramDirectory() + L"\\subscriber-" + tag + L".txt";
-        const std::wstring readyName = L"dorwex-subscriber-ready-" + tag;
-        HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, readyName.c_str());
-        std::wstring command = L"\"" + std::wstring(program) + L"\" --subscriber \"" + m_result + L"\" " + readyName +
-                               L" " + std::to_wstring(expected);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                           &m_process)) {
-            CloseHandle(m_process.hThread);
-            HANDLE waits[] = {ready, m_process.hProcess};
-            m_subscribed = WaitForMultipleObjects(2, waits, FALSE, 30000) == WAIT_OBJECT_0;
-        }
-        CloseHandle(ready);
-    }
-    ~Subscriber() {
-        if (m_process.hProcess != nullptr) {
-            TerminateProcess(m_process.hProcess, 1);
-            CloseHandle(m_process.hProcess);
-        }
-        DeleteFileW(m_result.c_str());
-    }
-    bool Subscribed() const { return m_subscribed; }
+    explicit Subscriber(long expected)
+        : m_result(ProgramDirectory() + L"\\subscriber-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                   std::to_wstring(GetTickCount64()) + L".txt"),
+          m_process(L"--subscriber", {m_result, std::to_wstring(expected)}) {}
+    ~Subscriber() { DeleteFileW(m_result.c_str()); }
+    bool Subscribed() const { return m_process.Ready(); }
     ChildResult Finish() {
         ChildResult result;
-        if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 60000) == WAIT_OBJECT_0) {
+        if (m_process.Ended(60000)) {
             std::string token;
             std::ifstream(std::string(m_result.begin(), m_result.end())) >> result.added >> result.serviceProcess >>
                 token;
@@ -170,23 +71,9 @@ public:
     }
 
 private:
-    PROCESS_INFORMATION m_process = {};
     std::wstring m_result;
-    bool m_subscribed = false;
+    ClientProcess m_process;
 };
-
-Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client) {
-    const std::wstring local = ProgramDirectory() + L"\\shared-" + name;
-    std::ofstream(std::string(local.begin(), local.end())) << "photo";
-    const Outcome outcome =
-        CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + name).c_str())},
-                                         {L"strFileToCopy", _variant_t(local.c_str())},
-                                         {L"strWriteToken", _variant_t(token.c_str())},
-                                         {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())}},
-                   client);
-    DeleteFileW(local.c_str());
-    return outcome;
-}
 
 // One service process serves this client and another: the provider runs in neither of them.
 TEST_F(SharedService, OneServiceProcessHostsTheProviderForEveryClient) {
@@ -194,7 +81,7 @@ TEST_F(SharedService, OneServiceProcessHostsTheProviderForEveryClient) {
     ASSERT_TRUE(services);
     auto devices = Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
     ASSERT_EQ(devices.size(), 1u);
-    EXPECT_EQ(Text(devices[0].Get(), L"strFriendlyName"), L"Phone of " + Wide(kPhone));
+    EXPECT_EQ(Text(devices[0].Get(), L"strFriendlyName"), L"Phone of " + std::wstring(SharedPhoneId()));
     const DWORD service = ServiceProcess();
     EXPECT_NE(service, 0u);
     EXPECT_NE(service, GetCurrentProcessId()) << "the provider is not in the client's process";
@@ -217,8 +104,7 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     ASSERT_EQ(Control(L"DorwexWmiSubscriptions"), subscriptions + 1);
 
     const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring token = RequestWriteToken();
     ASSERT_FALSE(token.empty());
     for (long i = 0; i < kCopies; ++i) {
         EXPECT_EQ(Upload(L"photo" + std::to_wstring(i) + L".jpg", token, self).returnValue, L"1");
@@ -230,23 +116,8 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     EXPECT_NE(result.token, token);
     const Outcome foreign = Upload(L"foreign.jpg", result.token, self);
     EXPECT_EQ(foreign.status, E_FAIL) << "the other process's token is not this one's";
-    EXPECT_EQ(GetFileAttributesW(
-                  (s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0) + L"\\foreign.jpg").c_str()),
-              INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesW((PhoneStorage() + L"\\foreign.jpg").c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
 }
 
 }  // namespace
-
-int wmain(int argc, wchar_t** argv) {
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    int result = 0;
-    if (argc == 5 && lstrcmpW(argv[1], L"--subscriber") == 0) {
-        result = RunSubscriber(argv[2], argv[3], _wtol(argv[4]));
-    } else {
-        testing::InitGoogleTest(&argc, argv);
-        result = RUN_ALL_TESTS();
-    }
-    CoUninitialize();
-    return result;
-}
