@@ -62,7 +62,9 @@ DWORD ServiceProcess() {
 }
 
 EmulatedDeviceSpec SharedPhone() {
-    return PhoneSpec(kPhone, "SAMSUNG Electronics Co., Ltd.", "SH1");
+    EmulatedDeviceSpec spec = PhoneSpec(kPhone, "SAMSUNG Electronics Co., Ltd.", "SH1");
+    spec.deviceLines.push_back("transfer_mbps = 100");
+    return spec;
 }
 
 const wchar_t* SharedPhoneId() {
@@ -169,7 +171,9 @@ int wmain(int argc, wchar_t** argv) {
     const struct {
         const wchar_t* name;
         int (*run)(const ChildArguments&);
-    } kModes[] = {{L"--subscriber", RunSubscriber}, {L"--dying-subscriber", RunDyingSubscriber}};
+    } kModes[] = {{L"--subscriber", RunSubscriber},
+                  {L"--dying-subscriber", RunDyingSubscriber},
+                  {L"--dying-copier", RunDyingCopier}};
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     int result = 0;
     bool child = false;

@@ -20,7 +20,8 @@ Microsoft::WRL::ComPtr<IDorwexWmiService> Service();
 LONG Control(const wchar_t* function, LONG first = 0, const std::wstring& text = L"");
 DWORD ServiceProcess();
 
-// The phone every shared-service test uses, with its storage "Phone".
+// The phone every shared-service test uses: storage "Phone", its data at 100 MB/s, so that a large copy
+// takes long enough for a client to die during it.
 EmulatedDeviceSpec SharedPhone();
 const wchar_t* SharedPhoneId();
 
@@ -72,3 +73,4 @@ struct ChildArguments {
 // The child modes, each defined by the test file that uses it.
 int RunSubscriber(const ChildArguments& arguments);
 int RunDyingSubscriber(const ChildArguments& arguments);
+int RunDyingCopier(const ChildArguments& arguments);
