@@ -87,10 +87,13 @@ TEST_F(SharedService, OneServiceProcessHostsTheProviderForEveryClient) {
     EXPECT_NE(service, GetCurrentProcessId()) << "the provider is not in the client's process";
     EXPECT_EQ(Control(L"DorwexWmiProviderLoaded"), 1) << "the provider was loaded in the service's process";
 
+    const LONG subscriptions = Control(L"DorwexWmiSubscriptions");
     Subscriber other(0);
     ASSERT_TRUE(other.Subscribed());
     const ChildResult child = other.Finish();
     EXPECT_EQ(child.serviceProcess, service) << "the other client reaches the same service";
+    EXPECT_EQ(Control(L"DorwexWmiSubscriptions"), subscriptions)
+        << "the other client released its event query's enumerator when it ended, which cancels the query";
 }
 
 // Events from content one client puts on the device reach a subscriber in another process, and each
