@@ -15,21 +15,28 @@ namespace {
 
 const wchar_t kEventQuery[] = L"SELECT * FROM Win32ext_WPDEvent";
 
-// An asynchronous consumer's sink: counts the objects added and keeps the final status.
+// An asynchronous consumer's sink: counts the events and those of objects added, keeps the final status,
+// and answers every event as it is told.
 class ConsumerSink final : public StackCom<IWbemObjectSink> {
 public:
+    explicit ConsumerSink(HRESULT answer = WBEM_S_NO_ERROR) : m_answer(answer) {}
     HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) override {
         for (LONG i = 0; i < count; ++i) {
+            ++indications;
             added += Text(objects[i], L"strEventId") == L"WPD_EVENT_OBJECT_ADDED" ? 1 : 0;
         }
-        return WBEM_S_NO_ERROR;
+        return m_answer;
     }
     HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT hResult, BSTR, IWbemClassObject*) override {
         status = hResult;
         return WBEM_S_NO_ERROR;
     }
+    std::atomic<long> indications{0};
     std::atomic<long> added{0};
     std::atomic<HRESULT> status{E_PENDING};
+
+private:
+    const HRESULT m_answer;
 };
 
 }  // namespace
@@ -111,25 +118,6 @@ TEST_F(SharedService, AConsumerKilledWhileSubscribedIsCancelledAtTheNextEvent) {
     CloseHandle(service);
 }
 
-// A sink that answers every Indicate with the same result.
-class FailingSink final : public StackCom<IWbemObjectSink> {
-public:
-    explicit FailingSink(HRESULT answer) : m_answer(answer) {}
-    HRESULT STDMETHODCALLTYPE Indicate(LONG, IWbemClassObject**) override {
-        ++indications;
-        return m_answer;
-    }
-    HRESULT STDMETHODCALLTYPE SetStatus(LONG, HRESULT hResult, BSTR, IWbemClassObject*) override {
-        status = hResult;
-        return WBEM_S_NO_ERROR;
-    }
-    std::atomic<long> indications{0};
-    std::atomic<HRESULT> status{E_PENDING};
-
-private:
-    const HRESULT m_answer;
-};
-
 // Any failure of a consumer's Indicate cancels its subscription: the sink is called no more, released, and
 // told WBEM_E_CALL_CANCELLED, unless its answer says its process is gone ([MS-WMI] 3.2.4.1.1). The answers a
 // sink's proxy gives when its process has died are given here by a live sink, so that what it is told shows.
@@ -153,7 +141,7 @@ TEST_F(SharedService, ASinkThatFailsAnIndicateIsCancelledAndToldSoUnlessItsProce
     for (const auto& row : kCases) {
         SCOPED_TRACE(row.what);
         ASSERT_TRUE(EventsDelivered());
-        FailingSink sink(row.answer);
+        ConsumerSink sink(row.answer);
         ASSERT_EQ(services->ExecNotificationQueryAsync(_bstr_t(L"WQL"), _bstr_t(kEventQuery), 0, nullptr, &sink),
                   S_OK);
         EXPECT_EQ(Upload(L"refused-" + std::to_wstring(++upload) + L".jpg", token, self).returnValue, L"1");
