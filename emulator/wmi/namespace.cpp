@@ -206,23 +206,6 @@ std::wstring Namespace::ProviderName() {
     return m_providerName;
 }
 
-void Namespace::DeliverEvent(IWbemClassObject* event) {
-    std::vector<IWbemObjectSink*> sinks;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        for (const auto& subscription : m_subscriptions) {
-            if (MatchesQuery(event, subscription.query)) {
-                subscription.sink->AddRef();
-                sinks.push_back(subscription.sink);
-            }
-        }
-    }
-    for (auto* sink : sinks) {
-        sink->Indicate(1, &event);
-        sink->Release();
-    }
-}
-
 size_t Namespace::SubscriptionCount() {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_subscriptions.size();

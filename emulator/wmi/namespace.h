@@ -89,6 +89,8 @@ public:
     // query registered with the provider (NewQuery) until it is cancelled (CancelQuery).
     HRESULT Subscribe(const wchar_t* query, IWbemObjectSink* sink);
     HRESULT Unsubscribe(IWbemObjectSink* sink);
+    // Hands an event to every consumer whose query it matches (event_consumers.cpp). A consumer whose sink
+    // fails it is cancelled.
     void DeliverEvent(IWbemClassObject* event);
     size_t SubscriptionCount();
 
@@ -172,7 +174,14 @@ private:
         std::wstring text;
         Query query;
         IWbemObjectSink* sink;
+        bool cancelling = false;  // its sink failed an event: it gets no more, and goes (CancelFailedConsumer)
     };
+
+    // Takes every subscription of the sink out and tells the event role (CancelQuery); the caller gets the
+    // sink references the subscriptions held. Calls no sink.
+    std::vector<Subscription> RemoveSubscriptions(IWbemObjectSink* sink);
+    // Cancels the subscriptions of a consumer whose sink failed an event, on a thread of its own.
+    void CancelFailedConsumer(IWbemObjectSink* sink, HRESULT failure);
 
     std::mutex m_lock;
     // One load, unload or event start at a time; held while the provider is called to load or start, so

@@ -454,33 +454,9 @@ HRESULT Namespace::Subscribe(const wchar_t* text, IWbemObjectSink* sink) {
 }
 
 HRESULT Namespace::Unsubscribe(IWbemObjectSink* sink) {
-    std::vector<Subscription> cancelled;
-    {
-        std::lock_guard<std::mutex> roles(m_roleLock);
-        {
-            std::lock_guard<std::mutex> guard(m_lock);
-            for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
-                if (it->sink == sink) {
-                    cancelled.push_back(*it);
-                    it = m_subscriptions.erase(it);
-                } else {
-                    ++it;
-                }
-            }
-            m_lastActivity = GetTickCount();
-        }
-        if (cancelled.empty()) {
-            return WBEM_E_NOT_FOUND;
-        }
-        IWbemEventProviderQuerySink* querySink = nullptr;
-        if (m_eventProvider != nullptr && m_eventsProvided &&
-            SUCCEEDED(m_eventProvider->QueryInterface(IID_IWbemEventProviderQuerySink,
-                                                      reinterpret_cast<void**>(&querySink)))) {
-            for (const auto& subscription : cancelled) {
-                querySink->CancelQuery(subscription.id);
-            }
-            querySink->Release();
-        }
+    std::vector<Subscription> cancelled = RemoveSubscriptions(sink);
+    if (cancelled.empty()) {
+        return WBEM_E_NOT_FOUND;
     }
     for (auto& subscription : cancelled) {
         subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);

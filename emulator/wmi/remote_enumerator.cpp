@@ -79,6 +79,13 @@ private:
     ComPtr<IDorwexObjectFetch> m_fetch;
 };
 
+// A fetch over the enumerator, with the one reference the caller releases. (mingw-w64's ComPtr::Attach adds
+// a reference of its own, unlike the SDK's: a fetch made with it was never freed, nor its enumerator.)
+HRESULT NewFetch(IEnumWbemClassObject* enumerator, ComPtr<IDorwexObjectFetch>& fetch_out) {
+    return CreateComObject<ObjectFetch>(IID_IDorwexObjectFetch, reinterpret_cast<void**>(fetch_out.GetAddressOf()),
+                                        enumerator);
+}
+
 }  // namespace
 
 HRESULT MarshalledByFetch::GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD, CLSID* pCid) {
@@ -92,21 +99,19 @@ HRESULT MarshalledByFetch::GetUnmarshalClass(REFIID, void*, DWORD, void*, DWORD,
 HRESULT MarshalledByFetch::GetMarshalSizeMax(REFIID, void*, DWORD dwDestContext, void* pvDestContext, DWORD mshlflags,
                                              DWORD* pSize) {
     ComPtr<IDorwexObjectFetch> fetch;
-    fetch.Attach(new (std::nothrow) ObjectFetch(Enumerator()));
-    if (!fetch) {
-        return E_OUTOFMEMORY;
-    }
-    return CoGetMarshalSizeMax(pSize, IID_IDorwexObjectFetch, fetch.Get(), dwDestContext, pvDestContext, mshlflags);
+    const HRESULT hr = NewFetch(Enumerator(), fetch);
+    return FAILED(hr) ? hr
+                      : CoGetMarshalSizeMax(pSize, IID_IDorwexObjectFetch, fetch.Get(), dwDestContext, pvDestContext,
+                                            mshlflags);
 }
 
 HRESULT MarshalledByFetch::MarshalInterface(IStream* pStm, REFIID, void*, DWORD dwDestContext, void* pvDestContext,
                                             DWORD mshlflags) {
     ComPtr<IDorwexObjectFetch> fetch;
-    fetch.Attach(new (std::nothrow) ObjectFetch(Enumerator()));
-    if (!fetch) {
-        return E_OUTOFMEMORY;
-    }
-    return CoMarshalInterface(pStm, IID_IDorwexObjectFetch, fetch.Get(), dwDestContext, pvDestContext, mshlflags);
+    const HRESULT hr = NewFetch(Enumerator(), fetch);
+    return FAILED(hr) ? hr
+                      : CoMarshalInterface(pStm, IID_IDorwexObjectFetch, fetch.Get(), dwDestContext, pvDestContext,
+                                           mshlflags);
 }
 
 HRESULT MarshalledByFetch::UnmarshalInterface(IStream*, REFIID, void**) {

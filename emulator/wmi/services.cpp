@@ -448,6 +448,7 @@ public:
         }
         auto* enumerator = new ObjectEnumerator({}, true, true);
         auto* sink = new EnumeratorSink(enumerator);
+        enumerator->SetEventQuery(sink);
         const HRESULT hr = Namespace::Get().Subscribe(strQuery, sink);
         sink->Release();
         if (FAILED(hr)) {

@@ -3,6 +3,9 @@
 #include <oleauto.h>
 
 #include <chrono>
+#include <exception>
+
+#include "namespace.h"
 
 namespace dorwex::emulator::wmi {
 
@@ -84,9 +87,23 @@ ObjectEnumerator::ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool 
     : m_objects(objects.begin(), objects.end()), m_open(open), m_forwardOnly(forwardOnly || open) {}
 
 ObjectEnumerator::~ObjectEnumerator() {
+    if (m_eventQuery != nullptr) {
+        m_eventQuery->Detach();
+        try {
+            Namespace::Get().Unsubscribe(m_eventQuery);
+        } catch (const std::exception&) {
+            // Out of memory: the query stays, as if the client still held it.
+        }
+        m_eventQuery->Release();
+    }
     for (auto* object : m_objects) {
         object->Release();
     }
+}
+
+void ObjectEnumerator::SetEventQuery(EnumeratorSink* sink) {
+    sink->AddRef();
+    m_eventQuery = sink;
 }
 
 void ObjectEnumerator::Push(IWbemClassObject* object) {
@@ -196,16 +213,10 @@ HRESULT ObjectEnumerator::Skip(LONG lTimeout, ULONG nCount) {
 
 // --- EnumeratorSink -------------------------------------------------------------------------------
 
-EnumeratorSink::EnumeratorSink(ObjectEnumerator* enumerator) : m_enumerator(enumerator) {
-    m_enumerator->AddRef();
-}
-
-EnumeratorSink::~EnumeratorSink() {
-    m_enumerator->Release();
-}
-
+// Under the sink's lock, so that the enumerator is not destroyed while an object is put into it.
 HRESULT EnumeratorSink::Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) {
-    for (LONG i = 0; i < lObjectCount; ++i) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    for (LONG i = 0; m_enumerator != nullptr && i < lObjectCount; ++i) {
         if (apObjArray != nullptr && apObjArray[i] != nullptr) {
             m_enumerator->Push(apObjArray[i]);
         }
@@ -214,10 +225,16 @@ HRESULT EnumeratorSink::Indicate(LONG lObjectCount, IWbemClassObject** apObjArra
 }
 
 HRESULT EnumeratorSink::SetStatus(LONG lFlags, HRESULT, BSTR, IWbemClassObject*) {
-    if (lFlags == WBEM_STATUS_COMPLETE) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (lFlags == WBEM_STATUS_COMPLETE && m_enumerator != nullptr) {
         m_enumerator->Close();
     }
     return WBEM_S_NO_ERROR;
+}
+
+void EnumeratorSink::Detach() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_enumerator = nullptr;
 }
 
 // --- StatusErrorInfo ------------------------------------------------------------------------------

@@ -40,13 +40,20 @@ private:
     IWbemClassObject* m_statusObject = nullptr;
 };
 
+class EnumeratorSink;
+
 // A client's enumerator: a fixed list, or a queue that keeps receiving (event queries). A fixed list that
 // was not asked for forward-only can be reset and cloned, as WMI's own enumerators can.
 class ObjectEnumerator final : public ComObject<IEnumWbemClassObject>, public MarshalledByFetch {
 public:
     // Takes the references. An open enumerator is always forward-only.
     ObjectEnumerator(std::vector<IWbemClassObject*> objects, bool open, bool forwardOnly);
+    // Cancels its event query, if it has one ("IWbemServices::ExecNotificationQuery": releasing the
+    // enumerator cancels the query).
     ~ObjectEnumerator() override;
+
+    // The event query whose sink fills this enumerator (semi-synchronous ExecNotificationQuery).
+    void SetEventQuery(EnumeratorSink* sink);
 
     // Adds an object to an open enumerator (references are taken by the enumerator itself).
     void Push(IWbemClassObject* object);
@@ -72,19 +79,24 @@ private:
     size_t m_position = 0;                     // the next one to hand out, when not forward-only
     bool m_open;
     bool m_forwardOnly;
+    EnumeratorSink* m_eventQuery = nullptr;  // with a reference
 };
 
-// Forwards indications to an open enumerator: the sink of a semi-synchronous event query.
+// Forwards indications to an open enumerator: the sink of a semi-synchronous event query. The enumerator
+// holds the sink and the subscription holds it too; the sink does not hold the enumerator, so that the
+// client's release of the enumerator ends it, and with it the query.
 class EnumeratorSink final : public ComObject<IWbemObjectSink> {
 public:
-    explicit EnumeratorSink(ObjectEnumerator* enumerator);
-    ~EnumeratorSink() override;
+    explicit EnumeratorSink(ObjectEnumerator* enumerator) : m_enumerator(enumerator) {}
     HRESULT STDMETHODCALLTYPE Indicate(LONG lObjectCount, IWbemClassObject** apObjArray) override;
     HRESULT STDMETHODCALLTYPE SetStatus(LONG lFlags, HRESULT hResult, BSTR strParam,
                                         IWbemClassObject* pObjParam) override;
+    // The enumerator is going: what arrives from now on goes nowhere.
+    void Detach();
 
 private:
-    ObjectEnumerator* m_enumerator;
+    std::mutex m_lock;
+    ObjectEnumerator* m_enumerator;  // not held; null once detached
 };
 
 // The COM error object of a failed synchronous call: IErrorInfo with the status object behind it, which

@@ -1,8 +1,6 @@
 // The provider across the lifetime the WMI service gives it: released when idle and its DLL freed, loaded
 // again by the next request with subscriptions carried over, and served by separate objects per role.
-// A process of its own: unloading the provider under other tests would change what they see. The tests run
-// in this order: semi-synchronous subscriptions cannot be cancelled by their client and stay for the rest
-// of the process, so the tests that need none come first.
+// A process of its own: unloading the provider under other tests would change what they see.
 #include <gtest/gtest.h>
 
 #include <comdef.h>
@@ -285,6 +283,11 @@ TEST(ProviderLifetime, ASubscriptionMadeBeforeTheUnloadReceivesEventsAfterTheRel
     EXPECT_EQ(NextEventName(later.Get()), L"three.jpg");
     ASSERT_TRUE(g_emulator->WaitForEvents(5000));
     EXPECT_EQ(NextEvent(events.Get(), 200), nullptr) << "one event, delivered once";
+
+    // Releasing an event query's enumerator cancels the query.
+    events.Reset();
+    later.Reset();
+    EXPECT_EQ(controls.subscriptions(), 0);
 }
 
 // A phone announced to the provider's window as the system announces an arrival; true once it is published.

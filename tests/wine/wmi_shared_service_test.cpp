@@ -3,100 +3,23 @@
 // through COM, and what one client does (a copy onto a device, a write token) the others see through the
 // same provider.
 //
-// The program is also its own other clients: run with "--subscriber RESULT READY COUNT" it subscribes to
-// the provider's events, signals the named event READY, asks for a write token of its own, and writes how
-// many of COUNT events were additions, the service's process id and its token to the file RESULT; run with
-// "--copier RESULT READY COUNT GO" it copies files on and off the phone (RunCopier).
-#include <gtest/gtest.h>
-
-#include <windows.h>
-#include <objbase.h>
-
+// The program is also its own other clients: in the mode "--subscriber RESULT COUNT" it subscribes to the
+// provider's events, signals that it is ready, asks for a write token of its own, and writes how many of
+// COUNT events were additions, the service's process id and its token to the file RESULT; in the mode
+// "--copier RESULT COUNT GO" it copies files on and off the phone (RunCopier).
 #include <fstream>
 #include <memory>
-#include <vector>
 #include <string>
+#include <vector>
 
-#include "dorwex_wmi_service.h"
-#include "emulator/wmi/service_entry.h"
-#include "support/wmi_calls.h"
-#include "support/wpd_emulator.h"
+#include "support/shared_service.h"
 
 using Microsoft::WRL::ComPtr;
 
-namespace {
-
-const char kPhone[] = "usb#vid_04e8&pid_6860#shared";
-
-ComPtr<IDorwexWmiService> Service() {
-    ComPtr<IDorwexWmiService> service;
-    EXPECT_EQ(CoCreateInstance(dorwex::emulator::wmi::kCLSID_EmulatedWmiService, nullptr, CLSCTX_LOCAL_SERVER,
-                               IID_IDorwexWmiService, reinterpret_cast<void**>(service.GetAddressOf())),
-              S_OK);
-    return service;
-}
-
-LONG Control(const wchar_t* function, LONG first = 0, const std::wstring& text = L"") {
-    LONG result = -1;
-    BSTR out = nullptr;
-    auto service = Service();
-    if (service) {
-        _bstr_t in;
-        if (!text.empty()) {
-            in = text.c_str();
-        }
-        EXPECT_EQ(service->Control(_bstr_t(function), first, 0, in, &result, &out), S_OK)
-            << "control " << std::string(function, function + wcslen(function));
+int RunSubscriber(const ChildArguments& arguments) {
+    if (arguments.rest.size() != 2) {
+        return 2;
     }
-    SysFreeString(out);
-    return result;
-}
-
-DWORD ServiceProcess() {
-    DWORD process = 0;
-    if (auto service = Service()) {
-        EXPECT_EQ(service->ProcessId(&process), S_OK);
-    }
-    return process;
-}
-
-// Ends a service left by an earlier program, so that this one starts with a service of its own.
-void EndService() {
-    const DWORD process = ServiceProcess();
-    HANDLE running = OpenProcess(SYNCHRONIZE, FALSE, process);
-    Control(L"Exit");
-    if (running != nullptr) {
-        EXPECT_EQ(WaitForSingleObject(running, 10000), WAIT_OBJECT_0) << "the service ends when asked";
-        CloseHandle(running);
-    }
-}
-
-class SharedService : public testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
-        Register(L"dorwex_wpd_provider.dll");
-        Register(L"dorwex_wpd_emulator.dll");
-        Register(L"dorwex_wmi_emulator.dll");
-        EndService();
-        s_emulator = new WpdEmulator();
-        s_emulator->Attach(PhoneSpec(kPhone, "SAMSUNG Electronics Co., Ltd.", "SH1"));
-        // The service's portable-device stack reads the same descriptions, before the provider starts.
-        Control(L"SetEnvironment", 0, L"DORWEX_WPD_DEVICES=" + s_emulator->Directory());
-        Control(L"DorwexEmulatorReset");
-    }
-    static void TearDownTestSuite() {
-        EndService();
-        delete s_emulator;
-        s_emulator = nullptr;
-    }
-    static WpdEmulator* s_emulator;
-};
-WpdEmulator* SharedService::s_emulator = nullptr;
-
-// The child client: subscribes, says so, counts events.
-int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected) {
-    SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
     auto services = Connect();
     ComPtr<IEnumWbemClassObject> events;
     if (!services || FAILED(services->ExecNotificationQuery(
@@ -104,13 +27,10 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
                          WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY, nullptr, &events))) {
         return 2;
     }
-    HANDLE readyEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready);
-    SetEvent(readyEvent);
-    CloseHandle(readyEvent);
+    arguments.SignalReady();
     // A write token of this process's own, asked for while the other client holds one.
-    const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring token = RequestWriteToken();
+    const long expected = _wtol(arguments.rest[1].c_str());
     long added = 0;
     for (long received = 0; received < expected;) {
         auto event = NextEvent(events.Get(), 20000);
@@ -120,11 +40,57 @@ int RunSubscriber(const wchar_t* resultFile, const wchar_t* ready, long expected
         ++received;
         added += Text(event.Get(), L"strEventId") == L"WPD_EVENT_OBJECT_ADDED" ? 1 : 0;
     }
-    const std::wstring file(resultFile);
+    const std::wstring& file = arguments.rest[0];
     std::ofstream(std::string(file.begin(), file.end()))
         << added << " " << ServiceProcess() << " " << std::string(token.begin(), token.end()) << "\n";
     return 0;
 }
+
+// Takes a write token, says it is ready, waits for the named event GO, then COUNT times copies a file of its
+// own onto the phone, lists the folder and copies the file back, and writes how many rounds gave back the
+// bytes it wrote to the file RESULT.
+int RunCopier(const ChildArguments& arguments) {
+    if (arguments.rest.size() != 3) {
+        return 2;
+    }
+    const LONG self = static_cast<LONG>(GetCurrentProcessId());
+    const std::wstring token = RequestWriteToken();
+    HANDLE go = OpenEventW(SYNCHRONIZE, FALSE, arguments.rest[2].c_str());
+    arguments.SignalReady();
+    if (go == nullptr || WaitForSingleObject(go, 30000) != WAIT_OBJECT_0) {
+        return 2;
+    }
+    CloseHandle(go);
+    const long rounds = _wtol(arguments.rest[1].c_str());
+    long good = 0;
+    for (long i = 0; i < rounds; ++i) {
+        const std::wstring name = L"c" + std::to_wstring(self) + L"-" + std::to_wstring(i) + L".jpg";
+        const std::wstring back = ProgramDirectory() + L"\\back-" + name;
+        const bool copied = Upload(name, token, self).returnValue == L"1";
+        const std::wstring listing =
+            L"~" + CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone")},
+                                                      {L"strObjectDeviceId", _variant_t(SharedPhoneId())},
+                                                      {L"uint32ContentType", _variant_t(2L, VT_I4)}},
+                              self)
+                       .returnValue;
+        const bool listed = listing.find(L"~" + Stored(name) + L"@") != std::wstring::npos;
+        const bool fetched =
+            CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + Stored(name)).c_str())},
+                                               {L"strLocalFileName", _variant_t(back.c_str())},
+                                               {L"strObjectDeviceId", _variant_t(SharedPhoneId())}},
+                       self)
+                .returnValue == L"1";
+        std::string bytes;
+        std::ifstream(std::string(back.begin(), back.end())) >> bytes;
+        DeleteFileW(back.c_str());
+        good += copied && listed && fetched && bytes == std::string(name.begin(), name.end()) ? 1 : 0;
+    }
+    const std::wstring& file = arguments.rest[0];
+    std::ofstream(std::string(file.begin(), file.end())) << good << "\n";
+    return 0;
+}
+
+namespace {
 
 struct ChildResult {
     long added = -1;
@@ -135,46 +101,15 @@ struct ChildResult {
 // Starts this program as a subscriber and returns once it has subscribed; Finish waits for its result.
 class Subscriber {
 public:
-    explicit Subscriber(long expected, const wchar_t* mode = L"--subscriber", const std::wstring& extra = L"") {
-        wchar_t program[MAX_PATH] = {};
-        GetModuleFileNameW(nullptr, program, MAX_PATH);
-        static long s_children = 0;
-        const std::wstring tag = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++s_children);
-        m_result = ProgramDirectory() + L"\\child-" + tag + L".txt";
-        const std::wstring readyName = L"dorwex-child-ready-" + tag;
-        HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, readyName.c_str());
-        std::wstring command = L"\"" + std::wstring(program) + L"\" " + mode + L" \"" + m_result + L"\" " + readyName +
-                               L" " + std::to_wstring(expected) + (extra.empty() ? L"" : L" " + extra);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                           &m_process)) {
-            CloseHandle(m_process.hThread);
-            HANDLE waits[] = {ready, m_process.hProcess};
-            m_subscribed = WaitForMultipleObjects(2, waits, FALSE, 30000) == WAIT_OBJECT_0;
-        }
-        CloseHandle(ready);
-    }
-    ~Subscriber() {
-        if (m_process.hProcess != nullptr) {
-            TerminateProcess(m_process.hProcess, 1);
-            CloseHandle(m_process.hProcess);
-        }
-        DeleteFileW(m_result.c_str());
-    }
-    bool Subscribed() const { return m_subscribed; }
-    DWORD ProcessId() const { return m_process.dwProcessId; }
-    // What a copier child wrote: how many of its rounds succeeded; -1 when it did not finish.
-    long FinishCopies() {
-        long copied = -1;
-        if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 120000) == WAIT_OBJECT_0) {
-            std::ifstream(std::string(m_result.begin(), m_result.end())) >> copied;
-        }
-        return copied;
-    }
+    explicit Subscriber(long expected)
+        : m_result(ProgramDirectory() + L"\\subscriber-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                   std::to_wstring(GetTickCount64()) + L".txt"),
+          m_process(L"--subscriber", {m_result, std::to_wstring(expected)}) {}
+    ~Subscriber() { DeleteFileW(m_result.c_str()); }
+    bool Subscribed() const { return m_process.Ready(); }
     ChildResult Finish() {
         ChildResult result;
-        if (m_process.hProcess != nullptr && WaitForSingleObject(m_process.hProcess, 60000) == WAIT_OBJECT_0) {
+        if (m_process.Ended(60000)) {
             std::string token;
             std::ifstream(std::string(m_result.begin(), m_result.end())) >> result.added >> result.serviceProcess >>
                 token;
@@ -184,72 +119,9 @@ public:
     }
 
 private:
-    PROCESS_INFORMATION m_process = {};
     std::wstring m_result;
-    bool m_subscribed = false;
+    ClientProcess m_process;
 };
-
-// The name a copy onto the device gets: the local file's, which Upload makes from the name it is given.
-std::wstring Stored(const std::wstring& name) {
-    return L"shared-" + name;
-}
-
-Outcome Upload(const std::wstring& name, const std::wstring& token, LONG client) {
-    const std::wstring local = ProgramDirectory() + L"\\" + Stored(name);
-    std::ofstream(std::string(local.begin(), local.end())) << std::string(name.begin(), name.end());
-    const Outcome outcome =
-        CallMethod(L"CopyFileToDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + name).c_str())},
-                                         {L"strFileToCopy", _variant_t(local.c_str())},
-                                         {L"strWriteToken", _variant_t(token.c_str())},
-                                         {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())}},
-                   client);
-    DeleteFileW(local.c_str());
-    return outcome;
-}
-
-// The copier child: takes a write token, says it is ready, waits for the go, then COUNT times copies a file
-// of its own onto the phone, lists the folder and copies the file back, and writes how many rounds gave
-// back the bytes it wrote to the file RESULT.
-int RunCopier(const wchar_t* resultFile, const wchar_t* ready, long rounds, const wchar_t* go) {
-    SetEnvironmentVariableW(L"DORWEX_WMI_SERVICE", L"shared");
-    const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
-    HANDLE goEvent = OpenEventW(SYNCHRONIZE, FALSE, go);
-    HANDLE readyEvent = OpenEventW(EVENT_MODIFY_STATE, FALSE, ready);
-    SetEvent(readyEvent);
-    CloseHandle(readyEvent);
-    if (goEvent == nullptr || WaitForSingleObject(goEvent, 30000) != WAIT_OBJECT_0) {
-        return 2;
-    }
-    CloseHandle(goEvent);
-    long good = 0;
-    for (long i = 0; i < rounds; ++i) {
-        const std::wstring name = L"c" + std::to_wstring(self) + L"-" + std::to_wstring(i) + L".jpg";
-        const std::wstring back = ProgramDirectory() + L"\\back-" + name;
-        const bool copied = Upload(name, token, self).returnValue == L"1";
-        const std::wstring listing =
-            L"~" + CallMethod(L"EnumerateDevicePath", {{L"strObjectStoragePath", _variant_t(L"Phone")},
-                                                      {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())},
-                                                      {L"uint32ContentType", _variant_t(2L, VT_I4)}},
-                              self)
-                       .returnValue;
-        const bool listed = listing.find(L"~" + Stored(name) + L"@") != std::wstring::npos;
-        const Outcome fetch =
-            CallMethod(L"CopyFileFromDevice", {{L"strObjectStoragePath", _variant_t((L"Phone\\" + Stored(name)).c_str())},
-                                               {L"strLocalFileName", _variant_t(back.c_str())},
-                                               {L"strObjectDeviceId", _variant_t(Wide(kPhone).c_str())}},
-                       self);
-        const bool fetched = fetch.returnValue == L"1";
-        std::string bytes;
-        std::ifstream(std::string(back.begin(), back.end())) >> bytes;
-        DeleteFileW(back.c_str());
-        good += copied && listed && fetched && bytes == std::string(name.begin(), name.end()) ? 1 : 0;
-    }
-    const std::wstring file(resultFile);
-    std::ofstream(std::string(file.begin(), file.end())) << good << "\n";
-    return 0;
-}
 
 // One service process serves this client and another, and the provider runs in a host process of its own:
 // in none of the clients' processes and not in the service's.
@@ -258,7 +130,7 @@ TEST_F(SharedService, TheProviderRunsInAHostOfItsOwnForEveryClient) {
     ASSERT_TRUE(services);
     auto devices = Query(services.Get(), L"SELECT * FROM Win32ext_WPD");
     ASSERT_EQ(devices.size(), 1u);
-    EXPECT_EQ(Text(devices[0].Get(), L"strFriendlyName"), L"Phone of " + Wide(kPhone));
+    EXPECT_EQ(Text(devices[0].Get(), L"strFriendlyName"), L"Phone of " + std::wstring(SharedPhoneId()));
     const DWORD service = ServiceProcess();
     const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
     EXPECT_NE(service, 0u);
@@ -268,12 +140,14 @@ TEST_F(SharedService, TheProviderRunsInAHostOfItsOwnForEveryClient) {
     EXPECT_NE(host, GetCurrentProcessId()) << "the provider is not in the client's process";
     EXPECT_EQ(Control(L"DorwexWmiProviderLoaded"), 1);
 
+    const LONG subscriptions = Control(L"DorwexWmiSubscriptions");
     Subscriber other(0);
     ASSERT_TRUE(other.Subscribed());
-    EXPECT_NE(host, other.ProcessId());
     const ChildResult child = other.Finish();
     EXPECT_EQ(child.serviceProcess, service) << "the other client reaches the same service";
     EXPECT_EQ(static_cast<DWORD>(Control(L"ProviderHostProcessId")), host) << "and the same provider host";
+    EXPECT_EQ(Control(L"DorwexWmiSubscriptions"), subscriptions)
+        << "the other client released its event query's enumerator when it ended, which cancels the query";
 }
 
 // Events from content one client puts on the device reach a subscriber in another process, and each
@@ -287,8 +161,7 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     ASSERT_EQ(Control(L"DorwexWmiSubscriptions"), subscriptions + 1);
 
     const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring token = RequestWriteToken();
     ASSERT_FALSE(token.empty());
     for (long i = 0; i < kCopies; ++i) {
         EXPECT_EQ(Upload(L"photo" + std::to_wstring(i) + L".jpg", token, self).returnValue, L"1");
@@ -300,11 +173,58 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     EXPECT_NE(result.token, token);
     const Outcome foreign = Upload(L"foreign.jpg", result.token, self);
     EXPECT_EQ(foreign.status, E_FAIL) << "the other process's token is not this one's";
-    const std::wstring storage = s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0);
-    EXPECT_EQ(GetFileAttributesW((storage + L"\\" + Stored(L"foreign.jpg")).c_str()), INVALID_FILE_ATTRIBUTES);
-    EXPECT_NE(GetFileAttributesW((storage + L"\\" + Stored(L"photo0.jpg")).c_str()), INVALID_FILE_ATTRIBUTES)
+    EXPECT_EQ(GetFileAttributesW((PhoneStorage() + L"\\" + Stored(L"foreign.jpg")).c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_NE(GetFileAttributesW((PhoneStorage() + L"\\" + Stored(L"photo0.jpg")).c_str()), INVALID_FILE_ATTRIBUTES)
         << "where the refused copy would have gone, the accepted ones went";
     EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
+}
+
+// Four client processes call the one provider on one device at the same moment, each copying its own
+// files on and off the phone and listing the folder: every call answers for its own caller, every file on
+// the device holds the bytes its client wrote, and the host stays up.
+TEST_F(SharedService, FourClientProcessesCallOneDeviceAtOnce) {
+    constexpr long kRounds = 4;
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    ASSERT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u);
+    const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
+    const std::wstring goName = L"dorwex-copiers-go-" + std::to_wstring(GetCurrentProcessId());
+    HANDLE go = CreateEventW(nullptr, TRUE, FALSE, goName.c_str());
+    std::vector<std::wstring> results;
+    std::vector<std::unique_ptr<ClientProcess>> copiers;
+    for (int i = 0; i < 4; ++i) {
+        results.push_back(ProgramDirectory() + L"\\copier-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+                          std::to_wstring(i) + L".txt");
+        copiers.push_back(std::make_unique<ClientProcess>(
+            L"--copier", std::vector<std::wstring>{results.back(), std::to_wstring(kRounds), goName}));
+        ASSERT_TRUE(copiers.back()->Ready());
+    }
+    SetEvent(go);
+    for (size_t i = 0; i < copiers.size(); ++i) {
+        long good = -1;
+        if (copiers[i]->Ended(120000)) {
+            std::ifstream(std::string(results[i].begin(), results[i].end())) >> good;
+        }
+        DeleteFileW(results[i].c_str());
+        EXPECT_EQ(good, kRounds) << "copier " << i;
+    }
+    CloseHandle(go);
+    size_t stored = 0;
+    WIN32_FIND_DATAW found;
+    HANDLE search = FindFirstFileW((PhoneStorage() + L"\\shared-c*.jpg").c_str(), &found);
+    for (bool more = search != INVALID_HANDLE_VALUE; more; more = FindNextFileW(search, &found)) {
+        const std::wstring path = PhoneStorage() + L"\\" + found.cFileName;
+        std::string bytes;
+        std::ifstream(std::string(path.begin(), path.end())) >> bytes;
+        const std::wstring name(found.cFileName + Stored(L"").size());
+        EXPECT_EQ(bytes, std::string(name.begin(), name.end())) << "the device's copy holds its client's bytes";
+        ++stored;
+    }
+    if (search != INVALID_HANDLE_VALUE) {
+        FindClose(search);
+    }
+    EXPECT_EQ(stored, 4u * kRounds);
+    EXPECT_EQ(static_cast<DWORD>(Control(L"ProviderHostProcessId")), host) << "the host stayed up";
 }
 
 // A provider host that dies is replaced by a new one at the next request, as WMI starts its host again: the
@@ -328,58 +248,10 @@ TEST_F(SharedService, AKilledProviderHostIsStartedAgainWithItsConsumers) {
     EXPECT_NE(restarted, host);
 
     const LONG self = static_cast<LONG>(GetCurrentProcessId());
-    const std::wstring token =
-        CallMethod(L"RequestWriteToken", {{L"uint32ProcessId", _variant_t(self, VT_I4)}}, self).returnValue;
+    const std::wstring token = RequestWriteToken();
     ASSERT_FALSE(token.empty());
     EXPECT_EQ(Upload(L"after-restart.jpg", token, self).returnValue, L"1");
     EXPECT_EQ(subscriber.Finish().added, 1) << "the consumer subscribed before the host died gets the new host's events";
 }
 
-// Four client processes call the one provider on one device at the same moment, each copying its own
-// files on and off the phone and listing the folder: every call answers for its own caller, every file on
-// the device holds the bytes its client wrote, and the host stays up.
-TEST_F(SharedService, FourClientProcessesCallOneDeviceAtOnce) {
-    constexpr long kRounds = 4;
-    auto services = Connect();
-    ASSERT_TRUE(services);
-    ASSERT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), 1u);
-    const DWORD host = static_cast<DWORD>(Control(L"ProviderHostProcessId"));
-    const std::wstring goName = L"dorwex-copiers-go-" + std::to_wstring(GetCurrentProcessId());
-    HANDLE go = CreateEventW(nullptr, TRUE, FALSE, goName.c_str());
-    std::vector<std::unique_ptr<Subscriber>> copiers;
-    for (int i = 0; i < 4; ++i) {
-        copiers.push_back(std::make_unique<Subscriber>(kRounds, L"--copier", goName));
-        ASSERT_TRUE(copiers.back()->Subscribed());
-    }
-    SetEvent(go);
-    const std::wstring storage = s_emulator->StorageDirectory(PhoneSpec(kPhone, "", "SH1"), 0);
-    for (auto& copier : copiers) {
-        EXPECT_EQ(copier->FinishCopies(), kRounds) << "copier " << copier->ProcessId();
-        for (long i = 0; i < kRounds; ++i) {
-            const std::wstring name = L"c" + std::to_wstring(copier->ProcessId()) + L"-" + std::to_wstring(i) + L".jpg";
-            std::string bytes;
-            const std::wstring stored = storage + L"\\" + Stored(name);
-            std::ifstream(std::string(stored.begin(), stored.end())) >> bytes;
-            EXPECT_EQ(bytes, std::string(name.begin(), name.end())) << "the device's copy holds its client's bytes";
-        }
-    }
-    CloseHandle(go);
-    EXPECT_EQ(static_cast<DWORD>(Control(L"ProviderHostProcessId")), host) << "the host stayed up";
-}
-
 }  // namespace
-
-int wmain(int argc, wchar_t** argv) {
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    int result = 0;
-    if (argc == 5 && lstrcmpW(argv[1], L"--subscriber") == 0) {
-        result = RunSubscriber(argv[2], argv[3], _wtol(argv[4]));
-    } else if (argc == 6 && lstrcmpW(argv[1], L"--copier") == 0) {
-        result = RunCopier(argv[2], argv[3], _wtol(argv[4]), argv[5]);
-    } else {
-        testing::InitGoogleTest(&argc, argv);
-        result = RUN_ALL_TESTS();
-    }
-    CoUninitialize();
-    return result;
-}
