@@ -50,7 +50,9 @@ HRESULT StartHostProcess(IDorwexProviderHost** host_out, HANDLE* process_out) {
         return HRESULT_FROM_WIN32(GetLastError());
     }
     SetHandleInformation(reader, HANDLE_FLAG_INHERIT, 0);
+    // The host ends with the service whose process id it is given.
     std::wstring command = L"\"" + ThisModuleDirectory() + L"dorwex_provider_host.exe\" " +
+                           std::to_wstring(GetCurrentProcessId()) + L" " +
                            std::to_wstring(reinterpret_cast<ULONG_PTR>(writer));
     // Only the pipe's end is handed to the host.
     SIZE_T size = 0;
@@ -155,6 +157,10 @@ bool ProviderHosting::Separate() {
     return m_separate;
 }
 
+bool ProviderHosting::HostRunningLocked() {
+    return WaitForSingleObject(m_process, 0) == WAIT_TIMEOUT;
+}
+
 void ProviderHosting::DropHostLocked() {
     if (m_wait != nullptr) {
         UnregisterWaitEx(m_wait, nullptr);  // a callback running now only tells the namespace
@@ -168,13 +174,12 @@ void ProviderHosting::DropHostLocked() {
         m_host->Release();
         m_host = nullptr;
     }
-    m_processId = 0;
 }
 
 HRESULT ProviderHosting::Host(bool start, IDorwexProviderHost** host_out, DWORD* generation_out) {
     *host_out = nullptr;
     std::lock_guard<std::mutex> guard(m_lock);
-    if (m_host != nullptr && WaitForSingleObject(m_process, 0) != WAIT_TIMEOUT) {
+    if (m_host != nullptr && !HostRunningLocked()) {
         DropHostLocked();  // the host died: the next one is a new generation
     }
     if (m_host == nullptr) {
@@ -183,24 +188,12 @@ HRESULT ProviderHosting::Host(bool start, IDorwexProviderHost** host_out, DWORD*
         }
         IDorwexProviderHost* host = nullptr;
         HANDLE process = nullptr;
-        HRESULT hr = StartHostProcess(&host, &process);
-        DWORD processId = 0;
-        if (SUCCEEDED(hr)) {
-            hr = host->Join(GetCurrentProcessId(), &processId);
-        }
+        const HRESULT hr = StartHostProcess(&host, &process);
         if (FAILED(hr)) {
-            if (host != nullptr) {
-                host->Release();
-            }
-            if (process != nullptr) {
-                TerminateProcess(process, 1);
-                CloseHandle(process);
-            }
             return hr;
         }
         m_host = host;
         m_process = process;
-        m_processId = processId;
         ++m_generation;
         RegisterWaitForSingleObject(&m_wait, m_process, HostProcessEnded, &m_hostEnded, INFINITE,
                                     WT_EXECUTEONLYONCE);
@@ -271,7 +264,7 @@ HRESULT ProviderHosting::Calls(IUnknown* provider, bool impersonate, IWbemServic
 bool ProviderHosting::Running(DWORD generation) {
     std::lock_guard<std::mutex> guard(m_lock);
     return !m_separate ||
-           (m_host != nullptr && generation == m_generation && WaitForSingleObject(m_process, 0) == WAIT_TIMEOUT);
+           (m_host != nullptr && generation == m_generation && HostRunningLocked());
 }
 
 bool ProviderHosting::ModuleMapped(const std::wstring& path) {
@@ -317,7 +310,7 @@ HRESULT ProviderHosting::Control(BSTR name, LONG first, LONG second, BSTR text, 
 
 DWORD ProviderHosting::HostProcessId() {
     std::lock_guard<std::mutex> guard(m_lock);
-    return m_host != nullptr && WaitForSingleObject(m_process, 0) == WAIT_TIMEOUT ? m_processId : 0;
+    return m_host != nullptr && HostRunningLocked() ? GetProcessId(m_process) : 0;
 }
 
 }  // namespace dorwex::emulator::wmi

@@ -50,6 +50,8 @@ private:
     // The running host (a reference for the caller), started when missing and start is true.
     HRESULT Host(bool start, IDorwexProviderHost** host_out, DWORD* generation_out);
     void DropHostLocked();
+    // Whether the process of the host held (m_host not null) has not ended.
+    bool HostRunningLocked();
     // A control of the running host, if one runs.
     HRESULT HostControl(const wchar_t* name, LONG first, const std::wstring& text, LONG* result_out);
 
@@ -59,7 +61,6 @@ private:
     IDorwexProviderHost* m_host = nullptr;
     HANDLE m_process = nullptr;
     HANDLE m_wait = nullptr;
-    DWORD m_processId = 0;
     DWORD m_generation = 0;
 };
 

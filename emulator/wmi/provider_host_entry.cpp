@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cwchar>
 #include <iterator>
+#include <string>
 
 #include "client_context.h"
 #include "controls.h"
@@ -56,21 +57,6 @@ public:
         }
     }
 
-    HRESULT STDMETHODCALLTYPE Join(DWORD dwServiceProcessId, DWORD* pdwHostProcessId) override {
-        if (pdwHostProcessId == nullptr) {
-            return E_POINTER;
-        }
-        *pdwHostProcessId = GetCurrentProcessId();
-        if (g_serviceProcess == nullptr) {
-            g_serviceProcess = OpenProcess(SYNCHRONIZE, FALSE, dwServiceProcessId);
-            if (g_serviceProcess == nullptr ||
-                !RegisterWaitForSingleObject(&g_serviceWait, g_serviceProcess, ServiceEnded, nullptr, INFINITE,
-                                             WT_EXECUTEONLYONCE)) {
-                return HRESULT_FROM_WIN32(GetLastError());
-            }
-        }
-        return S_OK;
-    }
     HRESULT STDMETHODCALLTYPE CreateProvider(const GUID* pClsid, IUnknown** ppProvider, BSTR* pstrModule) override {
         if (pClsid == nullptr || ppProvider == nullptr || pstrModule == nullptr) {
             return E_POINTER;
@@ -159,21 +145,40 @@ HRESULT HandHostToService(HANDLE pipe) {
 
 }  // namespace dorwex::emulator::wmi
 
-// Runs in the provider host process: hands itself to the service that started it (the pipe's handle is
-// the last word of the command line) and serves it until it lets go of the host or ends.
+// Runs in the provider host process: hands itself to the service that started it and serves it until the
+// service lets go of the host or ends. The command line's last two words are the service's process id and
+// the pipe's handle.
 extern "C" HRESULT WINAPI DorwexWmiHostProviders() {
     using namespace dorwex::emulator::wmi;
     g_hostExit = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    const wchar_t* command = GetCommandLineW();
-    const wchar_t* last = wcsrchr(command, L' ');
-    wchar_t* end = nullptr;
-    const ULONG_PTR value = last != nullptr ? wcstoull(last + 1, &end, 10) : 0;
-    if (value == 0 || end == nullptr || *end != L'\0') {
+    // The command line ends "... SERVICE PIPE".
+    const std::wstring command = GetCommandLineW();
+    const size_t pipeAt = command.find_last_of(L' ');
+    const size_t serviceAt = pipeAt == std::wstring::npos || pipeAt == 0 ? std::wstring::npos
+                                                                         : command.find_last_of(L' ', pipeAt - 1);
+    const auto number = [](const wchar_t* text, ULONG_PTR& value_out) {
+        wchar_t* end = nullptr;
+        value_out = wcstoull(text, &end, 10);
+        return value_out != 0 && end != text && (*end == L'\0' || *end == L' ');
+    };
+    ULONG_PTR service = 0;
+    ULONG_PTR pipe = 0;
+    if (serviceAt == std::wstring::npos || !number(command.c_str() + serviceAt + 1, service) ||
+        !number(command.c_str() + pipeAt + 1, pipe)) {
         return E_INVALIDARG;
     }
-    HANDLE pipe = reinterpret_cast<HANDLE>(value);
-    const HRESULT hr = HandHostToService(pipe);
-    CloseHandle(pipe);
+    HANDLE pipeHandle = reinterpret_cast<HANDLE>(pipe);
+    // The host ends with its service.
+    g_serviceProcess = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(service));
+    HRESULT hr = g_serviceProcess != nullptr &&
+                         RegisterWaitForSingleObject(&g_serviceWait, g_serviceProcess, ServiceEnded, nullptr,
+                                                     INFINITE, WT_EXECUTEONLYONCE)
+                     ? S_OK
+                     : HRESULT_FROM_WIN32(GetLastError());
+    if (SUCCEEDED(hr)) {
+        hr = HandHostToService(pipeHandle);
+    }
+    CloseHandle(pipeHandle);
     if (SUCCEEDED(hr)) {
         WaitForSingleObject(g_hostExit, INFINITE);
     }
