@@ -4,6 +4,7 @@ LONG g_longOSVersionCode = 0;
 volatile LONG g_longShuttingDown = 0;
 volatile LONG g_longWPDEventsThreadIsRunning = 0;
 volatile LONG g_longModuleThreadsRunning = 0;
+volatile LONG g_longModuleCallbacksAlive = 0;
 
 HMODULE ThisModule() {
     HMODULE l_HMODULE = nullptr;

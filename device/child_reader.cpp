@@ -7,6 +7,7 @@
 #include <new>
 
 #include "../common/com_memory.h"
+#include "../common/module_state.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -125,6 +126,7 @@ private:
     Event m_Ended{TRUE};
     Event m_Progress{FALSE};
     std::atomic<HRESULT> m_HRESULTStatus{E_PENDING};
+    ModuleCallbackCount m_Counted;
 };
 
 // Hands each key and value of a bulk result to take_in, with what find_in gives for the object id it

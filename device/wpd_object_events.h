@@ -6,6 +6,7 @@
 #include <atomic>
 #include <memory>
 
+#include "../common/module_state.h"
 #include "portable_device_api.h"
 
 class CDorWEXWPDObject;
@@ -33,4 +34,5 @@ private:
     IDorWEXDeviceHost* m_pHost;
     std::weak_ptr<CDorWEXWPDObject> m_pDevice;  // the device may go while an event is still on its way
     LPWSTR m_pwcharCookie = nullptr;
+    ModuleCallbackCount m_Counted;
 };

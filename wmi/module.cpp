@@ -151,7 +151,7 @@ STDAPI DllCanUnloadNow() {
     const LONG l_longLocks = g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass;
     const LONG l_longWorker = g_longWPDEventsThreadIsRunning;
     const bool l_boolCanUnload = l_longInstances == 0 && l_longLocks == 0 && l_longWorker == 0 && l_boolNoCore &&
-                                 g_longModuleThreadsRunning == 0;
+                                 g_longModuleThreadsRunning == 0 && g_longModuleCallbacksAlive == 0;
     Trace(L"dorWEXWPD DllMain, DllCanUnloadNow:g_longInstanceCountOfDorWEXWMIWPDClass=%ld,"
           L"g_longInstanceCountOfDorWEXWPDWMIClassFactoryClass=%ld,g_longWPDEventsThreadIsRunning=%ld,"
           L"CanUnloadNow=%s",

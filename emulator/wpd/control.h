@@ -18,6 +18,9 @@ typedef HRESULT(WINAPI* DorwexEmulatorRemoveDeviceFunction)(LPCWSTR deviceId);
 typedef HRESULT(WINAPI* DorwexEmulatorRaiseEventFunction)(LPCWSTR deviceId, const GUID* eventId, LPCWSTR objectId);
 // Waits until every raised event has been delivered and every started bulk property operation has ended.
 typedef BOOL(WINAPI* DorwexEmulatorWaitForEventsFunction)(DWORD milliseconds);
+// Pool threads wait this long between their last call into a callback (OnEvent, OnEnd) and its release,
+// as a runtime thread that loses the processor there does; 0 releases at once.
+typedef void(WINAPI* DorwexEmulatorSetCallbackHoldFunction)(DWORD milliseconds);
 // How often a call was made on a device (names as in the [fault] section: "Open", "GetFunctionalObjects").
 typedef ULONG(WINAPI* DorwexEmulatorCallCountFunction)(LPCWSTR deviceId, LPCSTR call);
 // Requests that reached a device (each one answered after the device's latency_us); with reset set the

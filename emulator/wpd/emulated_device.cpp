@@ -74,6 +74,7 @@ void CALLBACK DeliverEvent(PTP_CALLBACK_INSTANCE, void* context) {
     auto* delivery = static_cast<EventDelivery*>(context);
     const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     delivery->callback->OnEvent(delivery->parameters);
+    EmulatorState::Get().HoldCallback();
     delivery->callback->Release();
     delivery->parameters->Release();
     if (SUCCEEDED(init)) {

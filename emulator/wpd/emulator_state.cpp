@@ -112,4 +112,20 @@ bool EmulatorState::WaitForEvents(DWORD milliseconds) {
     return WaitForSingleObject(m_eventsIdle, milliseconds) == WAIT_OBJECT_0;
 }
 
+void EmulatorState::SetCallbackHold(DWORD milliseconds) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_callbackHold = milliseconds;
+}
+
+void EmulatorState::HoldCallback() {
+    DWORD hold;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        hold = m_callbackHold;
+    }
+    if (hold != 0) {
+        Sleep(hold);
+    }
+}
+
 }  // namespace dorwex::emulator

@@ -32,12 +32,18 @@ public:
     void EventDelivered();
     bool WaitForEvents(DWORD milliseconds);
 
+    // A runtime thread may lose the processor between its last call into a client's callback and its
+    // release of it. Tests stretch that moment: pool threads wait this long before the release.
+    void SetCallbackHold(DWORD milliseconds);
+    void HoldCallback();
+
 private:
     EmulatorState();
     std::mutex m_lock;
     std::map<std::wstring, std::shared_ptr<EmulatedDevice>> m_devices;  // upper-case id -> device
     std::vector<std::wstring> m_errors;
     long m_pendingEvents = 0;
+    DWORD m_callbackHold = 0;
     HANDLE m_eventsIdle;
 };
 

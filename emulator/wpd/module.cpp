@@ -154,6 +154,10 @@ extern "C" BOOL WINAPI DorwexEmulatorWaitForEvents(DWORD milliseconds) {
     return EmulatorState::Get().WaitForEvents(milliseconds) ? TRUE : FALSE;
 }
 
+extern "C" void WINAPI DorwexEmulatorSetCallbackHold(DWORD milliseconds) {
+    EmulatorState::Get().SetCallbackHold(milliseconds);
+}
+
 extern "C" ULONG WINAPI DorwexEmulatorCallCount(LPCWSTR deviceId, LPCSTR call) {
     const auto device = Device(deviceId);
     return device && call != nullptr ? device->CallCount(call) : 0;

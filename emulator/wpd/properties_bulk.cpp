@@ -205,6 +205,7 @@ void CALLBACK RunOnPool(PTP_CALLBACK_INSTANCE, void* context) {
     auto* operation = static_cast<std::shared_ptr<BulkPropertyReads::Operation>*>(context);
     const HRESULT init = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     Run(**operation);
+    EmulatorState::Get().HoldCallback();
     (*operation)->callback->Release();  // the caller's callback is not kept past OnEnd
     (*operation)->callback = nullptr;
     (*operation)->finished = true;

@@ -45,6 +45,7 @@ WpdEmulator::WpdEmulator() {
     RemoveDevice = Resolve<DorwexEmulatorRemoveDeviceFunction>(m_module, "DorwexEmulatorRemoveDevice");
     RaiseEvent = Resolve<DorwexEmulatorRaiseEventFunction>(m_module, "DorwexEmulatorRaiseEvent");
     WaitForEvents = Resolve<DorwexEmulatorWaitForEventsFunction>(m_module, "DorwexEmulatorWaitForEvents");
+    SetCallbackHold = Resolve<DorwexEmulatorSetCallbackHoldFunction>(m_module, "DorwexEmulatorSetCallbackHold");
     CallCount = Resolve<DorwexEmulatorCallCountFunction>(m_module, "DorwexEmulatorCallCount");
     Requests = Resolve<DorwexEmulatorRequestsFunction>(m_module, "DorwexEmulatorRequests");
     OpenSessions = Resolve<DorwexEmulatorOpenSessionsFunction>(m_module, "DorwexEmulatorOpenSessions");

@@ -52,6 +52,7 @@ public:
     DorwexEmulatorRemoveDeviceFunction RemoveDevice = nullptr;
     DorwexEmulatorRaiseEventFunction RaiseEvent = nullptr;
     DorwexEmulatorWaitForEventsFunction WaitForEvents = nullptr;
+    DorwexEmulatorSetCallbackHoldFunction SetCallbackHold = nullptr;
     DorwexEmulatorCallCountFunction CallCount = nullptr;
     DorwexEmulatorRequestsFunction Requests = nullptr;
     DorwexEmulatorOpenSessionsFunction OpenSessions = nullptr;

@@ -257,12 +257,48 @@ TEST(ProviderLifetime, UnloadFreesTheDllAndAMethodCallLoadsItAgain) {
     EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD WHERE strSerialNumber = 'LIFE1'").size(), 1u);
 }
 
+// The runtime calls the provider's callbacks on its own threads and releases them after their last call, at
+// a moment of its choosing. A DLL freed in between would be entered again for that release. The unload
+// comes while a pool thread still holds a callback: the DLL must stay until the release has been made.
+TEST(ProviderLifetime, ACallbackTheRuntimeStillHoldsKeepsTheDllMapped) {
+    struct Case {
+        const char* name;
+        bool subscribed;  // an event callback delivering; else a listing's bulk callback after its end
+    };
+    const Case cases[] = {{"event callback after OnEvent", true}, {"bulk callback after OnEnd", false}};
+    auto services = Connect();
+    ASSERT_TRUE(services);
+    const Controls controls;
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.name);
+        ComPtr<IEnumWbemClassObject> events;
+        if (each.subscribed) {
+            events = Subscribe(services.Get());
+            ASSERT_TRUE(events);
+        }
+        ASSERT_EQ(ListPhone().status, S_OK);
+        ASSERT_TRUE(g_emulator->WaitForEvents(10000));
+        g_emulator->SetCallbackHold(2000);
+        if (each.subscribed) {
+            WriteThroughTheDeviceApi(L"held.jpg");
+            EXPECT_EQ(NextEventName(events.Get()), L"held.jpg");
+            events.Reset();
+        } else {
+            ASSERT_EQ(ListPhone().status, S_OK);
+        }
+        UnloadAndExpectTheDllFreed(controls);
+        g_emulator->SetCallbackHold(0);
+        EXPECT_TRUE(g_emulator->WaitForEvents(10000));
+    }
+}
+
 TEST(ProviderLifetime, ASubscriptionMadeBeforeTheUnloadReceivesEventsAfterTheReload) {
     auto services = Connect();
     ASSERT_TRUE(services);
     const Controls controls;
     auto events = Subscribe(services.Get());
     ASSERT_TRUE(events);
+    ASSERT_EQ(ListPhone().status, S_OK);  // the phone is watched once the provider has published it
     WriteThroughTheDeviceApi(L"one.jpg");
     ASSERT_EQ(NextEventName(events.Get()), L"one.jpg");
 
