@@ -38,6 +38,14 @@ up)
         setsid "$wineserver" -p </dev/null >>"$log" 2>&1 || true
         touch "$prefix/.dorwex-ready"
     fi
+    if [ ! -f "$prefix/.dorwex-no-debugger" ]; then
+        # A crash ends its process at once, with Wine's "Unhandled ..." line: the debugger Wine starts by
+        # default waits for ever in a test run, and the crash became a timeout minutes later. A debugger
+        # that cannot be started makes Wine end the process instead.
+        "$wine" reg add 'HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug' /v Debugger \
+            /d 'dorwex-no-debugger.exe %ld %ld' /f </dev/null >>"$log" 2>&1
+        touch "$prefix/.dorwex-no-debugger"
+    fi
     # Touch the prefix once so its services are up before the first test starts.
     "$wine" cmd /c exit 0 </dev/null >>"$log" 2>&1
     echo "wine prefix ready: $prefix"
