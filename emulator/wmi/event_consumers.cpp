@@ -7,10 +7,9 @@
 #include <objbase.h>
 
 #include <algorithm>
-#include <exception>
 #include <iterator>
-#include <thread>
 
+#include "emulator/common/detached_thread.h"
 #include "namespace.h"
 
 namespace dorwex::emulator::wmi {
@@ -93,20 +92,19 @@ void Namespace::CancelFailedConsumer(IWbemObjectSink* sink, HRESULT failure) {
         return;  // cancelled already, or on its way
     }
     sink->AddRef();
-    try {
-        std::thread([this, sink, failure] {
-            CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-            for (auto& subscription : RemoveSubscriptions(sink)) {
-                if (!ConsumerGone(failure)) {
-                    subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);
-                }
-                subscription.sink->Release();
+    const bool started = StartDetachedThread([this, sink, failure] {
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        for (auto& subscription : RemoveSubscriptions(sink)) {
+            if (!ConsumerGone(failure)) {
+                subscription.sink->SetStatus(WBEM_STATUS_COMPLETE, WBEM_E_CALL_CANCELLED, nullptr, nullptr);
             }
-            sink->Release();
-            m_serviceWake.notify_all();
-            CoUninitialize();
-        }).detach();
-    } catch (const std::exception&) {
+            subscription.sink->Release();
+        }
+        sink->Release();
+        m_serviceWake.notify_all();
+        CoUninitialize();
+    });
+    if (!started) {
         // No thread to be had: the next event that fails the sink tries again.
         mark(false);
         sink->Release();

@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "emulator/common/com_object.h"
+#include "emulator/common/detached_thread.h"
 #include "forwarding_services.h"
 #include "namespace.h"
 #include "provider_host.h"
@@ -259,7 +260,7 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_initializeCalls;
     }
-    std::thread([this, init, services, initSink] {
+    const bool started = StartDetachedThread([this, init, services, initSink] {
         const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         const DWORD started = GetTickCount();
         const HRESULT initialized =
@@ -278,7 +279,18 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         if (SUCCEEDED(apartment)) {
             CoUninitialize();
         }
-    }).detach();
+    });
+    if (!started) {
+        services->Release();
+        init->Release();
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            --m_initializeCalls;
+        }
+        m_initializeDone.notify_all();
+        initSink->Returned(E_OUTOFMEMORY);
+        initSink->Release();
+    }
     const bool settled = initSink->WaitSettled(initializeTimeout);
     HRESULT hr = settled && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
     if (FAILED(hr)) {
