@@ -4,6 +4,7 @@
 #include <usbioctl.h>
 
 #include <memory>
+#include <mutex>
 
 #include "../common/trace.h"
 #include "../common/error_text.h"
@@ -177,6 +178,11 @@ HRESULT CDorWEXWPDObjectInWin32::ProcessDeviceNotification(const wchar_t* pwchar
         return E_FAIL;
     }
     Trace(L"CDorWEXWPDObjectInWin32::ProcessDeviceNotification entered for %s\n", pwcharName_in);
+    // One walk of the tree at a time: devices present at the start open side by side, and Wine's SetupAPI
+    // grows a process-wide table of device nodes without a lock (a null read in its alloc_devnode when two
+    // walks ran at once). A walk takes milliseconds beside an open's half second.
+    static std::mutex s_mutexWalk;
+    std::lock_guard<std::mutex> l_guard(s_mutexWalk);
     m_wstringName = pwcharName_in;
     for (auto& l_NodeEntry : m_NodeEntries) {
         l_NodeEntry = NodeEntry{};

@@ -4,6 +4,7 @@
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <new>
 
 #include "../channels/companion_channels.h"
 #include "../common/com_memory.h"
@@ -170,6 +171,15 @@ DWORD WINAPI CDorWEXWMIWPDCore::StartupThread(LPVOID pCore_in) {
     return 0;
 }
 
+namespace {
+
+struct HandleCloser {
+    void operator()(HANDLE hHandle_in) const { CloseHandle(hHandle_in); }
+};
+using ThreadHandle = std::unique_ptr<void, HandleCloser>;
+
+}  // namespace
+
 void CDorWEXWMIWPDCore::AddAttachedDevices() {
     ComPtr<IPortableDeviceManager> l_pManager;
     if (FAILED(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&l_pManager)))) {
@@ -186,13 +196,62 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
     if (FAILED(l_pManager->GetDevices(l_pIds.get(), &l_dwordCount))) {
         return;
     }
+    try {
+        m_StartupIds.assign(l_pIds.get(), l_pIds.get() + l_dwordCount);
+    } catch (const std::bad_alloc&) {
+        m_StartupIds.clear();
+    }
     for (DWORD l_dwordIndex = 0; l_dwordIndex < l_dwordCount; ++l_dwordIndex) {
-        if (m_longStopStartup == 0 && !m_pCollection->FindWPDObjectById(l_pIds[l_dwordIndex])) {
-            m_pCollection->AddWPD(l_pIds[l_dwordIndex]);
-        }
         CoTaskMemFree(l_pIds[l_dwordIndex]);
     }
+    // Opening a phone is an MTP session that may take a second: the devices open side by side, so that a
+    // cart of phones is published in the time of one. Each opener is a thread of the module and ends
+    // before this thread does, which the core's stop waits for: none outlives the core or the module.
+    // A thread that cannot be had leaves its devices to those there are, this one included.
+    std::vector<ThreadHandle> l_Openers;
+    try {
+        l_Openers.reserve(kMostOpeningAtOnce);
+    } catch (const std::bad_alloc&) {
+        // no room to keep a thread's handle: this thread opens them all
+    }
+    // This thread is one of the openers: the others are one fewer than the devices, at most.
+    const size_t l_sizeOthers = std::min(m_StartupIds.size(), kMostOpeningAtOnce) - (m_StartupIds.empty() ? 0 : 1);
+    while (l_Openers.size() < std::min(l_sizeOthers, l_Openers.capacity())) {
+        ThreadHandle l_Thread(CreateModuleThread(OpenerThread, this, 0));
+        if (!l_Thread) {
+            break;
+        }
+        l_Openers.push_back(std::move(l_Thread));  // within the capacity reserved: does not throw
+    }
+    OpenStartupDevices();
+    for (const auto& l_Thread : l_Openers) {
+        WaitForSingleObject(l_Thread.get(), INFINITE);
+    }
     // Devices known only to the Apple companion join here once the Apple channel reports them.
+}
+
+DWORD WINAPI CDorWEXWMIWPDCore::OpenerThread(LPVOID pCore_in) {
+    const HRESULT l_HRESULTCom = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    static_cast<CDorWEXWMIWPDCore*>(pCore_in)->OpenStartupDevices();
+    if (SUCCEEDED(l_HRESULTCom)) {
+        CoUninitialize();
+    }
+    return 0;
+}
+
+// Each device listed at the start is taken by one opener; a stop ends them between two devices.
+void CDorWEXWMIWPDCore::OpenStartupDevices() {
+    for (size_t l_index = m_sizeNextStartupId++; l_index < m_StartupIds.size() && m_longStopStartup == 0;
+         l_index = m_sizeNextStartupId++) {
+        const wchar_t* const l_pwcharId = m_StartupIds[l_index].c_str();
+        try {
+            if (!m_pCollection->FindWPDObjectById(l_pwcharId)) {
+                m_pCollection->AddWPD(l_pwcharId);
+            }
+        } catch (...) {
+            // Out of memory: this device is not added; its openers are still waited for.
+        }
+    }
 }
 
 namespace {

@@ -79,7 +79,9 @@ public:
 
 private:
     void AddAttachedDevices();
+    void OpenStartupDevices();
     static DWORD WINAPI StartupThread(LPVOID pCore_in);
+    static DWORD WINAPI OpenerThread(LPVOID pCore_in);
     template <class Processor>
     void StopCompanion(std::unique_ptr<Processor>& pProcessor_io);
     void RetireProcessor(std::unique_ptr<CDorWEXWMIThreadBase> pProcessor_in);
@@ -101,7 +103,12 @@ private:
     std::vector<std::unique_ptr<CDorWEXWMIThreadBase>> m_RetiredProcessors;
     std::map<std::wstring, DWORD> m_WriteTokens;  // token -> process id
     // The thread that adds the devices attached at the start, and the event it sets when it is done (set
-    // from the beginning when there is nothing to add). m_longStopStartup ends it between two devices.
+    // from the beginning when there is nothing to add). It opens them with up to kMostOpeningAtOnce
+    // threads at once, itself included, and waits for those it started; m_longStopStartup ends each
+    // between two devices. The ids listed at the start, and the next one to open.
+    static constexpr size_t kMostOpeningAtOnce = 16;
+    std::vector<std::wstring> m_StartupIds;
+    std::atomic<size_t> m_sizeNextStartupId{0};
     HANDLE m_HANDLEStartupThread = nullptr;
     HANDLE m_HANDLEStarted = nullptr;
     volatile LONG m_longStopStartup = 0;

@@ -36,6 +36,9 @@ typedef HRESULT(WINAPI* DorwexEmulatorChangeByOtherClientFunction)(LPCWSTR devic
 // Streams over object data end after this many bytes (0: at the object's real end): a transfer cut short.
 typedef HRESULT(WINAPI* DorwexEmulatorSetStreamEndFunction)(LPCWSTR deviceId, ULONGLONG bytes);
 typedef LONG(WINAPI* DorwexEmulatorOpenSessionsFunction)(LPCWSTR deviceId);
+// The most sessions that were in their device's open time (open_ms) at once, over all devices; with reset
+// set the count starts again from those opening now.
+typedef LONG(WINAPI* DorwexEmulatorMostOpeningAtOnceFunction)(BOOL reset);
 typedef LONG(WINAPI* DorwexEmulatorSubscriptionsFunction)(LPCWSTR deviceId);
 // The client information of the last Open: "name=...;major=1;minor=0;revision=2;qos=131072".
 typedef HRESULT(WINAPI* DorwexEmulatorLastClientFunction)(LPCWSTR deviceId, LPWSTR buffer, DWORD chars);

@@ -128,4 +128,23 @@ void EmulatorState::HoldCallback() {
     }
 }
 
+void EmulatorState::OpeningStarted() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_mostOpening = std::max(m_mostOpening, ++m_opening);
+}
+
+void EmulatorState::OpeningEnded() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    --m_opening;
+}
+
+long EmulatorState::MostOpeningAtOnce(bool reset) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const long most = m_mostOpening;
+    if (reset) {
+        m_mostOpening = m_opening;
+    }
+    return most;
+}
+
 }  // namespace dorwex::emulator

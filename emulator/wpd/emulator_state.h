@@ -36,6 +36,10 @@ public:
     // release of it. Tests stretch that moment: pool threads wait this long before the release.
     void SetCallbackHold(DWORD milliseconds);
     void HoldCallback();
+    // Sessions being opened (in a device's open time) at this moment, and the most there were at once.
+    void OpeningStarted();
+    void OpeningEnded();
+    long MostOpeningAtOnce(bool reset);
 
 private:
     EmulatorState();
@@ -44,6 +48,8 @@ private:
     std::vector<std::wstring> m_errors;
     long m_pendingEvents = 0;
     DWORD m_callbackHold = 0;
+    long m_opening = 0;
+    long m_mostOpening = 0;
     HANDLE m_eventsIdle;
 };
 

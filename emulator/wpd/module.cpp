@@ -190,6 +190,10 @@ extern "C" HRESULT WINAPI DorwexEmulatorChangeByOtherClient(LPCWSTR deviceId, UL
     return device->ChangeByOtherClient(static_cast<int>(storage), from, to != nullptr ? to : L"");
 }
 
+extern "C" LONG WINAPI DorwexEmulatorMostOpeningAtOnce(BOOL reset) {
+    return EmulatorState::Get().MostOpeningAtOnce(reset != FALSE);
+}
+
 extern "C" ULONG WINAPI DorwexEmulatorRequests(LPCWSTR deviceId, BOOL reset) {
     const auto device = Device(deviceId);
     return device ? device->Requests(reset != FALSE) : 0;

@@ -127,7 +127,9 @@ public:
         }
         device->Request();  // the session is opened on the device
         if (device->Description().openMilliseconds != 0) {
+            EmulatorState::Get().OpeningStarted();
             Sleep(device->Description().openMilliseconds);  // the device's OpenSession
+            EmulatorState::Get().OpeningEnded();
         }
         const HRESULT fault = device->Fault("Open");
         if (FAILED(fault)) {

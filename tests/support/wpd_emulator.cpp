@@ -58,6 +58,7 @@ WpdEmulator::WpdEmulator() {
     SetStreamEnd = Resolve<DorwexEmulatorSetStreamEndFunction>(m_module, "DorwexEmulatorSetStreamEnd");
     ChangeByOtherClient =
         Resolve<DorwexEmulatorChangeByOtherClientFunction>(m_module, "DorwexEmulatorChangeByOtherClient");
+    MostOpeningAtOnce = Resolve<DorwexEmulatorMostOpeningAtOnceFunction>(m_module, "DorwexEmulatorMostOpeningAtOnce");
 
     wchar_t temp[MAX_PATH] = {};
     GetTempPathW(MAX_PATH, temp);

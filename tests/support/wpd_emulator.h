@@ -64,6 +64,7 @@ public:
     DorwexEmulatorSetFaultFunction SetFault = nullptr;
     DorwexEmulatorSetStreamEndFunction SetStreamEnd = nullptr;
     DorwexEmulatorChangeByOtherClientFunction ChangeByOtherClient = nullptr;
+    DorwexEmulatorMostOpeningAtOnceFunction MostOpeningAtOnce = nullptr;
 
 private:
     std::wstring FileFor(const EmulatedDeviceSpec& spec) const;

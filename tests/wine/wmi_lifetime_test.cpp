@@ -408,7 +408,7 @@ TEST(ProviderLifetime, AModuleStillMappedAfterItsUnloadServesTheNextRequestWholl
 
 // WMI dispatches a request the moment the provider reports WBEM_S_INITIALIZED, and no provider may hold
 // the thread Initialize is called on. Opening a phone takes about a second: the devices attached at the
-// start are opened on the provider's own thread, and a request made meanwhile waits for them.
+// start are opened side by side on the provider's own threads, and a request made meanwhile waits for them.
 TEST(ProviderLifetime, InitializeReturnsAtOnceAndTheFirstRequestSeesEveryAttachedDevice) {
     const Controls controls;
     const size_t published = Query(Connect().Get(), L"SELECT * FROM Win32ext_WPD").size();
@@ -421,10 +421,13 @@ TEST(ProviderLifetime, InitializeReturnsAtOnceAndTheFirstRequestSeesEveryAttache
         slow.back().deviceLines.push_back("open_ms = 1000");
         g_emulator->Attach(slow.back());
     }
+    g_emulator->MostOpeningAtOnce(TRUE);
     auto services = Connect();
     ASSERT_TRUE(services);
     EXPECT_EQ(Query(services.Get(), L"SELECT * FROM Win32ext_WPD").size(), published + slow.size());
     EXPECT_LT(controls.Counts().longestInitializeMs, 1000) << "Initialize opened a device on WMI's thread";
+    EXPECT_EQ(g_emulator->MostOpeningAtOnce(FALSE), static_cast<LONG>(slow.size()))
+        << "the phones were opened one after another, not side by side";
 
     for (const auto& spec : slow) {
         g_emulator->Detach(spec);
