@@ -51,6 +51,12 @@ const ControlEntry kStackControls[] = {
          auto wait = DeviceControl<DorwexEmulatorWaitForEventsFunction>("DorwexEmulatorWaitForEvents");
          return wait == nullptr ? E_NOTIMPL : (call.result = wait(static_cast<DWORD>(call.first)), S_OK);
      }},
+    {L"DorwexEmulatorSubscriptions",
+     [](ControlCall& call) {
+         auto subscriptions = DeviceControl<DorwexEmulatorSubscriptionsFunction>("DorwexEmulatorSubscriptions");
+         return subscriptions == nullptr ? E_NOTIMPL
+                                         : (call.result = subscriptions(call.text != nullptr ? call.text : L""), S_OK);
+     }},
     {L"DorwexEmulatorErrors",
      [](ControlCall& call) {
          auto errors = DeviceControl<DorwexEmulatorErrorsFunction>("DorwexEmulatorErrors");

@@ -7,6 +7,7 @@
 #include "collections.h"
 #include "device_session.h"
 #include "emulated_api.h"
+#include "event_relay.h"
 #include "file_tree.h"
 #include "properties_bulk.h"
 
@@ -245,7 +246,7 @@ public:
         m_objectId = m_device->IdForPath(m_storage, m_targetPath);
         ObjectInfo object;
         if (SUCCEEDED(m_device->Lookup(m_objectId, object))) {
-            m_device->RaiseEvent(WPD_EVENT_OBJECT_ADDED, &object);
+            RaiseObjectEvent(*m_device, WPD_EVENT_OBJECT_ADDED, object);
         }
         return S_OK;
     }
@@ -568,7 +569,7 @@ public:
         }
         ObjectInfo created;
         m_device->Lookup(m_device->IdForPath(parent.storage, path), created);
-        m_device->RaiseEvent(WPD_EVENT_OBJECT_ADDED, &created);
+        RaiseObjectEvent(*m_device, WPD_EVENT_OBJECT_ADDED, created);
         if (ppszObjectID != nullptr) {
             *ppszObjectID = CoTaskStrDup(created.id.c_str());
         }
@@ -734,7 +735,7 @@ private:
         } else if (!RemoveDirectoryW(object.path.c_str())) {
             return LastError();  // ERROR_DIR_NOT_EMPTY for a folder with content
         }
-        m_device->RaiseEvent(WPD_EVENT_OBJECT_REMOVED, &object);
+        RaiseObjectEvent(*m_device, WPD_EVENT_OBJECT_REMOVED, object);
         m_device->Forget(id);
         return S_OK;
     }

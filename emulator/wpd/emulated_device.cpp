@@ -6,6 +6,7 @@
 
 #include "collections.h"
 #include "emulator_state.h"
+#include "event_relay.h"
 #include "file_tree.h"
 #include "text.h"
 
@@ -470,6 +471,7 @@ HRESULT EmulatedDevice::ReadProperties(const std::wstring& objectId, IPortableDe
 }
 
 std::wstring EmulatedDevice::Advise(IPortableDeviceEventCallback* callback, const void* session) {
+    ListenToOtherProcesses(m_baseDirectory);
     std::lock_guard<std::mutex> guard(m_lock);
     wchar_t cookie[40];
     swprintf(cookie, 40, L"{EMULATED-COOKIE-%u}", m_nextCookie++);

@@ -35,6 +35,8 @@ public:
     EmulatedDevice(DeviceDescription description, std::wstring baseDirectory);
 
     const std::wstring& Id() const { return m_id; }
+    // The directory of the description files the device was read from.
+    const std::wstring& BaseDirectory() const { return m_baseDirectory; }
     const DeviceDescription& Description() const { return m_description; }
     const std::wstring& Manufacturer() const { return m_manufacturer; }
     const std::wstring& FriendlyName() const { return m_friendlyName; }
@@ -84,13 +86,14 @@ public:
     // given out again. No event is raised: the change reaches this client's subscribers late or never.
     HRESULT ChangeByOtherClient(int storage, const std::wstring& from, const std::wstring& to);
 
-    // Event subscriptions. Events go out on pool threads, as the real stack delivers them.
+    // Event subscriptions. Events go out on pool threads, as the real stack delivers them. Advising also
+    // makes this process hear the object events of the other processes' stacks (event_relay.h).
     std::wstring Advise(IPortableDeviceEventCallback* callback, const void* session);
     bool Unadvise(const std::wstring& cookie);
     void UnadviseSession(const void* session);
     size_t SubscriptionCount();
-    // A device in minimal-driver mode sends only the event id, its own id and the object's persistent
-    // unique id.
+    // Raises to this process's subscribers only. A device in minimal-driver mode sends only the event id,
+    // its own id and the object's persistent unique id.
     void RaiseEvent(REFGUID event, const ObjectInfo* object);
 
     // Sessions and the client information the last Open carried.

@@ -178,7 +178,8 @@ int wmain(int argc, wchar_t** argv) {
     } kModes[] = {{L"--subscriber", RunSubscriber},
                   {L"--dying-subscriber", RunDyingSubscriber},
                   {L"--dying-copier", RunDyingCopier},
-                  {L"--copier", RunCopier}};
+                  {L"--copier", RunCopier},
+                  {L"--wpd-listener", RunWpdListener}};
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     int result = 0;
     bool child = false;

@@ -77,3 +77,4 @@ int RunSubscriber(const ChildArguments& arguments);
 int RunDyingSubscriber(const ChildArguments& arguments);
 int RunDyingCopier(const ChildArguments& arguments);
 int RunCopier(const ChildArguments& arguments);
+int RunWpdListener(const ChildArguments& arguments);

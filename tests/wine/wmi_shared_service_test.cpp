@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "support/shared_service.h"
+#include "support/wait_until.h"
+#include "support/wpd_client.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -177,6 +179,19 @@ TEST_F(SharedService, ASubscriberInAnotherProcessSeesTheContentAnotherClientAdds
     EXPECT_NE(GetFileAttributesW((PhoneStorage() + L"\\" + Stored(L"photo0.jpg")).c_str()), INVALID_FILE_ATTRIBUTES)
         << "where the refused copy would have gone, the accepted ones went";
     EXPECT_EQ(Upload(L"own.jpg", token, self).returnValue, L"1") << "the other process's request left this token alone";
+}
+
+// Content that a client adds through the portable-device API itself (as Explorer would), not through the
+// provider, raises the device's event in the provider's host too: a subscriber in a third process sees it.
+TEST_F(SharedService, ASubscriberSeesWhatAnotherProcessAddsThroughThePortableDeviceApi) {
+    Subscriber subscriber(1);
+    ASSERT_TRUE(subscriber.Subscribed());
+    ASSERT_TRUE(WaitUntil([] { return Control(L"DorwexEmulatorSubscriptions", 0, SharedPhoneId()) > 0; }))
+        << "the provider advised on the phone in its host";
+    WpdClient explorer(SharedPhoneId());
+    ASSERT_TRUE(explorer.Opened());
+    ASSERT_FALSE(explorer.CreateFile(L"s10001", L"from-explorer.jpg", "jpeg").empty());
+    EXPECT_EQ(subscriber.Finish().added, 1) << "the addition reached the provider in its host";
 }
 
 // Four client processes call the one provider on one device at the same moment, each copying its own
