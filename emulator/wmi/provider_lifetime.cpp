@@ -260,12 +260,8 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_initializeCalls;
     }
-    const bool started = StartDetachedThread([this, init, services, initSink] {
-        const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-        const DWORD started = GetTickCount();
-        const HRESULT initialized =
-            init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
-        const LONG held = static_cast<LONG>(GetTickCount() - started);
+    // What ends an Initialize call, on its thread or here when no thread could be had.
+    const auto finish = [this, init, services, initSink](HRESULT initialized, LONG held) {
         services->Release();
         init->Release();
         {
@@ -276,20 +272,19 @@ HRESULT Namespace::CreateRoleObject(IUnknown** object_out) {
         m_initializeDone.notify_all();
         initSink->Returned(initialized);
         initSink->Release();
+    };
+    const bool started = StartDetachedThread([init, services, initSink, finish] {
+        const HRESULT apartment = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        const DWORD started = GetTickCount();
+        const HRESULT initialized =
+            init->Initialize(nullptr, 0, const_cast<LPWSTR>(L"root\\cimv2"), nullptr, services, nullptr, initSink);
+        finish(initialized, static_cast<LONG>(GetTickCount() - started));
         if (SUCCEEDED(apartment)) {
             CoUninitialize();
         }
     });
     if (!started) {
-        services->Release();
-        init->Release();
-        {
-            std::lock_guard<std::mutex> guard(m_lock);
-            --m_initializeCalls;
-        }
-        m_initializeDone.notify_all();
-        initSink->Returned(E_OUTOFMEMORY);
-        initSink->Release();
+        finish(E_OUTOFMEMORY, 0);
     }
     const bool settled = initSink->WaitSettled(initializeTimeout);
     HRESULT hr = settled && initSink->Initialized() ? WBEM_S_NO_ERROR : WBEM_E_PROVIDER_LOAD_FAILURE;
