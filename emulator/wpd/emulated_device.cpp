@@ -305,19 +305,22 @@ HRESULT EmulatedDevice::Lookup(const std::wstring& objectId, ObjectInfo& object,
     object.name = FileName(location.second);
     object.storage = location.first;
     object.size = (static_cast<ULONGLONG>(attributes.nFileSizeHigh) << 32) | attributes.nFileSizeLow;
-    if (!withRelations) {
-        return S_OK;
+    if (withRelations) {
+        Relate(object);
     }
-    const std::wstring storageRoot = StoragePath(location.first);
-    const std::wstring parent = ParentPath(location.second);
-    const StorageDescription& storage = m_description.storages[static_cast<size_t>(location.first)];
-    object.parentId = LowerCase(parent) == LowerCase(storageRoot) ? Widen(storage.objectId)
-                                                                  : IdForPath(location.first, parent);
-    const std::wstring relative = location.second.substr(std::min(location.second.size(), storageRoot.size()));
+    return S_OK;
+}
+
+void EmulatedDevice::Relate(ObjectInfo& object) {
+    const std::wstring storageRoot = StoragePath(object.storage);
+    const std::wstring parent = ParentPath(object.path);
+    const StorageDescription& storage = m_description.storages[static_cast<size_t>(object.storage)];
+    object.parentId =
+        LowerCase(parent) == LowerCase(storageRoot) ? Widen(storage.objectId) : IdForPath(object.storage, parent);
+    const std::wstring relative = object.path.substr(std::min(object.path.size(), storageRoot.size()));
     object.persistentUniqueId =
         (storage.persistentUniqueId.empty() ? Widen(storage.objectId) : Widen(storage.persistentUniqueId)) +
         relative;
-    return S_OK;
 }
 
 std::vector<std::wstring> EmulatedDevice::Children(const std::wstring& parentId) {

@@ -73,6 +73,9 @@ public:
     // withRelations false leaves the parent id and the persistent unique id of files and folders out, which
     // listings do not ask for.
     HRESULT Lookup(const std::wstring& objectId, ObjectInfo& object_out, bool withRelations = true);
+    // Sets the parent id and the persistent unique id of a file or folder from its storage and path alone,
+    // so also for an object that is gone.
+    void Relate(ObjectInfo& object);
     std::vector<std::wstring> Children(const std::wstring& parentId);
     // Properties of an object in PROPVARIANT form, appended to values (all of them when keys is null).
     HRESULT ReadProperties(const std::wstring& objectId, IPortableDeviceKeyCollection* keys,

@@ -241,22 +241,14 @@ private:
             device->SubscriptionCount() == 0) {
             return;
         }
-        const StorageDescription& storage = device->Description().storages[static_cast<size_t>(record.storage)];
         const std::wstring relative(record.path.begin(), record.path.end());
-        const std::wstring root = device->StoragePath(record.storage);
         ObjectInfo object;
         object.kind = folder ? ObjectKind::Folder : ObjectKind::File;
         object.storage = record.storage;
-        object.path = root + L"\\" + relative;
+        object.path = device->StoragePath(record.storage) + L"\\" + relative;
         object.id = device->IdForPath(record.storage, object.path);
-        const auto slash = relative.find_last_of(L'\\');
-        object.name = slash == std::wstring::npos ? relative : relative.substr(slash + 1);
-        object.parentId = slash == std::wstring::npos
-                              ? Widen(storage.objectId)
-                              : device->IdForPath(record.storage, root + L"\\" + relative.substr(0, slash));
-        object.persistentUniqueId =
-            (storage.persistentUniqueId.empty() ? Widen(storage.objectId) : Widen(storage.persistentUniqueId)) +
-            L"\\" + relative;
+        object.name = relative.substr(relative.find_last_of(L'\\') + 1);  // npos + 1: the whole path
+        device->Relate(object);
         GUID event{};
         std::memcpy(&event, record.event.data(), sizeof(event));
         device->RaiseEvent(event, &object);
