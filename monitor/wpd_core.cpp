@@ -171,15 +171,6 @@ DWORD WINAPI CDorWEXWMIWPDCore::StartupThread(LPVOID pCore_in) {
     return 0;
 }
 
-namespace {
-
-struct HandleCloser {
-    void operator()(HANDLE hHandle_in) const { CloseHandle(hHandle_in); }
-};
-using ThreadHandle = std::unique_ptr<void, HandleCloser>;
-
-}  // namespace
-
 void CDorWEXWMIWPDCore::AddAttachedDevices() {
     ComPtr<IPortableDeviceManager> l_pManager;
     if (FAILED(CoCreateInstance(CLSID_PortableDeviceManager, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&l_pManager)))) {
@@ -208,7 +199,8 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
     // cart of phones is published in the time of one. Each opener is a thread of the module and ends
     // before this thread does, which the core's stop waits for: none outlives the core or the module.
     // A thread that cannot be had leaves its devices to those there are, this one included.
-    std::vector<ThreadHandle> l_Openers;
+    using OwnedHandle = std::unique_ptr<void, decltype(&CloseHandle)>;
+    std::vector<OwnedHandle> l_Openers;
     try {
         l_Openers.reserve(kMostOpeningAtOnce);
     } catch (const std::bad_alloc&) {
@@ -217,7 +209,7 @@ void CDorWEXWMIWPDCore::AddAttachedDevices() {
     // This thread is one of the openers: the others are one fewer than the devices, at most.
     const size_t l_sizeOthers = std::min(m_StartupIds.size(), kMostOpeningAtOnce) - (m_StartupIds.empty() ? 0 : 1);
     while (l_Openers.size() < std::min(l_sizeOthers, l_Openers.capacity())) {
-        ThreadHandle l_Thread(CreateModuleThread(OpenerThread, this, 0));
+        OwnedHandle l_Thread(CreateModuleThread(OpenerThread, this, 0), &CloseHandle);
         if (!l_Thread) {
             break;
         }
